@@ -1,0 +1,78 @@
+# How every target of the project is compiled and linked.
+#
+#   lumen_library(NAME SOURCES...)   one static library for one folder of product code
+#   lumen_program(NAME SOURCES...)   a product executable: no C++ run-time library, hardened
+#   lumen_tool(NAME SOURCES...)      tests, benchmarks, tools: the whole C++ library may be used
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+if(APPLE)
+  set(LUMEN_HOST darwin)
+else()
+  set(LUMEN_HOST linux)
+endif()
+
+add_library(lumen_common INTERFACE)
+target_include_directories(lumen_common INTERFACE ${PROJECT_SOURCE_DIR}
+                                                  ${PROJECT_SOURCE_DIR}/lib/public)
+target_compile_options(lumen_common INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+if(NOT APPLE)
+  # glibc declares close_range, ppoll and the like only for those who ask.
+  target_compile_definitions(lumen_common INTERFACE _GNU_SOURCE)
+endif()
+if(LUMEN_SANITIZE)
+  target_compile_options(lumen_common INTERFACE -fsanitize=${LUMEN_SANITIZE} -fno-sanitize-recover=all
+                                                -fno-omit-frame-pointer)
+  target_link_options(lumen_common INTERFACE -fsanitize=${LUMEN_SANITIZE})
+endif()
+
+# Product code: no exceptions, no RTTI; unused sections are dropped at link.
+add_library(lumen_product INTERFACE)
+target_link_libraries(lumen_product INTERFACE lumen_common)
+target_compile_options(lumen_product INTERFACE -fno-exceptions -fno-rtti -fstack-protector-strong
+                                               -ffunction-sections -fdata-sections)
+if(NOT LUMEN_SANITIZE)
+  target_compile_options(lumen_product INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+                                                 $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
+
+function(lumen_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_link_libraries(${name} PRIVATE lumen_product)
+  target_link_libraries(${name} INTERFACE lumen_common)
+endfunction()
+
+# The product's programs are linked by the C driver, and CMake is kept from adding the C++ run-time:
+# whatever would need libstdc++ or libc++ becomes an undefined symbol at link time.
+#
+# On Linux they are static position-independent executables: a set-user-ID program is better off
+# without the dynamic loader and its environment, and starts faster.  Sanitizers need the loader.
+function(lumen_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE lumen_product)
+  if(APPLE)
+    target_link_options(${name} PRIVATE -Wl,-dead_strip)
+    return()
+  endif()
+  target_link_options(${name} PRIVATE -Wl,--gc-sections -Wl,-z,relro -Wl,-z,now
+                                      -Wl,-z,noexecstack)
+  if(LUMEN_SANITIZE)
+    target_link_options(${name} PRIVATE -pie)
+    return()
+  endif()
+  set_target_properties(${name} PROPERTIES LINKER_LANGUAGE C)
+  target_link_options(${name} PRIVATE -static-pie)
+endfunction()
+
+if(NOT APPLE AND NOT LUMEN_SANITIZE)
+  # See lumen_program.  Tests and tools are linked by the C++ driver, which adds its library itself.
+  set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
+endif()
+
+function(lumen_tool name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE lumen_common)
+endfunction()

@@ -1,0 +1,51 @@
+// heap.h -- memory from malloc with one owner, and the allocations whose failure is fatal.
+//
+// Strings leave a module as `char *` that the receiver frees with free(); inside, HeapStr and
+// HeapArray own them.  errno survives the freeing.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <type_traits>
+
+#include "errnoKeeper.h"
+#include "fatal.h"
+
+struct HeapFreer {
+  void operator()(void *p) const noexcept {
+    const ErrnoKeeper keeper;
+    free(p);
+  }
+};
+
+using HeapStr = std::unique_ptr<char, HeapFreer>;
+
+// An array of plain records: nothing is constructed or destroyed.
+template <typename T>
+using HeapArray = std::unique_ptr<T[], HeapFreer>;
+
+// Uninitialised room for `count` records; null with errno ENOMEM when there is none.
+template <typename T>
+[[nodiscard]] HeapArray<T> Heap_Array(size_t count) {
+  static_assert(std::is_trivial_v<T>);
+  if (count > SIZE_MAX / sizeof(T)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return HeapArray<T>(static_cast<T *>(malloc(count == 0 ? 1 : count * sizeof(T))));
+}
+
+// `size` bytes, uninitialised; never null.
+[[nodiscard]] inline void *Heap_SafeMalloc(size_t size) {
+  void *const p = malloc(size == 0 ? 1 : size);
+  if (p == nullptr) Fatal_MemAlloc();
+  return p;
+}
+
+// A copy of `s` (not null); never null.
+[[nodiscard]] inline HeapStr Heap_SafeStrdup(const char *s) {
+  const size_t size = strlen(s) + 1;
+  return HeapStr(static_cast<char *>(memcpy(Heap_SafeMalloc(size), s, size)));
+}

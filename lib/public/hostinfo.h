@@ -1,0 +1,48 @@
+// hostinfo.h -- the running program, the host it runs on, and starting a daemon on it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// Flags of Hostinfo_Daemonize; 0 is a daemon in "/", in a session of its own, on /dev/null.
+enum : int {
+  HOSTINFO_DAEMONIZE_NOCHDIR = 1,  // stay in the caller's directory
+  HOSTINFO_DAEMONIZE_NOCLOSE = 2,  // stay in the caller's session and keep 0, 1 and 2
+  HOSTINFO_DAEMONIZE_EXIT = 4,     // on success the calling process ends with _exit(0)
+  HOSTINFO_DAEMONIZE_LOCKPID = 8,  // the daemon holds a flock on the PID file while it lives
+};
+
+// Starts the program `path` (UTF-8) as a daemon, by double fork, and waits until exec has worked or
+// failed.
+//
+//   argv         null-terminated, argv[0] included, UTF-8
+//   flags        HOSTINFO_DAEMONIZE_*, or-ed
+//   pidPath      null, or the file that receives the daemon's process id and a newline
+//   keepFds      the descriptors above 2 that the daemon inherits under the same numbers; they must
+//                not be close-on-exec; all others above 2 are closed.  May be null when numKeepFds
+//                is 0
+//
+// Returns true when the program runs.  Otherwise false with errno set: the errno of what failed on
+// the way to exec, in whichever process, or EINVAL when the intermediate process died.  A PID file
+// is removed again, unless it could not be opened or another process holds its lock.
+//
+// The daemon has the default action for all signals, none blocked, no interval timer, and its soft
+// address-space limit raised to the hard one.  Each failure is logged once.  Call it from one
+// thread at a time; the other threads of the process do not exist in the daemon.
+[[nodiscard]] bool Hostinfo_Daemonize(const char *path, const char *const argv[], int flags,
+                                      const char *pidPath, const int *keepFds, size_t numKeepFds);
+
+// The absolute path of the running executable, as a new string that the caller frees; null after a
+// warning when the host does not tell it or it has 1024 bytes or more.  `privilege` is 0 or 1,
+// which mean the same; anything else gives null after a warning.  Any thread.
+[[nodiscard]] char *Hostinfo_GetModulePath(unsigned privilege);
+
+// The node name of uname(2) as a new string that the caller frees; null when there is none or it is
+// not UTF-8.  Any thread.
+[[nodiscard]] char *Hostinfo_HostName();
+
+// The host's identity, computed once per process: a hash of the host name, and the link-layer
+// address of the first of the interfaces en0 to en7 that has one (in the first six bytes in memory;
+// 0 when none has).  What cannot be had is 0, after a warning.  Neither pointer is null.  Any
+// thread.
+void Hostinfo_MachineID(uint32_t *hostNameHash, uint64_t *hardwareID);

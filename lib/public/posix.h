@@ -1,0 +1,12 @@
+// posix.h -- calls of the operating system that give paths, between UTF-8 strings.
+#pragma once
+
+// The absolute path of `path` (not null, UTF-8) without links, "." and "..", as realpath(3) finds
+// it, in a new string that the caller frees.  Null with errno set as realpath left it; ERANGE when
+// `path` is not UTF-8, EILSEQ when the result is not.  On success errno is unchanged.  Any thread.
+[[nodiscard]] char *Posix_RealPath(const char *path);
+
+// The target of the symbolic link `path` (not null, UTF-8), whatever its length, in a new string
+// that the caller frees.  Null with errno as for Posix_RealPath; EINVAL when `path` is not a link.
+// Any thread.
+[[nodiscard]] char *Posix_ReadLink(const char *path);
