@@ -1,0 +1,58 @@
+// main.cpp -- lumenClient-opener: delivers one descriptor to the service daemon.
+//
+//   lumenClient-opener FD    hands over the open descriptor FD and exits: 0 delivered, 1 not
+//   lumenClient-opener       hands over one end of a pipe and stays until it is killed
+//
+// The program is installed set-user-ID root and started by anybody, with any environment, limits,
+// signal dispositions and descriptors.  Descriptors 0 to 2 are open all the same: for a set-user-ID
+// program both hosts put /dev/null on those that the caller left closed.
+//
+// Privileges: effective user 0 up to ServiceImpl_PrivLower; from there the caller's, but for the
+// brackets in serviceImpl.cpp.
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+#include "heap.h"
+#include "log.h"
+#include "opener/location.h"
+#include "opener/serviceImpl.h"
+#include "opener/startup.h"
+#include "str.h"
+
+namespace {
+
+constexpr char kServicesDir[] = "Services";
+constexpr char kLockPath[] = "/var/run/Zephrin Lumen Client Services.lock";
+constexpr char kSockPath[] = "/var/run/Zephrin Lumen Client Services.sock";
+
+// The daemon that the bundle carries must be root's before anything else happens.
+bool BundleDaemonIsRootOwned() {
+  const HeapStr path(LocationGetRoot("serviceDaemonFile"));
+  return path != nullptr && CheckRootOwned(path.get()) == 0;
+}
+
+// The daemon is started from the root-owned staging tree, never from the bundle.
+char *StagedDaemonPath() {
+  return Str_Asprintf(nullptr, "%s/%s%s", Location_GetInstallRoot(), kServicesDir,
+                      LocationGetRelative("serviceDaemonFile"));
+}
+
+}  // namespace
+
+int main(int argc, char *argv[]) {
+  ScrubEnvironment();
+  Location_Init("lumenClient-opener");
+  if (!BundleDaemonIsRootOwned()) return EXIT_FAILURE;
+
+  ServiceImpl_PrivLower();
+  umask(022);
+
+  const HeapStr daemonPath(StagedDaemonPath());
+  if (daemonPath == nullptr) {
+    Warning("%s: No new daemon path.\n", "main");
+    return EXIT_FAILURE;
+  }
+  return ServiceImpl_Opener(argc, argv, 2, kLockPath, kSockPath, daemonPath.get());
+}

@@ -1,0 +1,11 @@
+// startup.h -- what the opener checks and cleans before it does anything with its privileges.
+#pragma once
+
+// Removes from the environment what would make a shell run code: exported functions (a value that
+// begins "() {") and BASH_ENV, ENV and SHELLOPTS.  Ends the process with status 1, silently, when
+// memory runs out or an entry cannot be removed.  Not thread-safe, as unsetenv(3).
+void ScrubEnvironment();
+
+// 0 when the file that `path` (not null) leads to, links followed, belongs to user 0 and group 0;
+// any other value when not, or when stat(2) fails.  Logs nothing.  Any thread.
+[[nodiscard]] int CheckRootOwned(const char *path);
