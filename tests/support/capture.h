@@ -4,7 +4,8 @@
 #include <functional>
 #include <string>
 
-// What `body` writes to standard output, where the log goes by default.  The code runs in this process.
+// What `body` writes to standard output, where the log goes by default.  The code runs in this
+// process.
 std::string CaptureOutput(const std::function<void()> &body);
 
 // How a child process that ran `body` ended, and what it wrote to standard output.

@@ -1,4 +1,5 @@
-// scratchDir.h -- an empty folder of a test's own, removed with all it holds at the end of the scope.
+// scratchDir.h -- an empty folder of a test's own, removed with all it holds at the end of the
+// scope.
 #pragma once
 
 #include <filesystem>
