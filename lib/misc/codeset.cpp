@@ -50,12 +50,24 @@ struct ByteRange {
   ByteClass byteClass;
 };
 
+// clang-format off
 constexpr ByteRange kByteRanges[] = {
-    {0x00, 0x7F, kAscii},  {0x80, 0x8F, kTail80}, {0x90, 0x9F, kTail90}, {0xA0, 0xBF, kTailA0},
-    {0xC0, 0xC1, kNever},  {0xC2, 0xDF, kLead2},  {0xE0, 0xE0, kLeadE0}, {0xE1, 0xEC, kLead3},
-    {0xED, 0xED, kLeadED}, {0xEE, 0xEF, kLead3},  {0xF0, 0xF0, kLeadF0}, {0xF1, 0xF3, kLead4},
-    {0xF4, 0xF4, kLeadF4}, {0xF5, 0xFF, kNever},
+    {0x00, 0x7F, kAscii},
+    {0x80, 0x8F, kTail80},
+    {0x90, 0x9F, kTail90},
+    {0xA0, 0xBF, kTailA0},
+    {0xC0, 0xC1, kNever},
+    {0xC2, 0xDF, kLead2},
+    {0xE0, 0xE0, kLeadE0},
+    {0xE1, 0xEC, kLead3},
+    {0xED, 0xED, kLeadED},
+    {0xEE, 0xEF, kLead3},
+    {0xF0, 0xF0, kLeadF0},
+    {0xF1, 0xF3, kLead4},
+    {0xF4, 0xF4, kLeadF4},
+    {0xF5, 0xFF, kNever},
 };
+// clang-format on
 
 constexpr std::array<ByteClass, 256> MakeByteClasses() {
   std::array<ByteClass, 256> classes{};
@@ -73,22 +85,34 @@ struct Step {
   State to;
 };
 
-// Whatever is not here leads to kBad.
+// Unicode, table 3-7.  Whatever is not here leads to kBad.
+// clang-format off
 constexpr Step kSteps[] = {
-    {kDone, kAscii, kDone},      {kDone, kLead2, kNeed1},
-    {kDone, kLeadE0, kAfterE0},  {kDone, kLead3, kNeed2},
-    {kDone, kLeadED, kAfterED},  {kDone, kLeadF0, kAfterF0},
-    {kDone, kLead4, kNeed3},     {kDone, kLeadF4, kAfterF4},
+    {kDone,    kAscii,  kDone},
+    {kDone,    kLead2,  kNeed1},
+    {kDone,    kLeadE0, kAfterE0},
+    {kDone,    kLead3,  kNeed2},
+    {kDone,    kLeadED, kAfterED},
+    {kDone,    kLeadF0, kAfterF0},
+    {kDone,    kLead4,  kNeed3},
+    {kDone,    kLeadF4, kAfterF4},
     {kAfterE0, kTailA0, kNeed1},  // from U+0800: below is over-long
     {kAfterED, kTail80, kNeed1},  // to U+D7FF: above are the surrogates
-    {kAfterED, kTail90, kNeed1}, {kAfterF0, kTail90, kNeed2},  // from U+10000: below is over-long
-    {kAfterF0, kTailA0, kNeed2}, {kAfterF4, kTail80, kNeed2},  // to U+10FFFF
-    {kNeed3, kTail80, kNeed2},   {kNeed3, kTail90, kNeed2},
-    {kNeed3, kTailA0, kNeed2},   {kNeed2, kTail80, kNeed1},
-    {kNeed2, kTail90, kNeed1},   {kNeed2, kTailA0, kNeed1},
-    {kNeed1, kTail80, kDone},    {kNeed1, kTail90, kDone},
-    {kNeed1, kTailA0, kDone},
+    {kAfterED, kTail90, kNeed1},
+    {kAfterF0, kTail90, kNeed2},  // from U+10000: below is over-long
+    {kAfterF0, kTailA0, kNeed2},
+    {kAfterF4, kTail80, kNeed2},  // to U+10FFFF
+    {kNeed3,   kTail80, kNeed2},
+    {kNeed3,   kTail90, kNeed2},
+    {kNeed3,   kTailA0, kNeed2},
+    {kNeed2,   kTail80, kNeed1},
+    {kNeed2,   kTail90, kNeed1},
+    {kNeed2,   kTailA0, kNeed1},
+    {kNeed1,   kTail80, kDone},
+    {kNeed1,   kTail90, kDone},
+    {kNeed1,   kTailA0, kDone},
 };
+// clang-format on
 
 using Transitions = std::array<std::array<State, kNumClasses>, kNumStates>;
 
