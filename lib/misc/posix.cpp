@@ -1,0 +1,64 @@
+// posix.cpp -- realpath(3) and readlink(2) between UTF-8 strings.
+//
+// A wrong path of the caller is ERANGE, a wrong answer of the system EILSEQ.  Every clean-up keeps
+// errno, so what the caller sees is what the system call left.
+
+#include "posix.h"
+
+#include <limits.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "codeset.h"
+#include "errnoKeeper.h"
+#include "heap.h"
+
+namespace {
+
+constexpr size_t kLinkSize = 2048;
+constexpr size_t kLinkSizeStep = 1024;
+
+// Null with errno ERANGE when `path` is not UTF-8.  On success errno is unchanged.
+HeapStr ToLocal(const char *path) {
+  ErrnoKeeper keeper;
+  char *local = nullptr;
+  if (!CodeSet_Utf8ToCurrent(path, strlen(path), &local, nullptr)) keeper.Set(ERANGE);
+  return HeapStr(local);
+}
+
+// Null with errno EILSEQ when the bytes are not UTF-8.
+char *FromLocal(const char *bytes, size_t length) {
+  char *string = nullptr;
+  if (!CodeSet_CurrentToUtf8(bytes, length, &string, nullptr)) errno = EILSEQ;
+  return string;
+}
+
+}  // namespace
+
+char *Posix_RealPath(const char *path) {
+  const int before = errno;
+  const HeapStr local = ToLocal(path);
+  if (local == nullptr) return nullptr;
+  char resolved[PATH_MAX];
+  if (realpath(local.get(), resolved) == nullptr) return nullptr;
+  // Looking at components that are no links may leave an errno behind, though all is well.
+  errno = before;
+  return FromLocal(resolved, strlen(resolved));
+}
+
+char *Posix_ReadLink(const char *path) {
+  const HeapStr local = ToLocal(path);
+  if (local == nullptr) return nullptr;
+  // A target that fills the buffer may have been cut: only one that leaves room is whole.
+  for (size_t size = kLinkSize;; size += kLinkSizeStep) {
+    const HeapStr target(static_cast<char *>(Heap_SafeMalloc(size)));
+    const ssize_t length = readlink(local.get(), target.get(), size);
+    if (length < 0) return nullptr;
+    if (static_cast<size_t>(length) < size) {
+      return FromLocal(target.get(), static_cast<size_t>(length));
+    }
+  }
+}

@@ -1,0 +1,11 @@
+// base64.h -- Base64 (RFC 4648, section 4: alphabet with "+" and "/", padding, no line breaks).
+#pragma once
+
+#include <cstddef>
+
+// Writes the text of the `srcLength` bytes at `src` (may be null when there are none), and a NUL,
+// into `dst`, which has room for `dstMax` bytes.  *dstLength, when given, receives the text's
+// length without the NUL.  False when it does not fit: then nothing is written and *dstLength is 0.
+// Any thread.
+[[nodiscard]] bool Base64_Encode(const void *src, size_t srcLength, char *dst, size_t dstMax,
+                                 size_t *dstLength);
