@@ -1,0 +1,91 @@
+// formatGrammar.h -- the conversions of a printf format, taken apart.
+//
+//   % [flags] [width] [.precision] [size modifier] conversion
+//
+//   position   digits and `$`: which argument to print; POSIX
+//   flags      # - 0 + blank '
+//   width      digits, `*`, or `*digits$`; precision the same after a `.`, none meaning 0
+//   size       hh h l ll q L j t z Z I I32 I64
+//   conversion one character: d i u o x X c s p n e E f F g G, the long forms D O U, the wide
+//              forms C S; any other, `%` too, prints as itself
+//
+// The parser looks at the format only and never at arguments, so that the printf engine and the
+// capture of arguments read a format alike.  It is lenient: modifiers may come in any order and the
+// last of a kind counts.  Numbers above INT_MAX count as INT_MAX.  Any thread may call it.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+// What a conversion does with its argument.
+enum class FormatKind : uint8_t {
+  End,       // the format ended within the conversion: nothing to print
+  Literal,   // no argument: the conversion character itself
+  Signed,    // d i D
+  Unsigned,  // u U
+  Octal,     // o O
+  Hex,       // x X
+  Pointer,   // p
+  Char,      // c C
+  String,    // s S
+  Float,     // e E f F g G
+  Count,     // n
+};
+
+// The normalised size modifier; D O U C S have Long unless the modifier says more.
+enum class FormatSize : uint8_t {
+  None,
+  Char,      // hh
+  Short,     // h
+  Int,       // I32
+  Long,      // l
+  LongLong,  // ll q L I64
+  IntMax,    // j
+  PtrDiff,   // t
+  Size,      // z Z I
+};
+
+// Whether c or s with this modifier means wide characters.
+constexpr bool FormatSize_IsWide(FormatSize size) {
+  return size == FormatSize::Long || size == FormatSize::LongLong || size == FormatSize::IntMax;
+}
+
+enum FormatFlag : uint8_t {
+  kFormatAlternate = 1,   // #
+  kFormatLeft = 2,        // -
+  kFormatZero = 4,        // 0
+  kFormatPlus = 8,        // +
+  kFormatBlank = 16,      // blank
+  kFormatGrouping = 32,   // '
+  kFormatPositions = 64,  // a `$` was met
+};
+
+// A width or precision.
+struct FormatCount {
+  enum Source : uint8_t { Absent, Literal, Argument };
+  Source source = Absent;
+  int number = 0;  // the literal; or the position of the argument, 0 meaning the next in turn
+};
+
+struct FormatConversion {
+  FormatKind kind = FormatKind::End;
+  FormatSize size = FormatSize::None;
+  uint8_t flags = 0;      // of FormatFlag
+  char character = '\0';  // as written; NUL for FormatKind::End
+  int position = 0;       // of the argument, from 1; 0 meaning the next in turn
+  FormatCount width;
+  FormatCount precision;
+  std::string_view text;          // the conversion, from its `%` to its character
+  std::string_view positionText;  // the digits of the position; empty when there is none
+
+  bool Has(FormatFlag flag) const { return (flags & flag) != 0; }
+};
+
+// The first `%` at or after `at`, or the format's end.
+[[nodiscard]] inline const char *FormatGrammar_Find(const char *at) {
+  while (*at != '%' && *at != '\0') ++at;
+  return at;
+}
+
+// Takes apart the conversion whose `%` is at `percent`; returns where the format goes on.
+[[nodiscard]] const char *FormatGrammar_Parse(const char *percent, FormatConversion *conversion);

@@ -1,0 +1,27 @@
+// utf8.h -- from 32-bit code units to UTF-8, piece by piece.
+#pragma once
+
+#include <cstdint>
+
+enum class Utf8Result {
+  Ok = 0,
+  SourceExhausted = 1,  // the source ends within a character; cannot happen with 32-bit units
+  TargetExhausted = 2,  // the next character does not fit
+  SourceIllegal = 3,    // a unit is no character
+};
+
+enum class Utf8Mode {
+  Strict,   // a surrogate is illegal
+  Lenient,  // a surrogate is encoded like another character
+};
+
+// Converts the units in [*source, sourceEnd) into the room [*target, targetEnd) and advances both
+// pointers past what was converted; no NUL is added.  A character is written whole or not at all.
+//   TargetExhausted  *source is at the unit that did not fit: go on from there with more room.
+//   SourceIllegal    in strict mode *source may be at a surrogate, where the conversion stopped.
+//                    Otherwise all was converted, and units of 0x110000 and more became U+FFFD; a
+//                    full target hides this until the piece that ends the source.
+// Unit is wchar_t, char32_t or uint32_t.  Any thread.
+template <typename Unit>
+[[nodiscard]] Utf8Result Utf8_FromUtf32(const Unit **source, const Unit *sourceEnd, char **target,
+                                        char *targetEnd, Utf8Mode mode);

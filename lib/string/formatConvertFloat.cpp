@@ -1,0 +1,193 @@
+// formatConvertFloat.cpp -- e E f F g G: doubles, from the decimal digits that the host gives.
+
+#include <cmath>
+#include <cstring>
+
+#include "lib/string/formatConvert.h"
+#include "platform/decimalDigits.h"
+
+namespace {
+
+// No double has more decimals than this that are not zero, nor more significant digits; more need
+// not be asked for.
+constexpr int kMaxDecimals = 1074;
+
+constexpr int kDefaultPrecision = 6;
+
+// A value 0.DDD... times ten to the power `point`; trailing zeros are left out, and zero has no
+// digits.
+struct Decimal {
+  HeapStr digits;
+  size_t count = 0;
+  int point = 0;
+
+  bool IsValid() const { return digits != nullptr; }
+  void Strip() {
+    count = strlen(digits.get());
+    while (count > 0 && digits.get()[count - 1] == '0') --count;
+  }
+};
+
+Decimal SignificantDigits(double value, int count) {
+  Decimal decimal;
+  decimal.digits.reset(
+      Platform_SignificantDigits(value, std::min(count, kMaxDecimals), &decimal.point));
+  if (decimal.IsValid()) decimal.Strip();
+  return decimal;
+}
+
+// For no decimals halves are rounded away from zero: the value is made whole first, and its one
+// decimal, a zero, goes with the trailing zeros.
+Decimal FixedDigits(double value, int decimals) {
+  Decimal decimal;
+  if (decimals == 0) {
+    value = std::round(value);
+    decimals = 1;
+  }
+  decimal.digits.reset(
+      Platform_FixedDigits(value, std::min(decimals, kMaxDecimals), &decimal.point));
+  if (decimal.IsValid()) decimal.Strip();
+  return decimal;
+}
+
+// A number in runs, in the order in which they are printed.
+struct Runs {
+  char sign = '\0';
+  const char *whole = "0";  // digits before the point, then zeros
+  size_t wholeCount = 1;
+  size_t wholeZeros = 0;
+  bool hasPoint = false;
+  size_t leadingZeros = 0;  // behind the point: zeros, digits, zeros
+  const char *fraction = "";
+  size_t fractionCount = 0;
+  size_t trailingZeros = 0;
+  char exponent[8];  // e+308
+  size_t exponentCount = 0;
+};
+
+// The first digit, and the others behind the point.
+void LayOutExponent(Runs *runs, const Decimal &decimal, size_t decimals, char letter) {
+  int exponent = 0;
+  if (decimal.count > 0) {
+    runs->whole = decimal.digits.get();
+    runs->fraction = decimal.digits.get() + 1;
+    runs->fractionCount = std::min(decimal.count - 1, decimals);
+    exponent = decimal.point - 1;
+  }
+  runs->trailingZeros = decimals - runs->fractionCount;
+  char *to = runs->exponent;
+  *to++ = letter;
+  *to++ = exponent < 0 ? '-' : '+';
+  const int magnitude = std::abs(exponent);
+  if (magnitude >= 100) *to++ = static_cast<char>('0' + magnitude / 100);
+  *to++ = static_cast<char>('0' + magnitude / 10 % 10);
+  *to++ = static_cast<char>('0' + magnitude % 10);
+  runs->exponentCount = static_cast<size_t>(to - runs->exponent);
+}
+
+void LayOutFixed(Runs *runs, const Decimal &decimal, size_t decimals) {
+  const char *const digits = decimal.digits.get();
+  size_t whole = 0;
+  if (decimal.count > 0 && decimal.point > 0) {
+    const size_t point = static_cast<size_t>(decimal.point);
+    whole = std::min(decimal.count, point);
+    runs->whole = digits;
+    runs->wholeCount = whole;
+    runs->wholeZeros = point - whole;
+  } else if (decimal.count > 0) {
+    runs->leadingZeros = std::min(static_cast<size_t>(-decimal.point), decimals);
+  }
+  runs->fraction = digits + whole;
+  runs->fractionCount = std::min(decimal.count - whole, decimals - runs->leadingZeros);
+  runs->trailingZeros = decimals - runs->leadingZeros - runs->fractionCount;
+}
+
+// g: fixed or exponent, as the exponent goes; without zeros at the end unless # asks for them.
+void LayOutGeneral(Runs *runs, const Decimal &decimal, const FormatField &field, int precision) {
+  const int exponent = decimal.count == 0 ? 0 : decimal.point - 1;
+  const bool isFixed = exponent >= -4 && exponent < precision;
+  size_t decimals = static_cast<size_t>(isFixed ? precision - 1 - exponent : precision - 1);
+  if (!field.Has(kFormatAlternate)) {
+    const int needed = static_cast<int>(decimal.count) - 1 - (isFixed ? exponent : 0);
+    decimals = std::min(decimals, static_cast<size_t>(std::max(needed, 0)));
+  }
+  if (isFixed) {
+    LayOutFixed(runs, decimal, decimals);
+  } else {
+    LayOutExponent(runs, decimal, decimals, field.character == 'G' ? 'E' : 'e');
+  }
+}
+
+// False when there is no memory.
+bool LayOut(Runs *runs, Decimal *decimal, const FormatField &field, double magnitude) {
+  const int precision = field.precision < 0 ? kDefaultPrecision : field.precision;
+  const size_t decimals = static_cast<size_t>(precision);
+  switch (field.character) {
+    case 'e':
+    case 'E':
+      *decimal = SignificantDigits(magnitude, std::min(precision, kMaxDecimals) + 1);
+      if (!decimal->IsValid()) return false;
+      LayOutExponent(runs, *decimal, decimals, field.character);
+      return true;
+    case 'f':
+    case 'F':
+      *decimal = FixedDigits(magnitude, precision);
+      if (!decimal->IsValid()) return false;
+      LayOutFixed(runs, *decimal, decimals);
+      return true;
+    default: {
+      const int digits = std::max(precision, 1);
+      *decimal = SignificantDigits(magnitude, digits);
+      if (!decimal->IsValid()) return false;
+      LayOutGeneral(runs, *decimal, field, digits);
+      return true;
+    }
+  }
+}
+
+void Print(FormatSink &sink, FormatLocale &locale, const FormatField &field, const Runs &runs,
+           bool mayZero) {
+  const char *const point = runs.hasPoint ? locale.Get().decimalPoint : "";
+  const size_t pointLength = strlen(point);
+  const size_t signLength = runs.sign == '\0' ? 0 : 1;
+  const size_t length = signLength + runs.wholeCount + runs.wholeZeros + pointLength +
+                        runs.leadingZeros + runs.fractionCount + runs.trailingZeros +
+                        runs.exponentCount;
+  const FormatPadding padding = FormatPaddingOf(field, length, mayZero);
+  sink.Expect(padding.blanksBefore + padding.zeros + length + padding.blanksBehind);
+  sink.Fill(' ', padding.blanksBefore);
+  sink.Fill(runs.sign, signLength);
+  sink.Fill('0', padding.zeros);
+  sink.Write(runs.whole, runs.wholeCount);
+  sink.Fill('0', runs.wholeZeros);
+  sink.Write(point, pointLength);
+  sink.Fill('0', runs.leadingZeros);
+  sink.Write(runs.fraction, runs.fractionCount);
+  sink.Fill('0', runs.trailingZeros);
+  sink.Write(runs.exponent, runs.exponentCount);
+  sink.Fill(' ', padding.blanksBehind);
+}
+
+bool IsUpper(char c) {
+  return c >= 'A' && c <= 'Z';
+}
+
+}  // namespace
+
+void FormatConvertFloat(FormatSink &sink, FormatLocale &locale, const FormatField &field,
+                        double value) {
+  Runs runs;
+  Decimal decimal;
+  runs.sign = FormatSignOf(field, std::signbit(value));
+  const bool isFinite = std::isfinite(value);
+  if (!isFinite) {
+    const bool upper = IsUpper(field.character);
+    runs.whole = std::isnan(value) ? (upper ? "NAN" : "nan") : (upper ? "INF" : "inf");
+    runs.wholeCount = 3;
+  } else if (!LayOut(&runs, &decimal, field, std::fabs(value))) {
+    return sink.Fail();
+  }
+  runs.hasPoint = isFinite && (runs.leadingZeros + runs.fractionCount + runs.trailingZeros > 0 ||
+                               field.Has(kFormatAlternate));
+  Print(sink, locale, field, runs, isFinite);
+}

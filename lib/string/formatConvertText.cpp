@@ -1,0 +1,79 @@
+// formatConvertText.cpp -- s S c C and literal characters.
+
+#include <climits>
+#include <cwchar>
+
+#include "fatal.h"
+#include "lib/string/formatConvert.h"
+#include "str.h"
+#include "utf8.h"
+
+namespace {
+
+constexpr char kNull[] = "(null)";
+
+void PrintText(FormatSink &sink, const FormatField &field, const char *text, size_t length) {
+  const FormatPadding padding = FormatPaddingOf(field, length, true);
+  sink.Expect(padding.blanksBefore + padding.zeros + length + padding.blanksBehind);
+  sink.Fill(' ', padding.blanksBefore);
+  sink.Fill('0', padding.zeros);
+  sink.Write(text, length);
+  sink.Fill(' ', padding.blanksBehind);
+}
+
+// A string that ends at its NUL or at the precision, whichever is first.
+void PrintString(FormatSink &sink, const FormatField &field, const char *string) {
+  const size_t length = field.precision < 0
+                            ? strlen(string)
+                            : Str_Strlen(string, static_cast<size_t>(field.precision));
+  PrintText(sink, field, string, length);
+}
+
+// Every unit makes one byte at least: no more than `limit` units are looked at.
+size_t CountUnits(const wchar_t *string, size_t limit) {
+  size_t n = 0;
+  while (n < limit && string[n] != L'\0') ++n;
+  return n;
+}
+
+// The block holds the longest form of every unit, unless the precision is smaller: then a full
+// block is where the text ends.
+void PrintWideString(FormatSink &sink, const FormatField &field, const wchar_t *string) {
+  const size_t limit = field.precision < 0 ? SIZE_MAX : static_cast<size_t>(field.precision);
+  const size_t units = CountUnits(string, limit);
+  const size_t size = std::min(4 * units, limit);
+  const HeapArray<char> block = Heap_Array<char>(size);
+  if (!block) return sink.Fail();
+  const wchar_t *source = string;
+  char *target = block.get();
+  const Utf8Result result =
+      Utf8_FromUtf32(&source, string + units, &target, block.get() + size, Utf8Mode::Lenient);
+  if (result != Utf8Result::Ok && result != Utf8Result::TargetExhausted) {
+    Fatal_NotImplemented("lib/string/bsd_vsnprintf", 414);
+  }
+  PrintText(sink, field, block.get(), static_cast<size_t>(target - block.get()));
+}
+
+}  // namespace
+
+void FormatConvertString(FormatSink &sink, const FormatField &field, const void *string) {
+  if (string == nullptr) {
+    PrintString(sink, field, kNull);
+  } else if (field.IsWide()) {
+    PrintWideString(sink, field, static_cast<const wchar_t *>(string));
+  } else {
+    PrintString(sink, field, static_cast<const char *>(string));
+  }
+}
+
+void FormatConvertChar(FormatSink &sink, const FormatField &field, int value) {
+  if (!field.IsWide()) {
+    const char c = static_cast<char>(value);
+    return PrintText(sink, field, &c, 1);
+  }
+  char bytes[MB_LEN_MAX];
+  mbstate_t state{};
+  const size_t length = wcrtomb(bytes, static_cast<wchar_t>(value), &state);
+  if (length == static_cast<size_t>(-1)) return sink.Fail();
+  PrintText(sink, field, bytes, length);
+}

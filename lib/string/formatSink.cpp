@@ -1,0 +1,93 @@
+// formatSink.cpp -- the rare ways of a sink: starting, growing, dropping, ending.
+
+#include "lib/string/formatSink.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr size_t kMaxCount = INT_MAX;
+constexpr size_t kHeapStep = 64;
+
+}  // namespace
+
+FormatSink::FormatSink(char *buffer, size_t size) noexcept
+    : begin_(buffer),
+      next_(buffer),
+      end_(buffer + (size == 0 ? 0 : std::min(size - 1, kMaxCount))),
+      hasTerminator_(size != 0) {}
+
+FormatSink::FormatSink(const char *format) noexcept
+    : begin_(nullptr), next_(nullptr), end_(nullptr), growing_(true) {
+  const size_t length = strlen(format);
+  const size_t capacity = length == 0 ? 1 : (length + kHeapStep) / kHeapStep * kHeapStep;
+  heap_.reset(static_cast<char *>(malloc(capacity)));
+  if (!heap_) {
+    Fail();
+    return;
+  }
+  begin_ = next_ = heap_.get();
+  SetCapacity(capacity);
+}
+
+void FormatSink::Fail() noexcept {
+  failed_ = true;
+  end_ = next_;
+}
+
+void FormatSink::SetCapacity(size_t capacity) noexcept {
+  capacity_ = capacity;
+  end_ = begin_ + std::min(capacity - 1, kMaxCount);
+}
+
+// `n` bytes do not fit.  True when they do after all.
+bool FormatSink::Overflow(size_t n) noexcept {
+  if (failed_) return false;
+  if (n > kMaxCount - Count()) {
+    Fail();
+    return false;
+  }
+  return growing_ && Grow(n);
+}
+
+// The new capacity is a multiple of the old one that holds what is there, what comes and a NUL.
+bool FormatSink::Grow(size_t n) noexcept {
+  const size_t used = Count();
+  const size_t capacity = (used + n + capacity_) / capacity_ * capacity_;
+  char *const grown = static_cast<char *>(realloc(begin_, capacity));
+  if (grown == nullptr) {
+    Fail();
+    return false;
+  }
+  static_cast<void>(heap_.release());
+  heap_.reset(grown);
+  begin_ = grown;
+  next_ = grown + used;
+  SetCapacity(capacity);
+  return true;
+}
+
+void FormatSink::WriteLong(const char *bytes, size_t n) noexcept {
+  const bool fits = n <= Room() || Overflow(n);
+  if (failed_) return;
+  const size_t kept = fits ? n : Room();
+  memcpy(next_, bytes, kept);
+  next_ += kept;
+  dropped_ += n - kept;
+}
+
+void FormatSink::FillSlow(char c, size_t n) noexcept {
+  const bool fits = Overflow(n);
+  if (failed_) return;
+  const size_t kept = fits ? n : Room();
+  memset(next_, c, kept);
+  next_ += kept;
+  dropped_ += n - kept;
+}
+
+int FormatSink::Finish() noexcept {
+  if (begin_ != nullptr && hasTerminator_) *next_ = '\0';
+  if (!failed_) return static_cast<int>(Count());
+  heap_.reset();
+  return -1;
+}

@@ -1,0 +1,103 @@
+// str.cpp -- formatting into bounded buffers and new strings.
+
+#include "str.h"
+
+#include <bit>
+#include <cstdint>
+
+#include "bsd_vsnprintf.h"
+#include "lib/string/strInternal.h"
+
+namespace {
+
+bool IsContinuation(unsigned char byte) {
+  return (byte & 0xC0) == 0x80;
+}
+
+// Ends the text of a full buffer, `kept` bytes, behind its last whole UTF-8 character.
+void TrimPartialCharacter(char *buffer, size_t kept) {
+  if (kept == 0) return;
+  size_t lead = kept - 1;
+  while (lead > 0 && IsContinuation(static_cast<unsigned char>(buffer[lead]))) --lead;
+  const unsigned char byte = static_cast<unsigned char>(buffer[lead]);
+  const bool isWhole = byte < 0x80 || (!IsContinuation(byte) &&
+                                       std::countl_one(byte) == static_cast<int>(kept - lead));
+  if (!isWhole) buffer[lead] = '\0';
+}
+
+// What the fixed-buffer procedures make of the engine's count.  A text that did not fit fills the
+// buffer.  One that failed ends in a whole piece, unless it filled the buffer before.
+int Bounded(char *buffer, size_t size, int count) {
+  if (count >= 0 && static_cast<size_t>(count) < size) return count;
+  if (size > 0) {
+    const size_t kept = count >= 0 ? size - 1 : Str_Strlen(buffer, size - 1);
+    if (kept == size - 1) TrimPartialCharacter(buffer, kept);
+  }
+  return -1;
+}
+
+char *NewString(size_t *length, const char *format, va_list args) {
+  char *string = nullptr;
+  const int count = bsd_vsnprintf(&string, 0, format, args);
+  if (count < 0) return nullptr;
+  if (length != nullptr) *length = static_cast<size_t>(count);
+  return string;
+}
+
+}  // namespace
+
+int Str_Vsnprintf(char *buffer, size_t size, const char *format, va_list args) {
+  return Bounded(buffer, size, bsd_vsnprintf(&buffer, size, format, args));
+}
+
+int Str_Snprintf(char *buffer, size_t size, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int count = Str_Vsnprintf(buffer, size, format, args);
+  va_end(args);
+  return count;
+}
+
+int Str_Sprintf(char *buffer, size_t size, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int count = Str_Vsnprintf(buffer, size, format, args);
+  va_end(args);
+  if (count < 0) Fatal_BufferTooSmall(kStrSource, 214);
+  return count;
+}
+
+int Str_SprintfPosixLocale(char *buffer, size_t size, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int count = Bounded(buffer, size, bsd_vsnprintf_posix_locale(&buffer, size, format, args));
+  va_end(args);
+  if (count < 0) Fatal_BufferTooSmall(kStrSource, 177);
+  return count;
+}
+
+char *Str_Vasprintf(size_t *length, const char *format, va_list args) {
+  return NewString(length, format, args);
+}
+
+char *Str_Asprintf(size_t *length, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  char *const string = Str_Vasprintf(length, format, args);
+  va_end(args);
+  return string;
+}
+
+char *Str_SafeVasprintf(size_t *length, const char *format, va_list args) {
+  char *const string = Str_Vasprintf(length, format, args);
+  if (string == nullptr) Fatal_Verify(kStrSource, 657);
+  return string;
+}
+
+char *Str_SafeAsprintf(size_t *length, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  char *const string = Str_SafeVasprintf(length, format, args);
+  va_end(args);
+  return string;
+}

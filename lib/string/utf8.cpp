@@ -1,0 +1,69 @@
+// utf8.cpp -- from 32-bit code units to UTF-8.
+
+#include "utf8.h"
+
+#include <cstddef>
+
+namespace {
+
+constexpr uint32_t kLimit = 0x110000;
+constexpr uint32_t kReplacement = 0xFFFD;
+
+bool IsSurrogate(uint32_t unit) {
+  return unit >= 0xD800 && unit <= 0xDFFF;
+}
+
+ptrdiff_t LengthOf(uint32_t unit) {
+  return unit < 0x80 ? 1 : unit < 0x800 ? 2 : unit < 0x10000 ? 3 : 4;
+}
+
+char Continuation(uint32_t bits) {
+  return static_cast<char>(0x80 | (bits & 0x3F));
+}
+
+// Writes the `length` bytes of `unit`; returns where they end.
+char *Encode(uint32_t unit, ptrdiff_t length, char *to) {
+  switch (length) {
+    case 1:
+      *to++ = static_cast<char>(unit);
+      return to;
+    case 2:
+      *to++ = static_cast<char>(0xC0 | unit >> 6);
+      break;
+    case 3:
+      *to++ = static_cast<char>(0xE0 | unit >> 12);
+      *to++ = Continuation(unit >> 6);
+      break;
+    default:
+      *to++ = static_cast<char>(0xF0 | unit >> 18);
+      *to++ = Continuation(unit >> 12);
+      *to++ = Continuation(unit >> 6);
+      break;
+  }
+  *to++ = Continuation(unit);
+  return to;
+}
+
+}  // namespace
+
+template <typename Unit>
+Utf8Result Utf8_FromUtf32(const Unit **source, const Unit *sourceEnd, char **target,
+                          char *targetEnd, Utf8Mode mode) {
+  static_assert(sizeof(Unit) == sizeof(uint32_t));
+  Utf8Result result = Utf8Result::Ok;
+  for (; *source < sourceEnd; ++*source) {
+    uint32_t unit = static_cast<uint32_t>(**source);
+    if (mode == Utf8Mode::Strict && IsSurrogate(unit)) return Utf8Result::SourceIllegal;
+    const bool illegal = unit >= kLimit;
+    if (illegal) unit = kReplacement;
+    const ptrdiff_t length = LengthOf(unit);
+    if (length > targetEnd - *target) return Utf8Result::TargetExhausted;
+    if (illegal) result = Utf8Result::SourceIllegal;
+    *target = Encode(unit, length, *target);
+  }
+  return result;
+}
+
+template Utf8Result Utf8_FromUtf32(const wchar_t **, const wchar_t *, char **, char *, Utf8Mode);
+template Utf8Result Utf8_FromUtf32(const char32_t **, const char32_t *, char **, char *, Utf8Mode);
+template Utf8Result Utf8_FromUtf32(const uint32_t **, const uint32_t *, char **, char *, Utf8Mode);
