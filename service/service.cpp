@@ -1,0 +1,107 @@
+// service.cpp -- the loop.  Each turn waits for events, lets every connection that has one take one
+// step, and accepts whoever is new.  No step waits for a peer, so none holds up the others.
+
+#include "service/service.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "log.h"
+#include "opener/serviceImplWire.h"
+
+namespace {
+
+// How long accept rests when descriptors have run out: the listening socket stays readable all the
+// while, and would turn the loop into a spin.
+constexpr int kStarvedMs = 100;
+
+bool IsStarvation(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+}  // namespace
+
+Service::Service(Fd listener, Fd status, Fd stop)
+    : listener_(std::move(listener)), status_(std::move(status)), stop_(std::move(stop)) {}
+
+Connection *Service::FindFree() {
+  const auto found = std::ranges::find_if(connections_, &Connection::IsFree);
+  return found == connections_.end() ? nullptr : &*found;
+}
+
+// Fills `watched_`.  poll(2) passes over negative descriptors, so everything keeps its place.
+bool Service::Wait() {
+  const bool mayAccept = !starved_ && FindFree() != nullptr;
+  watched_[kStop] = {stop_.Get(), POLLIN, 0};
+  watched_[kListener] = {mayAccept ? listener_.Get() : -1, POLLIN, 0};
+  watched_[kStatus] = {status_.Get(), POLLIN, 0};
+  for (size_t i = 0; i < connections_.size(); i++) {
+    watched_[kFirstConnection + i] = {connections_[i].Descriptor(), POLLIN, 0};
+  }
+  const int events =
+      poll(watched_.data(), static_cast<nfds_t>(watched_.size()), starved_ ? kStarvedMs : -1);
+  if (events >= 0) return true;
+  // After an interrupted call nothing in watched_ is an event.
+  if (errno == EINTR) return true;
+  Warning("poll errno %d.\n", errno);
+  return false;
+}
+
+// Once for each time of need, not once for each attempt.
+void Service::NoteAcceptFailure(int error) {
+  const bool starved = IsStarvation(error);
+  if (!starved || !starved_) Warning("accept errno %d.\n", error);
+  starved_ = starved;
+}
+
+void Service::AcceptAll() {
+  while (Connection *const free = FindFree()) {
+    Fd peer(accept(listener_.Get(), nullptr, nullptr));
+    if (!peer) {
+      const int error = errno;
+      if (error == ECONNABORTED || error == EINTR) continue;
+      if (error == EAGAIN || error == EWOULDBLOCK) {
+        starved_ = false;
+      } else {
+        NoteAcceptFailure(error);
+      }
+      return;
+    }
+    starved_ = false;
+    free->Greet(std::move(peer), ++lastSerial_);
+  }
+}
+
+// Nothing is ever written into the pipe; only its end says something.
+void Service::ReadStatus() {
+  char ignored;
+  if (read(status_.Get(), &ignored, 1) != 0) return;
+  Log("The opener that started this service has finished.\n");
+  status_.Reset();
+}
+
+bool Service::Run() {
+  // The opener listens with a queue of the smallest length.  Openers connect under their lock, so
+  // one that finds the queue full holds up all others.
+  if (!ServiceImplSetBlockingState(listener_.Get(), false)) return false;
+  if (listen(listener_.Get(), SOMAXCONN) != 0) Warning("listen errno %d.\n", errno);
+
+  while (Wait()) {
+    if (watched_[kStop].revents != 0) {
+      const auto open =
+          std::ranges::count_if(connections_, [](const Connection &c) { return !c.IsFree(); });
+      Log("Stopped with %d connections open.\n", static_cast<int>(open));
+      return true;
+    }
+    if (watched_[kStatus].revents != 0) ReadStatus();
+    for (size_t i = 0; i < connections_.size(); i++) {
+      if (watched_[kFirstConnection + i].revents != 0) connections_[i].Proceed();
+    }
+    if (starved_ || watched_[kListener].revents != 0) AcceptAll();
+  }
+  return false;
+}

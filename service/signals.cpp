@@ -1,0 +1,50 @@
+// signals.cpp -- a pipe carries the wish to stop from the signal handler to the poll loop.
+
+#include "service/signals.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "errnoKeeper.h"
+#include "fd.h"
+
+namespace {
+
+struct {
+  // Not closed before the process ends: a handler may run until then.
+  volatile sig_atomic_t stopWrite = -1;
+} signalState;
+
+// A full pipe says the same as one more byte would.
+void RequestStop(int /*signal*/) {
+  const ErrnoKeeper keeper;
+  [[maybe_unused]] const ssize_t written = write(signalState.stopWrite, "", 1);
+}
+
+void OnlyInterrupt(int /*signal*/) {}
+
+// Without SA_RESTART: an interrupted call is to return.
+bool SetAction(int signal, void (*handler)(int)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  sigemptyset(&action.sa_mask);
+  return sigaction(signal, &action, nullptr) == 0;
+}
+
+bool SetUp(int fd) {
+  return fcntl(fd, F_SETFD, FD_CLOEXEC) == 0 && fcntl(fd, F_SETFL, O_NONBLOCK) == 0;
+}
+
+}  // namespace
+
+int Signals_Install() {
+  int ends[2];
+  if (pipe(ends) != 0) return -1;
+  Fd stopRead(ends[0]);
+  signalState.stopWrite = ends[1];
+  const bool ok = SetUp(ends[0]) && SetUp(ends[1]) && SetAction(SIGTERM, RequestStop) &&
+                  SetAction(SIGINT, RequestStop) && SetAction(SIGALRM, OnlyInterrupt) &&
+                  SetAction(SIGPIPE, SIG_IGN);
+  return ok ? stopRead.Release() : -1;
+}
