@@ -1,0 +1,174 @@
+// sandbox.cpp -- lumen-sandbox: runs a command where the product can be installed for real.
+//
+//   lumen-sandbox [--net] COMMAND [ARGUMENT...]
+//
+// The command runs as root with a root directory of its own (sandboxRoot.h) and in a PID namespace
+// of its own, so that no daemon outlives it; --net adds a network namespace.  Exit status: the
+// command's, or 128 and the number of the signal that ended it.  Where the host does not grant a
+// sandbox: 77, which CTest counts as skipped, or 1 when LUMEN_REQUIRE_SANDBOX=1; 2 for wrong usage.
+//
+// Three processes: the outer one waits; "init", process 1 of the namespace, makes the root
+// directory and reaps; the command.  Whoever is not root starts over inside a user namespace that
+// has a range of user ids, made by unshare(1) with newuidmap(1).
+
+#include <grp.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "tests/support/sandboxRoot.h"
+
+namespace {
+
+constexpr int kExitSkipped = 77;
+constexpr int kExitUsage = 2;
+constexpr int kExitCannotRun = 127;
+
+// Set for the start inside a user namespace: the number of a pipe's write end, through which that
+// start reports that it has come about.
+constexpr char kReportTo[] = "LUMEN_SANDBOX_REPORT_TO";
+
+struct Options {
+  bool net = false;
+  std::vector<std::string> command;
+};
+
+[[noreturn]] void CannotBeHad(const std::string &reason) {
+  const char *const required = getenv("LUMEN_REQUIRE_SANDBOX");
+  fprintf(stderr, "lumen-sandbox: no sandbox here: %s\n", reason.c_str());
+  exit(required != nullptr && strcmp(required, "1") == 0 ? EXIT_FAILURE : kExitSkipped);
+}
+
+[[noreturn]] void CallFailed(const char *call) {
+  CannotBeHad(std::string(call) + ": " + strerror(errno));
+}
+
+Options ParseOptions(char *argv[]) {
+  Options options;
+  for (argv++; *argv != nullptr && **argv == '-'; argv++) {
+    if (std::string_view(*argv) != "--net") break;
+    options.net = true;
+  }
+  if (*argv == nullptr || **argv == '-') {
+    fprintf(stderr, "usage: lumen-sandbox [--net] COMMAND [ARGUMENT...]\n");
+    exit(kExitUsage);
+  }
+  while (*argv != nullptr) options.command.push_back(*argv++);
+  return options;
+}
+
+int StatusForExit(int status) {
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+// Dies with the process that started it, whatever killed that.
+void FollowParent() {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+}
+
+int WaitFor(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) CallFailed("waitpid");
+  }
+  return StatusForExit(status);
+}
+
+[[noreturn]] void RunProgram(const std::vector<std::string> &words) {
+  std::vector<char *> args;
+  for (const std::string &word : words) args.push_back(const_cast<char *>(word.c_str()));
+  args.push_back(nullptr);
+  execvp(args[0], args.data());
+  fprintf(stderr, "lumen-sandbox: %s: %s\n", args[0], strerror(errno));
+  _exit(kExitCannotRun);
+}
+
+[[noreturn]] void StartOverInUserNamespace(char *argv[]) {
+  if (getenv(kReportTo) != nullptr) CannotBeHad("the user namespace gives no root");
+  int report[2];
+  if (pipe(report) != 0) CallFailed("pipe");
+  const pid_t child = fork();
+  if (child < 0) CallFailed("fork");
+  if (child == 0) {
+    close(report[0]);
+    setenv(kReportTo, std::to_string(report[1]).c_str(), 1);
+    std::vector<std::string> words = {
+        "unshare",    "--user", "--map-root-user",
+        "--map-auto", "--",     std::filesystem::read_symlink("/proc/self/exe")};
+    for (argv++; *argv != nullptr; argv++) words.push_back(*argv);
+    RunProgram(words);
+  }
+  close(report[1]);
+  char started;
+  const bool ok = read(report[0], &started, 1) == 1;
+  const int status = WaitFor(child);
+  if (!ok) CannotBeHad("neither root nor a user namespace with a range of user ids");
+  exit(status);
+}
+
+void ReportStart() {
+  const char *const number = getenv(kReportTo);
+  if (number == nullptr) return;
+  const int report = atoi(number);
+  if (write(report, "", 1) != 1) CallFailed("reporting the start");
+  close(report);
+  unsetenv(kReportTo);
+  FollowParent();
+}
+
+// As process 1: its end is the end of every process in the namespace.
+[[noreturn]] void RunAsInit(const Options &options) {
+  FollowParent();
+  const std::filesystem::path directory = std::filesystem::current_path();
+  try {
+    SandboxRoot_Enter();
+  } catch (const std::system_error &error) {
+    CannotBeHad(error.what());
+  }
+  if (chdir(directory.c_str()) != 0 && chdir("/") != 0) CallFailed("chdir");
+
+  const pid_t child = fork();
+  if (child < 0) CallFailed("fork");
+  if (child == 0) RunProgram(options.command);
+  int status = 0;
+  for (pid_t ended = -1; ended != child;) {
+    ended = waitpid(-1, &status, 0);
+    if (ended < 0 && errno != EINTR) CallFailed("waitpid");
+  }
+  exit(StatusForExit(status));
+}
+
+}  // namespace
+
+int main(int /*argc*/, char *argv[]) {
+  const Options options = ParseOptions(argv);
+  if (geteuid() != 0) StartOverInUserNamespace(argv);
+  ReportStart();
+  if (unshare(CLONE_NEWNS | CLONE_NEWPID | (options.net ? CLONE_NEWNET : 0)) != 0) {
+    CallFailed("unshare");
+  }
+  // The opener's caller must not have root's groups, and nor must whoever runs it here.
+  if (setgroups(0, nullptr) != 0) CallFailed("setgroups");
+
+  // Signals of the terminal go to the command as well, which decides.
+  signal(SIGINT, SIG_IGN);
+  const pid_t init = fork();
+  if (init < 0) CallFailed("fork");
+  if (init == 0) {
+    signal(SIGINT, SIG_DFL);
+    RunAsInit(options);
+  }
+  return WaitFor(init);
+}
