@@ -27,7 +27,9 @@ constexpr std::string_view kForbidden[] = {
 
 // `equals` is the position of the entry's first "=".
 bool IsHarmful(std::string_view entry, size_t equals) {
-  if (entry.substr(equals + 1).starts_with(kFunctionMarker)) return true;
+  std::string_view value = entry;
+  value.remove_prefix(equals + 1);
+  if (value.starts_with(kFunctionMarker)) return true;
   for (const std::string_view prefix : kForbidden) {
     if (entry.starts_with(prefix)) return true;
   }
