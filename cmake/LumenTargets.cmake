@@ -70,6 +70,8 @@ endfunction()
 if(NOT APPLE AND NOT LUMEN_SANITIZE)
   # See lumen_program.  Tests and tools are linked by the C++ driver, which adds its library itself.
   set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
+  # The C driver leaves out the mathematical library, too; macOS has it in libSystem.
+  set(CMAKE_C_STANDARD_LIBRARIES "-lm")
 endif()
 
 function(lumen_tool name)
