@@ -17,16 +17,17 @@ ARROWS = {
     'platform': set(),
     'lib/string': {'platform'},
     'lib/misc': {'platform', 'lib/string'},
-    'opener': {'platform', 'lib/string', 'lib/misc'},
-    'service': {'platform', 'lib/string', 'lib/misc', 'opener'},
+    'lib/unicode': {'platform', 'lib/string', 'lib/misc'},
+    'opener': {'platform', 'lib/string', 'lib/misc', 'lib/unicode'},
+    'service': {'platform', 'lib/string', 'lib/misc', 'lib/unicode', 'opener'},
 }
 PUBLIC = 'lib/public/'
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 
 
 def tracked_sources():
-    out = subprocess.run(['git', 'ls-files', '-z', '--', '*.cpp', '*.h'], stdout=subprocess.PIPE,
-                         check=True).stdout
+    out = subprocess.run(['git', 'ls-files', '-z', '--', '*.cpp', '*.h', '*.inc'],
+                         stdout=subprocess.PIPE, check=True).stdout
     return [name for name in os.fsdecode(out).split('\0') if name]
 
 
