@@ -23,6 +23,16 @@
   Panic("%s:%d Buffer too small\n", source, line);
 }
 
+// Memory ran out where the code takes it for granted: the place is that of the check.
+[[noreturn]] inline void Fatal_VerifyMemAlloc(const char *source, int line) {
+  Panic("MEM_ALLOC %s:%d\n", source, line);
+}
+
 [[noreturn]] inline void Fatal_MemAlloc() {
   Panic("Unrecoverable memory allocation failure\n");
+}
+
+// The place is that of the caller who asked for the memory.
+[[noreturn]] inline void Fatal_MemAlloc(const char *callerSource, unsigned callerLine) {
+  Panic("Unrecoverable memory allocation failure at %s:%u\n", callerSource, callerLine);
 }
