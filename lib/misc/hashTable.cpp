@@ -1,0 +1,354 @@
+// hashTable.cpp -- a chained hash table whose insertions can be lock-free.
+//
+// Idea:   a bucket is the head of a singly linked list, and insertion only ever prepends.  With
+//         compare-and-swap on the head, that alone makes concurrent insertion safe: an insertion
+//         that loses sees the winners' entries at the front of its next walk, so a key cannot get
+//         in twice.
+// Holds:  1. `next` and `key` of an entry are fixed once the entry is in a chain; deletion, which
+// does
+//            change `next`, has the table for itself.
+//         2. An entry in a chain is freed with the table to itself, too.  So a head that is equal
+//         to
+//            the one read earlier stands for an unchanged chain (no ABA), and a reader's entry
+//            stays.
+//         3. A head is published with release and read with acquire.  Who inserts has acquired the
+//         head
+//            that becomes its `next`; therefore one acquire of the newest head makes the whole
+//            chain behind it visible.
+//         4. A value is exchanged with acquire and release and read with acquire, so what it points
+//            to is seen as its writer left it, also by the free function.
+//         Tables without HASHTABLE_ATOMIC share this code; but for the head's compare-and-swap, the
+//         orders cost them nothing that matters.
+// Tests:  tests/unit/hashTable_test.cpp, tests/unit/hashTableThreads_test.cpp
+//         Measured against the C++ library's table: bench/hashTable_bench.cpp
+
+#include "hashTable.h"
+
+#include <strings.h>
+
+#include <bit>
+#include <cctype>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <span>
+#include <type_traits>
+
+#include "fatal.h"
+#include "heap.h"
+#include "log.h"
+
+namespace {
+
+// A copied key stands behind its entry in the same block.
+struct Entry {
+  Entry *next;
+  const void *key;
+  std::atomic<void *> value;
+};
+static_assert(std::is_trivially_destructible_v<Entry>);
+static_assert(std::atomic<void *>::is_always_lock_free);
+
+using EntryPtr = std::unique_ptr<Entry, HeapFreer>;
+using Bucket = std::atomic<Entry *>;
+
+}  // namespace
+
+struct HashTable {
+  uint32_t numBuckets;
+  uint32_t numBits;  // the binary logarithm of numBuckets; all ones when that is 0
+  uint32_t keyType;
+  bool atomic;
+  bool copyKey;
+  HashTableFreeFn freeFn;
+  std::unique_ptr<Bucket[], HeapFreer> heads;
+  std::atomic<size_t> count;
+
+  std::span<Bucket> Buckets() const { return {heads.get(), numBuckets == 0 ? 1 : numBuckets}; }
+};
+
+namespace {
+
+// ---- keys -----------------------------------------------------------------------------------
+
+template <typename Map>
+uint32_t HashString(const void *key, Map map) {
+  uint32_t hash = 0;
+  for (const auto *p = static_cast<const unsigned char *>(key); *p != 0; p++) {
+    hash = std::rotl(hash ^ static_cast<uint32_t>(map(*p)), 5);
+  }
+  return hash;
+}
+
+uint32_t HashInteger(const void *key) {
+  const uint64_t value = reinterpret_cast<uintptr_t>(key);
+  return static_cast<uint32_t>(value >> 32 ^ value) * 48271;
+}
+
+uint32_t HashKey(const HashTable &table, const void *key) {
+  switch (table.keyType) {
+    case HASHTABLE_STRING_KEY:
+      return HashString(key, [](int c) { return c; });
+    case HASHTABLE_ISTRING_KEY:
+      return HashString(key, tolower);
+    case HASHTABLE_INT_KEY:
+      return HashInteger(key);
+    default:
+      Fatal_NotReached("lib/misc/hashTable", 142);
+  }
+}
+
+Bucket &BucketOf(const HashTable &table, const void *key) {
+  uint32_t hash = HashKey(table, key);
+  // A single chain has no bits to fold to: the loop would not end.
+  if (table.numBuckets < 2) return table.heads[0];
+  const uint32_t mask = table.numBuckets - 1;
+  while (hash > mask) hash = (hash >> table.numBits) ^ (hash & mask);
+  return table.heads[hash];
+}
+
+bool SameKey(const HashTable &table, const void *a, const void *b) {
+  if (table.keyType == HASHTABLE_INT_KEY) return a == b;
+  const auto *const left = static_cast<const char *>(a);
+  const auto *const right = static_cast<const char *>(b);
+  return (table.keyType == HASHTABLE_STRING_KEY ? strcmp(left, right) : strcasecmp(left, right)) ==
+         0;
+}
+
+// ---- entries --------------------------------------------------------------------------------
+
+Entry *FindInChain(const HashTable &table, Entry *head, const void *key) {
+  Entry *entry = head;
+  while (entry != nullptr && !SameKey(table, entry->key, key)) entry = entry->next;
+  return entry;
+}
+
+Entry *Find(const HashTable &table, const void *key) {
+  return FindInChain(table, BucketOf(table, key).load(std::memory_order_acquire), key);
+}
+
+EntryPtr MakeEntry(const HashTable &table, const void *key, void *value) {
+  const size_t copySize = table.copyKey ? strlen(static_cast<const char *>(key)) + 1 : 0;
+  EntryPtr entry(new (Heap_SafeMalloc(sizeof(Entry) + copySize)) Entry{nullptr, key, value});
+  if (table.copyKey) entry->key = memcpy(static_cast<void *>(entry.get() + 1), key, copySize);
+  return entry;
+}
+
+// The count is advisory under concurrent insertion: of two increments at the same time one may get
+// lost, which spares every insertion a locked instruction.  It never wraps below zero.
+void CountOneMore(HashTable *table) {
+  const size_t count = table->count.load(std::memory_order_relaxed);
+  table->count.store(count + 1, std::memory_order_relaxed);
+}
+
+void CountOneLess(HashTable *table) {
+  const size_t count = table->count.load(std::memory_order_relaxed);
+  if (count > 0) table->count.store(count - 1, std::memory_order_relaxed);
+}
+
+// The entry that has the key already; null when the key went in with the value.
+Entry *InsertUnlessThere(HashTable *table, const void *key, void *value) {
+  Bucket &bucket = BucketOf(*table, key);
+  EntryPtr fresh;
+  for (bool inserted = false; !inserted;) {
+    Entry *head = bucket.load(std::memory_order_acquire);
+    Entry *const found = FindInChain(*table, head, key);
+    if (found != nullptr) return found;
+    if (fresh == nullptr) fresh = MakeEntry(*table, key, value);
+    fresh->next = head;
+    if (table->atomic) {
+      inserted = bucket.compare_exchange_strong(head, fresh.get(), std::memory_order_release,
+                                                std::memory_order_relaxed);
+    } else {
+      bucket.store(fresh.get(), std::memory_order_relaxed);
+      inserted = true;
+    }
+  }
+  // The chain owns it now.
+  static_cast<void>(fresh.release());
+  CountOneMore(table);
+  return nullptr;
+}
+
+// Takes the key's entry out of its chain; null when there is none.  Has the table for itself.
+EntryPtr Unlink(HashTable *table, const void *key) {
+  Bucket &bucket = BucketOf(*table, key);
+  Entry *before = nullptr;
+  Entry *entry = bucket.load(std::memory_order_relaxed);
+  while (entry != nullptr && !SameKey(*table, entry->key, key)) {
+    before = entry;
+    entry = entry->next;
+  }
+  if (entry == nullptr) return nullptr;
+  if (before == nullptr) {
+    bucket.store(entry->next, std::memory_order_relaxed);
+  } else {
+    before->next = entry->next;
+  }
+  CountOneLess(table);
+  return EntryPtr(entry);
+}
+
+void FreeValue(const HashTable &table, void *value) {
+  if (table.freeFn != nullptr) table.freeFn(value);
+}
+
+// ---- all entries ----------------------------------------------------------------------------
+
+// Calls visit(entry), which may free the entry, in bucket order up to the first result other than
+// 0.
+template <typename Visit>
+int VisitAll(const HashTable &table, Visit visit) {
+  for (const Bucket &bucket : table.Buckets()) {
+    Entry *next = nullptr;
+    for (Entry *entry = bucket.load(std::memory_order_acquire); entry != nullptr; entry = next) {
+      next = entry->next;
+      const int result = visit(entry);
+      if (result != 0) return result;
+    }
+  }
+  return 0;
+}
+
+// A new array of what pick(entry) gives for every entry.  The entries are counted here, because the
+// table's own count may be too small.
+template <typename T, typename Pick>
+T *Collect(const HashTable &table, size_t *count, Pick pick) {
+  size_t room = 0;
+  VisitAll(table, [&](Entry *) { return room++, 0; });
+  *count = 0;
+  if (room == 0) return nullptr;
+  HeapArray<T> array = Heap_Array<T>(room);
+  if (array == nullptr) Fatal_MemAlloc();
+  VisitAll(table, [&](Entry *entry) {
+    if (*count == room) return 1;  // others came in meanwhile
+    array[(*count)++] = pick(entry);
+    return 0;
+  });
+  return array.release();
+}
+
+void *ValueOf(const Entry *entry) {
+  return entry->value.load(std::memory_order_acquire);
+}
+
+}  // namespace
+
+// ---- life of a table --------------------------------------------------------------------------
+
+HashTable *HashTable_Alloc(uint32_t numBuckets, uint32_t flags, HashTableFreeFn freeFn) {
+  if (numBuckets != 0 && !std::has_single_bit(numBuckets)) {
+    Panic("%s only takes powers of 2 \n", "HashTable_Alloc");
+  }
+  const uint32_t keyType = flags & HASHTABLE_KEY_TYPE_MASK;
+  auto *const table = new (Heap_SafeMalloc(sizeof(HashTable)))
+      HashTable{.numBuckets = numBuckets,
+                .numBits = static_cast<uint32_t>(std::bit_width(numBuckets)) - 1,
+                .keyType = keyType,
+                .atomic = (flags & HASHTABLE_ATOMIC) != 0,
+                .copyKey = (flags & HASHTABLE_COPY_KEY) != 0 && keyType != HASHTABLE_INT_KEY,
+                .freeFn = freeFn,
+                .heads = nullptr,
+                .count = 0};
+  const size_t numHeads = table->Buckets().size();
+  table->heads.reset(static_cast<Bucket *>(Heap_SafeMalloc(numHeads * sizeof(Bucket))));
+  std::uninitialized_value_construct_n(table->heads.get(), numHeads);
+  return table;
+}
+
+HashTable *HashTable_AllocOnce(std::atomic<HashTable *> *slot, uint32_t numBuckets, uint32_t flags,
+                               HashTableFreeFn freeFn) {
+  HashTable *table = slot->load(std::memory_order_acquire);
+  if (table != nullptr) return table;
+  HashTableOwner fresh(HashTable_Alloc(numBuckets, flags, freeFn));
+  const bool won = slot->compare_exchange_strong(table, fresh.get(), std::memory_order_release,
+                                                 std::memory_order_acquire);
+  return won ? fresh.release() : table;
+}
+
+void HashTable_Free(HashTable *table) {
+  if (table == nullptr) return;
+  HashTable_Clear(table);
+  std::destroy_at(table);
+  free(table);
+}
+
+void HashTable_Clear(HashTable *table) {
+  VisitAll(*table, [table](Entry *entry) {
+    FreeValue(*table, ValueOf(entry));
+    EntryPtr(entry).reset();
+    return 0;
+  });
+  for (Bucket &bucket : table->Buckets()) bucket.store(nullptr, std::memory_order_relaxed);
+  table->count.store(0, std::memory_order_relaxed);
+}
+
+// ---- one entry --------------------------------------------------------------------------------
+
+bool HashTable_Lookup(const HashTable *table, const void *key, void **value) {
+  const Entry *const entry = Find(*table, key);
+  if (entry == nullptr) return false;
+  if (value != nullptr) *value = ValueOf(entry);
+  return true;
+}
+
+bool HashTable_Insert(HashTable *table, const void *key, void *value) {
+  return InsertUnlessThere(table, key, value) == nullptr;
+}
+
+void *HashTable_LookupOrInsert(HashTable *table, const void *key, void *value) {
+  const Entry *const entry = InsertUnlessThere(table, key, value);
+  return entry == nullptr ? value : ValueOf(entry);
+}
+
+bool HashTable_ReplaceOrInsert(HashTable *table, const void *key, void *value) {
+  Entry *const entry = InsertUnlessThere(table, key, value);
+  if (entry == nullptr) return false;
+  FreeValue(*table, entry->value.exchange(value, std::memory_order_acq_rel));
+  return true;
+}
+
+bool HashTable_ReplaceIfEqual(HashTable *table, const void *key, void *oldValue, void *newValue) {
+  Entry *const entry = Find(*table, key);
+  void *expected = oldValue;
+  if (entry == nullptr ||
+      !entry->value.compare_exchange_strong(expected, newValue, std::memory_order_acq_rel,
+                                            std::memory_order_relaxed)) {
+    return false;
+  }
+  FreeValue(*table, oldValue);
+  return true;
+}
+
+bool HashTable_Delete(HashTable *table, const void *key) {
+  const EntryPtr entry = Unlink(table, key);
+  if (entry == nullptr) return false;
+  FreeValue(*table, ValueOf(entry.get()));
+  return true;
+}
+
+bool HashTable_LookupAndDelete(HashTable *table, const void *key, void **value) {
+  const EntryPtr entry = Unlink(table, key);
+  if (entry == nullptr) return false;
+  if (value != nullptr) *value = ValueOf(entry.get());
+  return true;
+}
+
+// ---- all entries ------------------------------------------------------------------------------
+
+size_t HashTable_GetNumElements(const HashTable *table) {
+  return table->count.load(std::memory_order_relaxed);
+}
+
+const void **HashTable_KeyArray(const HashTable *table, size_t *count) {
+  return Collect<const void *>(*table, count, [](const Entry *entry) { return entry->key; });
+}
+
+void **HashTable_ValueArray(const HashTable *table, size_t *count) {
+  return Collect<void *>(*table, count, ValueOf);
+}
+
+int HashTable_ForEach(const HashTable *table, HashTableForEachFn callback, void *clientData) {
+  return VisitAll(
+      *table, [=](const Entry *entry) { return callback(entry->key, ValueOf(entry), clientData); });
+}
