@@ -6,6 +6,7 @@
 #include "hostinfo.h"
 #include "lib/misc/onceCell.h"
 #include "platform/sha1.h"
+#include "str.h"
 
 namespace {
 
@@ -33,14 +34,12 @@ HostText ComputeHostText() {
   HostText host{};
   if (!ok) return host;
 
-  static constexpr char kDigits[] = "0123456789abcdef";
   digest[0] = kHostMark;
-  char *p = host.text;
-  for (size_t i = 0; i < kNumBytes; i++) {
-    if (i > 0) *p++ = i == kNumBytes / 2 ? '-' : ' ';
-    *p++ = kDigits[digest[i] >> 4];
-    *p++ = kDigits[digest[i] & 0xF];
-  }
+  const auto &d = digest;
+  Str_Sprintf(host.text, sizeof host.text,
+              "%02x %02x %02x %02x %02x %02x %02x %02x-%02x %02x %02x %02x %02x %02x %02x %02x",
+              d[0], d[1], d[2], d[3], d[4], d[5], d[6], d[7], d[8], d[9], d[10], d[11], d[12],
+              d[13], d[14], d[15]);
   return host;
 }
 
