@@ -1,0 +1,212 @@
+// hostinfo_test.cpp -- the host's name, its identity and the path of the running program.
+//
+// The identity is taken in a network and host-name namespace of its own, where the test decides
+// what the host is called and which interfaces it has.
+
+#include "hostinfo.h"
+
+#include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <barrier>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "fd.h"
+#include "heap.h"
+#include "tests/support/capture.h"
+#include "tests/support/sandboxSkip.h"
+#include "uuid.h"
+
+namespace {
+
+constexpr int kNoNamespace = 77;
+constexpr int kNoInterfaces = 78;
+
+// ---- a host of the test's making -------------------------------------------------------------
+
+struct Interface {
+  const char *name;
+  uint8_t lastByte;  // of the address 02:01:02:03:04:xx
+};
+
+bool SetAddress(int sock, const Interface &interface) {
+  ifreq request{};
+  strncpy(request.ifr_name, interface.name, IFNAMSIZ - 1);
+  if (ioctl(sock, SIOCGIFHWADDR, &request) != 0) return false;
+  const uint8_t address[6] = {2, 1, 2, 3, 4, interface.lastByte};
+  memcpy(request.ifr_hwaddr.sa_data, address, sizeof address);
+  return ioctl(sock, SIOCSIFHWADDR, &request) == 0;
+}
+
+// The first interface is the new namespace's loopback under another name, the others are bridges:
+// so they are listed in this order, and nothing but the kernel is needed.
+bool MakeInterfaces(const std::vector<Interface> &interfaces) {
+  const Fd sock(socket(AF_INET, SOCK_DGRAM, 0));
+  for (const Interface &interface : interfaces) {
+    ifreq rename{};
+    strncpy(rename.ifr_name, "lo", IFNAMSIZ - 1);
+    strncpy(rename.ifr_newname, interface.name, IFNAMSIZ - 1);
+    const bool first = &interface == &interfaces.front();
+    if ((first ? ioctl(sock.Get(), SIOCSIFNAME, &rename)
+               : ioctl(sock.Get(), SIOCBRADDBR, interface.name)) != 0 ||
+        !SetAddress(sock.Get(), interface)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool EnterNamespaces() {
+  constexpr int kSpaces = CLONE_NEWNET | CLONE_NEWUTS;
+  return unshare(kSpaces) == 0 || unshare(kSpaces | CLONE_NEWUSER) == 0;
+}
+
+void PrintIdentity() {
+  uint32_t hash;
+  uint64_t hardwareID;
+  Hostinfo_MachineID(&hash, &hardwareID);
+  uint8_t bytes[8];
+  memcpy(bytes, &hardwareID, sizeof bytes);
+  dprintf(STDOUT_FILENO, "%u", hash);
+  for (const uint8_t byte : bytes) dprintf(STDOUT_FILENO, " %d", byte);
+  dprintf(STDOUT_FILENO, "\n%s\n", UUID_HostString());
+}
+
+// What a process finds, and logs, on a host of this name and with these interfaces.
+ChildResult IdentityOf(std::string_view name, const std::vector<Interface> &interfaces) {
+  return RunInChild([&] {
+    if (!EnterNamespaces()) _exit(kNoNamespace);
+    if (sethostname(name.data(), name.size()) != 0) _exit(kNoNamespace);
+    if (!MakeInterfaces(interfaces)) _exit(kNoInterfaces);
+    PrintIdentity();
+  });
+}
+
+// The digests come from sha1sum, of the address with two zero bytes or of the hash 177670.
+constexpr char kText05[] = "52 1b bc 37 56 80 e4 a0-1f b3 e6 2c a3 91 fc bc\n";
+constexpr char kText06[] = "52 2d 1d 06 c5 f3 83 d4-68 c3 2b 52 b6 94 75 79\n";
+constexpr char kTextOfA[] = "52 c0 7d aa 1e 1e e4 4b-52 a4 76 f0 c9 a2 2d d1\n";
+constexpr char kNoName[] =
+    "Warning: Hostinfo_MachineID Hostinfo_HostName failure; providing default.\n";
+
+TEST(MachineID, ComesFromNameAndFirstInterfaceWithAnAddress) {
+  struct {
+    std::string_view name;
+    std::vector<Interface> interfaces;
+    std::string expected;
+  } const rows[] = {
+      {"a", {}, std::string("177670 0 0 0 0 0 0 0 0\n") + kTextOfA},
+      {"a", {{"en0", 5}}, std::string("177670 2 1 2 3 4 5 0 0\n") + kText05},
+      {"a", {{"en1", 5}}, std::string("177670 2 1 2 3 4 5 0 0\n") + kText05},
+      // The number decides, not the order of the list.
+      {"a", {{"en1", 5}, {"en0", 6}}, std::string("177670 2 1 2 3 4 6 0 0\n") + kText06},
+      {"a",
+       {{"en00", 5}, {"en", 5}, {"en8", 5}, {"en7", 6}},
+       std::string("177670 2 1 2 3 4 6 0 0\n") + kText06},
+      {"a", {{"en8", 5}, {"xen0", 6}}, std::string("177670 0 0 0 0 0 0 0 0\n") + kTextOfA},
+      // The hash is taken modulo 2^32, of bytes from 0 to 255.
+      {"build-host-17.example.org",
+       {{"en0", 5}},
+       std::string("2812844453 2 1 2 3 4 5 0 0\n") + kText05},
+      {"\xC3\xA9", {{"en0", 5}}, std::string("5866513 2 1 2 3 4 5 0 0\n") + kText05},
+      {"", {{"en0", 5}}, std::string(kNoName) + "0 2 1 2 3 4 5 0 0\n" + kText05},
+      {"a\xFF", {{"en0", 5}}, std::string(kNoName) + "0 2 1 2 3 4 5 0 0\n" + kText05},
+  };
+  for (const auto &row : rows) {
+    const ChildResult result = IdentityOf(row.name, row.interfaces);
+    if (result.exitStatus == kNoNamespace) SKIP_FOR_WANT_OF("a network namespace");
+    if (result.exitStatus == kNoInterfaces) SKIP_FOR_WANT_OF("interfaces made by the test");
+    ASSERT_EQ(42, result.exitStatus) << "signal " << result.signal;
+    EXPECT_EQ(row.expected, WithoutStamps(result.output));
+  }
+}
+
+TEST(MachineID, GoesOnWithoutTheListOfInterfaces) {
+  const ChildResult result = RunInChild([] {
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_NOFILE, &none);
+    uint32_t hash;
+    uint64_t hardwareID = 1;
+    Hostinfo_MachineID(&hash, &hardwareID);
+    // The second time everything is known, and nothing is reported.
+    Hostinfo_MachineID(&hash, &hardwareID);
+    if (hardwareID != 0) _exit(3);
+  });
+  EXPECT_EQ(42, result.exitStatus);
+  const std::string text = strerror(EMFILE);
+  EXPECT_EQ("Warning: ObtainHardwareID getifaddrs failure: " + text +
+                ".\nWarning: Hostinfo_MachineID ObtainHardwareID failure (" + text +
+                "); providing default.\n",
+            WithoutStamps(result.output));
+}
+
+TEST(MachineID, ThreadsThatMeetAtTheFirstCallAgree) {
+  const ChildResult result = RunInChild([] {
+    constexpr int kThreads = 8;
+    std::barrier start(kThreads);
+    std::vector<std::string> found(kThreads);
+    std::vector<std::thread> threads;
+    for (std::string &mine : found) {
+      threads.emplace_back([&] {
+        start.arrive_and_wait();
+        uint32_t hash;
+        uint64_t hardwareID;
+        Hostinfo_MachineID(&hash, &hardwareID);
+        const HeapStr text(UUID_GetHostString());
+        mine = std::to_string(hash) + " " + std::to_string(hardwareID) + " " + text.get() +
+               (text.get() == UUID_HostString() ? "shared" : "");
+      });
+    }
+    for (std::thread &thread : threads) thread.join();
+    for (const std::string &each : std::set<std::string>(found.begin(), found.end())) {
+      dprintf(STDOUT_FILENO, "%s\n", each.c_str());
+    }
+  });
+  EXPECT_EQ(42, result.exitStatus) << result.output;
+  EXPECT_EQ(1, std::count(result.output.begin(), result.output.end(), '\n')) << result.output;
+  EXPECT_EQ(std::string::npos, result.output.find("shared"));
+}
+
+TEST(HostName, IsTheOneOfTheSystem) {
+  char expected[HOST_NAME_MAX + 1] = "";
+  ASSERT_EQ(0, gethostname(expected, sizeof expected));
+  const HeapStr name(Hostinfo_HostName());
+  EXPECT_STREQ(expected, name.get());
+}
+
+TEST(ModulePath, LeadsToThisProgramWithEitherPrivilege) {
+  struct stat own;
+  ASSERT_EQ(0, stat("/proc/self/exe", &own));
+  for (const unsigned privilege : {0U, 1U}) {
+    const HeapStr path(Hostinfo_GetModulePath(privilege));
+    ASSERT_NE(nullptr, path);
+    EXPECT_EQ('/', path.get()[0]);
+    struct stat found;
+    ASSERT_EQ(0, stat(path.get(), &found));
+    EXPECT_EQ(own.st_ino, found.st_ino);
+    EXPECT_EQ(own.st_dev, found.st_dev);
+  }
+}
+
+TEST(ModulePath, KnowsNoOtherPrivilege) {
+  for (const unsigned privilege : {2U, ~0U}) {
+    const std::string log =
+        CaptureOutput([&] { EXPECT_EQ(nullptr, HeapStr(Hostinfo_GetModulePath(privilege))); });
+    EXPECT_EQ("Warning: Hostinfo_GetModulePath: invalid privilege parameter\n", WithoutStamps(log));
+  }
+}
+
+}  // namespace

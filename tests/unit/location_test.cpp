@@ -1,0 +1,176 @@
+// location_test.cpp -- paths of the product's files, from programs at many places.
+//
+// The program is its own child: `location_test --look-up TAG KEY`, run from a copy of itself,
+// prints what the look-up gives there.
+
+#include "opener/location.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "heap.h"
+#include "tests/support/capture.h"
+#include "tests/support/sandboxSkip.h"
+#include "tests/support/scratchDir.h"
+
+namespace {
+
+void PrintRoot(const char *key) {
+  const HeapStr path(LocationGetRoot(key));
+  dprintf(STDOUT_FILENO, "%s\n", path == nullptr ? "null" : path.get());
+}
+
+// What a copy of this program prints that stands, or is linked, at `path`.
+std::string LookUpFrom(const std::string &path, const char *tag, const char *key,
+                       const char *mode = "--look-up") {
+  const ChildResult result =
+      RunInChild([&] { execl(path.c_str(), path.c_str(), mode, tag, key, nullptr); });
+  EXPECT_EQ(0, result.exitStatus) << path << ", signal " << result.signal;
+  return WithoutStamps(result.output);
+}
+
+// A scratch folder by its real path, with copies of this program in it.
+class Copies {
+  ScratchDir dir_;
+  std::string root_ = std::filesystem::canonical(dir_.Path());
+
+ public:
+  const std::string &Root() const { return root_; }
+
+  std::string At(const std::string &below) const {
+    const std::string path = root_ + below;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::filesystem::copy_file("/proc/self/exe", path);
+    return path;
+  }
+};
+
+TEST(Location, TablesHoldTheLayoutOfTheBundle) {
+  static constexpr std::pair<const char *, const char *> kRows[] = {
+      {"rootDir", ""},
+      {"serviceDaemonFile", "/Contents/Library/Zephrin Lumen Client Services"},
+      {"serviceScriptFile", "/Contents/Library/services.sh"},
+      {"productInfo", "/Contents/Library/productInfo"},
+      {"usbarbFile", "/Contents/Library/zephrin-usbarbitrator"},
+      {"usbarbKext", "/Contents/Library/kexts/zioplug.kext"},
+      {"sslDir", "/Contents/Frameworks"},
+      {"frameworkDir", "/Contents/Frameworks"},
+  };
+  const Copies copies;
+  const std::string opener = copies.At("/Client.app/Contents/Library/opener");
+  for (const auto &[key, relative] : kRows) {
+    EXPECT_STREQ(relative, LocationGetRelative(key));
+    EXPECT_EQ(copies.Root() + "/Client.app" + relative + "\n",
+              LookUpFrom(opener, "lumenClient-opener", key));
+  }
+  for (const char *const unknown : {"libdir", "msgDir", "RootDir", "rootDir ", ""}) {
+    EXPECT_EQ(nullptr, LocationGetRelative(unknown));
+    const std::string log = CaptureOutput([&] { EXPECT_EQ(nullptr, LocationGetRoot(unknown)); });
+    EXPECT_EQ("", log);
+  }
+  EXPECT_STREQ("/Library/Application Support/Zephrin/Zephrin Calder Lumen",
+               Location_GetInstallRoot());
+  EXPECT_EQ(&LocationGetRoot, Location_GetLookupFunction());
+}
+
+TEST(Location, GoesUpAsFarAsTheTagSays) {
+  const Copies copies;
+  const std::string program = copies.At("/1/2/3/4/5/6/program");
+  const auto root = [&](const char *tag) { return LookUpFrom(program, tag, "rootDir"); };
+  EXPECT_EQ(copies.Root() + "/1/2/3/4\n", root("lumenClient-daemon"));
+  EXPECT_EQ(copies.Root() + "/1/2/3/4\n", root("lumenClient-opener"));
+  EXPECT_EQ(copies.Root() + "/1\n", root("lumen-remotedisplay-bundle"));
+  const std::string link = copies.Root() + "/link";
+  std::filesystem::create_symlink(program, link);
+  EXPECT_EQ(copies.Root() + "/1/2/3/4\n", LookUpFrom(link, "lumenClient-opener", "rootDir"));
+}
+
+TEST(Location, StopsAtTheRootOfTheFileSystem) {
+  const Copies copies;
+  const auto depth = std::count(copies.Root().begin(), copies.Root().end(), '/') + 1;
+  ASSERT_LE(depth, 5) << "the scratch folder lies too deep: " << copies.Root();
+  std::string below = "/program";
+  for (auto d = depth; d < 5; d++) below = "/d" + below;
+  const std::string five = copies.At(below);
+  const std::string six = copies.At("/d" + below);
+  const auto find = [](const std::string &path) {
+    return LookUpFrom(path, "lumen-remotedisplay-bundle", "productInfo");
+  };
+  EXPECT_EQ("/Contents/Library/productInfo\n", find(six));
+  EXPECT_EQ("Warning: LocationGetRoot: sUpCount (6) is too large for " + five + "\nnull\n",
+            find(five));
+}
+
+TEST(Location, ReportsAnExecutableThatCannotBeFound) {
+  const Copies copies;
+  const std::string gone = copies.At("/a/b/gone");
+  EXPECT_EQ("Warning: LocationGetRoot: Unable to get the realpath for " + gone + " (deleted)null\n",
+            LookUpFrom(gone, "lumenClient-opener", "rootDir", "--remove-and-look-up"));
+
+  // The module path has room for 1023 bytes.
+  std::string below;
+  while (copies.Root().size() + below.size() < 800) below += "/" + std::string(50, 'd');
+  below += "/" + std::string(1023 - copies.Root().size() - below.size() - 1, 'p');
+  const std::string longest = copies.At(below);
+  const std::string root = std::filesystem::path(longest).parent_path().parent_path().parent_path();
+  EXPECT_EQ(root + "/Contents/Frameworks\n", LookUpFrom(longest, "lumenClient-opener", "sslDir"));
+  EXPECT_EQ(
+      "Warning: HOSTINFO: Hostinfo_GetModulePath: _NSGetExecutablePath failed.\n"
+      "Warning: LocationGetRoot: Unable to retrieve path to executable.null\n",
+      LookUpFrom(copies.At(below + "p"), "lumenClient-opener", "sslDir"));
+}
+
+TEST(Location, ReportsASecondOrUnknownDeclaration) {
+  const ChildResult result = RunInChild([] {
+    Location_Init("lumenClient-opener");
+    Location_Init("lumen-remotedisplay-bundle");
+    Location_Init("Unknown");
+    Location_Init("lumenClient-daemon");
+    Location_Init("");
+  });
+  const std::string begin = "Warning: Location_Init: Invalid initialization: sUpCount ";
+  EXPECT_EQ(begin + "3, processTag lumen-remotedisplay-bundle.\n" + begin +
+                "6, processTag Unknown.\n" + begin + "3, processTag .\n",
+            WithoutStamps(result.output));
+}
+
+TEST(Location, ASetUserIdProcessMustDeclareItself) {
+  if (geteuid() != 0) SKIP_FOR_WANT_OF("root, to have two user ids");
+  const ChildResult result = RunInChild([] {
+    if (seteuid(65534) != 0) _exit(3);
+    PrintRoot("rootDir");
+    PrintRoot("unknown");
+    Location_Init("lumenClient-opener");
+    if (HeapStr(LocationGetRoot("rootDir")) == nullptr) _exit(4);
+    Location_Init("other");
+    PrintRoot("rootDir");
+  });
+  EXPECT_EQ(42, result.exitStatus);
+  const std::string refusal =
+      "Warning: LocationGetRoot: Cannot get location root of a setuid process.\nnull\n";
+  EXPECT_EQ(
+      refusal +
+          "null\nWarning: Location_Init: Invalid initialization: sUpCount 3, processTag other.\n" +
+          refusal,
+      WithoutStamps(result.output));
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const std::string_view mode = argc == 4 ? argv[1] : "";
+  if (mode == "--look-up" || mode == "--remove-and-look-up") {
+    if (mode != "--look-up" && unlink(argv[0]) != 0) return 3;
+    Location_Init(argv[2]);
+    PrintRoot(argv[3]);
+    return 0;
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
