@@ -1,0 +1,57 @@
+// process.h -- a program started as some user, with exactly the environment and descriptors asked
+// for; and what became of it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fd.h"
+
+struct Launch {
+  std::vector<std::string> argv;  // argv[0] is the path
+  uid_t user = 0;                 // and group
+  std::vector<std::string> env;   // "NAME=value"; nothing else is there
+  // Last adjustments in the child, as the user, standard output already being the captured one.
+  std::function<void()> adjust = [] {};
+};
+
+class Process {
+  Fd output_;
+  pid_t pid_ = -1;  // -1 once it has been waited for
+
+ public:
+  static constexpr int kTimeoutMs = 60'000;
+
+  explicit Process(const Launch &launch);
+  Process(Process &&other) noexcept
+      : output_(std::move(other.output_)), pid_(std::exchange(other.pid_, -1)) {}
+  // A process that still runs is killed.
+  ~Process();
+
+  pid_t Pid() const { return pid_; }
+  // Standard output and standard error so far.
+  std::string Output() const;
+  bool Running() const;
+  void Signal(int signal) const;
+  // The exit status, or 128 and the number of the signal that ended it.  A process that does not
+  // end within kTimeoutMs is a failure of the test, and killed.
+  int Wait();
+};
+
+// Waits until `condition` holds, looking again and again; false when it never does within
+// Process::kTimeoutMs.
+bool Eventually(const std::function<bool()> &condition);
+
+// A pipe that programs do not inherit unless it is dup2'ed.
+struct Pipe {
+  Fd read;
+  Fd write;
+  Pipe();
+};
+
+// A file without a name that holds `content`, at its beginning.
+Fd FileWith(const std::string &content);

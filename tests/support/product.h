@@ -1,0 +1,62 @@
+// product.h -- the product installed in a sandbox, ready to run.
+//
+// CTest tells where the build has put the programs: LUMEN_OPENER, LUMEN_SERVICE, LUMEN_PROBE.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/process.h"
+
+inline const std::string kSocketPath = "/var/run/Zephrin Lumen Client Services.sock";
+inline const std::string kLockPath = "/var/run/Zephrin Lumen Client Services.lock";
+inline const std::string kServiceLogPath = "/var/run/Zephrin Lumen Client Services.log";
+inline const std::string kBundleLibrary = "/Applications/Zephrin Lumen Client.app/Contents/Library";
+inline const std::string kOpenerPath = kBundleLibrary + "/lumenClient-opener";
+inline const std::string kBundleDaemon = kBundleLibrary + "/Zephrin Lumen Client Services";
+inline const std::string kStagedDaemon =
+    "/Library/Application Support/Zephrin/Zephrin Calder Lumen/Services"
+    "/Contents/Library/Zephrin Lumen Client Services";
+inline const std::string kProbeReport = "/var/run/probe.report";  // of tests/system/probeDaemon.cpp
+inline constexpr uid_t kUser = 12345;
+
+// Copies the program that the build has put at the place which the environment variable `which`
+// names to `path`, with its folders; root's.
+void InstallProgram(const char *which, const std::string &path, mode_t mode = 0755);
+
+// The processes that were started as the program `path`, and those of the staged daemon.
+std::vector<pid_t> ProcessesOf(const std::string &path);
+std::vector<pid_t> Services();
+
+// The log of the reference service, without time stamps; and the line in it that tells of the end
+// of a delivered descriptor which held `content`, without its beginning "#N: ".
+std::string ServiceLog();
+std::string EndRecord(const std::string &content);
+bool ServiceRead(const std::string &content);
+
+// How to run the opener as an ordinary user.  `fd`, if not -1, is open in it as descriptor
+// `number`, which is its argument.
+Launch OpenerLaunch(int fd = -1, int number = 7);
+
+// Runs it to its end.
+struct Outcome {
+  int status;
+  std::string records;  // what it logged, without time stamps, after the line with its process id
+  bool operator==(const Outcome &) const = default;
+};
+Outcome OutcomeOf(const Launch &launch);
+Outcome Finish(Process *process);
+std::ostream &operator<<(std::ostream &out, const Outcome &outcome);
+
+// Starts each test with the product freshly installed, no service, no socket, no lock, no log.
+class ProductTest : public testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // As at the beginning of the test, within it.
+  static void Reset();
+};

@@ -1,0 +1,57 @@
+// probeDaemon.cpp -- installed in the service's place, it writes down what an opener has started it
+// with, and then becomes the service.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "fd.h"
+#include "tests/support/product.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// The rest of the line that begins with `name` in /proc/self/status.
+std::string StatusLine(const std::string &name) {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(name + ":\t")) return line.substr(name.size() + 2);
+  }
+  return "?";
+}
+
+// Descriptors and what is behind them; only the kind of sockets and pipes.
+std::map<int, std::string> OpenFiles() {
+  std::map<int, std::string> files;
+  for (const fs::directory_entry &entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const std::string target = fs::read_symlink(entry.path(), gone);
+    if (target.starts_with("/proc/")) continue;  // the loop's own
+    files[std::stoi(entry.path().filename())] = target.substr(0, target.find(":["));
+  }
+  return files;
+}
+
+}  // namespace
+
+int main(int argc, char *argv[], char *environment[]) {
+  const auto files = OpenFiles();
+  {
+    std::ofstream report(kProbeReport);
+    for (int i = 0; i < argc; i++) report << "argument " << argv[i] << "\n";
+    report << "directory " << fs::current_path().native() << "\n";
+    for (const char *name : {"Uid", "Umask", "SigBlk", "SigIgn"}) {
+      report << name << " " << StatusLine(name) << "\n";
+    }
+    report << "terminal " << (Fd(open("/dev/tty", O_RDWR)) ? "some" : "none") << "\n";
+    for (const auto &[number, target] : files) report << "fd " << number << " " << target << "\n";
+    for (char **entry = environment; *entry != nullptr; entry++) report << "env " << *entry << "\n";
+  }
+  execv(kBundleDaemon.c_str(), argv);
+  return 1;
+}
