@@ -1,7 +1,29 @@
-// utf8.h -- from 32-bit code units to UTF-8, piece by piece.
+// utf8.h -- from code points to UTF-8: one by one, and 32-bit code units piece by piece.
 #pragma once
 
 #include <cstdint>
+
+// Writes `codePoint`, below 0x110000, in the shortest form; a surrogate is encoded like another
+// value.  Returns where its bytes, 1 to 4, end.
+inline char *Utf8_Encode(uint32_t codePoint, char *to) {
+  const auto tail = [](uint32_t bits) { return static_cast<char>(0x80 | (bits & 0x3F)); };
+  if (codePoint < 0x80) {
+    *to++ = static_cast<char>(codePoint);
+    return to;
+  }
+  if (codePoint < 0x800) {
+    *to++ = static_cast<char>(0xC0 | codePoint >> 6);
+  } else if (codePoint < 0x10000) {
+    *to++ = static_cast<char>(0xE0 | codePoint >> 12);
+    *to++ = tail(codePoint >> 6);
+  } else {
+    *to++ = static_cast<char>(0xF0 | codePoint >> 18);
+    *to++ = tail(codePoint >> 12);
+    *to++ = tail(codePoint >> 6);
+  }
+  *to++ = tail(codePoint);
+  return to;
+}
 
 enum class Utf8Result {
   Ok = 0,

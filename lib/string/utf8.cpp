@@ -17,33 +17,6 @@ ptrdiff_t LengthOf(uint32_t unit) {
   return unit < 0x80 ? 1 : unit < 0x800 ? 2 : unit < 0x10000 ? 3 : 4;
 }
 
-char Continuation(uint32_t bits) {
-  return static_cast<char>(0x80 | (bits & 0x3F));
-}
-
-// Writes the `length` bytes of `unit`; returns where they end.
-char *Encode(uint32_t unit, ptrdiff_t length, char *to) {
-  switch (length) {
-    case 1:
-      *to++ = static_cast<char>(unit);
-      return to;
-    case 2:
-      *to++ = static_cast<char>(0xC0 | unit >> 6);
-      break;
-    case 3:
-      *to++ = static_cast<char>(0xE0 | unit >> 12);
-      *to++ = Continuation(unit >> 6);
-      break;
-    default:
-      *to++ = static_cast<char>(0xF0 | unit >> 18);
-      *to++ = Continuation(unit >> 12);
-      *to++ = Continuation(unit >> 6);
-      break;
-  }
-  *to++ = Continuation(unit);
-  return to;
-}
-
 }  // namespace
 
 template <typename Unit>
@@ -59,7 +32,7 @@ Utf8Result Utf8_FromUtf32(const Unit **source, const Unit *sourceEnd, char **tar
     const ptrdiff_t length = LengthOf(unit);
     if (length > targetEnd - *target) return Utf8Result::TargetExhausted;
     if (illegal) result = Utf8Result::SourceIllegal;
-    *target = Encode(unit, length, *target);
+    *target = Utf8_Encode(unit, *target);
   }
   return result;
 }
