@@ -1,0 +1,149 @@
+// crowd_test.cpp -- many openers at the same moment, with nobody listening; and the same while some
+// of them are being killed.  LUMEN_ROUNDS is how often (3 if not set).
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/support/product.h"
+
+namespace {
+
+constexpr int kCrowd = 64;
+
+int Rounds() {
+  const char *const rounds = getenv("LUMEN_ROUNDS");
+  return rounds == nullptr ? 3 : std::max(1, atoi(rounds));
+}
+
+size_t Count(const std::string &text, const std::string &part) {
+  size_t count = 0;
+  for (size_t at = 0; (at = text.find(part, at)) != text.npos; at += part.size()) count++;
+  return count;
+}
+
+std::string Token(int round, int number) {
+  return "round " + std::to_string(round) + ", opener " + std::to_string(number);
+}
+
+// Openers that wait for a gate, each with a token of its own.
+class Crowd {
+  Pipe gate_;
+  std::vector<std::unique_ptr<Process>> openers_;
+
+ public:
+  explicit Crowd(int round, int size = kCrowd) {
+    for (int i = 0; i < size; i++) {
+      const Fd token = FileWith(Token(round, i));
+      Launch launch = OpenerLaunch(token.Get());
+      const auto openArgument = launch.adjust;
+      launch.adjust = [&] {
+        openArgument();
+        // The end of file comes when nobody has the write end any more.
+        gate_.write.Reset();
+        char ignored;
+        if (read(gate_.read.Get(), &ignored, 1) != 0) _exit(125);
+      };
+      openers_.push_back(std::make_unique<Process>(launch));
+    }
+  }
+  void Open() { gate_.write.Reset(); }
+  Process &operator[](size_t i) { return *openers_[i]; }
+  size_t Size() const { return openers_.size(); }
+};
+
+using CrowdTest = ProductTest;
+
+TEST_F(CrowdTest, StartsOneServiceThatServesAll) {
+  for (int round = 0; round < Rounds(); round++) {
+    Reset();
+    Crowd crowd(round);
+    crowd.Open();
+    int succeeded = 0;
+    for (size_t i = 0; i < crowd.Size(); i++) {
+      const Outcome outcome = Finish(&crowd[i]);
+      EXPECT_EQ((Outcome{0, ""}), outcome) << Token(round, static_cast<int>(i));
+      succeeded += outcome.status == 0;
+    }
+    size_t delivered = 0;
+    for (int i = 0; i < kCrowd; i++) {
+      EXPECT_TRUE(ServiceRead(Token(round, i)));
+      delivered += Count(ServiceLog(), EndRecord(Token(round, i)));
+    }
+    EXPECT_EQ(1U, Services().size());
+    EXPECT_EQ(1U, Count(ServiceLog(), "Started: "));
+    EXPECT_EQ(size_t{kCrowd}, delivered);
+    printf("round %d: %d openers, %d succeeded, %zu services, %zu tokens\n", round, kCrowd,
+           succeeded, Services().size(), delivered);
+  }
+}
+
+// Whoever is killed while it prepares the service leaves its place to another one.  A crowd is over
+// within milliseconds, so that is the range for the moments.
+TEST_F(CrowdTest, SurvivesTheDeathOfAnyOfThem) {
+  std::mt19937 random(20201);
+  for (int round = 0; round < 4 * Rounds(); round++) {
+    Reset();
+    Crowd crowd(round);
+    crowd.Open();
+    std::vector<bool> killed(crowd.Size(), false);
+    for (size_t i = 0; i < crowd.Size() / 2; i++) {
+      usleep(static_cast<useconds_t>(random() % 1500));
+      const size_t victim = random() % crowd.Size();
+      if (killed[victim] || !crowd[victim].Running()) continue;
+      crowd[victim].Signal(SIGKILL);
+      killed[victim] = true;
+    }
+    int dead = 0, succeeded = 0;
+    for (size_t i = 0; i < crowd.Size(); i++) {
+      const Outcome outcome = Finish(&crowd[i]);
+      // The signal may have come after the opener's last step.
+      if (killed[i] && outcome.status == 128 + SIGKILL) {
+        dead++;
+        continue;
+      }
+      EXPECT_EQ((Outcome{0, ""}), outcome) << Token(round, static_cast<int>(i));
+      EXPECT_TRUE(ServiceRead(Token(round, static_cast<int>(i))));
+      succeeded++;
+    }
+    EXPECT_EQ((Outcome{0, ""}), OutcomeOf(OpenerLaunch(FileWith("the next one").Get())));
+    EXPECT_TRUE(ServiceRead("the next one"));
+    EXPECT_EQ(1U, Services().size());
+    printf("round %d: %d killed, %d succeeded, %zu services started\n", round, dead, succeeded,
+           Count(ServiceLog(), "Started: "));
+  }
+}
+
+// The one that has found nobody listening dies somewhere between its first step and its last, while
+// others already wait in the queue of its socket.
+TEST_F(CrowdTest, SurvivesTheDeathOfTheOneThatStartsTheService) {
+  std::mt19937 random(20202);
+  int beforeService = 0, afterService = 0;
+  for (int round = 0; round < 20 * Rounds(); round++) {
+    Reset();
+    Crowd crowd(round, 8);
+    Process leader(OpenerLaunch(FileWith("leader").Get()));
+    usleep(static_cast<useconds_t>(random() % 1000));
+    crowd.Open();
+    usleep(static_cast<useconds_t>(random() % 4000));
+    leader.Signal(SIGKILL);
+    (Services().empty() ? beforeService : afterService)++;
+    leader.Wait();
+    for (size_t i = 0; i < crowd.Size(); i++) {
+      EXPECT_EQ((Outcome{0, ""}), Finish(&crowd[i]));
+      EXPECT_TRUE(ServiceRead(Token(round, static_cast<int>(i))));
+    }
+    EXPECT_EQ(1U, Services().size());
+  }
+  printf("killed before there was a service: %d times, after: %d times\n", beforeService,
+         afterService);
+}
+
+}  // namespace

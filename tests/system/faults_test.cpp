@@ -1,0 +1,250 @@
+// faults_test.cpp -- every system call on the way of a hand-off fails once, in the opener as
+// installed: strace(1) injects the error into the running set-user-ID program.
+//
+// A row names a call by its position among those of its name after the opener's first record; what
+// the C library does before that is not counted.  A run without faults shows which calls there are,
+// and a call without a row fails the test.  An injected call does not happen: a descriptor whose
+// close "fails" stays open, so the close that ends a pipe somebody reads has no row.
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <set>
+#include <span>
+#include <sstream>
+
+#include "tests/support/product.h"
+#include "tests/support/scratchDir.h"
+
+namespace {
+
+const std::string kTracePath = "/run/trace";
+const std::string kStrace = "/usr/bin/strace";
+
+struct Row {
+  const char *call;
+  int nth;
+  int error;
+  int status;
+  const char *records;  // {errno}, and {fd} for the first argument of the call
+};
+
+#define PICK(what) "Warning: ServiceImplPickSockSide: " what " errno {errno}.\n"
+#define CLOSE "Warning: ServiceImplClose: close {fd} errno {errno}.\n"
+#define DAEMONIZE(what) "Warning: Hostinfo_Daemonize: " what "{errno}.\n"
+
+// With a service running: from the first record to the end.
+constexpr Row kClientRows[] = {
+    {"setresuid", 1, EAGAIN, 1,
+     // Only warned of; the user then may not open the lock file.
+     "Warning: ServiceImpl_PrivRaise: seteuid errno {errno}.\n"
+     "Warning: ServiceImplPickSockSide: open errno {EACCES}.\n"},
+    {"socket", 1, EMFILE, 1, PICK("socket")},
+    {"openat", 1, EMFILE, 1, PICK("open")},
+    {"flock", 1, EINTR, 1, PICK("open")},
+    {"connect", 1, EACCES, 1, PICK("connect")},
+    {"connect", 1, EINTR, 1, PICK("connect")},
+    {"close", 1, EIO, 1, CLOSE},
+    // Only warned of: the exchange works as root, too.
+    {"setresuid", 2, EAGAIN, 0, "Warning: ServiceImpl_PrivLower: seteuid errno {errno}.\n"},
+    {"getsockopt", 1, ENOBUFS, 1, "Warning: ServiceImplOpener: setsockopt errno {errno}.\n"},
+    {"read", 1, EIO, 1, "Warning: ServiceImplReadOne: read errno {errno}.\n"},
+    {"read", 1, EINTR, 1, "Warning: ServiceImplReadOne: read errno {errno}.\n"},
+    {"read", 1, ECONNRESET, 0, ""},  // a listener that has gone: begin again
+    {"sendmsg", 1, EIO, 1, "Warning: ServiceImplSendFd: sendmsg errno {errno}.\n"},
+    {"sendmsg", 1, EPIPE, 1, ""},  // a service that has gone
+    {"read", 2, EIO, 1, "Warning: ServiceImplReadOne: read errno {errno}.\n"},
+    {"read", 2, ECONNRESET, 1, ""},
+    {"close", 2, EIO, 1, CLOSE},
+};
+
+// Without a service: from the first record to the beginning of the second pass.
+constexpr Row kServerRows[] = {
+    {"setresuid", 1, EAGAIN, 1,
+     "Warning: ServiceImpl_PrivRaise: seteuid errno {errno}.\n"
+     "Warning: ServiceImplPickSockSide: open errno {EACCES}.\n"},
+    {"socket", 1, ENFILE, 1, PICK("socket")},
+    {"openat", 1, ENOSPC, 1, PICK("open")},
+    {"flock", 1, ENOLCK, 1, PICK("open")},
+    {"connect", 1, ENOBUFS, 1, PICK("connect")},
+    {"unlink", 1, EROFS, 1, PICK("unlink")},
+    {"bind", 1, ENOSPC, 1, PICK("bind")},
+    {"chmod", 1, EPERM, 1, PICK("chmod")},
+    {"listen", 1, EADDRINUSE, 1, PICK("listen")},
+    {"close", 1, EIO, 1, CLOSE},  // of the lock file
+    {"setresuid", 2, EAGAIN, 0, "Warning: ServiceImpl_PrivLower: seteuid errno {errno}.\n"},
+    {"getsockopt", 1, ENOBUFS, 1, "Warning: ServiceImplOpener: setsockopt errno {errno}.\n"},
+    {"pipe2", 1, EMFILE, 1, "Warning: ServiceImplDaemonStart: pipe errno {errno}.\n"},
+    // The service starts without root's rights; the second pass has none to raise to.
+    {"setresuid", 3, EAGAIN, 1,
+     "Warning: ServiceImpl_PrivRaise: seteuid errno {errno}.\n"
+     "Warning: ServiceImplPickSockSide: open errno {EACCES}.\n"},
+    {"pipe2", 2, ENFILE, 1, DAEMONIZE("Couldn't create pipe, error ")},
+    {"fcntl", 1, EIO, 1, DAEMONIZE("Couldn't set close-on-exec for fd {fd}, error ")},
+    {"clone", 1, EAGAIN, 1, DAEMONIZE("Couldn't fork first child, error ")},
+    // The error pipe tells the outcome all the same, and only an error that it tells counts.
+    {"wait4", 1, EINTR, 0, ""},
+    {"wait4", 1, ECHILD, 0, ""},
+    {"read", 1, EINTR, 0, ""},
+    {"read", 1, EIO, 0, ""},
+    {"close", 3, EIO, 0, ""},
+    {"setresuid", 4, EAGAIN, 0, "Warning: ServiceImpl_PrivLower: seteuid errno {errno}.\n"},
+    {"close", 4, EIO, 1, CLOSE},  // of the status pipe's read end
+    {"close", 5, EIO, 1, CLOSE},  // of the listening socket
+};
+
+// In the children of the start; these names occur in no other place, or harmlessly.
+constexpr Row kChildRows[] = {
+    {"setsid", 1, EPERM, 1,
+     DAEMONIZE("Couldn't create new session, error ") "Warning: Hostinfo_Daemonize: Child N exited "
+                                                      "with error 1.\n"},
+    {"chdir", 1, EACCES, 1,
+     DAEMONIZE("Couldn't chdir to /, error ") "Warning: Hostinfo_Daemonize: Child could not exec "
+                                              "{daemon}, read 4, error {errno}.\n"},
+    // What follows is done as far as it goes.
+    {"setitimer", 2, EINVAL, 0, ""},
+    {"rt_sigaction", 15, EINVAL, 0, ""},
+    {"close_range", 1, ENOSYS, 0, ""},
+    {"rt_sigprocmask", 1, EINVAL, 0, ""},
+    {"dup2", 2, EBUSY, 0, ""},
+};
+
+// Calls that cannot fail, change nothing when they do, or belong to the log.
+const std::set<std::string> kWithoutRow = {"geteuid", "getuid", "write", "exit_group", "brk"};
+
+using Position = std::pair<std::string, int>;
+
+// The calls of one process, as strace writes them.
+struct Trace {
+  std::map<std::string, int> before;      // how often, up to the first record
+  std::map<Position, std::string> calls;  // after it, with their first arguments
+  std::vector<Position> order;
+
+  explicit Trace(const std::string &text) {
+    static const std::regex call(R"(^(\w+)\(([^,)]*).*)");
+    std::istringstream lines(text);
+    std::map<std::string, int> after;
+    bool started = false;
+    for (std::string line; std::getline(lines, line);) {
+      std::smatch match;
+      if (!std::regex_match(line, match, call)) continue;
+      if (!started) {
+        before[match[1]]++;
+        started = line.find("ServiceImpl_Opener: PID") != line.npos;
+        continue;
+      }
+      order.emplace_back(match[1], ++after[match[1]]);
+      calls[order.back()] = match[2];
+    }
+  }
+};
+
+void Replace(std::string *text, const std::string &part, const std::string &with) {
+  for (size_t at; (at = text->find(part)) != text->npos;) text->replace(at, part.size(), with);
+}
+
+std::string ExpectedRecords(const Row &row, const Trace &trace) {
+  std::string text = row.records;
+  const auto call = trace.calls.find({row.call, row.nth});
+  Replace(&text, "{fd}", call == trace.calls.end() ? "" : call->second);
+  Replace(&text, "{errno}", std::to_string(row.error));
+  Replace(&text, "{EACCES}", std::to_string(EACCES));
+  Replace(&text, "{daemon}", kStagedDaemon);
+  return text;
+}
+
+class Faults : public ProductTest {
+ protected:
+  void SetUp() override {
+    ProductTest::SetUp();
+    ASSERT_EQ(0, access(kStrace.c_str(), X_OK)) << "strace is needed";
+  }
+
+  // An opener under strace, which must itself be root to leave the set-user-ID bit in force.
+  static Launch Traced(std::vector<std::string> options) {
+    static const Fd file = FileWith("traced");
+    lseek(file.Get(), 0, SEEK_SET);
+    Launch launch = OpenerLaunch(file.Get());
+    launch.user = 0;
+    std::vector<std::string> command = {kStrace, "-u", "nobody", "-o", kTracePath};
+    command.insert(command.end(), options.begin(), options.end());
+    launch.argv.insert(launch.argv.begin(), command.begin(), command.end());
+    return launch;
+  }
+
+  static Trace Baseline() {
+    EXPECT_EQ((Outcome{0, ""}), OutcomeOf(Traced({})));
+    return Trace(ReadFile(kTracePath));
+  }
+
+  static void ExpectRowForEachCall(const Trace &trace, std::span<const Row> rows, size_t upTo) {
+    for (size_t i = 0; i < upTo; i++) {
+      const auto &[call, nth] = trace.order[i];
+      if (kWithoutRow.contains(call)) continue;
+      EXPECT_TRUE(std::ranges::any_of(
+          rows, [&](const Row &row) { return row.call == call && row.nth == nth; }))
+          << call << ", number " << nth << ", has no row";
+    }
+  }
+
+  static void ExpectNothingHeld() {
+    const Fd lock(open(kLockPath.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
+    EXPECT_EQ(0, flock(lock.Get(), LOCK_EX | LOCK_NB)) << strerrorname_np(errno);
+  }
+
+  // `before`: how many calls of that name the opener makes before its first record.
+  static void ExpectFault(const Row &row, const Trace &trace, int before,
+                          std::vector<std::string> options) {
+    const std::string call = row.call;
+    options.insert(options.end(), {"-e", "inject=" + call + ":error=" + strerrorname_np(row.error) +
+                                             ":when=" + std::to_string(before + row.nth)});
+    SCOPED_TRACE(options.back());
+    Outcome outcome = OutcomeOf(Traced(options));
+    outcome.records =
+        std::regex_replace(outcome.records, std::regex(R"(Child \d+ exited)"), "Child N exited");
+    EXPECT_EQ((Outcome{row.status, ExpectedRecords(row, trace)}), outcome);
+    EXPECT_NE(std::string::npos, ReadFile(kTracePath).find("(INJECTED)"))
+        << "the fault did not come";
+    ExpectNothingHeld();
+    EXPECT_EQ((Outcome{0, ""}), OutcomeOf(OpenerLaunch(FileWith("").Get())));
+    EXPECT_EQ(1U, Services().size());
+  }
+};
+
+TEST_F(Faults, OfTheClient) {
+  ASSERT_EQ((Outcome{0, ""}), OutcomeOf(OpenerLaunch(FileWith("").Get())));
+  Trace trace = Baseline();
+  ExpectRowForEachCall(trace, kClientRows, trace.order.size());
+  for (const Row &row : kClientRows) ExpectFault(row, trace, trace.before[row.call], {});
+}
+
+TEST_F(Faults, OfTheServer) {
+  Trace trace = Baseline();
+  const auto secondPass = std::ranges::find(trace.order, Position{"setresuid", 5});
+  ASSERT_NE(trace.order.end(), secondPass);
+  std::vector<Row> rows(std::begin(kServerRows), std::end(kServerRows));
+  rows.push_back({"close", 2, EIO, 0, ""});  // see above: only to say that there is such a call
+  ExpectRowForEachCall(trace, rows, static_cast<size_t>(secondPass - trace.order.begin()));
+  for (const Row &row : kServerRows) {
+    Reset();
+    ExpectFault(row, trace, trace.before[row.call], {});
+  }
+}
+
+TEST_F(Faults, OfTheChildrenThatBecomeTheService) {
+  const Trace trace("");
+  for (const Row &row : kChildRows) {
+    Reset();
+    // Up to exec; each process has a count of its own.
+    ExpectFault(row, trace, 0, {"-f", "--detach-on=execve"});
+  }
+}
+
+}  // namespace
