@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "heap.h"
 #include "tests/support/capture.h"
@@ -51,44 +50,29 @@ class Copies {
   }
 };
 
-TEST(Location, TablesHoldTheLayoutOfTheBundle) {
-  static constexpr std::pair<const char *, const char *> kRows[] = {
-      {"rootDir", ""},
-      {"serviceDaemonFile", "/Contents/Library/Zephrin Lumen Client Services"},
-      {"serviceScriptFile", "/Contents/Library/services.sh"},
-      {"productInfo", "/Contents/Library/productInfo"},
-      {"usbarbFile", "/Contents/Library/zephrin-usbarbitrator"},
-      {"usbarbKext", "/Contents/Library/kexts/zioplug.kext"},
-      {"sslDir", "/Contents/Frameworks"},
-      {"frameworkDir", "/Contents/Frameworks"},
-  };
-  const Copies copies;
-  const std::string opener = copies.At("/Client.app/Contents/Library/opener");
-  for (const auto &[key, relative] : kRows) {
-    EXPECT_STREQ(relative, LocationGetRelative(key));
-    EXPECT_EQ(copies.Root() + "/Client.app" + relative + "\n",
-              LookUpFrom(opener, "lumenClient-opener", key));
-  }
-  for (const char *const unknown : {"libdir", "msgDir", "RootDir", "rootDir ", ""}) {
-    EXPECT_EQ(nullptr, LocationGetRelative(unknown));
-    const std::string log = CaptureOutput([&] { EXPECT_EQ(nullptr, LocationGetRoot(unknown)); });
-    EXPECT_EQ("", log);
-  }
-  EXPECT_STREQ("/Library/Application Support/Zephrin/Zephrin Calder Lumen",
-               Location_GetInstallRoot());
-  EXPECT_EQ(&LocationGetRoot, Location_GetLookupFunction());
-}
-
-TEST(Location, GoesUpAsFarAsTheTagSays) {
+TEST(Location, FindsTheFilesOfItsBundle) {
   const Copies copies;
   const std::string program = copies.At("/1/2/3/4/5/6/program");
-  const auto root = [&](const char *tag) { return LookUpFrom(program, tag, "rootDir"); };
-  EXPECT_EQ(copies.Root() + "/1/2/3/4\n", root("lumenClient-daemon"));
-  EXPECT_EQ(copies.Root() + "/1/2/3/4\n", root("lumenClient-opener"));
-  EXPECT_EQ(copies.Root() + "/1\n", root("lumen-remotedisplay-bundle"));
   const std::string link = copies.Root() + "/link";
   std::filesystem::create_symlink(program, link);
-  EXPECT_EQ(copies.Root() + "/1/2/3/4\n", LookUpFrom(link, "lumenClient-opener", "rootDir"));
+  struct {
+    std::string path;
+    const char *tag, *key;
+    std::string expected;
+  } const rows[] = {
+      {program, "lumenClient-daemon", "rootDir", copies.Root() + "/1/2/3/4"},
+      {program, "lumenClient-opener", "usbarbKext",
+       copies.Root() + "/1/2/3/4/Contents/Library/kexts/zioplug.kext"},
+      {program, "lumen-remotedisplay-bundle", "rootDir", copies.Root() + "/1"},
+      {link, "lumenClient-opener", "frameworkDir", copies.Root() + "/1/2/3/4/Contents/Frameworks"},
+      {program, "lumenClient-opener", "libdir", "null"},
+      {program, "lumenClient-opener", "RootDir", "null"},
+  };
+  for (const auto &row : rows) {
+    EXPECT_EQ(row.expected + "\n", LookUpFrom(row.path, row.tag, row.key));
+  }
+  EXPECT_EQ(nullptr, LocationGetRelative("libdir"));
+  EXPECT_STREQ("", LocationGetRelative("rootDir"));
 }
 
 TEST(Location, StopsAtTheRootOfTheFileSystem) {
