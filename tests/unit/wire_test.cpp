@@ -98,7 +98,7 @@ TEST(SendFd, IsSilentOnlyAboutAPeerThatHasGone) {
 }
 
 TEST(RecvFd, RefusesAndClosesWhatIsNotExactlyOneDescriptor) {
-  for (const size_t count : {0, 2, 3, 20}) {
+  for (const size_t count : {0U, 2U, 3U, 20U}) {
     const Pair pair;
     SendMany(pair.a.Get(), "g", STDIN_FILENO, count);
     const size_t before = OpenDescriptors();
