@@ -68,7 +68,7 @@ std::string ServiceLog() {
 
 std::string EndRecord(const std::string &content) {
   uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
-  for (const unsigned char c : content) hash = (hash ^ c) * 0x100000001b3;
+  for (const char c : content) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
   char line[100];
   snprintf(line, sizeof line, ": end after %zu bytes, FNV-1a %016" PRIx64 ", ", content.size(),
            hash);
