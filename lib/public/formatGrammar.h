@@ -15,7 +15,7 @@
 #pragma once
 
 #include <cstdint>
-#include <string_view>
+#include <cstring>
 
 // What a conversion does with its argument.
 enum class FormatKind : uint8_t {
@@ -35,9 +35,9 @@ enum class FormatKind : uint8_t {
 // The normalised size modifier; D O U C S have Long unless the modifier says more.
 enum class FormatSize : uint8_t {
   None,
+  Int,       // I32
   Char,      // hh
   Short,     // h
-  Int,       // I32
   Long,      // l
   LongLong,  // ll q L I64
   IntMax,    // j
@@ -51,13 +51,14 @@ constexpr bool FormatSize_IsWide(FormatSize size) {
 }
 
 enum FormatFlag : uint8_t {
-  kFormatAlternate = 1,   // #
-  kFormatLeft = 2,        // -
-  kFormatZero = 4,        // 0
-  kFormatPlus = 8,        // +
-  kFormatBlank = 16,      // blank
-  kFormatGrouping = 32,   // '
-  kFormatPositions = 64,  // a `$` was met
+  kFormatAlternate = 1,    // #
+  kFormatLeft = 2,         // -
+  kFormatZero = 4,         // 0
+  kFormatPlus = 8,         // +
+  kFormatBlank = 16,       // blank
+  kFormatGrouping = 32,    // '
+  kFormatStar = 64,        // width or precision is an argument
+  kFormatPositions = 128,  // a `$` was met
 };
 
 // A width or precision.
@@ -75,17 +76,22 @@ struct FormatConversion {
   int position = 0;       // of the argument, from 1; 0 meaning the next in turn
   FormatCount width;
   FormatCount precision;
-  std::string_view text;          // the conversion, from its `%` to its character
-  std::string_view positionText;  // the digits of the position; empty when there is none
+  const char *positionDigits = nullptr;  // in the format; null when there is no position
 
   bool Has(FormatFlag flag) const { return (flags & flag) != 0; }
+  bool HasPrecision() const { return precision.source != FormatCount::Absent; }
 };
 
 // The first `%` at or after `at`, or the format's end.
 [[nodiscard]] inline const char *FormatGrammar_Find(const char *at) {
-  while (*at != '%' && *at != '\0') ++at;
-  return at;
+  // Most literals are shorter than what a call costs.
+  for (int i = 0; i < 8; ++i, ++at) {
+    if (*at == '%' || *at == '\0') return at;
+  }
+  const char *const percent = strchr(at, '%');
+  return percent != nullptr ? percent : at + strlen(at);
 }
 
-// Takes apart the conversion whose `%` is at `percent`; returns where the format goes on.
+// Takes apart the conversion whose `%` is at `percent`; returns where it ends and the format goes
+// on.
 [[nodiscard]] const char *FormatGrammar_Parse(const char *percent, FormatConversion *conversion);

@@ -27,10 +27,9 @@ void FormatAll(FormatSink &sink, FormatLocale &locale, const char *format, Forma
     FormatConversion conversion;
     at = FormatGrammar_Parse(percent, &conversion);
     if (conversion.kind == FormatKind::End) return;
-    FormatField field;
-    FormatValue value{};
-    if (!binder.Bind(conversion, &field, &value)) return sink.Fail();
-    FormatConvert(sink, locale, field, value);
+    FormatValue value;
+    if (!binder.Bind(&conversion, &value)) return sink.Fail();
+    FormatConvert(sink, locale, conversion, value);
   }
 }
 
@@ -61,20 +60,20 @@ const FormatNumerals &FormatLocale::Get() noexcept {
 
 int bsd_vsnprintf(char **output, size_t size, const char *format, va_list args) {
   FormatLocale locale;
-  FormatBinder binder(format, args);
+  FormatBinder binder(format, &args);
   return FormatTo(output, size, format, locale, binder);
 }
 
 int bsd_vsnprintf_posix_locale(char **output, size_t size, const char *format, va_list args) {
   FormatLocale locale(kFormatPosixNumerals);
-  FormatBinder binder(format, args);
+  FormatBinder binder(format, &args);
   return FormatTo(output, size, format, locale, binder);
 }
 
 int bsd_vsnprintf_core(char **output, const char *grouping, char thousandsSeparator,
                        const char *decimalPoint, size_t size, const char *format, va_list args) {
   FormatLocale locale({decimalPoint, grouping, thousandsSeparator});
-  FormatBinder binder(format, args);
+  FormatBinder binder(format, &args);
   return FormatTo(output, size, format, locale, binder);
 }
 

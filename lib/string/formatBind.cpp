@@ -26,7 +26,11 @@ class TypeTable {
   }
 
   size_t Last() const { return last_; }
-  FormatArgType At(size_t position) const { return types_[position]; }
+
+  // A position that the format passes over counts as an int.
+  FormatArgType At(size_t position) const {
+    return types_[position] == FormatArgType::None ? FormatArgType::Int : types_[position];
+  }
 
  private:
   void Grow(size_t position) {
@@ -43,39 +47,6 @@ class TypeTable {
   }
 };
 
-FormatArgType IntegerType(FormatSize size) {
-  switch (size) {
-    case FormatSize::None:
-    case FormatSize::Char:
-    case FormatSize::Short:
-    case FormatSize::Int:
-      return FormatArgType::Int;
-    default:
-      return FormatArgType::Int64;
-  }
-}
-
-FormatArgType TypeOf(const FormatConversion &conversion) {
-  switch (conversion.kind) {
-    case FormatKind::Signed:
-    case FormatKind::Unsigned:
-    case FormatKind::Octal:
-    case FormatKind::Hex:
-      return IntegerType(conversion.size);
-    case FormatKind::Char:
-      return FormatArgType::Int;
-    case FormatKind::Float:
-      return conversion.size == FormatSize::LongLong ? FormatArgType::LongDouble
-                                                     : FormatArgType::Double;
-    case FormatKind::String:
-    case FormatKind::Pointer:
-    case FormatKind::Count:
-      return FormatArgType::Pointer;
-    default:
-      return FormatArgType::None;
-  }
-}
-
 void ReadTypes(const char *format, TypeTable *types) {
   FormatTurn turn;
   for (const char *at = format; *(at = FormatGrammar_Find(at)) != '\0';) {
@@ -86,86 +57,39 @@ void ReadTypes(const char *format, TypeTable *types) {
       if (count.source != FormatCount::Argument) continue;
       types->Record(turn.OfCount(count.number), FormatArgType::Int);
     }
-    const FormatArgType type = TypeOf(c);
+    const FormatArgType type = FormatArgTypeOf(c);
     if (type != FormatArgType::None) types->Record(turn.OfValue(c.position), type);
   }
 }
 
-// A position that the format never names is passed over as an int.
-FormatValue FetchNext(FormatArgList &args, FormatArgType type) {
-  FormatValue value{};
-  switch (type) {
-    case FormatArgType::None:
-    case FormatArgType::Int:
-      value.integer = va_arg(args.list, int);
-      break;
-    case FormatArgType::Int64:
-      value.integer = va_arg(args.list, int64_t);
-      break;
-    case FormatArgType::Pointer:
-      value.pointer = va_arg(args.list, const void *);
-      break;
-    case FormatArgType::Double:
-      value.real = va_arg(args.list, double);
-      break;
-    case FormatArgType::LongDouble:
-      value.real = static_cast<double>(va_arg(args.list, long double));
-      break;
-  }
-  return value;
-}
-
 }  // namespace
 
-FormatBinder::FormatBinder(const char *format, va_list args) : format_(format) {
-  va_copy(first_.list, args);
-  va_copy(next_.list, args);
-}
-
-FormatBinder::FormatBinder(std::span<const FormatValue> values)
-    : positional_(true), values_(values) {}
-
-FormatBinder::~FormatBinder() {
-  if (format_ == nullptr) return;
-  va_end(first_.list);
-  va_end(next_.list);
-}
-
-bool FormatBinder::Bind(const FormatConversion &conversion, FormatField *field,
-                        FormatValue *value) {
-  if (conversion.Has(kFormatPositions) && !positional_ && !SwitchToPositions()) return false;
-  field->kind = conversion.kind;
-  field->size = conversion.size;
-  field->flags = conversion.flags;
-  field->character = conversion.character;
-  if (!FetchCount(conversion.width, 0, &field->width)) return false;
-  if (field->width < 0) {
-    field->flags |= kFormatLeft;
-    field->width = field->width == INT_MIN ? INT_MAX : -field->width;
-  }
-  if (!FetchCount(conversion.precision, -1, &field->precision)) return false;
-  const FormatArgType type = TypeOf(conversion);
-  return type == FormatArgType::None || Fetch(type, turn_.OfValue(conversion.position), value);
+bool FormatBinder::BindByRule(FormatConversion *conversion, FormatValue *value) {
+  if (conversion->Has(kFormatPositions) && next_ != nullptr && !SwitchToPositions()) return false;
+  if (conversion->Has(kFormatStar) && !FetchCounts(conversion)) return false;
+  const FormatArgType type = FormatArgTypeOf(*conversion);
+  return type == FormatArgType::None || Fetch(type, turn_.OfValue(conversion->position), value);
 }
 
 bool FormatBinder::SwitchToPositions() {
   TypeTable types;
   ReadTypes(format_, &types);
+  FormatArgList first = first_;
   FormatValue *values = inFrame_;
   if (types.Last() > std::size(inFrame_)) {
     inHeap_ = Heap_Array<FormatValue>(types.Last());
     if (!inHeap_) return false;
     values = inHeap_.get();
   }
-  for (size_t i = 0; i < types.Last(); ++i) values[i] = FetchNext(first_, types.At(i + 1));
+  for (size_t i = 0; i < types.Last(); ++i) values[i] = FormatFetch(&first, types.At(i + 1));
   values_ = {values, types.Last()};
-  positional_ = true;
+  next_ = nullptr;
   return true;
 }
 
 bool FormatBinder::Fetch(FormatArgType type, size_t position, FormatValue *value) {
-  if (!positional_) {
-    *value = FetchNext(next_, type);
+  if (next_ != nullptr) {
+    *value = FormatFetch(next_, type);
     return true;
   }
   if (position > values_.size()) return false;
@@ -173,13 +97,23 @@ bool FormatBinder::Fetch(FormatArgType type, size_t position, FormatValue *value
   return true;
 }
 
-bool FormatBinder::FetchCount(const FormatCount &count, int absent, int *number) {
-  if (count.source != FormatCount::Argument) {
-    *number = count.source == FormatCount::Literal ? count.number : absent;
-    return true;
+bool FormatBinder::FetchCounts(FormatConversion *conversion) {
+  FormatCount *const width = &conversion->width;
+  if (!FetchCount(width)) return false;
+  if (width->number < 0) {
+    conversion->flags |= kFormatLeft;
+    width->number = width->number == INT_MIN ? INT_MAX : -width->number;
   }
+  FormatCount *const precision = &conversion->precision;
+  if (!FetchCount(precision)) return false;
+  if (precision->number < 0) *precision = {};
+  return true;
+}
+
+bool FormatBinder::FetchCount(FormatCount *count) {
+  if (count->source != FormatCount::Argument) return true;
   FormatValue value;
-  if (!Fetch(FormatArgType::Int, turn_.OfCount(count.number), &value)) return false;
-  *number = static_cast<int>(value.integer);
+  if (!Fetch(FormatArgType::Int, turn_.OfCount(count->number), &value)) return false;
+  *count = {FormatCount::Literal, static_cast<int>(value.integer)};
   return true;
 }

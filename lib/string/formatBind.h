@@ -9,26 +9,35 @@
 #include <cstdarg>
 #include <cstddef>
 #include <span>
+#include <type_traits>
 
 #include "bsd_vsnprintf.h"
 #include "formatGrammar.h"
 #include "heap.h"
 
-// How an argument is passed.
+// How an argument is passed; None for a conversion without one.
 enum class FormatArgType : uint32_t { None, Int, Int64, Pointer, Double, LongDouble };
 
-// A conversion with its numbers resolved.
-struct FormatField {
-  FormatKind kind;
-  FormatSize size;
-  uint8_t flags;
-  char character;
-  int width;
-  int precision;  // negative when there is none
-
-  bool Has(FormatFlag flag) const { return (flags & flag) != 0; }
-  bool IsWide() const { return FormatSize_IsWide(size); }
-};
+inline FormatArgType FormatArgTypeOf(const FormatConversion &conversion) {
+  const FormatSize size = conversion.size;
+  switch (conversion.kind) {
+    case FormatKind::String:
+    case FormatKind::Pointer:
+    case FormatKind::Count:
+      return FormatArgType::Pointer;
+    case FormatKind::Signed:
+    case FormatKind::Unsigned:
+    case FormatKind::Octal:
+    case FormatKind::Hex:
+      return size <= FormatSize::Short ? FormatArgType::Int : FormatArgType::Int64;
+    case FormatKind::Char:
+      return FormatArgType::Int;
+    case FormatKind::Float:
+      return size == FormatSize::LongLong ? FormatArgType::LongDouble : FormatArgType::Double;
+    default:
+      return FormatArgType::None;
+  }
+}
 
 // The positions that arguments without one of their own take.
 class FormatTurn {
@@ -43,35 +52,63 @@ class FormatTurn {
   }
 };
 
-// An argument list that keeps its place when it is handed on by reference.
-struct FormatArgList {
-  va_list list;
-};
+// A va_list as a parameter is: on some hosts the list itself, on others a pointer to it.
+using FormatArgList = std::decay_t<va_list>;
+
+inline FormatValue FormatFetch(FormatArgList *args, FormatArgType type) {
+  FormatValue value{};
+  if (type == FormatArgType::Pointer) {
+    value.pointer = va_arg(*args, const void *);
+  } else if (type == FormatArgType::Int) {
+    value.integer = va_arg(*args, int);
+  } else if (type == FormatArgType::Int64) {
+    value.integer = va_arg(*args, int64_t);
+  } else if (type == FormatArgType::Double) {
+    value.real = va_arg(*args, double);
+  } else if (type == FormatArgType::LongDouble) {
+    value.real = static_cast<double>(va_arg(*args, long double));
+  }
+  return value;
+}
 
 class FormatBinder {
-  const char *format_ = nullptr;  // null when the values were there from the start
-  FormatArgList first_;           // where the arguments begin
-  FormatArgList next_;            // where they go on
+  const char *format_;
+  FormatArgList *next_ = nullptr;  // where the arguments go on; null when all values are there
+  va_list first_;                  // where they began
   FormatTurn turn_;
-  bool positional_ = false;
   std::span<const FormatValue> values_;  // values_[0] is position 1
   FormatValue inFrame_[8];
   HeapArray<FormatValue> inHeap_;
 
  public:
-  FormatBinder(const char *format, va_list args);
-  explicit FormatBinder(std::span<const FormatValue> values);
-  ~FormatBinder();
+  // Arguments from a list, which is used up; the parameter outlives the binder.  A copy to use up
+  // would be simpler, but a list is slow to copy right after va_start.
+  FormatBinder(const char *format, FormatArgList *args) : format_(format), next_(args) {
+    va_copy(first_, *args);
+  }
+  explicit FormatBinder(std::span<const FormatValue> values) : format_(nullptr), values_(values) {}
+  ~FormatBinder() {
+    if (format_ != nullptr) va_end(first_);
+  }
   FormatBinder(const FormatBinder &) = delete;
   FormatBinder &operator=(const FormatBinder &) = delete;
 
-  // Resolves `conversion`, of any kind but End, and fetches its argument, if it has one.  False
-  // when memory runs out or the argument does not exist.
-  [[nodiscard]] bool Bind(const FormatConversion &conversion, FormatField *field,
-                          FormatValue *value);
+  // Fetches the argument of `conversion`, of any kind but End, if it has one.  A width or precision
+  // that is an argument becomes a literal, a negative width becomes the flag for left adjustment,
+  // and a negative precision none.  False when memory runs out or the argument does not exist.
+  [[nodiscard]] bool Bind(FormatConversion *conversion, FormatValue *value) {
+    const bool isPlain = (conversion->flags & (kFormatStar | kFormatPositions)) == 0;
+    if (!isPlain || next_ == nullptr) return BindByRule(conversion, value);
+    const FormatArgType type = FormatArgTypeOf(*conversion);
+    if (type != FormatArgType::None) turn_.OfValue(0);
+    *value = FormatFetch(next_, type);
+    return true;
+  }
 
  private:
+  bool BindByRule(FormatConversion *conversion, FormatValue *value);
   bool SwitchToPositions();
   bool Fetch(FormatArgType type, size_t position, FormatValue *value);
-  bool FetchCount(const FormatCount &count, int absent, int *number);
+  bool FetchCounts(FormatConversion *conversion);
+  bool FetchCount(FormatCount *count);
 };

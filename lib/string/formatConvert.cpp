@@ -5,7 +5,7 @@
 namespace {
 
 // %n: to an object of the type that the size modifier says.
-void StoreCount(const FormatField &field, size_t count, void *to) {
+void StoreCount(const FormatConversion &field, size_t count, void *to) {
   switch (field.size) {
     case FormatSize::Char:
       *static_cast<signed char *>(to) = static_cast<signed char>(count);
@@ -25,7 +25,7 @@ void StoreCount(const FormatField &field, size_t count, void *to) {
 
 }  // namespace
 
-void FormatConvert(FormatSink &sink, FormatLocale &locale, const FormatField &field,
+void FormatConvert(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
                    FormatValue value) {
   switch (field.kind) {
     case FormatKind::End:

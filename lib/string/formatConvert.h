@@ -13,26 +13,28 @@
 #include "lib/string/formatSink.h"
 
 // Prints `value` as `field` says; a failure shows in the sink.  Stores the count for %n.
-void FormatConvert(FormatSink &sink, FormatLocale &locale, const FormatField &field,
+void FormatConvert(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
                    FormatValue value);
 
 // Its parts, by kind of conversion.
-void FormatConvertInteger(FormatSink &sink, FormatLocale &locale, const FormatField &field,
+void FormatConvertInteger(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
                           int64_t value);
-void FormatConvertFloat(FormatSink &sink, FormatLocale &locale, const FormatField &field,
+void FormatConvertFloat(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
                         double value);
-void FormatConvertString(FormatSink &sink, const FormatField &field, const void *string);
-void FormatConvertChar(FormatSink &sink, const FormatField &field, int value);
+void FormatConvertString(FormatSink &sink, const FormatConversion &field, const void *string);
+void FormatConvertChar(FormatSink &sink, const FormatConversion &field, int value);
 
 // What a field is filled up with to its width.
 struct FormatPadding {
   size_t blanksBefore = 0;
   size_t zeros = 0;
   size_t blanksBehind = 0;
+
+  size_t Total() const { return blanksBefore + zeros + blanksBehind; }
 };
 
-inline FormatPadding FormatPaddingOf(const FormatField &field, size_t length, bool mayZero) {
-  const size_t width = static_cast<size_t>(field.width);
+inline FormatPadding FormatPaddingOf(const FormatConversion &field, size_t length, bool mayZero) {
+  const size_t width = static_cast<size_t>(field.width.number);
   if (width <= length) return {};
   const size_t missing = width - length;
   if (field.Has(kFormatLeft)) return {0, 0, missing};
@@ -41,7 +43,7 @@ inline FormatPadding FormatPaddingOf(const FormatField &field, size_t length, bo
 }
 
 // The sign before a number that is `negative` or not; NUL for none.
-inline char FormatSignOf(const FormatField &field, bool negative) {
+inline char FormatSignOf(const FormatConversion &field, bool negative) {
   if (negative) return '-';
   return field.Has(kFormatPlus) ? '+' : field.Has(kFormatBlank) ? ' ' : '\0';
 }

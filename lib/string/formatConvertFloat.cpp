@@ -103,7 +103,8 @@ void LayOutFixed(Runs *runs, const Decimal &decimal, size_t decimals) {
 }
 
 // g: fixed or exponent, as the exponent goes; without zeros at the end unless # asks for them.
-void LayOutGeneral(Runs *runs, const Decimal &decimal, const FormatField &field, int precision) {
+void LayOutGeneral(Runs *runs, const Decimal &decimal, const FormatConversion &field,
+                   int precision) {
   const int exponent = decimal.count == 0 ? 0 : decimal.point - 1;
   const bool isFixed = exponent >= -4 && exponent < precision;
   size_t decimals = static_cast<size_t>(isFixed ? precision - 1 - exponent : precision - 1);
@@ -119,8 +120,8 @@ void LayOutGeneral(Runs *runs, const Decimal &decimal, const FormatField &field,
 }
 
 // False when there is no memory.
-bool LayOut(Runs *runs, Decimal *decimal, const FormatField &field, double magnitude) {
-  const int precision = field.precision < 0 ? kDefaultPrecision : field.precision;
+bool LayOut(Runs *runs, Decimal *decimal, const FormatConversion &field, double magnitude) {
+  const int precision = field.HasPrecision() ? field.precision.number : kDefaultPrecision;
   const size_t decimals = static_cast<size_t>(precision);
   switch (field.character) {
     case 'e':
@@ -145,7 +146,7 @@ bool LayOut(Runs *runs, Decimal *decimal, const FormatField &field, double magni
   }
 }
 
-void Print(FormatSink &sink, FormatLocale &locale, const FormatField &field, const Runs &runs,
+void Print(FormatSink &sink, FormatLocale &locale, const FormatConversion &field, const Runs &runs,
            bool mayZero) {
   const char *const point = runs.hasPoint ? locale.Get().decimalPoint : "";
   const size_t pointLength = strlen(point);
@@ -154,7 +155,7 @@ void Print(FormatSink &sink, FormatLocale &locale, const FormatField &field, con
                         runs.leadingZeros + runs.fractionCount + runs.trailingZeros +
                         runs.exponentCount;
   const FormatPadding padding = FormatPaddingOf(field, length, mayZero);
-  sink.Expect(padding.blanksBefore + padding.zeros + length + padding.blanksBehind);
+  sink.Expect(padding.Total() + length);
   sink.Fill(' ', padding.blanksBefore);
   sink.Fill(runs.sign, signLength);
   sink.Fill('0', padding.zeros);
@@ -174,7 +175,7 @@ bool IsUpper(char c) {
 
 }  // namespace
 
-void FormatConvertFloat(FormatSink &sink, FormatLocale &locale, const FormatField &field,
+void FormatConvertFloat(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
                         double value) {
   Runs runs;
   Decimal decimal;

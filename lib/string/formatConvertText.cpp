@@ -12,9 +12,10 @@ namespace {
 
 constexpr char kNull[] = "(null)";
 
-void PrintText(FormatSink &sink, const FormatField &field, const char *text, size_t length) {
+void PrintText(FormatSink &sink, const FormatConversion &field, const char *text, size_t length) {
+  if (static_cast<size_t>(field.width.number) <= length) return sink.Write(text, length);
   const FormatPadding padding = FormatPaddingOf(field, length, true);
-  sink.Expect(padding.blanksBefore + padding.zeros + length + padding.blanksBehind);
+  sink.Expect(padding.Total() + length);
   sink.Fill(' ', padding.blanksBefore);
   sink.Fill('0', padding.zeros);
   sink.Write(text, length);
@@ -22,10 +23,10 @@ void PrintText(FormatSink &sink, const FormatField &field, const char *text, siz
 }
 
 // A string that ends at its NUL or at the precision, whichever is first.
-void PrintString(FormatSink &sink, const FormatField &field, const char *string) {
-  const size_t length = field.precision < 0
+void PrintString(FormatSink &sink, const FormatConversion &field, const char *string) {
+  const size_t length = !field.HasPrecision()
                             ? strlen(string)
-                            : Str_Strlen(string, static_cast<size_t>(field.precision));
+                            : Str_Strlen(string, static_cast<size_t>(field.precision.number));
   PrintText(sink, field, string, length);
 }
 
@@ -38,8 +39,9 @@ size_t CountUnits(const wchar_t *string, size_t limit) {
 
 // The block holds the longest form of every unit, unless the precision is smaller: then a full
 // block is where the text ends.
-void PrintWideString(FormatSink &sink, const FormatField &field, const wchar_t *string) {
-  const size_t limit = field.precision < 0 ? SIZE_MAX : static_cast<size_t>(field.precision);
+void PrintWideString(FormatSink &sink, const FormatConversion &field, const wchar_t *string) {
+  const size_t limit =
+      !field.HasPrecision() ? SIZE_MAX : static_cast<size_t>(field.precision.number);
   const size_t units = CountUnits(string, limit);
   const size_t size = std::min(4 * units, limit);
   const HeapArray<char> block = Heap_Array<char>(size);
@@ -56,18 +58,18 @@ void PrintWideString(FormatSink &sink, const FormatField &field, const wchar_t *
 
 }  // namespace
 
-void FormatConvertString(FormatSink &sink, const FormatField &field, const void *string) {
+void FormatConvertString(FormatSink &sink, const FormatConversion &field, const void *string) {
   if (string == nullptr) {
     PrintString(sink, field, kNull);
-  } else if (field.IsWide()) {
+  } else if (FormatSize_IsWide(field.size)) {
     PrintWideString(sink, field, static_cast<const wchar_t *>(string));
   } else {
     PrintString(sink, field, static_cast<const char *>(string));
   }
 }
 
-void FormatConvertChar(FormatSink &sink, const FormatField &field, int value) {
-  if (!field.IsWide()) {
+void FormatConvertChar(FormatSink &sink, const FormatConversion &field, int value) {
+  if (!FormatSize_IsWide(field.size)) {
     const char c = static_cast<char>(value);
     return PrintText(sink, field, &c, 1);
   }

@@ -7,17 +7,19 @@
 
 #include <array>
 #include <climits>
-#include <cstddef>
+#include <string_view>
 
 namespace {
 
-enum class Action : uint8_t { Convert, LongConvert, Flag, Digit, Star, Dot, Size };
+enum class Action : uint8_t { Convert, Flag, Digit, Star, Dot, Size };
 
 struct Row {
   Action action = Action::Convert;
   FormatKind kind = FormatKind::Literal;
-  uint8_t flag = 0;
+  uint8_t flag = 0;  // a FormatFlag; or kLong for a conversion with `l` built in
 };
+
+constexpr uint8_t kLong = 1;
 
 struct NamedRow {
   char character;
@@ -58,14 +60,14 @@ constexpr NamedRow kNamedRows[] = {
     {'o', {Action::Convert, FormatKind::Octal}},
     {'x', {Action::Convert, FormatKind::Hex}},
     {'X', {Action::Convert, FormatKind::Hex}},
-    {'D', {Action::LongConvert, FormatKind::Signed}},
-    {'U', {Action::LongConvert, FormatKind::Unsigned}},
-    {'O', {Action::LongConvert, FormatKind::Octal}},
+    {'D', {Action::Convert, FormatKind::Signed, kLong}},
+    {'U', {Action::Convert, FormatKind::Unsigned, kLong}},
+    {'O', {Action::Convert, FormatKind::Octal, kLong}},
     {'p', {Action::Convert, FormatKind::Pointer}},
     {'c', {Action::Convert, FormatKind::Char}},
     {'s', {Action::Convert, FormatKind::String}},
-    {'C', {Action::LongConvert, FormatKind::Char}},
-    {'S', {Action::LongConvert, FormatKind::String}},
+    {'C', {Action::Convert, FormatKind::Char, kLong}},
+    {'S', {Action::Convert, FormatKind::String, kLong}},
     {'e', {Action::Convert, FormatKind::Float}},
     {'E', {Action::Convert, FormatKind::Float}},
     {'f', {Action::Convert, FormatKind::Float}},
@@ -93,19 +95,20 @@ bool IsDigit(char c) {
 
 // The number at `at`, 0 if there is none; `*end` is set behind it.
 int ReadNumber(const char *at, const char **end) {
-  int number = 0;
+  int64_t number = 0;
   for (; IsDigit(*at); ++at) {
-    const int digit = *at - '0';
-    number = number > (INT_MAX - digit) / 10 ? INT_MAX : number * 10 + digit;
+    number = number * 10 + (*at - '0');
+    if (number > INT_MAX) number = INT_MAX;
   }
   *end = at;
-  return number;
+  return static_cast<int>(number);
 }
 
 // Behind a `*`: the argument's position, if one is written there.
 const char *ReadStar(const char *at, FormatConversion *conversion, FormatCount *count) {
   const char *end;
   const int position = ReadNumber(at, &end);
+  conversion->flags |= kFormatStar;
   if (position == 0 || *end != '$') {
     *count = {FormatCount::Argument, 0};
     return at;
@@ -124,7 +127,7 @@ const char *ReadDigits(const char *at, FormatConversion *conversion) {
     return end;
   }
   conversion->position = number;
-  conversion->positionText = {at, static_cast<size_t>(end - at)};
+  conversion->positionDigits = at;
   conversion->flags |= kFormatPositions;
   return end + 1;
 }
@@ -171,34 +174,26 @@ const char *ReadSize(const char *at, FormatSize *size) {
 
 const char *FormatGrammar_Parse(const char *percent, FormatConversion *conversion) {
   *conversion = {};
-  for (const char *at = percent + 1;;) {
-    const Row &row = RowOf(*at);
-    switch (row.action) {
-      case Action::LongConvert:
-        if (!FormatSize_IsWide(conversion->size)) conversion->size = FormatSize::Long;
-        [[fallthrough]];
-      case Action::Convert:
-        conversion->kind = row.kind;
-        conversion->character = *at;
-        if (row.kind != FormatKind::End) ++at;
-        conversion->text = {percent, static_cast<size_t>(at - percent)};
-        return at;
-      case Action::Flag:
-        conversion->flags |= row.flag;
-        ++at;
-        break;
-      case Action::Digit:
-        at = ReadDigits(at, conversion);
-        break;
-      case Action::Star:
-        at = ReadStar(at + 1, conversion, &conversion->width);
-        break;
-      case Action::Dot:
-        at = ReadPrecision(at + 1, conversion);
-        break;
-      case Action::Size:
-        at = ReadSize(at, &conversion->size);
-        break;
+  const char *at = percent + 1;
+  const Row *row;
+  // A chain of tests: a switch would be an indirect jump for every character.
+  while ((row = &RowOf(*at))->action != Action::Convert) {
+    if (row->action == Action::Flag) {
+      conversion->flags |= row->flag;
+      ++at;
+    } else if (row->action == Action::Digit) {
+      at = ReadDigits(at, conversion);
+    } else if (row->action == Action::Size) {
+      at = ReadSize(at, &conversion->size);
+    } else if (row->action == Action::Dot) {
+      at = ReadPrecision(at + 1, conversion);
+    } else {
+      at = ReadStar(at + 1, conversion, &conversion->width);
     }
   }
+  conversion->kind = row->kind;
+  conversion->character = *at;
+  if (row->flag == kLong && !FormatSize_IsWide(conversion->size))
+    conversion->size = FormatSize::Long;
+  return row->kind == FormatKind::End ? at : at + 1;
 }

@@ -2,23 +2,14 @@
 
 #include "lib/string/formatSink.h"
 
-#include <algorithm>
-
 namespace {
 
-constexpr size_t kMaxCount = INT_MAX;
 constexpr size_t kHeapStep = 64;
 
 }  // namespace
 
-FormatSink::FormatSink(char *buffer, size_t size) noexcept
-    : begin_(buffer),
-      next_(buffer),
-      end_(buffer + (size == 0 ? 0 : std::min(size - 1, kMaxCount))),
-      hasTerminator_(size != 0) {}
-
 FormatSink::FormatSink(const char *format) noexcept
-    : begin_(nullptr), next_(nullptr), end_(nullptr), growing_(true) {
+    : begin_(nullptr), next_(nullptr), end_(nullptr), growing_(true), hasTerminator_(false) {
   const size_t length = strlen(format);
   const size_t capacity = length == 0 ? 1 : (length + kHeapStep) / kHeapStep * kHeapStep;
   heap_.reset(static_cast<char *>(malloc(capacity)));
@@ -28,6 +19,7 @@ FormatSink::FormatSink(const char *format) noexcept
   }
   begin_ = next_ = heap_.get();
   SetCapacity(capacity);
+  hasTerminator_ = true;
 }
 
 void FormatSink::Fail() noexcept {
@@ -76,18 +68,11 @@ void FormatSink::WriteLong(const char *bytes, size_t n) noexcept {
   dropped_ += n - kept;
 }
 
-void FormatSink::FillSlow(char c, size_t n) noexcept {
-  const bool fits = Overflow(n);
+void FormatSink::FillLong(char c, size_t n) noexcept {
+  const bool fits = n <= Room() || Overflow(n);
   if (failed_) return;
   const size_t kept = fits ? n : Room();
   memset(next_, c, kept);
   next_ += kept;
   dropped_ += n - kept;
-}
-
-int FormatSink::Finish() noexcept {
-  if (begin_ != nullptr && hasTerminator_) *next_ = '\0';
-  if (!failed_) return static_cast<int>(Count());
-  heap_.reset();
-  return -1;
 }

@@ -5,6 +5,8 @@
 // sticks: later bytes are ignored and Finish returns -1, so that only loops need to look at Failed.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +14,69 @@
 
 #include "heap.h"
 
+// memcpy and memset without the call, for the few bytes that most pieces have.  Two words that may
+// overlap cover every length between one and two of them.
+template <typename Word>
+inline void FormatCopyEnds(char *to, const char *from, size_t n) {
+  Word first;
+  Word last;
+  memcpy(&first, from, sizeof first);
+  memcpy(&last, from + n - sizeof last, sizeof last);
+  memcpy(to, &first, sizeof first);
+  memcpy(to + n - sizeof last, &last, sizeof last);
+}
+
+template <typename Word>
+inline void FormatFillEnds(char *to, char c, size_t n) {
+  Word word;
+  memset(&word, c, sizeof word);
+  memcpy(to, &word, sizeof word);
+  memcpy(to + n - sizeof word, &word, sizeof word);
+}
+
+using FormatBlock = std::array<uint64_t, 2>;
+
+inline constexpr size_t kFormatShort = 32;
+
+// Both return `to` behind the bytes.
+
+inline char *FormatCopy(char *to, const char *from, size_t n) {
+  if (n > kFormatShort) {
+    memcpy(to, from, n);
+  } else if (n >= 16) {
+    FormatCopyEnds<FormatBlock>(to, from, n);
+  } else if (n >= 8) {
+    FormatCopyEnds<uint64_t>(to, from, n);
+  } else if (n >= 4) {
+    FormatCopyEnds<uint32_t>(to, from, n);
+  } else if (n >= 2) {
+    FormatCopyEnds<uint16_t>(to, from, n);
+  } else if (n == 1) {
+    *to = *from;
+  }
+  return to + n;
+}
+
+inline char *FormatFill(char *to, char c, size_t n) {
+  if (n > kFormatShort) {
+    memset(to, c, n);
+  } else if (n >= 16) {
+    FormatFillEnds<FormatBlock>(to, c, n);
+  } else if (n >= 8) {
+    FormatFillEnds<uint64_t>(to, c, n);
+  } else if (n >= 4) {
+    FormatFillEnds<uint32_t>(to, c, n);
+  } else if (n >= 2) {
+    FormatFillEnds<uint16_t>(to, c, n);
+  } else if (n == 1) {
+    *to = c;
+  }
+  return to + n;
+}
+
 class FormatSink {
+  static constexpr size_t kMaxCount = INT_MAX;
+
   char *begin_;
   char *next_;
   char *end_;            // of the room for bytes; when hasTerminator_, a NUL fits behind them
@@ -21,11 +85,15 @@ class FormatSink {
   HeapStr heap_;
   bool growing_ = false;
   bool failed_ = false;
-  bool hasTerminator_ = true;
+  bool hasTerminator_;  // a NUL fits behind the room
 
  public:
   // Fills `buffer` of `size` bytes, the NUL included.
-  FormatSink(char *buffer, size_t size) noexcept;
+  FormatSink(char *buffer, size_t size) noexcept
+      : begin_(buffer),
+        next_(buffer),
+        end_(buffer + (size == 0 ? 0 : std::min(size - 1, kMaxCount))),
+        hasTerminator_(size != 0) {}
 
   // Grows a heap buffer, which starts with room for a text about as long as `format`.
   explicit FormatSink(const char *format) noexcept;
@@ -45,55 +113,41 @@ class FormatSink {
       Overflow(n);
   }
 
-  void Write(const char *bytes, size_t n) noexcept {
-    if (n > kShort || n > Room()) return WriteLong(bytes, n);
-    CopyShort(next_, bytes, n);
+  // Takes `n` bytes, which the caller writes at once; null when they do not fit or nothing does.
+  char *Reserve(size_t n) noexcept {
+    Expect(n);
+    if (n > Room()) [[unlikely]]
+      return nullptr;
+    char *const at = next_;
     next_ += n;
+    return at;
+  }
+
+  void Write(const char *bytes, size_t n) noexcept {
+    if (n > kFormatShort || n > Room()) return WriteLong(bytes, n);
+    next_ = FormatCopy(next_, bytes, n);
   }
 
   void Fill(char c, size_t n) noexcept {
-    if (n > Room()) [[unlikely]]
-      return FillSlow(c, n);
-    for (; n != 0; --n) *next_++ = c;
+    if (n == 0) return;
+    if (n > kFormatShort || n > Room()) return FillLong(c, n);
+    next_ = FormatFill(next_, c, n);
   }
 
   // Terminates the text.  Returns the count, or -1 after a failure.
-  int Finish() noexcept;
+  int Finish() noexcept {
+    if (hasTerminator_) *next_ = '\0';
+    return failed_ ? -1 : static_cast<int>(Count());
+  }
 
-  // The grown heap buffer; null after a failure.  The caller frees it.
+  // The heap buffer.  The caller frees it.
   [[nodiscard]] char *Release() noexcept { return heap_.release(); }
 
  private:
-  static constexpr size_t kShort = 16;
-
   size_t Room() const noexcept { return static_cast<size_t>(end_ - next_); }
   void SetCapacity(size_t capacity) noexcept;
   bool Overflow(size_t n) noexcept;
   bool Grow(size_t n) noexcept;
   void WriteLong(const char *bytes, size_t n) noexcept;
-  void FillSlow(char c, size_t n) noexcept;
-
-  // memcpy without the call, for the few bytes that most pieces have: kShort at most.
-  static void CopyShort(char *to, const char *from, size_t n) noexcept {
-    if (n >= 8) {
-      CopyEnds<uint64_t>(to, from, n);
-    } else if (n >= 4) {
-      CopyEnds<uint32_t>(to, from, n);
-    } else if (n >= 2) {
-      CopyEnds<uint16_t>(to, from, n);
-    } else if (n == 1) {
-      *to = *from;
-    }
-  }
-
-  // Between one and two words: the first and the last, which may overlap.
-  template <typename Word>
-  static void CopyEnds(char *to, const char *from, size_t n) noexcept {
-    Word first;
-    Word last;
-    memcpy(&first, from, sizeof first);
-    memcpy(&last, from + n - sizeof last, sizeof last);
-    memcpy(to, &first, sizeof first);
-    memcpy(to + n - sizeof last, &last, sizeof last);
-  }
+  void FillLong(char c, size_t n) noexcept;
 };

@@ -2,7 +2,8 @@
 //
 // glibc's ecvt and fcvt stop at 17 digits and are inexact for large exponents; its printf is exact
 // for any number of digits and reentrant.  The digits are taken out of what it prints, whatever the
-// locale's decimal point is.
+// locale's decimal point is.  Values with few decimals that are neither huge nor tiny need no
+// printf: they become whole numbers in exact 128-bit arithmetic.
 
 #include "platform/decimalDigits.h"
 
@@ -12,9 +13,15 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <array>
+#include <bit>
+#include <cstdint>
+
 #include "heap.h"
 
 namespace {
+
+__extension__ using Wide = unsigned __int128;
 
 constexpr size_t kMaxRadixLength = 16;  // of a locale's decimal point, in bytes
 
@@ -35,6 +42,33 @@ void KeepDigits(char *to, const char *from, const char *end) {
   *to = '\0';
 }
 
+// As many as 64 bits hold.
+constexpr auto kPowersOf10 = [] {
+  std::array<uint64_t, 20> powers{1};
+  for (size_t i = 1; i < powers.size(); ++i) powers[i] = 10 * powers[i - 1];
+  return powers;
+}();
+
+// `value` times ten to the power `count`, rounded to the nearest whole number, halves to the even
+// one. False when the numbers are too large to be sure.
+bool Scale(double value, int count, uint64_t *scaled) {
+  constexpr int kFractionBits = DBL_MANT_DIG - 1;
+  const uint64_t bits = std::bit_cast<uint64_t>(value);
+  const int biased = static_cast<int>(bits >> kFractionBits);
+  // value = mantissa / 2^shift; a subnormal, whose mantissa has no implied bit, is far too small.
+  const int shift = DBL_MAX_EXP - 1 + kFractionBits - biased;
+  if (count >= static_cast<int>(kPowersOf10.size()) || shift <= 0 || shift > 127 || biased == 0)
+    return false;
+  Wide wide = (bits & ((uint64_t{1} << kFractionBits) - 1)) | uint64_t{1} << kFractionBits;
+  wide *= kPowersOf10[static_cast<size_t>(count)];
+  const Wide half = Wide{1} << (shift - 1);
+  const Wide rest = wide & (2 * half - 1);
+  wide >>= shift;
+  if (rest > half || (rest == half && wide % 2 != 0)) ++wide;
+  *scaled = static_cast<uint64_t>(wide);
+  return wide <= UINT64_MAX;
+}
+
 }  // namespace
 
 char *Platform_SignificantDigits(double value, int count, int *point) {
@@ -47,6 +81,15 @@ char *Platform_SignificantDigits(double value, int count, int *point) {
 }
 
 char *Platform_FixedDigits(double value, int count, int *point) {
+  uint64_t scaled;
+  if (Scale(value, count, &scaled)) {
+    char text[sizeof "18446744073709551615"];
+    char *digits = text + sizeof text;
+    *--digits = '\0';
+    for (; scaled != 0; scaled /= 10) *--digits = static_cast<char>('0' + scaled % 10);
+    *point = static_cast<int>(text + sizeof text - 1 - digits) - count;
+    return strdup(digits);
+  }
   HeapStr text = Print("%.*f", value, count);
   if (!text) return nullptr;
   char *const digits = text.get();
