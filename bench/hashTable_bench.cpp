@@ -1,0 +1,207 @@
+// hashTable_bench.cpp -- hash tables against std::unordered_map with the same keys.
+//
+// Rows:  look-ups by string in a table with as many buckets as keys, where the peer is given ready
+//        std::string keys; and insertion of copied keys, by one thread and by two, where the peer
+//        of an atomic table is the map behind a mutex.  Two threads insert halves of the keys, or
+//        all of them each.
+// Goals: look-ups no slower, insertion by two threads faster.  At the end stands a table of ratios,
+// from
+//        the fastest repetition of each side, since other work on the machine only adds time.
+//
+//   hashTable_bench [options of Google Benchmark]
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <latch>
+#include <map>
+#include <mutex>
+#include <random>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "hashTable.h"
+
+namespace {
+
+using Keys = std::vector<std::string>;
+using PeerMap = std::unordered_map<std::string, void *>;
+
+constexpr std::string_view kLumen = "/lumen";
+constexpr std::string_view kPeer = "/std";
+
+// Names like those of a directory scan; different `kind`s have no key in common.
+Keys MakeKeys(size_t count, const char *kind) {
+  Keys keys;
+  for (size_t i = 0; i < count; i++) keys.push_back("lumen-" + std::to_string(i * 7919) + kind);
+  std::shuffle(keys.begin(), keys.end(), std::mt19937(3));
+  return keys;
+}
+
+uint32_t BucketsFor(const Keys &keys) {
+  return static_cast<uint32_t>(std::bit_ceil(keys.size()));
+}
+
+HashTableOwner NewTable(const Keys &keys, uint32_t flags) {
+  return HashTableOwner(HashTable_Alloc(BucketsFor(keys), flags, nullptr));
+}
+
+std::vector<std::string> &RowNames() {
+  static std::vector<std::string> names;
+  return names;
+}
+
+benchmark::internal::Benchmark *Add(const std::string &row, std::string_view side,
+                                    const std::function<void(benchmark::State &)> &body) {
+  return benchmark::RegisterBenchmark((row + std::string(side)).c_str(), body)
+      ->Repetitions(5)
+      ->ReportAggregatesOnly(false);
+}
+
+// ---- look-ups -------------------------------------------------------------------------------
+
+// Asks for all keys in a shuffled order that is not the one of insertion.
+template <typename Ask>
+void AskForAll(benchmark::State &state, Keys asked, Ask ask) {
+  std::shuffle(asked.begin(), asked.end(), std::mt19937(5));
+  size_t next = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(ask(asked[next]));
+    if (++next == asked.size()) next = 0;
+  }
+}
+
+void AddLookUp(const std::string &row, const Keys &keys, const Keys &asked) {
+  RowNames().push_back(row);
+  Add(row, kLumen, [=](benchmark::State &state) {
+    const HashTableOwner table = NewTable(keys, HASHTABLE_COPY_KEY);
+    for (const std::string &key : keys) HashTable_Insert(table.get(), key.c_str(), nullptr);
+    AskForAll(state, asked, [&](const std::string &key) {
+      void *value = nullptr;
+      return HashTable_Lookup(table.get(), key.c_str(), &value);
+    });
+  })->MinTime(0.02);
+  Add(row, kPeer, [=](benchmark::State &state) {
+    PeerMap map(BucketsFor(keys));
+    for (const std::string &key : keys) map.emplace(key, nullptr);
+    AskForAll(state, asked, [&](const std::string &key) { return map.find(key) != map.end(); });
+  })->MinTime(0.02);
+}
+
+// ---- insertion ------------------------------------------------------------------------------
+
+// The seconds from the common start of all bodies to the end of the last.
+template <typename Body>
+double TimeOfThreads(size_t numThreads, Body body) {
+  std::latch start(static_cast<ptrdiff_t>(numThreads) + 1);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < numThreads; i++) {
+    threads.emplace_back([&, i] {
+      start.arrive_and_wait();
+      body(i);
+    });
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  start.arrive_and_wait();
+  for (std::thread &thread : threads) thread.join();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+// Each thread inserts keys [i * step, i * step + share).
+void AddInsertion(const std::string &row, const Keys &keys, size_t numThreads, size_t share,
+                  size_t step) {
+  RowNames().push_back(row);
+  const auto each = [share, step](const Keys &all, size_t thread, auto insert) {
+    for (size_t i = 0; i < share; i++) insert(all[thread * step + i]);
+  };
+  Add(row, kLumen,
+      [=](benchmark::State &state) {
+        for (auto _ : state) {
+          const HashTableOwner table = NewTable(keys, HASHTABLE_ATOMIC | HASHTABLE_COPY_KEY);
+          state.SetIterationTime(TimeOfThreads(numThreads, [&](size_t thread) {
+            each(keys, thread, [&](const std::string &key) {
+              HashTable_Insert(table.get(), key.c_str(), nullptr);
+            });
+          }));
+        }
+      })
+      ->UseManualTime()
+      ->MinTime(0.1);
+  Add(row, kPeer,
+      [=](benchmark::State &state) {
+        for (auto _ : state) {
+          PeerMap map(BucketsFor(keys));
+          std::mutex mutex;
+          state.SetIterationTime(TimeOfThreads(numThreads, [&](size_t thread) {
+            each(keys, thread, [&](const std::string &key) {
+              const std::lock_guard lock(mutex);
+              map.emplace(key, nullptr);
+            });
+          }));
+        }
+      })
+      ->UseManualTime()
+      ->MinTime(0.1);
+}
+
+void AddRows() {
+  for (const size_t count : {128, 2048, 32768}) {
+    const Keys keys = MakeKeys(count, ".txt");
+    const std::string size = std::to_string(count);
+    AddLookUp("found of " + size, keys, keys);
+    AddLookUp("missed of " + size, keys, MakeKeys(count, ".dat"));
+  }
+  const Keys keys = MakeKeys(32768, ".txt");
+  AddInsertion("1 thread inserts", keys, 1, keys.size(), 0);
+  AddInsertion("2 insert halves", keys, 2, keys.size() / 2, keys.size() / 2);
+  AddInsertion("2 insert the same", keys, 2, keys.size(), 0);
+}
+
+// Keeps the fastest repetition of every row and side.
+class RatioReporter : public benchmark::ConsoleReporter {
+  std::map<std::string, double> fastest_;
+
+ public:
+  RatioReporter() : ConsoleReporter(OO_Tabular) {}
+
+  void ReportRuns(const std::vector<Run> &runs) override {
+    for (const Run &run : runs) {
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      const double time = run.GetAdjustedRealTime();
+      const auto [at, isNew] = fastest_.emplace(run.run_name.function_name, time);
+      if (!isNew) at->second = std::min(at->second, time);
+    }
+  }
+
+  void PrintRatios() const {
+    printf("%-20s %12s %12s %10s\n", "", "lumen ns", "std ns", "lumen/std");
+    for (const std::string &row : RowNames()) {
+      const auto lumen = fastest_.find(row + std::string(kLumen));
+      const auto peer = fastest_.find(row + std::string(kPeer));
+      if (lumen == fastest_.end() || peer == fastest_.end()) continue;
+      const double ratio = lumen->second / peer->second;
+      printf("%-20s %12.1f %12.1f %10.2f%s\n", row.c_str(), lumen->second, peer->second, ratio,
+             ratio > 1 ? "  over" : "");
+    }
+  }
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  AddRows();
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.PrintRatios();
+  benchmark::Shutdown();
+  return 0;
+}
