@@ -1,11 +1,86 @@
-// codeset.h -- encodings of text: UTF-8 inside, other encodings at the edges.
+// codeset.h -- conversion between encodings: UTF-8 inside, other encodings at the edges.
 //
-// The current encoding, the one of paths and arguments, is always UTF-8.  Any thread may call anything
-// here.
+// Two engines convert.  The library's own is there from the start and knows these pairs:
+//   UTF-8, UTF-16LE, UTF-16BE, US-ASCII   to themselves, when the text is valid: whatever the flags,
+//                                         an invalid one is refused, not repaired
+//   UTF-8 to UTF-16LE                     likewise
+//   UTF-16LE, UTF-16BE, ISO-8859-1,
+//   US-ASCII to UTF-8; UTF-8 to US-ASCII  of these, the two with US-ASCII heed the flags
+// ICU, once CodeSet_Init has found its data, takes over everything declared under "conversion" and
+// "validity by name".  It knows all usable encodings and heeds the flags for each pair.  A program
+// that does not call CodeSet_Init does not contain ICU.
+//
+// Names of encodings are those of encoding.h; ICU takes its own ones, too.  They are not null.
+// Bytes may be null when their length is 0, and texts may contain NUL, unless told otherwise.  A
+// result of false means that the text is invalid, the pair unknown or memory exhausted; then
+// nothing is stored.  Any thread may call anything here.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+
+struct DynBuf;
+
+// ---- ICU -------------------------------------------------------------------------------------
+
+// Lets ICU take over if its data file, icudt44l.dat, is in `icuDataDir`.  Null means the product's
+// folder "icuDir" (productDir.h); where the program has no such look-up, the icu folder of the
+// machine-wide installation.  Always true: without the file the own engine stays.
+//
+// Unicode_Init calls this once for all threads; called directly, it comes before other threads
+// convert.  Link lumen_icu.
+[[nodiscard]] bool CodeSet_Init(const char *icuDataDir);
+
+// ---- conversion ------------------------------------------------------------------------------
+
+// What becomes of what is invalid or cannot be expressed: the value of `flags`.  Any other value is
+// fatal once ICU has taken over.
+enum : int {
+  CODESET_STOP = 0,        // the conversion fails
+  CODESET_SUBSTITUTE = 1,  // a substitute stands for it: U+FFFD, or SUB (1A) in US-ASCII
+  CODESET_SKIP = 2,        // it is left out
+};
+
+// Appends the text, converted, to `out` (not null, initialised); on failure `out` keeps its content.
+// An empty text succeeds whatever the names.
+[[nodiscard]] bool CodeSet_GenericToGenericDb(const char *fromName, const void *bytes,
+                                              size_t length, const char *toName, int flags,
+                                              DynBuf *out);
+
+// *out becomes a new block with the converted text, which the caller frees with free(); four zero
+// bytes, a terminator in any encoding, follow it and are not counted in *outLength, which may be
+// null.
+[[nodiscard]] bool CodeSet_GenericToGeneric(const char *fromName, const void *bytes, size_t length,
+                                            const char *toName, int flags, char **out,
+                                            size_t *outLength);
+
+// The same for fixed pairs, with CODESET_STOP.  The current encoding, that of paths and arguments,
+// is UTF-8, so between the two a text is checked and copied.
+[[nodiscard]] bool CodeSet_Utf8ToCurrent(const char *bytes, size_t length, char **out,
+                                         size_t *outLength);
+[[nodiscard]] bool CodeSet_CurrentToUtf8(const char *bytes, size_t length, char **out,
+                                         size_t *outLength);
+[[nodiscard]] bool CodeSet_Utf16leToUtf8(const char *bytes, size_t length, char **out,
+                                         size_t *outLength);
+[[nodiscard]] bool CodeSet_Utf8ToUtf16le(const char *bytes, size_t length, char **out,
+                                         size_t *outLength);
+[[nodiscard]] bool CodeSet_Utf16beToUtf8(const char *bytes, size_t length, char **out,
+                                         size_t *outLength);
+[[nodiscard]] bool CodeSet_Utf16leToCurrent(const char *bytes, size_t length, char **out,
+                                            size_t *outLength);
+[[nodiscard]] bool CodeSet_CurrentToUtf16le(const char *bytes, size_t length, char **out,
+                                            size_t *outLength);
+
+// "UTF-8", a constant.
+[[nodiscard]] const char *CodeSet_GetCurrentCodeSet();
+
+// ---- validity by name ------------------------------------------------------------------------
+
+// Whether the text can be converted from the encoding.  2^31 bytes and more are fatal, and so is,
+// once ICU has taken over, a name that ICU does not know.  An empty text is valid.
+[[nodiscard]] bool CodeSet_Validate(const char *bytes, size_t length, const char *name);
+
+// ---- UTF-8 -----------------------------------------------------------------------------------
 
 // Decodes the character at `p`, which ends before `end`.  Returns its length, 1 to 4, and stores its
 // code point; or 0 when the bytes are no shortest-form UTF-8 sequence.  Surrogates and values above
@@ -16,10 +91,15 @@
 [[nodiscard]] bool CodeSet_IsValidUTF8(const char *string);
 [[nodiscard]] bool CodeSet_IsValidUTF8(const char *bytes, size_t length);
 
-// From UTF-8 to the current encoding and back.  `bytes` may be null when length is 0.  On success
-// `*out` is a new block that the caller frees, followed by four zero bytes, and *outLength, when given,
-// its length without these.  False when the bytes are not valid; then nothing is stored.
-[[nodiscard]] bool CodeSet_Utf8ToCurrent(const char *bytes, size_t length, char **out,
-                                         size_t *outLength);
-[[nodiscard]] bool CodeSet_CurrentToUtf8(const char *bytes, size_t length, char **out,
-                                         size_t *outLength);
+// A whole NUL-terminated text, as another one in a new block that the caller frees with free().
+// Null gives null and true.  False for what is not well-formed: surrogates and values above U+10FFFF
+// count as that on both sides.
+[[nodiscard]] bool CodeSet_UTF8ToUTF32(const char *utf8, char32_t **utf32);
+[[nodiscard]] bool CodeSet_UTF32ToUTF8(const char32_t *utf32, char **utf8);
+
+// ---- normalisation ---------------------------------------------------------------------------
+
+// Appends the string (UTF-8, not null) to `out` (not null, initialised) in normalisation form C if
+// `precomposed`, else D (Unicode Standard Annex 15), without a NUL.  The host does it: which version
+// of Unicode counts is the host's.  Link lumen_normalize.
+[[nodiscard]] bool CodeSet_Utf8Normalize(const char *string, bool precomposed, DynBuf *out);
