@@ -16,10 +16,21 @@ ARROWS = {
     'base': set(),
     'platform': set(),
     'lib/string': {'platform'},
-    'lib/misc': {'platform', 'lib/string'},
-    'lib/unicode': {'platform', 'lib/string', 'lib/misc'},
-    'opener': {'platform', 'lib/string', 'lib/misc', 'lib/unicode'},
-    'service': {'platform', 'lib/string', 'lib/misc', 'lib/unicode', 'opener'},
+    'containers': {'lib/string'},
+    'encoding': {'lib/string', 'containers'},
+    'codeset': {'platform', 'lib/string', 'containers', 'encoding'},
+    'lib/unicode': {'lib/string', 'containers', 'encoding', 'codeset'},
+    'lib/misc': {'platform', 'lib/string', 'containers', 'encoding', 'codeset'},
+    'opener': {'platform', 'lib/string', 'containers', 'encoding', 'codeset', 'lib/misc',
+               'lib/unicode'},
+    'service': {'platform', 'lib/string', 'containers', 'encoding', 'codeset', 'lib/misc',
+                'lib/unicode', 'opener'},
+}
+# Folders that hold more than one library: files whose names begin so are of another layer.
+SPLIT = {
+    'lib/misc': {'dynbuf': 'containers', 'escape': 'containers', 'hashTable': 'containers',
+                 'codeset': 'codeset'},
+    'lib/unicode': {'encoding': 'encoding', 'unicodeSimpleTypes': 'encoding'},
 }
 PUBLIC = 'lib/public/'
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
@@ -33,7 +44,9 @@ def tracked_sources():
 
 def folder_layer(path):
     parts = path.split('/')
-    return '/'.join(parts[:2]) if parts[0] == 'lib' else parts[0]
+    folder = '/'.join(parts[:2]) if parts[0] == 'lib' else parts[0]
+    beginnings = SPLIT.get(folder, {})
+    return next((beginnings[b] for b in beginnings if parts[-1].startswith(b)), folder)
 
 
 def layer(path, sources):
