@@ -33,12 +33,16 @@ bool BecomeRootAlone() {
   return setgroups(0, nullptr) == 0 && setgid(0) == 0 && setuid(0) == 0;
 }
 
-bool RaiseLimit(const Limit &limit) {
+// As far as it goes: some hosts keep even root from raising a hard limit, and a service with little
+// room is better than openers that start one in vain, again and again.
+void RaiseLimit(const Limit &limit) {
   rlimit now;
-  if (getrlimit(limit.resource, &now) != 0) return false;
+  if (getrlimit(limit.resource, &now) != 0) return;
   const rlimit wanted = {std::max(now.rlim_cur, limit.atLeast),
                          std::max(now.rlim_max, limit.atLeast)};
-  return setrlimit(limit.resource, &wanted) == 0;
+  if (setrlimit(limit.resource, &wanted) == 0) return;
+  const rlimit possible = {now.rlim_max, now.rlim_max};
+  setrlimit(limit.resource, &possible);
 }
 
 }  // namespace
@@ -46,5 +50,7 @@ bool RaiseLimit(const Limit &limit) {
 bool Detach_FromCaller() {
   if (geteuid() != 0) return true;
   environ = noEnvironment;
-  return BecomeRootAlone() && std::ranges::all_of(kLimits, RaiseLimit);
+  if (!BecomeRootAlone()) return false;
+  for (const Limit &limit : kLimits) RaiseLimit(limit);
+  return true;
 }

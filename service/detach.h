@@ -1,7 +1,8 @@
 // detach.h -- shaking off the user who ran the opener.
 #pragma once
 
-// Takes from the process what it has inherited from that user: the real user, the groups, resource
-// limits, the environment.  False with errno set when something remains.  A process that is not
-// root, started by hand, keeps all of it, which is no failure.
+// Takes from the process what it has inherited from that user: the real user, the groups, the
+// environment, and, as far as the host allows, resource limits.  False with errno set when it cannot
+// become root alone.  A process that is not root, started by hand, keeps all of it, which is no
+// failure.
 [[nodiscard]] bool Detach_FromCaller();
