@@ -1,8 +1,8 @@
 // formatGrammar.h -- the conversions of a printf format, taken apart.
 //
-//   % [flags] [width] [.precision] [size modifier] conversion
+//   % [position] [flags] [width] [.precision] [size modifier] conversion
 //
-//   position   digits and `$`: which argument to print; POSIX
+//   position   digits and `$`: which argument to print, from 1; POSIX
 //   flags      # - 0 + blank '
 //   width      digits, `*`, or `*digits$`; precision the same after a `.`, none meaning 0
 //   size       hh h l ll q L j t z Z I I32 I64
@@ -32,7 +32,8 @@ enum class FormatKind : uint8_t {
   Count,     // n
 };
 
-// The normalised size modifier; D O U C S have Long unless the modifier says more.
+// The normalised size modifier; D O U C S have Long unless the modifier says more.  Integers of a
+// size up to Short are passed as int.
 enum class FormatSize : uint8_t {
   None,
   Int,       // I32

@@ -40,9 +40,9 @@ enum class Utf8Mode {
 // Converts the units in [*source, sourceEnd) into the room [*target, targetEnd) and advances both
 // pointers past what was converted; no NUL is added.  A character is written whole or not at all.
 //   TargetExhausted  *source is at the unit that did not fit: go on from there with more room.
+//                    Says nothing of illegal units before it.
 //   SourceIllegal    in strict mode *source may be at a surrogate, where the conversion stopped.
-//                    Otherwise all was converted, and units of 0x110000 and more became U+FFFD; a
-//                    full target hides this until the piece that ends the source.
+//                    Otherwise all was converted, and units of 0x110000 and more became U+FFFD.
 // Unit is wchar_t, char32_t or uint32_t.  Any thread.
 template <typename Unit>
 [[nodiscard]] Utf8Result Utf8_FromUtf32(const Unit **source, const Unit *sourceEnd, char **target,

@@ -9,8 +9,6 @@
 
 #include "bsd_vsnprintf.h"
 
-#include <clocale>
-
 #include "formatGrammar.h"
 #include "lib/string/formatBind.h"
 #include "lib/string/formatConvert.h"
@@ -48,15 +46,6 @@ int FormatTo(char **output, size_t size, const char *format, FormatLocale &local
 }
 
 }  // namespace
-
-const FormatNumerals &FormatLocale::Get() noexcept {
-  if (!known_) {
-    const lconv *const current = localeconv();
-    numerals_ = {current->decimal_point, current->grouping, current->thousands_sep[0]};
-    known_ = true;
-  }
-  return numerals_;
-}
 
 int bsd_vsnprintf(char **output, size_t size, const char *format, va_list args) {
   FormatLocale locale;

@@ -22,6 +22,7 @@ void FormatConvertInteger(FormatSink &sink, FormatLocale &locale, const FormatCo
 void FormatConvertFloat(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
                         double value);
 void FormatConvertString(FormatSink &sink, const FormatConversion &field, const void *string);
+// Also for a character that is no conversion.
 void FormatConvertChar(FormatSink &sink, const FormatConversion &field, int value);
 
 // What a field is filled up with to its width.

@@ -104,18 +104,20 @@ void LayOutFixed(Runs *runs, const Decimal &decimal, size_t decimals) {
 
 // g: fixed or exponent, as the exponent goes; without zeros at the end unless # asks for them.
 void LayOutGeneral(Runs *runs, const Decimal &decimal, const FormatConversion &field,
-                   int precision) {
+                   int64_t precision) {
   const int exponent = decimal.count == 0 ? 0 : decimal.point - 1;
   const bool isFixed = exponent >= -4 && exponent < precision;
-  size_t decimals = static_cast<size_t>(isFixed ? precision - 1 - exponent : precision - 1);
+  const int64_t digitsBeforePoint = isFixed ? exponent + 1 : 1;
+  int64_t decimals = precision - digitsBeforePoint;
   if (!field.Has(kFormatAlternate)) {
-    const int needed = static_cast<int>(decimal.count) - 1 - (isFixed ? exponent : 0);
-    decimals = std::min(decimals, static_cast<size_t>(std::max(needed, 0)));
+    const int64_t needed = static_cast<int64_t>(decimal.count) - digitsBeforePoint;
+    decimals = std::clamp<int64_t>(needed, 0, decimals);
   }
   if (isFixed) {
-    LayOutFixed(runs, decimal, decimals);
+    LayOutFixed(runs, decimal, static_cast<size_t>(decimals));
   } else {
-    LayOutExponent(runs, decimal, decimals, field.character == 'G' ? 'E' : 'e');
+    LayOutExponent(runs, decimal, static_cast<size_t>(decimals),
+                   field.character == 'G' ? 'E' : 'e');
   }
 }
 

@@ -170,7 +170,7 @@ void PrintPieces(FormatSink &sink, const FormatConversion &field, Head head, Lay
   if (field.Has(kFormatLeft)) sink.Fill(' ', layout.blanks);
 }
 
-// Where the room ends within the field.
+// Where the room ends within the field.  Out of line, for the array costs a check of the stack.
 template <typename Base>
 [[gnu::noinline]] void PrintCut(FormatSink &sink, const FormatConversion &field, Head head,
                                 Layout layout, uint64_t value, size_t count) {

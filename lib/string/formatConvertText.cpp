@@ -69,7 +69,7 @@ void FormatConvertString(FormatSink &sink, const FormatConversion &field, const 
 }
 
 void FormatConvertChar(FormatSink &sink, const FormatConversion &field, int value) {
-  if (!FormatSize_IsWide(field.size)) {
+  if (field.kind != FormatKind::Char || !FormatSize_IsWide(field.size)) {
     const char c = static_cast<char>(value);
     return PrintText(sink, field, &c, 1);
   }

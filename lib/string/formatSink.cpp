@@ -2,6 +2,9 @@
 
 #include "lib/string/formatSink.h"
 
+#include <cstdlib>
+#include <cstring>
+
 namespace {
 
 constexpr size_t kHeapStep = 64;

@@ -36,18 +36,17 @@ int Bounded(char *buffer, size_t size, int count) {
   return -1;
 }
 
-char *NewString(size_t *length, const char *format, va_list args) {
-  char *string = nullptr;
-  const int count = bsd_vsnprintf(&string, 0, format, args);
-  if (count < 0) return nullptr;
-  if (length != nullptr) *length = static_cast<size_t>(count);
-  return string;
+// A buffer of size 0 may be null, which to the engine would mean a new buffer.
+char *OutputFor(char *buffer, size_t size) {
+  static char nowhere;
+  return size == 0 ? &nowhere : buffer;
 }
 
 }  // namespace
 
 int Str_Vsnprintf(char *buffer, size_t size, const char *format, va_list args) {
-  return Bounded(buffer, size, bsd_vsnprintf(&buffer, size, format, args));
+  char *output = OutputFor(buffer, size);
+  return Bounded(buffer, size, bsd_vsnprintf(&output, size, format, args));
 }
 
 int Str_Snprintf(char *buffer, size_t size, const char *format, ...) {
@@ -70,14 +69,19 @@ int Str_Sprintf(char *buffer, size_t size, const char *format, ...) {
 int Str_SprintfPosixLocale(char *buffer, size_t size, const char *format, ...) {
   va_list args;
   va_start(args, format);
-  const int count = Bounded(buffer, size, bsd_vsnprintf_posix_locale(&buffer, size, format, args));
+  char *output = OutputFor(buffer, size);
+  const int count = Bounded(buffer, size, bsd_vsnprintf_posix_locale(&output, size, format, args));
   va_end(args);
   if (count < 0) Fatal_BufferTooSmall(kStrSource, 177);
   return count;
 }
 
 char *Str_Vasprintf(size_t *length, const char *format, va_list args) {
-  return NewString(length, format, args);
+  char *string = nullptr;
+  const int count = bsd_vsnprintf(&string, 0, format, args);
+  if (count < 0) return nullptr;
+  if (length != nullptr) *length = static_cast<size_t>(count);
+  return string;
 }
 
 char *Str_Asprintf(size_t *length, const char *format, ...) {
