@@ -2,6 +2,7 @@
 
 #include "tests/support/product.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -88,7 +89,10 @@ Launch OpenerLaunch(int fd, int number) {
   launch.env = {"ASAN_OPTIONS=detect_leaks=0"};
   if (fd >= 0) {
     launch.argv.push_back(std::to_string(number));
-    launch.adjust = [fd, number] { dup2(fd, number); };
+    launch.adjust = [fd, number] {
+      dup2(fd, number);
+      fcntl(number, F_SETFD, 0);  // which dup2 has not done if the two are one
+    };
   }
   return launch;
 }
