@@ -36,7 +36,7 @@ size_t BitWidth(uint64_t value) {
 size_t CountDecimal(uint64_t value) {
   // log10(2) is about 1233/4096; the estimate is right or one too small.
   const size_t estimate = BitWidth(value | 1) * 1233 >> 12;
-  return estimate + (value >= kPowersOf10[estimate] ? 1 : 0);
+  return estimate + ((value | 1) >= kPowersOf10[estimate] ? 1 : 0);
 }
 
 // Each writes the digits of `value` in front of `end`, for zero one.
