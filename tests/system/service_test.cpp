@@ -256,7 +256,7 @@ TEST_F(ServiceTest, IsNotHeldUpByAnotherReader) {
     char byte;
     while (!stop) (void)!read(end.Get(), &byte, 1);
   });
-  for (int i = 0; i < 3000; i++) EXPECT_EQ(1, write(pipe.write.Get(), "x", 1));
+  for (int i = 0; i < 20000; i++) EXPECT_EQ(1, write(pipe.write.Get(), "x", 1));
   ExpectService("alive");
   stop = true;
   thief.join();
