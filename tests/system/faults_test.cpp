@@ -186,7 +186,8 @@ class Faults : public ProductTest {
 
   static void ExpectRowForEachCall(const Trace &trace, std::span<const Row> rows, size_t upTo) {
     for (size_t i = 0; i < upTo; i++) {
-      const auto &[call, nth] = trace.order[i];
+      const std::string &call = trace.order[i].first;
+      const int nth = trace.order[i].second;
       if (kWithoutRow.contains(call)) continue;
       EXPECT_TRUE(std::ranges::any_of(
           rows, [&](const Row &row) { return row.call == call && row.nth == nth; }))
