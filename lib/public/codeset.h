@@ -1,11 +1,12 @@
 // codeset.h -- conversion between encodings: UTF-8 inside, other encodings at the edges.
 //
 // Two engines convert.  The library's own is there from the start and knows these pairs:
-//   UTF-8, UTF-16LE, UTF-16BE, US-ASCII   to themselves, when the text is valid: whatever the flags,
-//                                         an invalid one is refused, not repaired
-//   UTF-8 to UTF-16LE                     likewise
-//   UTF-16LE, UTF-16BE, ISO-8859-1,
-//   US-ASCII to UTF-8; UTF-8 to US-ASCII  of these, the two with US-ASCII heed the flags
+//   UTF-8, UTF-16LE, UTF-16BE or US-ASCII to itself; UTF-8 to UTF-16LE
+//       whatever the flags, an invalid text is refused, not repaired
+//   UTF-16LE, UTF-16BE or ISO-8859-1 to UTF-8
+//       likewise; any ISO-8859-1 is valid
+//   US-ASCII to UTF-8, and back
+//       the flags are heeded
 // ICU, once CodeSet_Init has found its data, takes over everything declared under "conversion" and
 // "validity by name".  It knows all usable encodings and heeds the flags for each pair.  A program
 // that does not call CodeSet_Init does not contain ICU.
@@ -41,8 +42,8 @@ enum : int {
   CODESET_SKIP = 2,        // it is left out
 };
 
-// Appends the text, converted, to `out` (not null, initialised); on failure `out` keeps its content.
-// An empty text succeeds whatever the names.
+// Appends the text, converted, to `out` (not null, initialised); on failure `out` keeps its
+// content. An empty text succeeds whatever the names.
 [[nodiscard]] bool CodeSet_GenericToGenericDb(const char *fromName, const void *bytes,
                                               size_t length, const char *toName, int flags,
                                               DynBuf *out);
@@ -82,9 +83,9 @@ enum : int {
 
 // ---- UTF-8 -----------------------------------------------------------------------------------
 
-// Decodes the character at `p`, which ends before `end`.  Returns its length, 1 to 4, and stores its
-// code point; or 0 when the bytes are no shortest-form UTF-8 sequence.  Surrogates and values above
-// U+10FFFF are decoded like others: who validates must reject them.
+// Decodes the character at `p`, which ends before `end`.  Returns its length, 1 to 4, and stores
+// its code point; or 0 when the bytes are no shortest-form UTF-8 sequence.  Surrogates and values
+// above U+10FFFF are decoded like others: who validates must reject them.
 [[nodiscard]] size_t CodeSet_GetUtf8(const char *p, const char *end, uint32_t *codePoint);
 
 // Whether the bytes are well-formed UTF-8 (Unicode, table 3-7).  The text is not null.
@@ -92,14 +93,14 @@ enum : int {
 [[nodiscard]] bool CodeSet_IsValidUTF8(const char *bytes, size_t length);
 
 // A whole NUL-terminated text, as another one in a new block that the caller frees with free().
-// Null gives null and true.  False for what is not well-formed: surrogates and values above U+10FFFF
-// count as that on both sides.
+// Null gives null and true.  False for what is not well-formed: surrogates and values above
+// U+10FFFF count as that on both sides.
 [[nodiscard]] bool CodeSet_UTF8ToUTF32(const char *utf8, char32_t **utf32);
 [[nodiscard]] bool CodeSet_UTF32ToUTF8(const char32_t *utf32, char **utf8);
 
 // ---- normalisation ---------------------------------------------------------------------------
 
 // Appends the string (UTF-8, not null) to `out` (not null, initialised) in normalisation form C if
-// `precomposed`, else D (Unicode Standard Annex 15), without a NUL.  The host does it: which version
-// of Unicode counts is the host's.  Link lumen_normalize.
+// `precomposed`, else D (Unicode Standard Annex 15), without a NUL.  The host does it: which
+// version of Unicode counts is the host's.  Link lumen_normalize.
 [[nodiscard]] bool CodeSet_Utf8Normalize(const char *string, bool precomposed, DynBuf *out);

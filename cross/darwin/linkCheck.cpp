@@ -1,0 +1,4 @@
+// linkCheck.cpp -- see CMakeLists.txt.
+int main() {
+  return 0;
+}
