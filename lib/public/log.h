@@ -3,9 +3,9 @@
 // Declared here and defined in opener/log.cpp: the library writes its records without knowing who
 // opened the descriptor.  A record is a local-time stamp, a tag and the message; the format
 // language is that of Str_Vsnprintf.  A message of 1024 bytes or more loses its body.  Nothing is
-// allocated, but by conversions of floating-point numbers and wide strings.  errno is not preserved:
-// read it before logging.  Any thread may log; records of two threads may interleave at the level of
-// their three writes.
+// allocated, but by conversions of floating-point numbers and wide strings.  errno is not
+// preserved: read it before logging.  Any thread may log; records of two threads may interleave at
+// the level of their three writes.
 #pragma once
 
 // A record without a tag.
