@@ -8,8 +8,10 @@
 namespace {
 
 std::atomic<int> untilFault{0};
+std::atomic<size_t> lastSize{0};
 
 bool MustFail(size_t size) {
+  lastSize = size;
   if (size <= PTRDIFF_MAX && untilFault.fetch_sub(1) != 1) return false;
   errno = ENOMEM;
   return true;
@@ -40,4 +42,7 @@ AllocFault::~AllocFault() {
 }
 bool AllocFault::Fired() const {
   return untilFault <= 0;
+}
+size_t AllocFault::LastSize() {
+  return lastSize;
 }

@@ -5,6 +5,8 @@
 // instead.
 #pragma once
 
+#include <cstddef>
+
 // While it lives, the nth allocation from its start fails; one object at a time.
 class AllocFault {
  public:
@@ -15,4 +17,7 @@ class AllocFault {
 
   // Whether there were that many.
   bool Fired() const;
+
+  // How many bytes the last allocation asked for, with or without an object.
+  static size_t LastSize();
 };

@@ -1,0 +1,69 @@
+// printfPeer.h -- the same format and arguments through the product's printf and the host's.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "bsd_vsnprintf.h"
+#include "heap.h"
+#include "str.h"
+
+// Formats come from tables, where the compiler cannot check them.
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+inline constexpr char kPeerFailed[] = "<failed>";
+
+inline std::string PeerTake(char *text, int length) {
+  const HeapStr owner(text);
+  return length < 0 ? kPeerFailed : std::string(text, static_cast<size_t>(length));
+}
+
+template <typename... Args>
+std::string Host(const std::string &format, Args... args) {
+  char *text = nullptr;
+  const int length = asprintf(&text, format.c_str(), args...);
+  return PeerTake(text, length);
+}
+
+template <typename... Args>
+std::string Ours(const std::string &format, Args... args) {
+  size_t length = 0;
+  char *const text = Str_Asprintf(&length, format.c_str(), args...);
+  return PeerTake(text, text == nullptr ? -1 : static_cast<int>(length));
+}
+
+// The engine on a buffer of `size` bytes.
+inline int OursInto(char *buffer, size_t size, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int count = bsd_vsnprintf(&buffer, size, format, args);
+  va_end(args);
+  return count;
+}
+
+// Both print the same: as a new string, and in a buffer that holds only a part.
+template <typename... Args>
+void Agree(const std::string &format, Args... args) {
+  const std::string expected = Host(format, args...);
+  ASSERT_EQ(expected, Ours(format, args...)) << format;
+  std::vector<char> half(expected.size() / 2 + 2, '#');
+  const size_t size = half.size() - 1;
+  ASSERT_EQ(static_cast<int>(expected.size()), OursInto(half.data(), size, format.c_str(), args...))
+      << format;
+  ASSERT_EQ(expected.substr(0, size - 1), std::string(half.data(), size - 1)) << format;
+  ASSERT_EQ('\0', half[size - 1]) << format;
+  ASSERT_EQ('#', half[size]) << format;
+}
+
+// All sets of the flags in `of`.
+inline std::vector<std::string> FlagSets(const std::string &of) {
+  std::vector<std::string> sets{""};
+  for (const char flag : of) {
+    for (size_t i = sets.size(); i-- > 0;) sets.push_back(sets[i] + flag);
+  }
+  return sets;
+}

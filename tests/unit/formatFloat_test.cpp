@@ -1,0 +1,117 @@
+// formatFloat_test.cpp -- floating point: every digit as the host's printf has it.
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "platform/decimalDigits.h"
+#include "tests/support/printfPeer.h"
+
+namespace {
+
+using std::string;
+
+// Doubles that are hard to print: powers, halves, the ends of the range, any bits.
+std::vector<double> HardDoubles(int anyCount) {
+  std::vector<double> values = {0.0,     0.1,     1.0 / 3,      0.5,         1.5,       2.5,
+                                9.995,   99999.5, 999999.5,     123456.7891, 5e-5,      1e-5,
+                                1e15,    1e16,    1e22,         1e23,        9.9999e-5, 9.9999995,
+                                0.001,   0.006,   0x1p-12,      1.7e13,      0x1p63,    0x1p64,
+                                DBL_MAX, DBL_MIN, DBL_TRUE_MIN, INFINITY,    NAN};
+  std::mt19937_64 random(20240305);
+  for (int i = 0; i < anyCount; ++i) {
+    values.push_back(std::bit_cast<double>(random()));
+    const int exponent = static_cast<int>(random() % 140);
+    values.push_back(std::ldexp(static_cast<double>(random() >> 11), -exponent));
+  }
+  const size_t count = values.size();
+  for (size_t i = 0; i < count; ++i) values.push_back(-values[i]);
+  return values;
+}
+
+TEST(FormatFloat, AgreesWithTheHost) {
+  const std::vector<double> values = HardDoubles(300);
+  for (const char *const precision : {"", ".1", ".3", ".16", ".17", ".19", ".20", ".40", ".1100"}) {
+    for (const char conversion : {'e', 'E', 'f', 'F', 'g', 'G'}) {
+      const string format = string("%") + precision + conversion;
+      for (const double value : values) Agree(format, value);
+      if (HasFatalFailure()) return;
+    }
+  }
+}
+
+TEST(FormatFloat, FlagsAndWidthsAgreeWithTheHost) {
+  const double values[] = {0, -0.0, 3, -1234567.875, 1e-7, 1e100, INFINITY, -NAN};
+  for (const string &flags : FlagSets("-+ #0")) {
+    for (const char *const size : {"", "1", "14", "14.0", ".0", "12.2"}) {
+      for (const char conversion : {'e', 'g', 'F', 'G'}) {
+        const string format = "<%" + flags + size + conversion + ">";
+        for (const double value : values) {
+          Agree(format, value);
+        }
+        if (HasFatalFailure()) return;
+      }
+    }
+  }
+}
+
+TEST(FormatFloat, WithoutDecimalsHalvesRoundAwayFromZero) {
+  for (const double value : HardDoubles(300)) {
+    ASSERT_EQ(Host("%.0f", std::round(value)), Ours("%.0f", value));
+  }
+  EXPECT_EQ("1|-1|3|0|-0|3.|4503599627370498",
+            Ours("%.0f|%.0f|%.0f|%.0f|%.0f|%#.0f|%.0f", 0.5, -0.5, 2.5, 0.49999999999999994, -0.25,
+                 2.5, 4503599627370497.5));
+}
+
+// The digits themselves: what fcvt and ecvt of macOS give.
+TEST(FormatFloat, DecimalDigits) {
+  struct {
+    char *(*procedure)(double, int, int *);
+    double value;
+    int count;
+    const char *digits;
+    int point;
+  } const rows[] = {
+      {Platform_FixedDigits, 0, 2, "00", 0},
+      {Platform_FixedDigits, 0.001, 2, "", -2},
+      {Platform_FixedDigits, 0.006, 2, "1", -1},
+      {Platform_FixedDigits, 0.999, 2, "100", 1},
+      {Platform_FixedDigits, 0.5, 25, "5000000000000000000000000", 0},
+      {Platform_FixedDigits, 1e22, 1, "100000000000000000000000", 23},
+      {Platform_FixedDigits, 1e-30, 22, "", -22},
+      {Platform_FixedDigits, DBL_TRUE_MIN, 3, "", -3},
+      {Platform_SignificantDigits, 0, 6, "000000", 1},
+      {Platform_SignificantDigits, 9.99, 2, "10", 2},
+      {Platform_SignificantDigits, 1e-320, 5, "99999", -320},
+      {Platform_SignificantDigits, 0.1, 20, "10000000000000000555", 0},
+  };
+  for (const auto &row : rows) {
+    int point = 77;
+    const HeapStr digits(row.procedure(row.value, row.count, &point));
+    EXPECT_STREQ(row.digits, digits.get()) << row.value;
+    EXPECT_EQ(row.point, point) << row.value;
+  }
+}
+
+TEST(FormatFloat, ThreadsDoNotMixTheirDigits) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([i] {
+      for (int n = 0; n < 2000; ++n) {
+        const double value = 1000.0 * i + n / 7.0;
+        ASSERT_EQ(Host("%.3f %.12e %g", value, value, value),
+                  Ours("%.3f %.12e %g", value, value, value));
+      }
+    });
+  }
+  for (std::thread &thread : threads) thread.join();
+}
+
+}  // namespace

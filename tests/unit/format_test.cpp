@@ -1,0 +1,278 @@
+// format_test.cpp -- the printf engine, with the host's printf as second opinion where both must
+// agree.
+//
+// Not compared, for they differ by design: %p, %a, null and wide strings, unknown conversions, the
+// flag 0 for strings.  These have tables.  Floating point: formatFloat_test.cpp.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <climits>
+#include <clocale>
+#include <cstdint>
+#include <utility>
+
+#include "tests/support/allocFault.h"
+#include "tests/support/capture.h"
+#include "tests/support/printfPeer.h"
+
+namespace {
+
+using std::string;
+
+template <typename T>
+void IntegerGrid(const string &size) {
+  const int64_t values[] = {0,        1,         -1,        7,         8,
+                            10,       99,        -100,      INT_MIN,   INT_MAX,
+                            UINT_MAX, 1LL << 32, INT64_MIN, INT64_MAX, 999999999};
+  for (const string &flags : FlagSets("-+ #0")) {
+    for (const char *const width : {"", "1", "7", "30"}) {
+      for (const char *const precision : {"", ".", ".1", ".6", ".25"}) {
+        for (const char conversion : {'d', 'i', 'u', 'o', 'x', 'X'}) {
+          const string format = "<%" + flags + width + precision + size + conversion + ">";
+          for (const int64_t value : values) Agree(format, static_cast<T>(value));
+          if (testing::Test::HasFatalFailure()) return;
+        }
+      }
+    }
+  }
+}
+
+TEST(Format, IntegersAgreeWithTheHost) {
+  IntegerGrid<int>("");
+  IntegerGrid<long long>("ll");
+}
+
+TEST(Format, EverySizeModifierNarrowsAsTheHost) {
+  for (const string size : {"hh", "h", "", "l", "ll", "q", "L", "j", "t", "z", "Z"}) {
+    for (const int64_t value : {int64_t{0x123456789abcdef0}, int64_t{-2}, INT64_MIN}) {
+      for (const char conversion : {'d', 'u', 'o', 'x'}) {
+        const string format = "%#" + size + conversion;
+        if (size.empty() || size[0] == 'h') {
+          Agree(format, static_cast<int>(value));
+        } else {
+          Agree(format, value);
+        }
+      }
+    }
+  }
+}
+
+TEST(Format, TextAgreesWithTheHost) {
+  for (const char *const flags : {"", "-"}) {
+    for (const char *const width : {"", "1", "9", "50"}) {
+      const string start = string("<%") + flags + width;
+      for (const int c : {int{'a'}, 0, 0xe9}) Agree(start + "c>", c);
+      for (const char *const precision : {"", ".", ".0", ".3", ".60"}) {
+        for (const char *const text : {"", "a", "four", "seventeen letters", "caf\xc3\xa9",
+                                       "more than thirty-two letters make a long piece"}) {
+          Agree(start + precision + "s|%%>", text);
+        }
+      }
+    }
+  }
+  const char unterminated[] = {'a', 'b', 'c'};
+  EXPECT_EQ("abc", Ours("%.3s", unterminated));
+}
+
+TEST(Format, ArgumentsAsWidthAndPrecision) {
+  for (const int width : {0, 5, -5, 40}) {
+    for (const int precision : {-1, 0, 3, INT_MIN}) {
+      Agree("<%*.*d|%0*d|%.*f>", width, precision, 42, width, 7, precision, 1.0625);
+      Agree("<%-*.*s>", width, precision, "four");
+    }
+  }
+}
+
+TEST(Format, OwnForms) {
+  void *const pointer = reinterpret_cast<void *>(0x1234abcd);
+  char *const null = nullptr;
+  const wchar_t wide[] = {'a', 0xe9, 0x20ac, 0xd800, 0x1f600, 0};
+  const std::pair<string, string> rows[] = {
+      {"1234ABCD", Ours("%p", pointer)},
+      {"     001234ABCD|0", Ours("%#15.10p|%p", pointer, null)},
+      {"(null)|   (nu|(null)", Ours("%s|%6.3s|%ls", null, null, null)},
+      {"a\xc3\xa9\xe2\x82\xac\xed\xa0\x80\xf0\x9f\x98\x80", Ours("%ls", wide)},
+      {"a\xc3\xa9\xe2\x82\xac|   a|a\xc3\xa9|",
+       Ours("%.6S|%4.2ls|%.5ls|%.0ls", wide, wide, wide, wide)},
+      {"x|x", Ours("%lc|%C", L'x', L'x')},
+      {"-5000000000|5000000000|1000000000000",
+       Ours("%D|%U|%O", -5000000000LL, 5000000000LL, 1LL << 36)},
+      {"5000000000|5000000000|7", Ours("%I64d|%Iu|%I32d", 5000000000LL, size_t{5000000000}, 7)},
+      {"00abc|0000a", Ours("%05s|%05c", "abc", 'a')},
+      {"k|  \xe9|!|   %|1", Ours("%k|%3l\xe9|%!|%4%|%d", 1)},
+      {"1", Ours("%d%-05.3l", 1)},
+      {"a|A", Ours("%a|%A", 1.0, 1.0)},
+      {"0.1|0.1", Ours("%Lg|%llg", 0.1L, 0.1L)},
+      {" 7 |3  |-3", Ours("%3 -d|%h3-d|%.1.0hhd", 7, 3, -3)},
+  };
+  for (const auto &[expected, actual] : rows) EXPECT_EQ(expected, actual);
+}
+
+TEST(Format, WideCharactersDependOnTheLocale) {
+  char buffer[] = "########";
+  EXPECT_EQ(-1, OursInto(buffer, sizeof buffer, "ab%lccd", 0x20ac));
+  EXPECT_STREQ("ab", buffer);
+  EXPECT_EQ(kPeerFailed, Ours("ab%C", 0x20ac));
+  ASSERT_NE(nullptr, setlocale(LC_CTYPE, "C.UTF-8"));
+  Agree("<%lc|%5lc>", 0x20ac, 0xe9);
+  setlocale(LC_CTYPE, "C");
+}
+
+TEST(Format, IllegalWideStringsAreFatal) {
+  const wchar_t wide[] = {'a', 0x110000, 'b', 0};
+  EXPECT_EQ("Panic: NOT_IMPLEMENTED lib/string/bsd_vsnprintf:414\n",
+            FatalText([&] { Ours("%ls", wide); }));
+  // Where the precision ends the text first, nobody sees it.
+  EXPECT_EQ("a\xef\xbf\xbd", Ours("%.4ls", wide));
+}
+
+TEST(Format, StoresTheCount) {
+  signed char c = -1;
+  short h = -1;
+  int i = -1;
+  int64_t l[7] = {-1, -1, -1, -1, -1, -1, -1};
+  char buffer[4];
+  EXPECT_EQ(10, OursInto(buffer, sizeof buffer, "%hhna%hnbcdefghij%n%ln%lln%qn%Ln%jn%zn%tn", &c, &h,
+                         &i, l, l + 1, l + 2, l + 3, l + 4, l + 5, l + 6));
+  EXPECT_EQ(0, c);
+  EXPECT_EQ(1, h);
+  EXPECT_EQ(10, i);
+  for (const int64_t count : l) EXPECT_EQ(10, count);
+}
+
+TEST(Format, Positions) {
+  Agree("%2$s %1$s", "a", "b");
+  Agree("%1$s%1$s %3$*2$d|%3$-*2$.*4$d", "a", 6, 42, 4);
+  Agree("%4$g %3$lld %2$c %1$Lg", 0.5L, 'x', 1LL << 40, 2.25);
+  // More positions than the tables have at first, in any order.
+  Agree("%12$d %11$s %10$g %9$d %8$d %7$lld %6$d %5$d %4$d %3$d %2$s %1$d", 1, "b", 3, 4, 5, 6, 7LL,
+        8, 9, 1.5, "k", 12);
+  // Without a position: the next in turn, also before the first `$` and after a `*` with one.
+  EXPECT_EQ("a|c|4", Ours("%s|%3$s|%d", "a", "b", "c", 4));
+  EXPECT_EQ("   1|2", Ours("%*3$d|%d", 1, 2, 4));
+  // A position that no conversion names, and one that is none.
+  EXPECT_EQ("3 1", Ours("%3$s %1$s", "1", 2, "3"));
+  EXPECT_EQ("000$", Ours("%*0$", 4));
+}
+
+TEST(Format, CapturedValues) {
+  FormatValue values[4] = {};
+  values[0].pointer = "text";
+  values[1].integer = -3;
+  values[2].real = 0.5;
+  values[3].integer = 6;
+  const auto print = [&](const char *format) {
+    char *text = nullptr;
+    const int length = bsd_vsnprintf_values(&text, 0, format, values);
+    return PeerTake(text, length);
+  };
+  EXPECT_EQ("text -3 0.5 6|    -3|6  |4294967293", print("%s %d %g %d|%2$*4$d|%4$*2$d|%2$u"));
+  EXPECT_EQ(kPeerFailed, print("%5$d"));
+  EXPECT_EQ(kPeerFailed, print("%s %d %g %d %d"));
+}
+
+string Core(const char *grouping, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  char *text = nullptr;
+  const int length = bsd_vsnprintf_core(&text, grouping, ',', "::", 0, format, args);
+  va_end(args);
+  return PeerTake(text, length);
+}
+
+TEST(Format, NumeralsOfTheCaller) {
+  struct {
+    const char *grouping, *format, *expected;
+  } const rows[] = {
+      {"\3", "%'lld", "1,234,567"},
+      {"\3\2", "%'lld", "12,34,567"},
+      {"\2\177", "%'lld", "12345,67"},
+      {"\1", "%'lld", "1,2,3,4,5,6,7"},
+      {"\7", "%'lld", "1234567"},
+      {"", "%'lld", "1234567"},
+      {nullptr, "%'lld", "1234567"},
+      {"\3", "%lld", "1234567"},
+      {"\3", "%'x", "12d687"},
+      {"\3", "%'+015lld", "+000001,234,567"},
+      {"\3", "%'-12llu|", "1,234,567   |"},
+  };
+  for (const auto &row : rows) EXPECT_EQ(row.expected, Core(row.grouping, row.format, 1234567LL));
+  EXPECT_EQ("-9,223,372,036,854,775,808|0|", Core("\3", "%'lld|%'d|%'.0d", INT64_MIN, 0, 0));
+  EXPECT_EQ("1::5 2:: 3 1::e+00", Core(nullptr, "%g %#.0f %.0f %#.0e", 1.5, 2.0, 3.0, 1.0));
+}
+
+TEST(Format, CountsAboveIntMaxFail) {
+  char buffer[8];
+  EXPECT_EQ(INT_MAX, OursInto(buffer, sizeof buffer, "%2147483647d", 1));
+  EXPECT_STREQ("       ", buffer);
+  EXPECT_EQ(INT_MAX, OursInto(buffer, sizeof buffer, "%.*f", INT_MAX - 2, 1.0));
+  for (const string format : {"%2147483647d.", "%2147483648d%1$d", ".%-2147483647d",
+                              "%.2147483647f", "%99999999999999999999d ", "%+.2147483647d"}) {
+    memset(buffer, '#', sizeof buffer);
+    EXPECT_EQ(-1, OursInto(buffer, sizeof buffer, format.c_str(), 1.0, 1.0)) << format;
+    EXPECT_LT(strnlen(buffer, sizeof buffer), sizeof buffer) << format;
+  }
+}
+
+// What a new string grows to: a multiple of what it had that holds the text, the piece and a NUL.
+TEST(Format, NewStringsGrowByTheRule) {
+  const string a(63, 'a');
+  const string b(64, 'b');
+  struct {
+    const char *format;
+    string text;
+    size_t capacity;
+  } const rows[] = {
+      {"", "", 1},
+      {"%s", a, 64},
+      {"%s", b, 128},
+      {"%s.", a, 128},     // the dot needs 64 bytes and a NUL
+      {"%s%1$s", b, 256},  // 64 -> 128 -> 256
+      {"%200s", "", 256},  // one piece, padding and all
+      {"%.300d", string(), 320},
+  };
+  for (const auto &row : rows) {
+    Ours(row.format, row.text.c_str());
+    EXPECT_EQ(row.capacity, AllocFault::LastSize()) << row.format;
+  }
+}
+
+TEST(Format, ExhaustedMemoryIsAFailureAtEveryPlace) {
+  const wchar_t wide[] = {'w', 0x20ac, 0};
+  const auto print = [&] {
+    return Ours("%1$70s %2$ls %3$.30e %3$.9f %12$d %4$s", "a", wide, 0.1, "d", 5, 6, 7, 8, 9, 10,
+                11, 12);
+  };
+  const string expected = print();
+  int aborts = 0;
+  for (int nth = 1;; ++nth) {
+    AllocFault fault(nth);
+    // Without room for the types at all positions the process ends.
+    if (RunInChild(print).signal == SIGABRT) {
+      ++aborts;
+      continue;
+    }
+    const string text = print();
+    if (!fault.Fired()) {
+      EXPECT_EQ(expected, text);
+      EXPECT_GT(nth, 5);
+      break;
+    }
+    EXPECT_EQ(kPeerFailed, text) << nth;
+  }
+  EXPECT_EQ(1, aborts);
+}
+
+TEST(Format, FailureLeavesTheLengthAlone) {
+  AllocFault fault(1);
+  size_t length = 77;
+  EXPECT_EQ(nullptr, Str_Asprintf(&length, "%d", 1));
+  EXPECT_EQ(77u, length);
+  EXPECT_EQ("Panic: VERIFY lib/string/str:657\n", FatalText([] {
+              AllocFault inChild(1);
+              free(Str_SafeAsprintf(nullptr, "%d", 1));
+            }));
+}
+
+}  // namespace
