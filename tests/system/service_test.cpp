@@ -7,17 +7,16 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <thread>
 #include <vector>
 
 #include "tests/support/capture.h"
 #include "tests/support/fakeService.h"
 #include "tests/support/product.h"
+#include "tests/support/scratchDir.h"
 
 namespace {
 
@@ -170,6 +169,7 @@ TEST_F(ServiceTest, GoesOnWhenItHasRunOutOfDescriptors) {
   ASSERT_EQ(0, prlimit(service_, RLIMIT_NOFILE, &few, nullptr));
   std::vector<Fd> silent;
   for (int i = 0; i < 10; i++) silent.push_back(Connect());
+  const size_t connections = silent.size();
   const std::string warning = "Warning: accept errno " + std::to_string(EMFILE) + ".\n";
   EXPECT_TRUE(Logged(warning));
   const Fd file = FileWith("patient");
@@ -177,8 +177,11 @@ TEST_F(ServiceTest, GoesOnWhenItHasRunOutOfDescriptors) {
   silent.clear();
   EXPECT_EQ(kDelivered, Finish(&opener));
   EXPECT_TRUE(ServiceRead("patient"));
+  // Said once for each time of need, however often it was tried.
+  size_t warnings = 0;
   const std::string log = ServiceLog();
-  EXPECT_EQ(log.find(warning), log.rfind(warning)) << log;
+  for (size_t at = 0; (at = log.find(warning, at)) != log.npos; at++) warnings++;
+  EXPECT_LE(warnings, connections) << log;
 }
 
 // ---- descriptors ------------------------------------------------------------------------------
@@ -245,21 +248,33 @@ TEST_F(ServiceTest, LeavesTheFlagsOfADescriptorAlone) {
   EXPECT_TRUE(ServiceRead("abc"));
 }
 
-// Somebody else reads the same pipe, so that what poll promised may be gone.
+// Somebody else reads the same pipe, so that what poll promised is gone when the service reads; to
+// make sure of that, strace holds each of its reads back for a moment.
 TEST_F(ServiceTest, IsNotHeldUpByAnotherReader) {
   Pipe pipe;
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(pipe.read.Get())));
-  std::atomic<bool> stop = false;
-  std::thread thief([&] {
-    const Fd end(open(("/proc/self/fd/" + std::to_string(pipe.read.Get())).c_str(),
-                      O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    char byte;
-    while (!stop) (void)!read(end.Get(), &byte, 1);
-  });
-  for (int i = 0; i < 20000; i++) EXPECT_EQ(1, write(pipe.write.Get(), "x", 1));
+  Launch launch;
+  launch.argv = {"/usr/bin/strace",
+                 "-q",
+                 "-p",
+                 std::to_string(service_),
+                 "-o",
+                 "/run/trace",
+                 "-e",
+                 "trace=read",
+                 "-e",
+                 "inject=read:delay_enter=200ms"};
+  Process strace(launch);
+  const std::string status = "/proc/" + std::to_string(service_) + "/status";
+  EXPECT_TRUE(Eventually([&] {
+    return ReadFile(status).find("TracerPid:\t" + std::to_string(strace.Pid())) !=
+           std::string::npos;
+  }));
+  EXPECT_EQ(1, write(pipe.write.Get(), "x", 1));
+  EXPECT_TRUE(Eventually([] { return ReadFile("/run/trace").find("read(") != std::string::npos; }));
+  char byte;
+  EXPECT_EQ(1, read(pipe.read.Get(), &byte, 1));
   ExpectService("alive");
-  stop = true;
-  thief.join();
 }
 
 // ---- its life ---------------------------------------------------------------------------------
