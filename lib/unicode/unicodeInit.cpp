@@ -1,0 +1,39 @@
+// unicodeInit.cpp -- the one start of the code sets for the whole process.
+
+#include <atomic>
+#include <ctime>
+
+#include "codeset.h"
+#include "log.h"
+#include "unicode.h"
+
+namespace {
+
+struct {
+  std::atomic<unsigned> lock = 0;
+  bool done = false;  // under the lock
+} state;
+
+void Lock() {
+  // The work under the lock is done once and touches the disk: who has to wait may as well sleep.
+  constexpr timespec kPause = {.tv_sec = 0, .tv_nsec = 250'000'000};
+  for (unsigned unlocked = 0;
+       !state.lock.compare_exchange_strong(unlocked, 1, std::memory_order_acquire); unlocked = 0) {
+    nanosleep(&kPause, nullptr);
+  }
+}
+
+void Unlock() {
+  state.lock.store(0, std::memory_order_release);
+}
+
+}  // namespace
+
+void Unicode_Init(const char *icuDataDir) {
+  Lock();
+  if (!state.done) {
+    if (!CodeSet_Init(icuDataDir)) Panic("%s", "Failed to initialize codeset.\n");
+    state.done = true;
+  }
+  Unlock();
+}
