@@ -1,18 +1,29 @@
-// codeset_test.cpp -- UTF-8 against a second opinion, and the current encoding.
+// codeset_test.cpp -- UTF-8 against a second opinion, and the library's own converters.
+//
+// Linked with --wrap=malloc,--wrap=realloc for AllocFault.  What valid text converts to is tested
+// against ICU in icu_test.cpp.
 
 #include "codeset.h"
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <bit>
 #include <cstdint>
+#include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "dynbuf.h"
 #include "heap.h"
+#include "tests/support/allocFault.h"
+#include "tests/support/capture.h"
 
 namespace {
+
+using std::string_literals::operator""s;
 
 // The second opinion: the length of the character that the text begins with, by its bits, and its
 // value; 0 when there is none.
@@ -70,13 +81,33 @@ TEST(Utf8, AllTextsUpToThreeBytesAndManyOfFourAreTreatedAlike) {
   EXPECT_EQ(std::vector<uint32_t>{}, wrong);
 }
 
+// Long enough for stretches of ASCII and for several lanes of the check, at every alignment.
+TEST(Utf8, LongTextsWithOneWrongByteAreTreatedAlike) {
+  const std::string_view pieces[] = {"plain text of more than a few words, ", "\xC3\xA9",
+                                     "\xE3\x81\x84", "\xF0\x9F\x98\x80", "a"};
+  std::mt19937 random(1);
+  int valid = 0;
+  for (int round = 0; round < 4000; round++) {
+    std::string text;
+    const size_t mostly = random() % std::size(pieces);
+    while (text.size() < 600) {
+      text += pieces[random() % 4 == 0 ? random() % std::size(pieces) : mostly];
+    }
+    text.erase(0, random() % 8);
+    if (round % 4 != 0) text[random() % text.size()] = static_cast<char>(random());
+    ASSERT_EQ(IsValid(text), CodeSet_IsValidUTF8(text.data(), text.size())) << round;
+    valid += IsValid(text) ? 1 : 0;
+  }
+  EXPECT_LT(200, valid);
+  EXPECT_GT(3800, valid);
+}
+
 TEST(Utf8, AStringEndsAtItsNul) {
   EXPECT_TRUE(CodeSet_IsValidUTF8("\xC3\xA9\0\xFF"));
   EXPECT_FALSE(CodeSet_IsValidUTF8("\xC3\0\xA9"));
 }
 
 TEST(CurrentEncoding, CopiesWhatIsValidAndTerminatesItForAnyUnit) {
-  using std::string_literals::operator""s;
   for (const auto convert : {CodeSet_Utf8ToCurrent, CodeSet_CurrentToUtf8}) {
     for (const std::string &text : {""s, "a\0\xF4\x8F\xBF\xBF"s, std::string(5000, 'x')}) {
       char *out = nullptr;
@@ -90,6 +121,138 @@ TEST(CurrentEncoding, CopiesWhatIsValidAndTerminatesItForAnyUnit) {
     EXPECT_FALSE(convert("a\xED\xA0\x80", 4, &out, nullptr));
     EXPECT_EQ(nullptr, out);
   }
+}
+
+// ---- pairs of encodings ----------------------------------------------------------------------
+
+struct Conversion {
+  int line;
+  const char *from, *to;
+  int flags;
+  std::string in;
+  std::optional<std::string> out;  // none when it fails
+};
+
+TEST(OwnConverters, DoWhatTheFlagsLetThem) {
+  constexpr std::nullopt_t kFails = std::nullopt;
+  const Conversion rows[] = {
+      // Surrogates, beyond Unicode, over-long, cut off, at the end of a long text.
+      {__LINE__, "UTF-8", "UTF-16LE", 0, "a\0\xC3\xA9\xF0\x9F\x98\x80"s,
+       "a\0\0\0\xE9\0\x3D\xD8\0\xDE"s},
+      {__LINE__, "utf8", "utf_16-le", 2, "12345678\xC3\xBF",
+       "1\0002\0003\0004\0005\0006\0007\0008\0\xFF\0"s},
+      {__LINE__, "UTF-8", "UTF-16LE", 1, "12345678\xED\xA0\x80", kFails},
+      {__LINE__, "UTF-8", "UTF-16LE", 2, "\xF4\x90\x80\x80", kFails},
+      {__LINE__, "UTF-8", "UTF-16LE", 0, "\xC3\xA9\xC0\x80", kFails},
+      {__LINE__, "UTF-8", "UTF-16LE", 0, "\xC3\xA9\xE3\x81", kFails},
+      {__LINE__, "UTF-8", "UTF-8", 1, "ok\xFF", kFails},
+      // Half units and half pairs.
+      {__LINE__, "UTF-16LE", "UTF-8", 0, "a\0\0\0\xE9\0\x3D\xD8\0\xDE"s,
+       "a\0\xC3\xA9\xF0\x9F\x98\x80"s},
+      {__LINE__, "UTF-16BE", "UTF-8", 0, "\0a\0\0\0\xE9\xD8\x3D\xDE\0"s,
+       "a\0\xC3\xA9\xF0\x9F\x98\x80"s},
+      {__LINE__, "UTF-16LE", "UTF-8", 1, "a\0b"s, kFails},
+      {__LINE__, "UTF-16LE", "UTF-8", 1, "\x3D\xD8"s, kFails},
+      {__LINE__, "UTF-16LE", "UTF-8", 2, "\x3D\xD8\x3D\xD8"s, kFails},
+      {__LINE__, "UTF-16LE", "UTF-8", 2, "\0\xDE\x3D\xD8"s, kFails},
+      {__LINE__, "UTF-16BE", "UTF-8", 0, "\xD8\x3D\0a"s, kFails},
+      {__LINE__, "UTF-16LE", "UTF-16LE", 0, "\x3D\xD8\0\xDE"s, "\x3D\xD8\0\xDE"s},
+      {__LINE__, "UTF-16LE", "UTF-16LE", 1, "\0\xDE\x3D\xD8"s, kFails},
+      {__LINE__, "UTF-16BE", "UTF-16BE", 0, "\xD8\x3D\xDE\0"s, "\xD8\x3D\xDE\0"s},
+      {__LINE__, "UTF-16BE", "UTF-16BE", 1, "\xD8\x3D\xDE"s, kFails},
+      // A whole sequence counts once, even a surrogate's; what is none, byte by byte.
+      {__LINE__, "UTF-8", "US-ASCII", 0, "caf\xC3\xA9", kFails},
+      {__LINE__, "UTF-8", "US-ASCII", 1, "\xC3\xA9-\xED\xA0\x80-\xE3\x81", "\x1A-\x1A-\x1A\x1A"},
+      {__LINE__, "UTF-8", "US-ASCII", 2, "\xC3\xA9-\xED\xA0\x80-\xE3\x81", "--"},
+      {__LINE__, "US-ASCII", "UTF-8", 0, "a\0\x80"s, kFails},
+      {__LINE__, "US-ASCII", "UTF-8", 1, "a\x80\xFF", "a\xEF\xBF\xBD\xEF\xBF\xBD"},
+      {__LINE__, "US-ASCII", "UTF-8", 2, "a\x80z", "az"},
+      {__LINE__, "US-ASCII", "ascii7", 0, "a\0\x7F"s, "a\0\x7F"s},
+      {__LINE__, "US-ASCII", "US-ASCII", 1, "a\x80", kFails},
+      {__LINE__, "LATIN1", "UTF-8", 0, "A\x7F\x80\xFF", "A\x7F\xC2\x80\xC3\xBF"},
+      // Pairs that nobody converts.
+      {__LINE__, "UTF-8", "ISO-8859-1", 0, "a", kFails},
+      {__LINE__, "ISO-8859-1", "ISO-8859-1", 0, "a", kFails},
+      {__LINE__, "UTF-8", "UTF-16BE", 0, "a", kFails},
+      {__LINE__, "UTF-16", "UTF-8", 0, "a\0"s, kFails},
+      {__LINE__, "EUC-JP", "EUC-JP", 0, "a", kFails},
+      {__LINE__, "no such name", "no such name", 0, "a", kFails},
+      {__LINE__, "no such name", "UTF-8", 0, "", ""},
+  };
+  for (const Conversion &row : rows) {
+    ScopedDynBuf out;
+    ASSERT_TRUE(DynBuf_Append(&out, "before", 6));
+    EXPECT_EQ(
+        row.out.has_value(),
+        CodeSet_GenericToGenericDb(row.from, row.in.data(), row.in.size(), row.to, row.flags, &out))
+        << "line " << row.line;
+    EXPECT_EQ("before" + row.out.value_or(""), std::string(out.data, out.size))
+        << "line " << row.line;
+  }
+}
+
+TEST(OwnConverters, FailWithoutATraceWhenMemoryIsExhausted) {
+  const std::string text(300, 'x');
+  for (const char *const to : {"UTF-8", "UTF-16LE", "US-ASCII"}) {
+    char *out = nullptr;
+    size_t length = 1;
+    // Once, so that the names are remembered: that allocation is fatal.
+    ASSERT_TRUE(CodeSet_GenericToGeneric("UTF-8", text.data(), text.size(), to, 0, &out, nullptr));
+    HeapStr(std::exchange(out, nullptr)).reset();
+    int faults = 0;
+    for (bool fired = true; fired; faults++) {
+      const AllocFault fault(faults + 1);
+      const bool ok =
+          CodeSet_GenericToGeneric("UTF-8", text.data(), text.size(), to, 0, &out, &length);
+      fired = fault.Fired();
+      ASSERT_EQ(!fired, ok) << to;
+      ASSERT_EQ(fired, out == nullptr);
+      ASSERT_EQ(fired, length == 1);
+    }
+    HeapStr(out).reset();
+    EXPECT_LE(3, faults);
+  }
+}
+
+TEST(OwnConverters, ValidateWhatTheyCanConvert) {
+  const struct {
+    const char *name;
+    std::string text;
+    bool valid;
+  } rows[] = {
+      {"UTF-8", "\xF4\x8F\xBF\xBF", true}, {"UTF-8", "\xF4\x90\x80\x80", false},
+      {"UTF-16LE", "\0\xD8"s, false},      {"UTF-16BE", "\xD8\0\xDC\0"s, true},
+      {"US-ASCII", "a\x80", false},        {"ISO-8859-1", "a\x80", true},
+      {"Shift_JIS", "a", false},           {"no such name", "", true},
+  };
+  for (const auto &row : rows) {
+    EXPECT_EQ(row.valid, CodeSet_Validate(row.text.data(), row.text.size(), row.name)) << row.name;
+  }
+  EXPECT_EQ("Panic: VERIFY lib/misc/codeset:1700\n",
+            FatalText([] { static_cast<void>(CodeSet_Validate("", size_t{1} << 31, "UTF-8")); }));
+}
+
+TEST(Utf32, GoesThereAndBackAndRefusesSurrogates) {
+  const std::u32string text = U"a\u00E9\u3044\U0001F600\U0010FFFF";
+  const std::string utf8 = "a\xC3\xA9\xE3\x81\x84\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF";
+  char32_t *units = nullptr;
+  char *bytes = nullptr;
+  ASSERT_TRUE(CodeSet_UTF8ToUTF32(utf8.c_str(), &units));
+  const HeapArray<char32_t> unitsOwner(units);
+  EXPECT_EQ(text, units);
+  ASSERT_TRUE(CodeSet_UTF32ToUTF8(text.c_str(), &bytes));
+  const HeapStr bytesOwner(bytes);
+  EXPECT_EQ(utf8, bytes);
+
+  for (const char *const bad : {"\xED\xA0\x80", "\xF4\x90\x80\x80", "a\xC3"}) {
+    EXPECT_FALSE(CodeSet_UTF8ToUTF32(bad, &units));
+  }
+  for (const char32_t bad : {char32_t{0xD800}, char32_t{0xDFFF}, char32_t{0x110000}}) {
+    const char32_t string[] = {U'a', bad, 0};
+    EXPECT_FALSE(CodeSet_UTF32ToUTF8(string, &bytes));
+  }
+  EXPECT_TRUE(CodeSet_UTF8ToUTF32(nullptr, &units) && units == nullptr);
+  EXPECT_TRUE(CodeSet_UTF32ToUTF8(nullptr, &bytes) && bytes == nullptr);
 }
 
 }  // namespace
