@@ -33,20 +33,28 @@ Connection *Service::FindFree() {
   return found == connections_.end() ? nullptr : &*found;
 }
 
-// Fills `watched_`.  poll(2) passes over negative descriptors, so everything keeps its place.
+void Service::Watch(int fd, Connection *owner) {
+  if (fd < 0) return;
+  watched_[numWatched_] = {fd, POLLIN, 0};
+  owners_[numWatched_++] = owner;
+}
+
+// Watches what is open and nothing else: poll(2) refuses a list longer than the descriptor limit.
+// The order is that in which events are handled: whoever leaves makes room for the new ones.
 bool Service::Wait() {
-  const bool mayAccept = !starved_ && FindFree() != nullptr;
-  watched_[kStop] = {stop_.Get(), POLLIN, 0};
-  watched_[kListener] = {mayAccept ? listener_.Get() : -1, POLLIN, 0};
-  watched_[kStatus] = {status_.Get(), POLLIN, 0};
-  for (size_t i = 0; i < connections_.size(); i++) {
-    watched_[kFirstConnection + i] = {connections_[i].Descriptor(), POLLIN, 0};
-  }
+  numWatched_ = 0;
+  Watch(stop_.Get(), nullptr);
+  Watch(status_.Get(), nullptr);
+  for (Connection &connection : connections_) Watch(connection.Descriptor(), &connection);
+  if (!starved_ && FindFree() != nullptr) Watch(listener_.Get(), nullptr);
+
   const int events =
-      poll(watched_.data(), static_cast<nfds_t>(watched_.size()), starved_ ? kStarvedMs : -1);
+      poll(watched_.data(), static_cast<nfds_t>(numWatched_), starved_ ? kStarvedMs : -1);
   if (events >= 0) return true;
-  // After an interrupted call nothing in watched_ is an event.
-  if (errno == EINTR) return true;
+  if (errno == EINTR) {
+    numWatched_ = 0;  // there are no events
+    return true;
+  }
   Warning("poll errno %d.\n", errno);
   return false;
 }
@@ -84,6 +92,12 @@ void Service::ReadStatus() {
   status_.Reset();
 }
 
+void Service::Stop() {
+  const auto open =
+      std::ranges::count_if(connections_, [](const Connection &c) { return !c.IsFree(); });
+  Log("Stopped with %d connections open.\n", static_cast<int>(open));
+}
+
 bool Service::Run() {
   // The opener listens with a queue of the smallest length.  Openers connect under their lock, so
   // one that finds the queue full holds up all others.
@@ -91,17 +105,20 @@ bool Service::Run() {
   if (listen(listener_.Get(), SOMAXCONN) != 0) Warning("listen errno %d.\n", errno);
 
   while (Wait()) {
-    if (watched_[kStop].revents != 0) {
-      const auto open =
-          std::ranges::count_if(connections_, [](const Connection &c) { return !c.IsFree(); });
-      Log("Stopped with %d connections open.\n", static_cast<int>(open));
-      return true;
+    for (size_t i = 0; i < numWatched_; i++) {
+      if (watched_[i].revents == 0) continue;
+      if (owners_[i] != nullptr) {
+        owners_[i]->Proceed();
+      } else if (watched_[i].fd == stop_.Get()) {
+        Stop();
+        return true;
+      } else if (watched_[i].fd == status_.Get()) {
+        ReadStatus();
+      } else {
+        AcceptAll();
+      }
     }
-    if (watched_[kStatus].revents != 0) ReadStatus();
-    for (size_t i = 0; i < connections_.size(); i++) {
-      if (watched_[kFirstConnection + i].revents != 0) connections_[i].Proceed();
-    }
-    if (starved_ || watched_[kListener].revents != 0) AcceptAll();
+    if (starved_) AcceptAll();
   }
   return false;
 }

@@ -14,21 +14,27 @@ class Service {
   // A bound that no ordinary crowd reaches.  Openers beyond it wait in the listening socket's
   // queue.
   static constexpr size_t kMaxConnections = 512;
-  enum Watched : size_t { kStop, kListener, kStatus, kFirstConnection };
+  static constexpr size_t kMaxWatched = 3 + kMaxConnections;
 
   Fd listener_;
   Fd status_;
   Fd stop_;
   std::array<Connection, kMaxConnections> connections_;
-  std::array<pollfd, kFirstConnection + kMaxConnections> watched_;
   unsigned lastSerial_ = 0;
   bool starved_ = false;  // no descriptors left for accept
 
+  // What poll(2) looks at, and whose it is: null for the service itself.
+  std::array<pollfd, kMaxWatched> watched_;
+  std::array<Connection *, kMaxWatched> owners_;
+  size_t numWatched_ = 0;
+
   Connection *FindFree();
+  void Watch(int fd, Connection *owner);
   bool Wait();
   void AcceptAll();
   void NoteAcceptFailure(int error);
   void ReadStatus();
+  void Stop();
 
  public:
   // `listener` is a listening socket, `status` a pipe's read end; `stop` becomes readable when the

@@ -77,6 +77,7 @@ class ServiceTest : public ProductTest {
   static bool Logged(const std::string &text) {
     return Eventually([&] { return ServiceLog().find(text) != std::string::npos; });
   }
+  void ExpectSameService() const { EXPECT_EQ(std::vector<pid_t>{service_}, Services()); }
   long OpenFiles() const {
     const fs::directory_iterator files("/proc/" + std::to_string(service_) + "/fd");
     return std::distance(begin(files), end(files));
@@ -150,7 +151,7 @@ TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
     EXPECT_NE(std::string::npos, ServiceLog().find(peer.logged, logBefore)) << ServiceLog();
   }
   EXPECT_TRUE(Eventually([&] { return OpenFiles() == filesBefore; })) << OpenFiles();
-  EXPECT_EQ(std::vector<pid_t>{service_}, Services());
+  ExpectSameService();
 }
 
 // More than the service takes at a time: the last ones wait until others leave.
@@ -162,6 +163,7 @@ TEST_F(ServiceTest, ServesWhoCameTooManyWhenOthersHaveLeft) {
   silent.clear();
   EXPECT_EQ(kDelivered, Finish(&opener));
   EXPECT_TRUE(ServiceRead("late"));
+  ExpectSameService();
 }
 
 TEST_F(ServiceTest, GoesOnWhenItHasRunOutOfDescriptors) {
@@ -177,6 +179,7 @@ TEST_F(ServiceTest, GoesOnWhenItHasRunOutOfDescriptors) {
   silent.clear();
   EXPECT_EQ(kDelivered, Finish(&opener));
   EXPECT_TRUE(ServiceRead("patient"));
+  ExpectSameService();
   // Said once for each time of need, however often it was tried.
   size_t warnings = 0;
   const std::string log = ServiceLog();
@@ -275,6 +278,7 @@ TEST_F(ServiceTest, IsNotHeldUpByAnotherReader) {
   char byte;
   EXPECT_EQ(1, read(pipe.read.Get(), &byte, 1));
   ExpectService("alive");
+  ExpectSameService();
 }
 
 // ---- its life ---------------------------------------------------------------------------------
