@@ -1,0 +1,268 @@
+// unicode_test.cpp -- strings by code points against a straightforward model, and the ways from and
+// to other encodings without ICU in the code sets.
+
+#include "unicode.h"
+
+#include <gtest/gtest.h>
+#include <unicode/uchar.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "codeset.h"
+#include "heap.h"
+#include "lib/unicode/unicodeCaseFold.h"
+#include "str.h"
+#include "tests/support/capture.h"
+
+namespace {
+
+using std::string_literals::operator""s;
+
+std::string Owned(char *string) {
+  const HeapStr owner(string);
+  return string == nullptr ? "(null)" : string;
+}
+
+// ---- the model: an array of code points ------------------------------------------------------
+
+using Model = std::u32string;
+
+std::string ToUtf8(const Model &model) {
+  char *utf8 = nullptr;
+  EXPECT_TRUE(CodeSet_UTF32ToUTF8(model.c_str(), &utf8));
+  return Owned(utf8);
+}
+
+Model Range(const Model &text, UnicodeIndex start, UnicodeIndex length) {
+  const auto begin = std::min(static_cast<size_t>(std::max<UnicodeIndex>(start, 0)), text.size());
+  return text.substr(begin, length < 0 ? Model::npos : static_cast<size_t>(length));
+}
+
+char32_t IcuFold(char32_t c) {
+  return static_cast<char32_t>(u_foldCase(static_cast<UChar32>(c), U_FOLD_CASE_DEFAULT));
+}
+
+std::u16string Units(const Model &text, bool fold) {
+  std::u16string units;
+  for (char32_t c : text) {
+    if (fold) c = IcuFold(c);
+    if (c >= 0x10000) units += static_cast<char16_t>(0xD7C0 + (c >> 10));
+    units += static_cast<char16_t>(c >= 0x10000 ? 0xDC00 + (c & 0x3FF) : c);
+  }
+  return units;
+}
+
+int Compare(const Model &a, const Model &b, bool fold) {
+  const int order = Units(a, fold).compare(Units(b, fold));
+  return (order > 0) - (order < 0);
+}
+
+// Few different characters, so that they meet: case pairs, also of Deseret beyond U+FFFF and of
+// letters that change their length in UTF-8, a combining mark, both sides of the surrogates.
+class RandomTexts {
+  static constexpr char32_t kCharacters[] = {
+      U'a',   U'A', U'b',   0xE9,   0xC9,   0x301,   0x3C3,   0x3C2,   0x1E9E,  0xDF,
+      0x212A, U'k', 0xD7FF, 0xE000, 0xFFFD, 0x10400, 0x10428, 0x1F600, 0x10FFFF};
+  std::mt19937 random_{3};
+
+ public:
+  Model Text(size_t limit) {
+    Model text(random_() % limit, U' ');
+    const size_t sorts = 2 + random_() % (std::size(kCharacters) - 1);
+    for (char32_t &c : text) c = kCharacters[random_() % sorts];
+    return text;
+  }
+  // The same text in other cases.
+  Model Recased(Model text) {
+    for (char32_t &c : text) {
+      const char32_t other = kCharacters[random_() % std::size(kCharacters)];
+      if (IcuFold(other) == IcuFold(c)) c = other;
+    }
+    return text;
+  }
+  // From a little below 0 to a little above the limit.
+  UnicodeIndex Index(size_t limit) {
+    return static_cast<UnicodeIndex>(random_() % (limit + 3)) - 2;
+  }
+};
+
+TEST(UnicodeRanges, BehaveLikeArraysOfCodePoints) {
+  RandomTexts random;
+  int found = 0, last = 0, equal = 0;
+  for (int round = 0; round < 50000; round++) {
+    const Model a = random.Text(12);
+    const Model b = round % 2 == 0 ? random.Text(4)
+                                   : random.Recased(Range(a, random.Index(12), random.Index(5)));
+    const std::string s = ToUtf8(a), t = ToUtf8(b);
+    const UnicodeIndex start = random.Index(12), length = random.Index(12);
+    const UnicodeIndex from = random.Index(4), count = random.Index(4);
+    const Model range = Range(a, start, length), needle = Range(b, from, count);
+    const auto base = std::clamp<UnicodeIndex>(start, 0, static_cast<UnicodeIndex>(a.size()));
+    const auto index = [base](size_t at) {
+      return at == Model::npos ? -1 : base + static_cast<UnicodeIndex>(at);
+    };
+    const std::string where = "[" + s + "] " + std::to_string(start) + "+" +
+                              std::to_string(length) + ", [" + t + "] " + std::to_string(from) +
+                              "+" + std::to_string(count);
+
+    ASSERT_EQ(static_cast<UnicodeIndex>(a.size()), Unicode_LengthInCodePoints(s.c_str())) << where;
+    ASSERT_EQ(ToUtf8(range), Owned(Unicode_Substr(s.c_str(), start, length))) << where;
+    ASSERT_EQ(ToUtf8(Model(a).replace(static_cast<size_t>(base), range.size(), needle)),
+              Owned(Unicode_ReplaceRange(s.c_str(), start, length, t.c_str(), from, count)))
+        << where;
+    const UnicodeIndex first = index(range.find(needle));
+    ASSERT_EQ(first, Unicode_FindSubstrInRange(s.c_str(), start, length, t.c_str(), from, count))
+        << where;
+    ASSERT_EQ(needle.empty() ? base : index(range.rfind(needle)),
+              Unicode_FindLastSubstrInRange(s.c_str(), start, length, t.c_str(), from, count))
+        << where;
+    for (const bool fold : {false, true}) {
+      const int order = Compare(range, needle, fold);
+      ASSERT_EQ(order, Unicode_CompareRange(s.c_str(), start, length, t.c_str(), from, count, fold))
+          << where;
+      equal += !needle.empty() && order == 0 ? 1 : 0;
+    }
+    found += !needle.empty() && first >= 0 ? 1 : 0;
+    last += !needle.empty() && range.find(needle) != range.rfind(needle) ? 1 : 0;
+  }
+  EXPECT_LT(500, std::min({found, last, equal})) << "the texts meet too seldom to show anything";
+}
+
+TEST(UnicodeRanges, AreComparedByCodeUnits) {
+  const auto compare = [](const char *a, const char *b, bool ignoreCase) {
+    return Unicode_CompareRange(a, 0, -1, b, 0, -1, ignoreCase);
+  };
+  EXPECT_EQ(-1, compare("\xF0\x90\x80\x80", "\xEF\xBF\xBD", false)) << "U+10000, U+FFFD";
+  EXPECT_EQ(1, compare("\xF0\x90\x80\x81", "\xF0\x90\x80\x80", false));
+  EXPECT_EQ(1, compare("\xF0\x9F\x98\x80", "\xED\x9F\xBF", false)) << "U+1F600, U+D7FF";
+  EXPECT_EQ(0, compare("Stra\xC3\x9F"
+                       "E",
+                       "STRA\xE1\xBA\x9E"
+                       "e",
+                       true));
+  EXPECT_EQ(1, compare("Stra\xC3\x9F"
+                       "e",
+                       "strasse", true))
+      << "a character stays one character";
+}
+
+TEST(UnicodeRanges, OfInvalidStringsAreFatal) {
+  static const char kBad[] = "a\xC3";
+  const auto text = [](const char *operation) {
+    return Owned(Str_Asprintf(nullptr, "Panic: %s: invalid UTF8 string @ %p\n", operation, kBad));
+  };
+  EXPECT_EQ(text("Unicode_Substr"),
+            FatalText([] { static_cast<void>(Unicode_Substr(kBad, 0, 0)); }));
+  EXPECT_EQ(text("Unicode_Substr"),
+            FatalText([] { static_cast<void>(Unicode_ReplaceRange("", 0, 0, kBad, 0, 0)); }));
+  EXPECT_EQ(text("Unicode_Substr"),
+            FatalText([] { static_cast<void>(Unicode_CompareRange(kBad, 0, 0, "", 0, 0, true)); }));
+  EXPECT_EQ(text("Unicode_FindSubstrInRange"),
+            FatalText([] { static_cast<void>(Unicode_FindSubstrInRange("", 0, 0, kBad, 0, 0)); }));
+}
+
+TEST(CaseFolding, IsIcusForEveryCodePoint) {
+  // Characters that are newer than the table fold to themselves here.
+  UVersionInfo table;
+  u_versionFromString(table, "15.0");
+  std::vector<uint32_t> wrong;
+  for (UChar32 c = 0; c <= 0x110000; c++) {
+    UVersionInfo age;
+    u_charAge(c, age);
+    if (std::lexicographical_compare(table, table + 2, age, age + 2)) continue;
+    const auto codePoint = static_cast<uint32_t>(c);
+    if (UnicodeSimpleCaseFold(codePoint) != IcuFold(codePoint)) wrong.push_back(codePoint);
+  }
+  EXPECT_EQ(std::vector<uint32_t>{}, wrong);
+}
+
+// ---- from and to other encodings -------------------------------------------------------------
+
+TEST(UnicodeAlloc, ReadsToTheTerminatorOfTheEncoding) {
+  using enum StringEncoding;
+  const std::string utf16 = "a\0\0\1b\0\0\0c\0"s;  // U+0100 has a zero byte
+  EXPECT_EQ(
+      "a\xC4\x80"
+      "b",
+      Owned(Unicode_Alloc(utf16.data(), Utf16Le)));
+  EXPECT_EQ(
+      "a\xC4\x80"
+      "b",
+      Owned(Unicode_Alloc(("x"s + utf16).data() + 1, Utf16Le)))
+      << "unaligned";
+  EXPECT_EQ("ab", Owned(Unicode_Alloc("\0a\0b\0\0"s.data(), Utf16Be)));
+  EXPECT_EQ("\xC3\xA9", Owned(Unicode_Alloc("\xE9", Iso8859_1)));
+  EXPECT_EQ("\xC3\xA9", Owned(Unicode_Alloc("\xC3\xA9", Current)));
+  EXPECT_EQ("ab", Owned(Unicode_AllocWithLength("abc", 2, Utf8)));
+  EXPECT_EQ("a\xEF\xBF\xBD", Owned(Unicode_Alloc("a\xFF", UsAscii)));
+  EXPECT_EQ("", Owned(Unicode_AllocWithLength("abc", 0, Utf16)));
+  EXPECT_EQ("(null)", Owned(Unicode_Alloc(nullptr, Utf8)));
+}
+
+TEST(UnicodeAlloc, OfWhatCannotBeConvertedIsFatal) {
+  const auto text = [](const char *buffer, StringEncoding encoding) {
+    return FatalText([=] { static_cast<void>(Unicode_AllocWithLength(buffer, 2, encoding)); });
+  };
+  const std::string head = "Panic: Unicode_AllocWithLength: Couldn't convert invalid buffer [";
+  EXPECT_EQ(head + "a\\x80] from UTF-8 to Unicode.\n", text("a\x80", StringEncoding::Utf8));
+  EXPECT_EQ(head + "\\x00\\xD8] from UTF-16LE to Unicode.\n",
+            text("\0\xD8", StringEncoding::Utf16Le));
+  EXPECT_EQ(head + "ab] from UTF-32 to Unicode.\n", text("ab", StringEncoding::Utf32));
+}
+
+TEST(UnicodeGetAllocBytes, ConvertsOrGivesNull) {
+  using enum StringEncoding;
+  const struct {
+    const char *in;
+    StringEncoding encoding;
+    ptrdiff_t length;
+    std::string out;  // "(null)" for none
+  } rows[] = {
+      {"a\xC3\xA9", Utf8, -1, "a\xC3\xA9"},
+      {"a\xC3\xA9", Current, 2, "a\xC3"},  // copied, not checked
+      {"ab\xC3\xA9", UsAscii, 2, "ab"},
+      {"ab\xC3\xA9", UsAscii, -1, "(null)"},
+      {"a\xF0\x9F\x98\x80", Utf16Le, -1, "a\0\x3D\xD8\0\xDE"s},
+      {"a", Iso8859_1, -1, "(null)"},
+      {"", Iso8859_1, -1, ""},
+      {nullptr, Utf8, -1, "(null)"},
+  };
+  for (const auto &row : rows) {
+    size_t length = 0;
+    const HeapStr bytes(Unicode_GetAllocBytesWithLength(row.in, row.encoding, row.length, &length));
+    EXPECT_EQ(row.out, bytes == nullptr ? "(null)" : std::string(bytes.get(), length));
+  }
+  EXPECT_EQ("Panic: NOT_IMPLEMENTED lib/unicode/unicodeSimpleBase:741\n",
+            FatalText([] { static_cast<void>(Unicode_GetAllocBytes("\xFF", Utf16Le)); }));
+}
+
+TEST(UnicodeGetAllocList, IsWholeOrNull) {
+  char a[] = "a", e[] = "\xC3\xA9";
+  char *const strings[] = {a, e, nullptr};
+  const HeapArray<char *> all(Unicode_GetAllocList(strings, -1, StringEncoding::Utf8));
+  EXPECT_EQ(a, Owned(all[0]));
+  EXPECT_EQ(e, Owned(all[1]));
+  EXPECT_EQ(nullptr, all[2]);
+  const HeapArray<char *> counted(Unicode_GetAllocList(strings, 1, StringEncoding::UsAscii));
+  EXPECT_EQ(a, Owned(counted[0]));
+  EXPECT_EQ(nullptr, counted[1]);
+  // What was converted until then is freed: AddressSanitizer watches.
+  EXPECT_EQ(nullptr, Unicode_GetAllocList(strings, 2, StringEncoding::UsAscii));
+}
+
+TEST(UnicodeStrings, AreEscapedJoinedAndCopied) {
+  EXPECT_EQ("\\x00\\x1F ~\\x5C\\x7F\\xC3\\xA9",
+            Owned(Unicode_EscapeBuffer("\0\x1F ~\\\x7F\xC3\xA9", 8, StringEncoding::Utf8)));
+  EXPECT_EQ("a\\x00", Owned(Unicode_EscapeBuffer("a\0\0\0", -1, StringEncoding::Utf16Le)));
+  EXPECT_EQ("a-\xC3\xA9", Owned(Unicode_Join("a", "-", "", "\xC3\xA9", nullptr)));
+  EXPECT_EQ("(null)", Owned(Unicode_Join(nullptr, "a", nullptr)));
+  EXPECT_EQ("7 x", Owned(Unicode_Format("%d %s", 7, "x")));
+  EXPECT_EQ("x", Owned(Unicode_Duplicate("x")));
+  EXPECT_EQ("(null)", Owned(Unicode_Duplicate(nullptr)));
+}
+
+}  // namespace
