@@ -29,6 +29,12 @@ if(LUMEN_SANITIZE)
   target_link_options(lumen_common INTERFACE -fsanitize=${LUMEN_SANITIZE})
 endif()
 
+if(LUMEN_FUZZ)
+  # What the fuzz targets run into is counted everywhere.
+  target_compile_options(lumen_common INTERFACE -fsanitize=fuzzer-no-link)
+  target_link_options(lumen_common INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 # Product code: no exceptions, no RTTI; unused sections are dropped at link.
 add_library(lumen_product INTERFACE)
 target_link_libraries(lumen_product INTERFACE lumen_common)

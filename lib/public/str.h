@@ -1,7 +1,7 @@
 // str.h -- string formatting into bounded buffers and new heap strings, and bounded copies.
 //
-// The format language is printf's (ISO C, with POSIX positional arguments and grouping), taken apart
-// as formatGrammar.h says.  What differs from the host's printf:
+// The format language is printf's (ISO C, with POSIX positional arguments and grouping), taken
+// apart as formatGrammar.h says.  What differs from the host's printf:
 //   %p    upper-case hexadecimal without a prefix
 //   %ls   32-bit code units, converted to UTF-8 whatever the locale
 //   %s    prints "(null)" for a null pointer; so does %ls
@@ -9,8 +9,8 @@
 //   %Lf   prints the nearest double
 //   %a    is not a conversion: an unknown conversion character prints as itself
 // Sizes and results are bytes; results do not count the terminating NUL.  A format is not null, a
-// buffer only when its size is 0.  Every procedure may be called from any thread.  "Fatal" is Panic,
-// which ends the process.
+// buffer only when its size is 0.  Every procedure may be called from any thread.  "Fatal" is
+// Panic, which ends the process.
 #pragma once
 
 #include <cstdarg>

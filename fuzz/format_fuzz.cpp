@@ -1,0 +1,195 @@
+// format_fuzz.cpp -- the printf engine under two kinds of formats.
+//
+//   made formats   conversions that fit one fixed list of arguments, in sequence or by position:
+//   the
+//                  host's printf must print the same
+//   raw formats    any bytes, over values that suit every conversion: all ways to print agree, and
+//                  nothing is written past the end
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "bsd_vsnprintf.h"
+#include "heap.h"
+#include "str.h"
+
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+namespace {
+
+using std::string;
+
+void Require(bool condition, const string &format, const char *what) {
+  if (condition) return;
+  fprintf(stderr, "%s, format <%s>\n", what, format.c_str());
+  abort();
+}
+
+// ---- made formats ---------------------------------------------------------------------------
+
+struct Arguments {
+  int a;
+  int64_t b;
+  double c;
+  string d;
+  int e;
+  double f;
+};
+enum class Type { Int, Int64, Double, String };
+constexpr std::array kTypes = {Type::Int,    Type::Int64, Type::Double,
+                               Type::String, Type::Int,   Type::Double};
+constexpr int kIntPositions[] = {1, 5};
+
+class FormatMaker {
+  FuzzedDataProvider &data_;
+  bool positional_;
+  string format_;
+
+ public:
+  FormatMaker(FuzzedDataProvider &data, bool positional) : data_(data), positional_(positional) {}
+
+  string Make() {
+    AddLiteral();
+    // By position each one is named once at least, or its type would be unknown.
+    for (size_t i = 0; i < kTypes.size(); ++i) AddConversion(i);
+    while (positional_ && data_.remaining_bytes() > 0) {
+      AddConversion(data_.ConsumeIntegralInRange<size_t>(0, kTypes.size() - 1));
+    }
+    return format_;
+  }
+
+ private:
+  void AddLiteral() {
+    for (const char c : data_.ConsumeRandomLengthString(12)) {
+      if (c != '\0') format_ += c == '%' ? "%%" : string(1, c);
+    }
+  }
+
+  void AddFlags(const char *flags) {
+    while (data_.ConsumeBool() && data_.remaining_bytes() > 0) {
+      format_ += flags[data_.ConsumeIntegralInRange<size_t>(0, strlen(flags) - 1)];
+    }
+  }
+
+  void AddCount(int lowest, int highest) {
+    if (positional_ && lowest == 0 && data_.ConsumeBool()) {
+      format_ += '*' + std::to_string(data_.PickValueInArray(kIntPositions)) + '$';
+    } else {
+      format_ += std::to_string(data_.ConsumeIntegralInRange(lowest, highest));
+    }
+  }
+
+  void AddPrecision(int lowest) {
+    if (!data_.ConsumeBool()) return;
+    format_ += '.';
+    AddCount(lowest, 400);
+  }
+
+  void AddConversion(size_t index) {
+    format_ += '%';
+    if (positional_) format_ += std::to_string(index + 1) + '$';
+    const Type type = kTypes[index];
+    AddFlags(type == Type::String ? "-+ #'" : "-+ #'0");
+    if (data_.ConsumeBool()) AddCount(1, 300);
+    if (type == Type::Int || type == Type::Int64) {
+      AddPrecision(0);
+      // By position glibc takes q and L for no modifier at all.
+      format_ += type == Type::Int ? data_.PickValueInArray({"", "h", "hh"})
+                 : positional_     ? data_.PickValueInArray({"l", "ll", "j", "z", "t"})
+                                   : data_.PickValueInArray({"l", "ll", "q", "L", "j", "z", "t"});
+      format_ += data_.PickValueInArray({'d', 'i', 'u', 'o', 'x', 'X'});
+    } else if (type == Type::Double) {
+      const char conversion = data_.PickValueInArray({'e', 'E', 'f', 'F', 'g', 'G'});
+      // Without decimals halves are rounded another way than the host's.
+      AddPrecision(conversion == 'f' || conversion == 'F' ? 1 : 0);
+      format_ += conversion;
+    } else {
+      AddPrecision(0);
+      format_ += 's';
+    }
+    AddLiteral();
+  }
+};
+
+void CompareWithHost(FuzzedDataProvider &data) {
+  Arguments args;
+  args.a = data.ConsumeIntegralInRange(-500, 500);  // also widths and precisions
+  args.e = data.ConsumeIntegralInRange(-500, 500);
+  args.b = data.ConsumeIntegral<int64_t>();
+  args.c = data.ConsumeFloatingPoint<double>();
+  args.f = data.ConsumeBool() ? args.c / 3 : static_cast<double>(args.b) / 1024;
+  args.d = data.ConsumeRandomLengthString(80).c_str();
+  const size_t size = data.ConsumeIntegralInRange<size_t>(1, 200);
+  const bool positional = data.ConsumeBool();
+  const string format = FormatMaker(data, positional).Make();
+  const auto printBy = [&](auto printer, char *target, size_t room) {
+    return printer(target, room, format.c_str(), args.a, args.b, args.c, args.d.c_str(), args.e,
+                   args.f);
+  };
+  const int hostLength = printBy(snprintf, nullptr, 0);
+  Require(hostLength >= 0, format, "the host refuses");
+  string expected(static_cast<size_t>(hostLength) + 1, '\0');
+  printBy(snprintf, expected.data(), expected.size());
+  expected.pop_back();
+
+  size_t length = 0;
+  const HeapStr whole(Str_Asprintf(&length, format.c_str(), args.a, args.b, args.c, args.d.c_str(),
+                                   args.e, args.f));
+  const string actual = whole == nullptr ? "<failed>" : string(whole.get(), length);
+  Require(expected == actual, format, ("host <" + expected + ">, here <" + actual + ">").c_str());
+
+  const HeapArray<char> cut = Heap_Array<char>(size);
+  const int result = printBy(Str_Snprintf, cut.get(), size);
+  Require(result == (length < size ? static_cast<int>(length) : -1), format, "wrong length");
+  const size_t kept = strnlen(cut.get(), size);
+  Require(kept < size && memcmp(cut.get(), expected.data(), kept) == 0, format, "wrong part");
+}
+
+// ---- raw formats ----------------------------------------------------------------------------
+
+void PrintRaw(FuzzedDataProvider &data) {
+  const size_t size = data.ConsumeIntegralInRange<size_t>(0, 300);
+  string format = data.ConsumeRemainingBytesAsString();
+  // A stored count could make the wide string below illegal, which is fatal.
+  for (char &c : format) {
+    if (c == 'n') c = 'd';
+  }
+  format = format.c_str();
+  // "ab" as 32-bit units, "a" as bytes, and an address for whatever takes a number.
+  alignas(8) const char32_t text[] = U"ab";
+  std::array<FormatValue, 16> values;
+  for (FormatValue &value : values) value.pointer = text;
+  const HeapArray<char> fixed = Heap_Array<char>(size);
+  char *output = fixed.get();
+  const int length = bsd_vsnprintf_values(&output, size, format.c_str(), values);
+  Require(size == 0 || strnlen(output, size) < size, format, "not terminated");
+  // A failure may come late, in a text of gigabytes.
+  if (length < 0 || length > 1 << 14) return;
+  char *grown = nullptr;
+  const int grownLength = bsd_vsnprintf_values(&grown, 0, format.c_str(), values);
+  const HeapStr owner(grown);
+  Require(grownLength == length, format, "another length");
+  const size_t kept = size == 0 ? 0 : std::min(static_cast<size_t>(length), size - 1);
+  Require(memcmp(grown, output, kept) == 0, format, "another text");
+  Require(grown[length] == '\0', format, "not terminated");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
+  FuzzedDataProvider data(bytes, size);
+  if (data.ConsumeBool()) {
+    CompareWithHost(data);
+  } else {
+    PrintRaw(data);
+  }
+  return 0;
+}
