@@ -5,7 +5,6 @@
 
 #include <array>
 #include <bit>
-#include <climits>
 
 #include "lib/string/formatConvert.h"
 
@@ -193,13 +192,13 @@ inline void Print(FormatSink &sink, const FormatConversion &field, Head head, ui
   if (layout.blanks != 0 && field.Has(kFormatLeft)) FormatFill(to, ' ', layout.blanks);
 }
 
-// The sizes of the groups stand in `grouping`, from the right; the last one repeats, and CHAR_MAX,
-// or an empty list, means that no further group follows.
+// The sizes of the groups stand in `grouping`, from the right; the last one repeats.  None is as long
+// as CHAR_MAX, which means that no further group follows, nor does one in an empty list.
 char *PutGrouped(uint64_t value, char *end, const FormatNumerals &numerals) {
   const char *group = numerals.grouping;
   int inGroup = 0;
   do {
-    if (inGroup == *group && *group != CHAR_MAX && *group != '\0') {
+    if (inGroup == *group && inGroup != 0) {
       *--end = numerals.thousandsSeparator;
       inGroup = 0;
       if (group[1] != '\0') ++group;

@@ -43,8 +43,8 @@ char *Str_Strcat(char *dest, const char *src, size_t size) {
 char *Str_Strncat(char *dest, size_t size, const char *src, size_t n) {
   const size_t before = Str_Strlen(dest, size);
   const size_t room = size - before;
-  if (n >= room && Str_Strlen(src, n) >= room) Fatal_BufferTooSmall(kStrSource, 498);
   const size_t length = Str_Strlen(src, n);
+  if (length >= room) Fatal_BufferTooSmall(kStrSource, 498);
   memcpy(dest + before, src, length);
   dest[before + length] = '\0';
   return dest;

@@ -87,12 +87,14 @@ TEST(Format, ArgumentsAsWidthAndPrecision) {
 TEST(Format, OwnForms) {
   void *const pointer = reinterpret_cast<void *>(0x1234abcd);
   char *const null = nullptr;
-  const wchar_t wide[] = {'a', 0xe9, 0x20ac, 0xd800, 0x1f600, 0};
+  const wchar_t wide[] = {'a', 0xe9, 0x20ac, 0xd800, 0x1f600, 0x10ffff, 0x10000, 0x1f601, 0};
   const std::pair<string, string> rows[] = {
       {"1234ABCD", Ours("%p", pointer)},
       {"     001234ABCD|0", Ours("%#15.10p|%p", pointer, null)},
       {"(null)|   (nu|(null)", Ours("%s|%6.3s|%ls", null, null, null)},
-      {"a\xc3\xa9\xe2\x82\xac\xed\xa0\x80\xf0\x9f\x98\x80", Ours("%ls", wide)},
+      {"a\xc3\xa9\xe2\x82\xac\xed\xa0\x80\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf\xf0\x90\x80\x80\xf0\x9f"
+       "\x98\x81",
+       Ours("%ls", wide)},
       {"a\xc3\xa9\xe2\x82\xac|   a|a\xc3\xa9|",
        Ours("%.6S|%4.2ls|%.5ls|%.0ls", wide, wide, wide, wide)},
       {"x|x", Ours("%lc|%C", L'x', L'x')},
@@ -151,8 +153,11 @@ TEST(Format, Positions) {
   // Without a position: the next in turn, also before the first `$` and after a `*` with one.
   EXPECT_EQ("a|c|4", Ours("%s|%3$s|%d", "a", "b", "c", 4));
   EXPECT_EQ("   1|2", Ours("%*3$d|%d", 1, 2, 4));
-  // A position that no conversion names, and one that is none.
+  EXPECT_EQ("a|   5|4", Ours("%s|%*3$d|%d", "a", 5, 4));
+  // Positions that no conversion names, and one that is none.
   EXPECT_EQ("3 1", Ours("%3$s %1$s", "1", 2, "3"));
+  EXPECT_EQ("20",
+            Ours("%20$d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20));
   EXPECT_EQ("000$", Ours("%*0$", 4));
 }
 
