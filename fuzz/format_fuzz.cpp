@@ -1,8 +1,7 @@
 // format_fuzz.cpp -- the printf engine under two kinds of formats.
 //
 //   made formats   conversions that fit one fixed list of arguments, in sequence or by position:
-//   the
-//                  host's printf must print the same
+//                  the host's printf must print the same
 //   raw formats    any bytes, over values that suit every conversion: all ways to print agree, and
 //                  nothing is written past the end
 

@@ -5,18 +5,15 @@
 //         and privileges.  The one that listens starts the daemon, which inherits the listening
 //         socket, and begins the next pass, in which it connects like anybody else.
 // Races:  choosing a side is the only step under the lock, so two openers never both bind.  A
-// second
-//         opener that comes while the first one still prepares the daemon connects to the first
-//         one's socket and waits in its queue for the greeting.  If the first one dies before the
-//         daemon runs, the socket goes with it, and those in the queue see an end of file and begin
-//         again.
+//         second opener that comes while the first one still prepares the daemon connects to the
+//         first one's socket and waits in its queue for the greeting.  If the first one dies before
+//         the daemon runs, the socket goes with it, and those in the queue see an end of file and
+//         begin again.
 // Holds:  1. Root only inside ServiceImplPrivBracket: while the side is chosen and while the daemon
-// is
-//            started.  The bytes are exchanged as the user.
+//            is started.  The bytes are exchanged as the user.
 //         2. Descriptors stay in slots (-1: empty) that ServiceImplClose empties.  The daemon gets
-//         the
-//            listening socket and the status pipe's read end; Hostinfo_Daemonize closes all others,
-//            and nothing else here calls exec.
+//            the listening socket and the status pipe's read end; Hostinfo_Daemonize closes all
+//            others, and nothing else here calls exec.
 //         3. A failed system call is logged once and fails the rendezvous.
 // Format: docs/protocol.md.  Tests: tests/system/
 
@@ -250,8 +247,7 @@ int ServiceImpl_Opener(int argc, char *argv[], int level, const char *lockPath,
   const Meeting meeting = {lockPath, sockPath, daemonPath};
   if (argc == 1) return ServiceImplShell(meeting);
   if (argc == 2) {
-    // Not validated: what is no number is 0, and a descriptor that is not open fails when it is
-    // sent.
+    // Not validated: no number is 0, and a descriptor that is not open fails when it is sent.
     const int fd = static_cast<int>(strtol(argv[1], nullptr, 10));
     return ServiceImplOpener(fd, meeting) ? EXIT_SUCCESS : EXIT_FAILURE;
   }

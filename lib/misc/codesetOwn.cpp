@@ -2,8 +2,9 @@
 //
 // A converter reserves the most that its output can take, writes without looking at the room again,
 // and gives the buffer its size at the end.  Where ASCII is worth it, eight characters are
-// converted at once; the rest goes character by character. Tests: tests/unit/codeset_test.cpp, and
-// against ICU tests/unit/icu_test.cpp Speed: bench/codeset_bench.cpp
+// converted at once; the rest goes character by character.
+// Tests: tests/unit/codeset_test.cpp, and against ICU tests/unit/icu_test.cpp
+// Speed: bench/codeset_bench.cpp
 
 #include <algorithm>
 #include <string_view>

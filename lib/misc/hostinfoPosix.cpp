@@ -1,15 +1,13 @@
 // hostinfoPosix.cpp -- starting a daemon.
 //
 // Idea:   the classic double fork.  The first child resets what exec would carry over (timers,
-// signal
-//         actions, descriptors), makes the session and forks again, so that the daemon is no
+//         signal actions, descriptors), makes the session and forks again, so that the daemon is no
 //         session leader and no child of the caller.  The second child becomes the daemon.
 // Report: a pipe whose write end is close-on-exec.  Whatever fails after the first fork sends its
 //         errno through it; exec closes it, and the caller reads end of file.
 // Holds:  after the first fork nothing is allocated and no string is converted; all that the
-// children
-//         need stands in the Plan.  The error pipe and the PID file are descriptors above 2,
-//         because 0 to 2 are replaced in the daemon.
+//         children need stands in the Plan.  The error pipe and the PID file are descriptors above
+//         2, because 0 to 2 are replaced in the daemon.
 // Tests:  tests/unit/daemonize_test.cpp
 
 #include <fcntl.h>

@@ -19,8 +19,7 @@ enum : int {
 //   flags        HOSTINFO_DAEMONIZE_*, or-ed
 //   pidPath      null, or the file that receives the daemon's process id and a newline
 //   keepFds      the descriptors above 2 that the daemon inherits under the same numbers; they must
-//                not be close-on-exec; all others above 2 are closed.  May be null when numKeepFds
-//                is 0
+//                not be close-on-exec; all others above 2 are closed.  Null when numKeepFds is 0
 //
 // Returns true when the program runs.  Otherwise false with errno set: the errno of what failed on
 // the way to exec, in whichever process, or EINVAL when the intermediate process died.  A PID file
