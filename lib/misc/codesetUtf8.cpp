@@ -134,7 +134,7 @@ constexpr Transitions kNext = MakeTransitions();
 
 // For each byte all next states side by side in one word, six bits for each state, which is itself
 // where its six bits begin.  A step is one look-up, which does not wait for the state, and a shift.
-constexpr unsigned kStateBits = 6;
+constexpr uint64_t kStateBits = 6;
 static_assert(kNumStates * kStateBits <= 64);
 
 using Shifts = std::array<uint64_t, 256>;

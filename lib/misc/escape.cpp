@@ -41,7 +41,7 @@ class Rewriter {
 
   // The result for the caller of the procedure; null when memory ran out on the way.
   [[nodiscard]] char *Finish(size_t *outLength) {
-    Replace(input_.size(), input_.size(), {"", 1});
+    Replace(input_.size(), input_.size(), {"\0", 1});
     if (!ok_ || !DynBuf_Trim(&result_)) return nullptr;
     if (outLength != nullptr) *outLength = result_.size - 1;
     return DynBuf_Detach(&result_);

@@ -83,7 +83,7 @@ void DynBuf_SafeAppend(DynBuf *buf, const void *bytes, size_t length, const char
 
 // A buffer that is empty at first and destroyed with its scope.
 struct ScopedDynBuf : DynBuf {
-  ScopedDynBuf() noexcept : DynBuf{} {}
+  ScopedDynBuf() noexcept { DynBuf_Init(this); }
   ScopedDynBuf(const ScopedDynBuf &) = delete;
   ScopedDynBuf &operator=(const ScopedDynBuf &) = delete;
   ~ScopedDynBuf() { DynBuf_Destroy(this); }

@@ -2,6 +2,7 @@
 
 #include "utf8.h"
 
+#include <bit>
 #include <cstddef>
 
 namespace {
@@ -22,10 +23,9 @@ ptrdiff_t LengthOf(uint32_t unit) {
 template <typename Unit>
 Utf8Result Utf8_FromUtf32(const Unit **source, const Unit *sourceEnd, char **target,
                           char *targetEnd, Utf8Mode mode) {
-  static_assert(sizeof(Unit) == sizeof(uint32_t));
   Utf8Result result = Utf8Result::Ok;
   for (; *source < sourceEnd; ++*source) {
-    uint32_t unit = static_cast<uint32_t>(**source);
+    auto unit = std::bit_cast<uint32_t>(**source);
     if (mode == Utf8Mode::Strict && IsSurrogate(unit)) return Utf8Result::SourceIllegal;
     const bool illegal = unit >= kLimit;
     if (illegal) unit = kReplacement;

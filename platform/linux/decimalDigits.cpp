@@ -75,7 +75,7 @@ char *Platform_SignificantDigits(double value, int count, int *point) {
   HeapStr text = Print("%.*e", value, count - 1);
   if (!text) return nullptr;
   const char *const exponent = strrchr(text.get(), 'e');
-  *point = atoi(exponent + 1) + 1;
+  *point = static_cast<int>(strtol(exponent + 1, nullptr, 10)) + 1;
   KeepDigits(text.get(), text.get(), exponent);
   return text.release();
 }
