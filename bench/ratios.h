@@ -1,0 +1,82 @@
+// ratios.h -- one line for each thing measured: our time, and its ratio to each peer's.
+//
+// Benchmarks are named ROW/ENGINE.  The fastest repetition of each counts, since other work on the
+// machine only adds time.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+// How a peer is named, and the most that our time may be, divided by the peer's.
+struct Peer {
+  std::string name;
+  double goal;
+};
+
+class Ratios : public benchmark::ConsoleReporter {
+  static constexpr const char *kOurs = "lumen";
+  std::vector<std::pair<std::string, std::vector<Peer>>> rows_;
+  std::map<std::string, double> fastest_;
+
+ public:
+  Ratios() : ConsoleReporter(OO_Tabular) {}
+
+  // A row; then Add for `lumen` and for each of its peers.
+  void AddRow(const std::string &row, const std::vector<Peer> &peers) {
+    rows_.emplace_back(row, peers);
+  }
+
+  // Measures body(), whose result must depend on what is measured.
+  template <typename F>
+  static void Add(const std::string &row, const std::string &engine, F body) {
+    benchmark::RegisterBenchmark((row + "/" + engine).c_str(),
+                                 [body](benchmark::State &state) mutable {
+                                   for (auto _ : state) {
+                                     benchmark::DoNotOptimize(body());
+                                     benchmark::ClobberMemory();
+                                   }
+                                 })
+        ->Repetitions(7)
+        ->MinTime(0.02)
+        ->ReportAggregatesOnly(false);
+  }
+
+  void ReportRuns(const std::vector<Run> &runs) override {
+    for (const Run &run : runs) {
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      const double time = run.GetAdjustedCPUTime();
+      const auto [at, isNew] = fastest_.emplace(run.run_name.function_name, time);
+      if (!isNew) at->second = std::min(at->second, time);
+    }
+  }
+
+  void Print() const {
+    for (const auto &[row, peers] : rows_) {
+      const auto ours = fastest_.find(row + "/" + kOurs);
+      if (ours == fastest_.end()) continue;
+      std::printf("%-24s %9.0f ns ", row.c_str(), ours->second);
+      for (const Peer &peer : peers) {
+        const auto other = fastest_.find(row + "/" + peer.name);
+        if (other == fastest_.end()) continue;
+        const double ratio = ours->second / other->second;
+        std::printf("  %5.2f of %s%s", ratio, peer.name.c_str(),
+                    ratio > peer.goal ? " (over)" : "");
+      }
+      std::printf("\n");
+    }
+  }
+
+  // Runs everything that was added, with the program's options, and prints the table.
+  int Main(int argc, char **argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks(this);
+    Print();
+    return 0;
+  }
+};
