@@ -22,40 +22,24 @@ using std::string;
 
 template <typename T>
 void IntegerGrid(const string &size) {
-  const int64_t values[] = {0,        1,         -1,        7,         8,
-                            10,       99,        -100,      INT_MIN,   INT_MAX,
-                            UINT_MAX, 1LL << 32, INT64_MIN, INT64_MAX, 999999999};
+  const int64_t values[] = {
+      0,       1,       -1,       8,         99,        -100,     0x123456789abcdef0,
+      INT_MIN, INT_MAX, UINT_MAX, 1LL << 32, INT64_MIN, 999999999};
   for (const string &flags : FlagSets("-+ #0")) {
-    for (const char *const width : {"", "1", "7", "30"}) {
-      for (const char *const precision : {"", ".", ".1", ".6", ".25"}) {
-        for (const char conversion : {'d', 'i', 'u', 'o', 'x', 'X'}) {
-          const string format = "<%" + flags + width + precision + size + conversion + ">";
-          for (const int64_t value : values) Agree(format, static_cast<T>(value));
-          if (testing::Test::HasFatalFailure()) return;
-        }
+    for (const char *const extent : {"", "7", "30", ".", ".6", "1.1", "7.0", "30.25"}) {
+      for (const char conversion : {'d', 'u', 'o', 'x', 'X'}) {
+        const string format = "<%" + flags + extent + size + conversion + ">";
+        for (const int64_t value : values) Agree(format, static_cast<T>(value));
+        if (testing::Test::HasFatalFailure()) return;
       }
     }
   }
 }
 
 TEST(Format, IntegersAgreeWithTheHost) {
-  IntegerGrid<int>("");
-  IntegerGrid<long long>("ll");
-}
-
-TEST(Format, EverySizeModifierNarrowsAsTheHost) {
-  for (const string size : {"hh", "h", "", "l", "ll", "q", "L", "j", "t", "z", "Z"}) {
-    for (const int64_t value : {int64_t{0x123456789abcdef0}, int64_t{-2}, INT64_MIN}) {
-      for (const char conversion : {'d', 'u', 'o', 'x'}) {
-        const string format = "%#" + size + conversion;
-        if (size.empty() || size[0] == 'h') {
-          Agree(format, static_cast<int>(value));
-        } else {
-          Agree(format, value);
-        }
-      }
-    }
-  }
+  for (const char *const size : {"", "h", "hh"}) IntegerGrid<int>(size);
+  for (const char *const size : {"l", "ll", "q", "L", "j", "t", "z", "Z"})
+    IntegerGrid<int64_t>(size);
 }
 
 TEST(Format, TextAgreesWithTheHost) {
@@ -189,19 +173,17 @@ string Core(const char *grouping, const char *format, ...) {
 TEST(Format, NumeralsOfTheCaller) {
   struct {
     const char *grouping, *format, *expected;
-  } const rows[] = {
-      {"\3", "%'lld", "1,234,567"},
-      {"\3\2", "%'lld", "12,34,567"},
-      {"\2\177", "%'lld", "12345,67"},
-      {"\1", "%'lld", "1,2,3,4,5,6,7"},
-      {"\7", "%'lld", "1234567"},
-      {"", "%'lld", "1234567"},
-      {nullptr, "%'lld", "1234567"},
-      {"\3", "%lld", "1234567"},
-      {"\3", "%'x", "12d687"},
-      {"\3", "%'+015lld", "+000001,234,567"},
-      {"\3", "%'-12llu|", "1,234,567   |"},
-  };
+  } const rows[] = {{"\3", "%'lld", "1,234,567"},
+                    {"\3\2", "%'lld", "12,34,567"},
+                    {"\2\177", "%'lld", "12345,67"},
+                    {"\1", "%'lld", "1,2,3,4,5,6,7"},
+                    {"\7", "%'lld", "1234567"},
+                    {"", "%'lld", "1234567"},
+                    {nullptr, "%'lld", "1234567"},
+                    {"\3", "%lld", "1234567"},
+                    {"\3", "%'x", "12d687"},
+                    {"\3", "%'+015lld", "+000001,234,567"},
+                    {"\3", "%'-12llu|", "1,234,567   |"}};
   for (const auto &row : rows) EXPECT_EQ(row.expected, Core(row.grouping, row.format, 1234567LL));
   EXPECT_EQ("-9,223,372,036,854,775,808|0|", Core("\3", "%'lld|%'d|%'.0d", INT64_MIN, 0, 0));
   EXPECT_EQ("1::5 2:: 3 1::e+00", Core(nullptr, "%g %#.0f %.0f %#.0e", 1.5, 2.0, 3.0, 1.0));
@@ -228,15 +210,8 @@ TEST(Format, NewStringsGrowByTheRule) {
     const char *format;
     string text;
     size_t capacity;
-  } const rows[] = {
-      {"", "", 1},
-      {"%s", a, 64},
-      {"%s", b, 128},
-      {"%s.", a, 128},     // the dot needs 64 bytes and a NUL
-      {"%s%1$s", b, 256},  // 64 -> 128 -> 256
-      {"%200s", "", 256},  // one piece, padding and all
-      {"%.300d", string(), 320},
-  };
+  } const rows[] = {{"", "", 1},        {"%s", a, 64},      {"%s", b, 128},     {"%s.", a, 128},
+                    {"%s%1$s", b, 256}, {"%200s", "", 256}, {"%.300d", "", 320}};
   for (const auto &row : rows) {
     Ours(row.format, row.text.c_str());
     EXPECT_EQ(row.capacity, AllocFault::LastSize()) << row.format;
@@ -267,17 +242,6 @@ TEST(Format, ExhaustedMemoryIsAFailureAtEveryPlace) {
     EXPECT_EQ(kPeerFailed, text) << nth;
   }
   EXPECT_EQ(1, aborts);
-}
-
-TEST(Format, FailureLeavesTheLengthAlone) {
-  AllocFault fault(1);
-  size_t length = 77;
-  EXPECT_EQ(nullptr, Str_Asprintf(&length, "%d", 1));
-  EXPECT_EQ(77u, length);
-  EXPECT_EQ("Panic: VERIFY lib/string/str:657\n", FatalText([] {
-              AllocFault inChild(1);
-              free(Str_SafeAsprintf(nullptr, "%d", 1));
-            }));
 }
 
 }  // namespace
