@@ -2,10 +2,10 @@
 //
 // Most callers want str.h, which also says what the format language is.  Here `*output` is either a
 // buffer of `size` bytes or null; null asks for a new buffer, which `*output` receives on success
-// and the caller frees.  The result is the number of bytes that the whole text has, without its NUL
-// and also when only a part fitted; -1 when memory ran out, a wide character has no form in the
-// locale or the text has more than INT_MAX bytes.  With a size above 0 the buffer ends in a NUL,
-// but maybe in half a character.  Any thread.
+// and the caller frees.  The result is the number of bytes that the whole text has, without its
+// NUL and also when only a part fitted; or -1 with errno ENOMEM when memory ran out, EILSEQ when a
+// wide character has no form in the locale, EOVERFLOW when the text has more than INT_MAX bytes.
+// With a size above 0 the buffer ends in a NUL, but maybe in half a character.  Any thread.
 #pragma once
 
 #include <cstdarg>
@@ -34,6 +34,6 @@ union FormatValue {
 };
 
 // As bsd_vsnprintf with arguments that were captured before: values[0] is the one of position 1.
-// Also -1 when the format asks for an argument that is not there.
+// Also -1, with errno EINVAL, when the format asks for an argument that is not there.
 int bsd_vsnprintf_values(char **output, size_t size, const char *format,
                          std::span<const FormatValue> values);

@@ -21,7 +21,8 @@
 // A result that does not fit is cut so that the buffer stays terminated and never ends in half a
 // UTF-8 character.  With size 0 nothing is written.
 
-// The length when the text fits; -1 when it was cut or could not be formatted.
+// The length when the text fits; -1 when it was cut, or when it could not be formatted, with errno
+// as bsd_vsnprintf.h says.
 int Str_Vsnprintf(char *buffer, size_t size, const char *format, va_list args)
     __attribute__((format(printf, 3, 0)));
 int Str_Snprintf(char *buffer, size_t size, const char *format, ...)
@@ -40,7 +41,8 @@ int Str_SprintfPosixLocale(char *buffer, size_t size, const char *format, ...)
 // The caller frees the result with free().  `length` may be null; on success it receives the
 // string's length, on failure it is left alone.
 
-// Null when memory runs out or the arguments cannot be formatted.
+// Null, with errno as bsd_vsnprintf.h says, when memory runs out or the arguments cannot be
+// formatted.
 [[nodiscard]] char *Str_Asprintf(size_t *length, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 [[nodiscard]] char *Str_Vasprintf(size_t *length, const char *format, va_list args)

@@ -3,6 +3,7 @@
 #include "lib/string/formatBind.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 
@@ -92,7 +93,10 @@ bool FormatBinder::Fetch(FormatArgType type, size_t position, FormatValue *value
     *value = FormatFetch(next_, type);
     return true;
   }
-  if (position > values_.size()) return false;
+  if (position > values_.size()) {
+    errno = EINVAL;
+    return false;
+  }
   *value = values_[position - 1];
   return true;
 }

@@ -192,8 +192,8 @@ inline void Print(FormatSink &sink, const FormatConversion &field, Head head, ui
   if (layout.blanks != 0 && field.Has(kFormatLeft)) FormatFill(to, ' ', layout.blanks);
 }
 
-// The sizes of the groups stand in `grouping`, from the right; the last one repeats.  None is as long
-// as CHAR_MAX, which means that no further group follows, nor does one in an empty list.
+// The sizes of the groups stand in `grouping`, from the right; the last one repeats.  CHAR_MAX
+// means that no further group follows, and no number is that long; an empty list means no group.
 char *PutGrouped(uint64_t value, char *end, const FormatNumerals &numerals) {
   const char *group = numerals.grouping;
   int inGroup = 0;

@@ -2,6 +2,7 @@
 
 #include "lib/string/formatSink.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -39,6 +40,7 @@ void FormatSink::SetCapacity(size_t capacity) noexcept {
 bool FormatSink::Overflow(size_t n) noexcept {
   if (failed_) return false;
   if (n > kMaxCount - Count()) {
+    errno = EOVERFLOW;
     Fail();
     return false;
   }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cerrno>
 #include <climits>
 #include <clocale>
 #include <cstdint>
@@ -98,6 +99,7 @@ TEST(Format, OwnForms) {
 TEST(Format, WideCharactersDependOnTheLocale) {
   char buffer[] = "########";
   EXPECT_EQ(-1, OursInto(buffer, sizeof buffer, "ab%lccd", 0x20ac));
+  EXPECT_EQ(EILSEQ, errno);
   EXPECT_STREQ("ab", buffer);
   EXPECT_EQ(kPeerFailed, Ours("ab%C", 0x20ac));
   ASSERT_NE(nullptr, setlocale(LC_CTYPE, "C.UTF-8"));
@@ -159,6 +161,7 @@ TEST(Format, CapturedValues) {
   EXPECT_EQ("text -3 0.5 6|    -3|6  |4294967293", print("%s %d %g %d|%2$*4$d|%4$*2$d|%2$u"));
   EXPECT_EQ(kPeerFailed, print("%5$d"));
   EXPECT_EQ(kPeerFailed, print("%s %d %g %d %d"));
+  EXPECT_EQ(EINVAL, errno);
 }
 
 string Core(const char *grouping, const char *format, ...) {
@@ -197,7 +200,9 @@ TEST(Format, CountsAboveIntMaxFail) {
   for (const string format : {"%2147483647d.", "%2147483648d%1$d", ".%-2147483647d",
                               "%.2147483647f", "%99999999999999999999d ", "%+.2147483647d"}) {
     memset(buffer, '#', sizeof buffer);
+    errno = 0;
     EXPECT_EQ(-1, OursInto(buffer, sizeof buffer, format.c_str(), 1.0, 1.0)) << format;
+    EXPECT_EQ(EOVERFLOW, errno);
     EXPECT_LT(strnlen(buffer, sizeof buffer), sizeof buffer) << format;
   }
 }
@@ -240,6 +245,7 @@ TEST(Format, ExhaustedMemoryIsAFailureAtEveryPlace) {
       break;
     }
     EXPECT_EQ(kPeerFailed, text) << nth;
+    EXPECT_EQ(ENOMEM, errno);
   }
   EXPECT_EQ(1, aborts);
 }
