@@ -1,14 +1,16 @@
 // ratios.h -- one line for each thing measured: our time, and its ratio to each peer's.
 //
 // Benchmarks are named ROW/ENGINE.  The fastest repetition of each counts, since other work on the
-// machine only adds time.
+// machine only adds time.  At the end stands the geometric mean of the ratios to each peer.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <map>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -56,19 +58,27 @@ class Ratios : public benchmark::ConsoleReporter {
   }
 
   void Print() const {
+    std::map<std::string, std::vector<double>> logarithms;
     for (const auto &[row, peers] : rows_) {
       const auto ours = fastest_.find(row + "/" + kOurs);
       if (ours == fastest_.end()) continue;
-      std::printf("%-24s %9.0f ns ", row.c_str(), ours->second);
+      std::printf("%-24s %9.1f ns ", row.c_str(), ours->second);
       for (const Peer &peer : peers) {
         const auto other = fastest_.find(row + "/" + peer.name);
         if (other == fastest_.end()) continue;
         const double ratio = ours->second / other->second;
+        logarithms[peer.name].push_back(std::log(ratio));
         std::printf("  %5.2f of %s%s", ratio, peer.name.c_str(),
                     ratio > peer.goal ? " (over)" : "");
       }
       std::printf("\n");
     }
+    std::printf("%-24s %12s ", "geometric mean", "");
+    for (const auto &[peer, all] : logarithms) {
+      const double sum = std::accumulate(all.begin(), all.end(), 0.0);
+      std::printf("  %5.2f of %s", std::exp(sum / static_cast<double>(all.size())), peer.c_str());
+    }
+    std::printf("\n");
   }
 
   // Runs everything that was added, with the program's options, and prints the table.
