@@ -153,7 +153,8 @@ TEST(UnicodeRanges, AreComparedByCodeUnits) {
 TEST(UnicodeRanges, OfInvalidStringsAreFatal) {
   static const char kBad[] = "a\xC3";
   const auto text = [](const char *operation) {
-    return Owned(Str_Asprintf(nullptr, "Panic: %s: invalid UTF8 string @ %p\n", operation, kBad));
+    return Owned(Str_Asprintf(nullptr, "Panic: %s: invalid UTF8 string @ %p\n", operation,
+                              static_cast<const void *>(kBad)));
   };
   EXPECT_EQ(text("Unicode_Substr"),
             FatalText([] { static_cast<void>(Unicode_Substr(kBad, 0, 0)); }));
