@@ -26,6 +26,7 @@
 
 #include <strings.h>
 
+#include <array>
 #include <bit>
 #include <cctype>
 #include <cstring>
@@ -65,6 +66,9 @@ struct HashTable {
   HashTableFreeFn freeFn;
   std::unique_ptr<Bucket[], HeapFreer> heads;
   std::atomic<size_t> count;
+  // tolower of each byte, for keys without case: asking the host costs more than the rest of a
+  // look-up, and what has been hashed must not change with the locale.
+  std::array<unsigned char, 256> lower;
 
   std::span<Bucket> Buckets() const { return {heads.get(), numBuckets == 0 ? 1 : numBuckets}; }
 };
@@ -97,9 +101,9 @@ uint32_t HashInteger(const void *key) {
 uint32_t HashKey(const HashTable &table, const void *key) {
   switch (table.keyType) {
     case HASHTABLE_STRING_KEY:
-      return HashString(key, [](int c) { return c; });
+      return HashString(key, [](unsigned char c) { return c; });
     case HASHTABLE_ISTRING_KEY:
-      return HashString(key, tolower);
+      return HashString(key, [&table](unsigned char c) { return table.lower[c]; });
     case HASHTABLE_INT_KEY:
       return HashInteger(key);
     default:
@@ -276,7 +280,11 @@ HashTable *HashTable_Alloc(uint32_t numBuckets, uint32_t flags, HashTableFreeFn 
                 .copyKey = (flags & HASHTABLE_COPY_KEY) != 0 && keyType != HASHTABLE_INT_KEY,
                 .freeFn = freeFn,
                 .heads = nullptr,
-                .count = 0};
+                .count = 0,
+                .lower = {}};
+  for (size_t c = 0; keyType == HASHTABLE_ISTRING_KEY && c < table->lower.size(); c++) {
+    table->lower[c] = static_cast<unsigned char>(tolower(static_cast<int>(c)));
+  }
   const size_t numHeads = table->Buckets().size();
   table->heads.reset(static_cast<Bucket *>(Heap_SafeMalloc(numHeads * sizeof(Bucket))));
   std::uninitialized_value_construct_n(table->heads.get(), numHeads);

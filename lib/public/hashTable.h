@@ -42,7 +42,7 @@ using HashTableForEachFn = int (*)(const void *key, void *value, void *clientDat
 // Flags of HashTable_Alloc: one key type, or-ed with the rest.
 enum : uint32_t {
   HASHTABLE_STRING_KEY = 0,   // strings, equal as for strcmp
-  HASHTABLE_ISTRING_KEY = 1,  // strings, equal as for strcasecmp in the current locale
+  HASHTABLE_ISTRING_KEY = 1,  // strings, equal as for strcasecmp in a locale that stays
   HASHTABLE_INT_KEY = 2,      // integers or pointers
   HASHTABLE_KEY_TYPE_MASK = 7,
   HASHTABLE_ATOMIC = 0x8,     // see Threads
