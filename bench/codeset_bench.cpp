@@ -21,6 +21,7 @@
 #include "codeset.h"
 #include "dynbuf.h"
 #include "encoding.h"
+#include "lib/unicode/encodingTable.h"
 
 namespace {
 
@@ -171,13 +172,17 @@ void AddConversions(Ratios *ratios, const Script &script) {
 
 // ---- names -----------------------------------------------------------------------------------
 
+// The peer is what one would build without the cache: a map of all names, exactly as they are.
 void AddNames(Ratios *ratios) {
-  const std::vector<std::string> names = {"UTF-8",        "utf-16le",  "ISO-8859-1", "latin-1",
-                                          "windows-1252", "Shift_JIS", "GB18030",    "KOI8-R"};
   const auto map = std::make_shared<std::unordered_map<std::string, StringEncoding>>();
-  for (const std::string &name : names) {
-    map->emplace(name, Unicode_EncodingNameToEnum(name.c_str()));
+  for (const EncodingRow &row : EncodingTableRows()) {
+    for (const char *name = EncodingTableFirstName(row); *name != '\0';
+         name = EncodingTableNextName(name)) {
+      map->emplace(name, StringEncoding{row.encoding});
+    }
   }
+  const std::vector<std::string> names = {"UTF-8",        "UTF-16LE",  "ISO-8859-1", "latin1",
+                                          "windows-1252", "Shift_JIS", "GB18030",    "KOI8-R"};
   auto next = [names, i = size_t{0}]() mutable -> const std::string & {
     return names[i++ % names.size()];
   };
