@@ -247,11 +247,13 @@ TEST_F(Daemonize, RefusesWhatItCannotPrepare) {
 
 TEST_F(Daemonize, ReportsForksThatFail) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can take a user id without other processes";
-  // The process limit holds for a user id; this one has no other process.
+  // The process limit holds for a user id.  Nobody has these, not even another run of this test; a
+  // container's range of ids may end at 65535.
+  const auto user = static_cast<uid_t>(30000 + getpid() % 30000);
   const auto startWithLimit = [&](rlim_t processes) {
     return RunInChild([&] {
       const rlimit limit = {processes, processes};
-      if (setresuid(54321, 54321, 54321) != 0 || setrlimit(RLIMIT_NPROC, &limit) != 0) _exit(3);
+      if (setresuid(user, user, user) != 0 || setrlimit(RLIMIT_NPROC, &limit) != 0) _exit(3);
       _exit(Start(0) ? 0 : errno);
     });
   };
