@@ -1,8 +1,8 @@
 // codesetOwn.cpp -- the library's own converters, for a handful of encodings.
 //
 // A converter reserves the most that its output can take, writes without looking at the room again,
-// and gives the buffer its size at the end.  Where ASCII is worth it, eight characters are
-// converted at once; the rest goes character by character.
+// and gives the buffer its size at the end.  Runs of ASCII are converted by the word, other text
+// character by character.
 // Tests: tests/unit/codeset_test.cpp, and against ICU tests/unit/icu_test.cpp
 // Speed: bench/codeset_bench.cpp
 
@@ -154,6 +154,14 @@ uint64_t LoadUnits(const char *p) {
   return order == std::endian::big ? (units & kLowBytes) << 8 | (units >> 8 & kLowBytes) : units;
 }
 
+// The bytes of four units of ASCII.
+char *NarrowAscii(uint64_t units, char *to) {
+  const uint64_t pairs = (units | units >> 8) & 0x0000FFFF0000FFFF;
+  const auto bytes = static_cast<uint32_t>(pairs | pairs >> 16);
+  memcpy(to, &bytes, sizeof bytes);
+  return to + sizeof bytes;
+}
+
 // The character whose surrogates are `high` and the unit at `p`; 0 when they are no pair.
 template <std::endian order>
 uint32_t Combine(uint32_t high, const char *p, const char *end) {
@@ -176,39 +184,23 @@ bool IsValidUtf16(std::string_view text) {
   return true;
 }
 
-// Converts ASCII up to the next other character, or the end.
-template <std::endian order>
-Place NarrowRun(Place at, const char *end) {
-  constexpr uint64_t kBeyondAscii = 0xFF80FF80FF80FF80;
-  auto [p, to] = at;
-  for (; end - p >= kCodeSetWord; p += kCodeSetWord) {
-    const uint64_t units = LoadUnits<order>(p);
-    uint64_t bytes = (units | units >> 8) & 0x0000FFFF0000FFFF;
-    bytes |= bytes >> 16;
-    const auto four = static_cast<uint32_t>(bytes);
-    memcpy(to, &four, sizeof four);
-    if (const uint64_t beyond = units & kBeyondAscii; beyond != 0) {
-      const int prefix = std::countr_zero(beyond) / 16;
-      return {p + prefix * kUnit, to + prefix};
-    }
-    to += sizeof four;
-  }
-  for (; p < end; p += kUnit) {
-    const uint32_t unit = LoadUnit<order>(p);
-    if (unit >= 0x80) break;
-    *to++ = static_cast<char>(unit);
-  }
-  return {p, to};
+// One byte for ASCII, two for the rest below U+0800, computed without a branch: in European text
+// nobody could foresee it.
+char *PutShort(uint32_t c, char *to) {
+  const uint32_t two = (0x7F - c) >> 31;
+  const uint32_t mask = 0 - two;
+  to[0] = static_cast<char>((c & ~mask) | ((0xC0 | c >> 6) & mask));
+  to[1] = static_cast<char>(0x80 | (c & 0x3F));
+  return to + 1 + two;
 }
 
-// Converts other characters, up to the next one of ASCII, or the end.  No place when one is not
-// well-formed.
+// Converts a run of characters from U+0800 on.  No place when one is not well-formed.
 template <std::endian order>
-Place EncodeRun(Place at, const char *end) {
+Place EncodeLong(Place at, const char *end) {
   auto [p, to] = at;
   while (p < end) {
     uint32_t c = LoadUnit<order>(p);
-    if (c < 0x80) break;
+    if (c < 0x800) break;
     p += kUnit;
     if (CodeSetIsSurrogate(c)) {
       c = Combine<order>(c, p, end);
@@ -220,16 +212,36 @@ Place EncodeRun(Place at, const char *end) {
   return {p, to};
 }
 
+// Converts `size` bytes and the run of long characters in which they end.
+template <std::endian order>
+Place Encode(Place at, ptrdiff_t size, const char *end) {
+  const char *const stop = at.from + size;
+  while (at.from != nullptr && at.from < stop) {
+    const uint32_t c = LoadUnit<order>(at.from);
+    at = c < 0x800 ? Place{at.from + kUnit, PutShort(c, at.to)} : EncodeLong<order>(at, end);
+  }
+  return at;
+}
+
 template <std::endian order>
 bool Utf16ToUtf8(std::string_view text, int, DynBuf *out) {
   constexpr size_t kMostPerUnit = 3;
+  constexpr uint64_t kBeyondAscii = 0xFF80FF80FF80FF80;
+  // Where there was something else than ASCII, it is not worth looking for four in a row at once.
+  constexpr ptrdiff_t kStretch = 4 * kCodeSetWord;
   if (text.size() % kUnit != 0) return false;
   Place at = {text.data(), Reserve(out, text.size() / kUnit, kMostPerUnit)};
   if (at.to == nullptr) return false;
   const char *const end = at.from + text.size();
-  while (at = NarrowRun<order>(at, end), at.from < end) {
-    at = EncodeRun<order>(at, end);
-    if (at.from == nullptr) return false;
+  while (at.from < end) {
+    const ptrdiff_t left = end - at.from;
+    const uint64_t units = left < kCodeSetWord ? kBeyondAscii : LoadUnits<order>(at.from);
+    if ((units & kBeyondAscii) == 0) {
+      at = {at.from + kCodeSetWord, NarrowAscii(units, at.to)};
+    } else {
+      at = Encode<order>(at, std::min(left, kStretch), end);
+      if (at.from == nullptr) return false;
+    }
   }
   return Finish(out, at.to);
 }
