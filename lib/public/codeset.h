@@ -9,9 +9,10 @@
 //       the flags are heeded
 // ICU, once CodeSet_Init has found its data, takes over everything declared under "conversion" and
 // "validity by name".  It knows all usable encodings and heeds the flags for each pair.  A program
-// that does not call CodeSet_Init does not contain ICU.
+// that does not call CodeSet_Init does not contain ICU, unless the host normalises with it.
 //
-// Names of encodings are those of encoding.h; ICU takes its own ones, too.  They are not null.
+// Names of encodings are not null.  The own engine takes those of encoding.h.  ICU takes its own,
+// which are not all of these: Unicode_EncodingEnumToName gives a name that both take.
 // Bytes may be null when their length is 0, and texts may contain NUL, unless told otherwise.  A
 // result of false means that the text is invalid, the pair unknown or memory exhausted; then
 // nothing is stored.  Any thread may call anything here.
@@ -42,8 +43,8 @@ enum : int {
   CODESET_SKIP = 2,        // it is left out
 };
 
-// Appends the text, converted, to `out` (not null, initialised); on failure `out` keeps its
-// content. An empty text succeeds whatever the names.
+// Appends the text, converted, to `out` (not null, initialised), in which the text must not lie; on
+// failure `out` keeps its content.  An empty text succeeds whatever the names.
 [[nodiscard]] bool CodeSet_GenericToGenericDb(const char *fromName, const void *bytes,
                                               size_t length, const char *toName, int flags,
                                               DynBuf *out);
@@ -78,7 +79,8 @@ enum : int {
 // ---- validity by name ------------------------------------------------------------------------
 
 // Whether the text can be converted from the encoding.  2^31 bytes and more are fatal, and so is,
-// once ICU has taken over, a name that ICU does not know.  An empty text is valid.
+// once ICU has taken over, a name that ICU does not know.  An empty text is valid.  To ICU a text
+// of nothing but a byte-order mark or shift sequences is not.
 [[nodiscard]] bool CodeSet_Validate(const char *bytes, size_t length, const char *name);
 
 // ---- UTF-8 -----------------------------------------------------------------------------------

@@ -43,6 +43,7 @@ inline constexpr char kCurrentCodeSet[] = "UTF-8";
 // The encoding that `name` (not null) names; Unknown, after a log record, when there is none, and
 // Unknown, silently, when the library knows the encoding but cannot use it.
 //   "windows-N"  names the encoding of the Windows code page N, with a small or capital W.
+//                Spelt otherwise it may be found or not.
 //   Other names  are those of the IANA registry and ICU.  Where no name is equal, one with the same
 //                letters and digits counts, in either case: "latin-1" and "LATIN1" are "latin1".
 // Each name that was found once is remembered for good, so names must not come from a stranger

@@ -83,7 +83,8 @@ bool HashTable_Insert(HashTable *table, const void *key, void *value);
 // The value of the key, which is inserted with `value` when it is not there.
 void *HashTable_LookupOrInsert(HashTable *table, const void *key, void *value);
 
-// Gives the key the value.  True when that replaced another value.
+// Gives the key the value.  True when that replaced another value.  With a free function `value`
+// must not be the one that is there.
 bool HashTable_ReplaceOrInsert(HashTable *table, const void *key, void *value);
 
 // Replaces the value of the key if it is oldValue; false, and nothing changed, when it is not or

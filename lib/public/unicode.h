@@ -2,7 +2,7 @@
 // apart by code points.
 //
 // Strings are NUL-terminated and not null unless told otherwise.  New strings and blocks are never
-// null for want of memory, but where told; the caller frees them with free().  Positions and
+// null for want of memory, unless told so; the caller frees them with free().  Positions and
 // lengths count code points unless bytes are named.  A string that is not well-formed UTF-8 is
 // fatal where code points are counted.  Any thread may call anything here.
 #pragma once
@@ -23,16 +23,18 @@ void Unicode_Init(const char *icuDataDir);
 // byte.  Which pairs of encodings there are depends on the engine that converts (codeset.h).
 
 // A new string with the text of `length` bytes, -1 for one to its end.  Null for a null `buffer`.
-// With the library's own engine a text that is invalid in the encoding is fatal; with ICU its
-// invalid parts become U+FFFD.
+// Invalid parts become U+FFFD where the engine heeds the flags: always with ICU, and in US-ASCII
+// with the library's own engine.  Otherwise an invalid text is fatal, and so are, for a text that is
+// not empty, an encoding that the engine does not convert from and exhausted memory.
 [[nodiscard]] char *Unicode_AllocWithLength(const void *buffer, ptrdiff_t length,
                                             StringEncoding encoding);
 [[nodiscard]] char *Unicode_Alloc(const void *buffer, StringEncoding encoding);
 
 // A new block with the string, or its first `length` bytes, in the encoding, followed by a
 // terminator that *outLength (bytes; may be null) does not count.  Null for a null string, and when
-// the string is not UTF-8 or cannot be expressed; but one that is not UTF-8 is fatal for UTF-16LE,
-// and goes unnoticed for UTF-8.
+// the string is not UTF-8 or cannot be expressed, the engine does not convert to the encoding, or
+// memory is exhausted; but for UTF-16LE any failure is fatal, and for UTF-8 what is not UTF-8 goes
+// unnoticed.
 [[nodiscard]] char *Unicode_GetAllocBytesWithLength(const char *string, StringEncoding encoding,
                                                     ptrdiff_t length, size_t *outLength);
 [[nodiscard]] char *Unicode_GetAllocBytes(const char *string, StringEncoding encoding);

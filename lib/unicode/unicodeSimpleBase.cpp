@@ -115,7 +115,7 @@ char *Unicode_GetAllocBytesWithLength(const char *string, StringEncoding encodin
     case StringEncoding::UsAscii:
       return IsAscii(bytes) ? CopyBytes(bytes, outLength) : nullptr;
     case StringEncoding::Utf16Le:
-      // A string of the library is UTF-8, so this cannot fail.
+      // A string of the library is UTF-8, so only exhausted memory can stop this.
       if (!CodeSet_Utf8ToUtf16le(bytes.data(), bytes.size(), &result, outLength)) {
         Fatal_NotImplemented(kSource, 741);
       }

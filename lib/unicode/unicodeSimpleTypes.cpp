@@ -20,9 +20,10 @@ constexpr char kLookupName[] = "UnicodeIANALookup";
 // same values.
 struct {
   // From names as given to rows; never freed.  Its keys do not tell cases apart, so a name in
-  // another case than the remembered one gets that one's row.  That is the row it would find, but
-  // for ISO-IR-91 and ISO-IR-92: exactly so written in small letters they are rows of their own,
-  // otherwise the same as iso-ir-9-1 and -2.  None of the four is usable, so nobody can see it.
+  // another case than the remembered one gets that one's row.  That is the row it would find, with
+  // two exceptions.  WINDOWS-28591 and its like, which no row lists, are found only once the same
+  // name with windows- or Windows- was.  ISO-IR-91 and -92 mean iso-ir-9-1 and -2, unless written
+  // small before; none of these four is usable.
   std::atomic<HashTable *> rowsByName = nullptr;
   std::atomic<StringEncoding> current = StringEncoding::Unknown;
 } state;

@@ -217,6 +217,26 @@ TEST(OwnConverters, ValidateWhatTheyCanConvert) {
             FatalText([] { static_cast<void>(CodeSet_Validate("", size_t{1} << 31, "UTF-8")); }));
 }
 
+TEST(FixedPairs, ConvertFromAndToWhatTheirNamesSay) {
+  const std::string utf8 = "\xC3\xA9";
+  const std::string little("\xE9\0", 2);
+  const std::string big("\0\xE9", 2);
+  const struct {
+    decltype(&CodeSet_Utf8ToCurrent) convert;
+    std::string in, out;
+  } rows[] = {
+      {CodeSet_Utf16leToUtf8, little, utf8},    {CodeSet_Utf16beToUtf8, big, utf8},
+      {CodeSet_Utf8ToUtf16le, utf8, little},    {CodeSet_Utf16leToCurrent, little, utf8},
+      {CodeSet_CurrentToUtf16le, utf8, little},
+  };
+  for (const auto &row : rows) {
+    char *out = nullptr;
+    size_t length = 0;
+    ASSERT_TRUE(row.convert(row.in.data(), row.in.size(), &out, &length));
+    EXPECT_EQ(row.out, std::string(HeapStr(out).get(), length));
+  }
+}
+
 TEST(Utf32, GoesThereAndBackAndRefusesSurrogates) {
   const std::u32string text = U"a\u00E9\u3044\U0001F600\U0010FFFF";
   const std::string utf8 = "a\xC3\xA9\xE3\x81\x84\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF";

@@ -3,6 +3,7 @@
 #include "encoding.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <set>
 #include <string>
@@ -62,6 +63,16 @@ TEST(Encodings, AreFoundByCodePageExactlyOrByLettersAndDigits) {
                 }
               }
             }));
+}
+
+// Only what is remembered knows it in capitals: the rule for code pages does not.
+// (The zero keeps the name from what other tests ask for.)
+TEST(Encodings, OnceFoundAreRememberedWhateverTheirCase) {
+  EXPECT_EQ(42, RunInChild([] {
+                  if (Unicode_EncodingNameToEnum("WINDOWS-028592") != kUnknown) _exit(1);
+                  if (Unicode_EncodingNameToEnum("windows-028592") == kUnknown) _exit(2);
+                  if (Unicode_EncodingNameToEnum("WINDOWS-028592") == kUnknown) _exit(3);
+                }).exitStatus);
 }
 
 TEST(Encodings, ThatNobodyKnowsAreLoggedEachTime) {
