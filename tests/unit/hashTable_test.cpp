@@ -32,20 +32,16 @@ std::string Lower(std::string text) {
 
 constexpr uint64_t k2To32 = uint64_t{1} << 32;
 
-uint64_t StringHash(const std::string &text) {
-  uint64_t hash = 0;
-  for (const char c : text) {
-    hash ^= static_cast<unsigned char>(c);
-    hash = hash * 32 % k2To32 + hash / (1 << 27);
-  }
-  return hash;
-}
-
 uint64_t HashOf(const void *key, uint32_t keyType) {
   const auto number = reinterpret_cast<uintptr_t>(key);
   if (keyType == HASHTABLE_INT_KEY) return (number / k2To32 ^ number % k2To32) * 48271 % k2To32;
   const std::string text = static_cast<const char *>(key);
-  return StringHash(keyType == HASHTABLE_ISTRING_KEY ? Lower(text) : text);
+  uint64_t hash = 0;
+  for (const char c : keyType == HASHTABLE_ISTRING_KEY ? Lower(text) : text) {
+    hash ^= static_cast<unsigned char>(c);
+    hash = hash * 32 % k2To32 + hash / (1 << 27);
+  }
+  return hash;
 }
 
 uint64_t Fold(uint64_t hash, uint64_t numBuckets) {
@@ -73,7 +69,7 @@ TEST(HashTable, EntriesComeInBucketOrder) {
   std::mt19937_64 random(7);
   std::set<std::string> strings = {""};  // in upper case, so that no two differ in case only
   std::set<const void *> integers = {nullptr};
-  while (strings.size() < 2000) {
+  while (strings.size() < 1000) {
     std::string text(random() % 12, 'x');
     for (char &c : text) c = static_cast<char>(toupper(static_cast<int>(random() % 255 + 1)));
     strings.insert(text);
@@ -82,7 +78,7 @@ TEST(HashTable, EntriesComeInBucketOrder) {
   }
   std::vector<const void *> texts;
   for (const std::string &text : strings) texts.push_back(text.c_str());
-  for (const uint32_t numBuckets : {2u, 128u, 2048u, 65536u}) {
+  for (const uint32_t numBuckets : {2u, 128u, 2048u}) {
     ExpectBucketOrder(numBuckets, HASHTABLE_STRING_KEY, texts);
     ExpectBucketOrder(numBuckets, HASHTABLE_ISTRING_KEY, texts);
     ExpectBucketOrder(numBuckets, HASHTABLE_INT_KEY, {integers.begin(), integers.end()});
@@ -91,6 +87,7 @@ TEST(HashTable, EntriesComeInBucketOrder) {
 
 // ---- random operations ----------------------------------------------------------------------
 
+constexpr size_t kSteps = 1000;
 std::vector<int> freed;  // how often each value was; values point into it
 void CountFree(void *value) {
   ++*static_cast<int *>(value);
@@ -98,65 +95,16 @@ void CountFree(void *value) {
 
 // A table, and what should be in it: a map from the key, as the table tells keys apart.
 class ModelRun {
-  static constexpr size_t kSteps = 1000;
   std::mt19937 random_{11};
   const uint32_t keyType_;
   const bool copies_;
   HashTableOwner table_;
   std::vector<std::string> names_;  // what uncopied keys point to
-  std::map<std::string, void *> model_;
+  std::map<std::string, int *> model_;
   std::vector<int> toBeFreed_ = std::vector<int>(kSteps);
 
-  void GivesUp(void *value) {
-    if (value != nullptr)
-      toBeFreed_[static_cast<size_t>(static_cast<int *>(value) - freed.data())]++;
-  }
-
-  void Step(void *value) {
-    const size_t place = random_() % names_.size();
-    std::string passing = names_[place];  // gone after the step
-    const char *const text = copies_ ? passing.c_str() : names_[place].c_str();
-    const void *const key = keyType_ == HASHTABLE_INT_KEY ? HashTable_IntKey(place) : text;
-    const std::string name = Name(key);
-    const bool there = model_.contains(name);
-    void *const old = there ? model_[name] : nullptr;
-    void *found = &passing;
-    switch (random_() % 8) {
-      case 0:
-        EXPECT_EQ(!there, HashTable_Insert(table_.get(), key, value));
-        model_.emplace(name, value);
-        break;
-      case 1:
-        EXPECT_EQ(there ? old : value, HashTable_LookupOrInsert(table_.get(), key, value));
-        model_.emplace(name, value);
-        break;
-      case 2:
-        EXPECT_EQ(there, HashTable_ReplaceOrInsert(table_.get(), key, value));
-        model_[name] = value;
-        GivesUp(old);
-        break;
-      case 3:
-        EXPECT_EQ(there, HashTable_ReplaceIfEqual(table_.get(), key, old, value));
-        if (there) model_[name] = value;
-        GivesUp(old);
-        break;
-      case 4:
-        EXPECT_FALSE(HashTable_ReplaceIfEqual(table_.get(), key, &found, value));
-        break;
-      case 5:
-        EXPECT_EQ(there, HashTable_Delete(table_.get(), key));
-        model_.erase(name);
-        GivesUp(old);
-        break;
-      case 6:
-        EXPECT_EQ(there, HashTable_LookupAndDelete(table_.get(), key, &found));
-        EXPECT_EQ(there ? old : &passing, found);
-        model_.erase(name);
-        break;
-      default:
-        EXPECT_EQ(there, HashTable_Lookup(table_.get(), key, &found));
-        EXPECT_EQ(there ? old : &passing, found);
-    }
+  void GivesUp(const int *value) {
+    if (value != nullptr) toBeFreed_[static_cast<size_t>(value - freed.data())]++;
   }
 
   // What the model calls the key.
@@ -166,6 +114,53 @@ class ModelRun {
     return keyType_ == HASHTABLE_ISTRING_KEY ? Lower(text) : text;
   }
 
+  void Step(int *value) {
+    const size_t place = random_() % names_.size();
+    const std::string passing = names_[place];  // gone after the step
+    const char *const text = copies_ ? passing.c_str() : names_[place].c_str();
+    Operate(keyType_ == HASHTABLE_INT_KEY ? HashTable_IntKey(place) : text, value);
+  }
+
+  void Operate(const void *key, int *value) {
+    HashTable *const table = table_.get();
+    const std::string name = Name(key);
+    const bool there = model_.contains(name);
+    int *const old = there ? model_[name] : nullptr;
+    void *found = nullptr;
+    switch (random_() % 8) {
+      case 0:
+        EXPECT_EQ(!there, HashTable_Insert(table, key, value));
+        model_.emplace(name, value);
+        return;
+      case 1:
+        EXPECT_EQ(there ? old : value, HashTable_LookupOrInsert(table, key, value));
+        model_.emplace(name, value);
+        return;
+      case 2:
+        EXPECT_EQ(there, HashTable_ReplaceOrInsert(table, key, value));
+        model_[name] = value;
+        return GivesUp(old);
+      case 3:
+        EXPECT_EQ(there, HashTable_ReplaceIfEqual(table, key, old, value));
+        if (there) model_[name] = value;
+        return GivesUp(old);
+      case 4:
+        EXPECT_FALSE(HashTable_ReplaceIfEqual(table, key, &found, value));
+        return;
+      case 5:
+        EXPECT_EQ(there, HashTable_Delete(table, key));
+        model_.erase(name);
+        return GivesUp(old);
+      case 6:
+        EXPECT_EQ(there, HashTable_LookupAndDelete(table, key, &found));
+        model_.erase(name);
+        break;
+      default:
+        EXPECT_EQ(there, HashTable_Lookup(table, key, &found));
+    }
+    EXPECT_EQ(old, found);
+  }
+
   void CheckContent() const {
     const std::vector<const void *> keys = Keys(table_.get());
     size_t count = 0;
@@ -173,11 +168,7 @@ class ModelRun {
     ASSERT_EQ(model_.size(), count);
     ASSERT_EQ(model_.size(), keys.size());
     EXPECT_EQ(model_.size(), HashTable_GetNumElements(table_.get()));
-    EXPECT_EQ(count == 0, values == nullptr);
-    for (size_t i = 0; i < count; i++) {
-      const auto known = model_.find(Name(keys[i]));
-      EXPECT_TRUE(known != model_.end() && known->second == values[i]);
-    }
+    for (size_t i = 0; i < count; i++) EXPECT_EQ(model_.at(Name(keys[i])), values[i]);
   }
 
   void EmptyModel() {
@@ -213,11 +204,12 @@ class ModelRun {
 };
 
 TEST(HashTable, RandomOperationsAgreeWithAMap) {
-  for (const uint32_t numBuckets : {0u, 1u, 2u, 16u, 128u}) {
-    for (uint32_t flags = 0; flags < 32; flags++) {
-      if ((flags & HASHTABLE_KEY_TYPE_MASK) > HASHTABLE_INT_KEY) continue;
-      SCOPED_TRACE(testing::Message() << numBuckets << " buckets, flags " << flags);
-      ModelRun(numBuckets, flags).Run();
+  for (const uint32_t numBuckets : {0u, 1u, 2u, 128u}) {
+    for (const uint32_t flags : {0, 0x8, 0x10, 0x18}) {
+      for (const uint32_t keyType : {0, 1, 2}) {
+        SCOPED_TRACE(testing::Message() << numBuckets << " buckets, flags " << (flags | keyType));
+        ModelRun(numBuckets, flags | keyType).Run();
+      }
     }
   }
 }
@@ -227,29 +219,21 @@ TEST(HashTable, RandomOperationsAgreeWithAMap) {
 TEST(HashTable, AWalkEndsAtTheFirstResultButZero) {
   const HashTableOwner table(HashTable_Alloc(128, HASHTABLE_STRING_KEY, nullptr));
   for (const char *key : {"a", "ab", ""}) HashTable_Insert(table.get(), key, nullptr);
-  std::vector<const void *> met;
-  const auto stopAtA = [](const void *key, void *value, void *clientData) {
-    EXPECT_EQ(nullptr, value);
-    static_cast<std::vector<const void *> *>(clientData)->push_back(key);
-    return *static_cast<const char *>(key) == 'a' ? -5 : 0;
+  std::string met;
+  const auto stopAtA = [](const void *key, void *, void *clientData) {
+    const auto *const text = static_cast<const char *>(key);
+    *static_cast<std::string *>(clientData) += std::string("<") + text + ">";
+    return *text == 'a' ? -5 : 0;
   };
   EXPECT_EQ(-5, HashTable_ForEach(table.get(), stopAtA, &met));
-  ASSERT_EQ(2u, met.size());
-  EXPECT_STREQ("a", static_cast<const char *>(met[1]));
-}
-
-TEST(HashTable, WithoutAFreeFunctionValuesStayTheCallers) {
-  HashTable_Free(nullptr);
-  const HashTableOwner table(HashTable_Alloc(128, HASHTABLE_STRING_KEY, nullptr));
-  int value = 0;
-  EXPECT_TRUE(HashTable_Insert(table.get(), "key", &value));
-  EXPECT_TRUE(HashTable_ReplaceOrInsert(table.get(), "key", nullptr));
-  EXPECT_EQ(nullptr, HashTable_LookupOrInsert(table.get(), "key", &value));
-  EXPECT_TRUE(HashTable_Lookup(table.get(), "key", nullptr));
-  EXPECT_TRUE(HashTable_LookupAndDelete(table.get(), "key", nullptr));
+  EXPECT_EQ("<><a>", met);
+  HashTable_Delete(table.get(), "a");
+  HashTable_Delete(table.get(), "ab");
+  EXPECT_EQ(0, HashTable_ForEach(table.get(), stopAtA, &met));
 }
 
 TEST(HashTable, RefusesOtherBucketCountsAndKeyTypes) {
+  HashTable_Free(nullptr);
   for (const uint32_t numBuckets : {3u, 127u, 0xffffffffu}) {
     EXPECT_EQ("Panic: HashTable_Alloc only takes powers of 2 \n", FatalText([numBuckets] {
                 const HashTableOwner table(HashTable_Alloc(numBuckets, 0, nullptr));
