@@ -4,8 +4,8 @@
 //   lumenClient-opener       hands over one end of a pipe and stays until it is killed
 //
 // The program is installed set-user-ID root and started by anybody, with any environment, limits,
-// signal dispositions and descriptors.  Descriptors 0 to 2 are open all the same: for a set-user-ID
-// program both hosts put /dev/null on those that the caller left closed.
+// signal dispositions and descriptors.  FillStandardDescriptors sees to it that no socket or lock
+// file gets the number of the log.
 //
 // Privileges: effective user 0 up to ServiceImpl_PrivLower; from there the caller's, but for the
 // brackets in serviceImpl.cpp.
@@ -43,6 +43,7 @@ char *StagedDaemonPath() {
 
 int main(int argc, char *argv[]) {
   ScrubEnvironment();
+  FillStandardDescriptors();
   Location_Init("lumenClient-opener");
   if (!BundleDaemonIsRootOwned()) return EXIT_FAILURE;
 

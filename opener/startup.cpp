@@ -3,6 +3,7 @@
 
 #include "opener/startup.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +58,13 @@ void ScrubEnvironment() {
     }
     if (!RemoveVariable(entry.substr(0, equals))) exit(EXIT_FAILURE);
     at = environ;  // unsetenv has moved the entries
+  }
+}
+
+void FillStandardDescriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+    // The lowest free number is the one that open takes.
+    if (fcntl(fd, F_GETFD) == -1 && open("/dev/null", O_RDWR) != fd) exit(EXIT_FAILURE);
   }
 }
 

@@ -6,6 +6,10 @@
 // memory runs out or an entry cannot be removed.  Not thread-safe, as unsetenv(3).
 void ScrubEnvironment();
 
+// Opens /dev/null on those of 0, 1 and 2 that are closed; ends the process with status 1 when that
+// fails.  The hosts do it only for a set-user-ID start: not when the caller is root.
+void FillStandardDescriptors();
+
 // 0 when the file that `path` (not null) leads to, links followed, belongs to user 0 and group 0;
 // any other value when not, or when stat(2) fails.  Logs nothing.  Any thread.
 [[nodiscard]] int CheckRootOwned(const char *path);

@@ -283,7 +283,29 @@ int ConvertStrings(Plan *plan, const char *const argv[]) {
   return 0;
 }
 
-// A caller that ignores SIGCHLD has no status to wait for; the error pipe tells the outcome then.
+// While it stands children leave a status.  An ignored SIGCHLD, which exec passes on from whoever
+// started this program, would throw away the only report of what fails in the first child.
+class ChildStatusKept {
+  struct sigaction before_;
+  bool changed_;
+
+ public:
+  ChildStatusKept() {
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    changed_ = sigaction(SIGCHLD, nullptr, &before_) == 0 &&
+               (before_.sa_handler == SIG_IGN || (before_.sa_flags & SA_NOCLDWAIT) != 0) &&
+               sigaction(SIGCHLD, &action, nullptr) == 0;
+  }
+  ChildStatusKept(const ChildStatusKept &) = delete;
+  ChildStatusKept &operator=(const ChildStatusKept &) = delete;
+  ~ChildStatusKept() {
+    const ErrnoKeeper keeper;
+    if (changed_) sigaction(SIGCHLD, &before_, nullptr);
+  }
+};
+
+// Without a status -- somebody else waits for all children -- the error pipe has the last word.
 int AwaitFirstChild(pid_t child) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
@@ -321,6 +343,7 @@ int StartDaemon(Plan *plan, const char *const argv[], const int *keepFds, size_t
   if (error == 0) error = ConvertStrings(plan, argv);
   if (error != 0) return error;
 
+  const ChildStatusKept status;
   const pid_t child = fork();
   if (child == 0) FirstChild(plan);
   if (child < 0) {

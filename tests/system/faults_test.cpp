@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -88,6 +89,7 @@ constexpr Row kServerRows[] = {
      "Warning: ServiceImplPickSockSide: open errno {EACCES}.\n"},
     {"pipe2", 2, ENFILE, 1, DAEMONIZE("Couldn't create pipe, error ")},
     {"fcntl", 1, EIO, 1, DAEMONIZE("Couldn't set close-on-exec for fd {fd}, error ")},
+    {"rt_sigaction", 1, EINVAL, 0, ""},  // only asked; nothing is changed then
     {"clone", 1, EAGAIN, 1, DAEMONIZE("Couldn't fork first child, error ")},
     // The error pipe tells the outcome all the same, and only an error that it tells counts.
     {"wait4", 1, EINTR, 0, ""},
@@ -246,6 +248,57 @@ TEST_F(Faults, OfTheChildrenThatBecomeTheService) {
     // Up to exec; each process has a count of its own.
     ExpectFault(row, trace, 0, {"-f", "--detach-on=execve"});
   }
+}
+
+// What happens only when two things go wrong, or all calls of a name fail.
+TEST_F(Faults, ThatComeTogether) {
+  const std::vector<std::string> untilExec = {"-f", "--detach-on=execve"};
+  const auto outcomeWith = [&](std::vector<std::string> injections) {
+    std::vector<std::string> options = untilExec;
+    for (const std::string &one : injections)
+      options.insert(options.end(), {"-e", "inject=" + one});
+    Outcome outcome = OutcomeOf(Traced(options));
+    outcome.records =
+        std::regex_replace(outcome.records, std::regex(R"(Child \d+ exited)"), "Child N exited");
+    return outcome;
+  };
+  const std::string noSession = "Warning: Hostinfo_Daemonize: Couldn't create new session, error " +
+                                std::to_string(EPERM) + ".\n";
+  const std::string childFailed = "Warning: Hostinfo_Daemonize: Child N exited with error 1.\n";
+  EXPECT_EQ((Outcome{1, noSession + childFailed}),
+            outcomeWith({"setsid:error=EPERM", "wait4:error=EINTR:when=1"}));
+
+  Reset();
+  EXPECT_EQ((Outcome{1, "Warning: Hostinfo_Daemonize: Child N exited with signal " +
+                            std::to_string(SIGKILL) + ".\n"}),
+            outcomeWith({"setsid:signal=SIGKILL"}));
+
+  Reset();
+  unlink(kStagedDaemon.c_str());
+  const Outcome noProgram = {1, "Warning: Hostinfo_Daemonize: Child could not exec " +
+                                    kStagedDaemon + ", read 4, error " + std::to_string(ENOENT) +
+                                    ".\n"};
+  EXPECT_EQ(noProgram, OutcomeOf(Traced({})));
+  Trace trace(ReadFile(kTracePath));
+  EXPECT_EQ(noProgram, OutcomeOf(Traced({"-e", "inject=read:error=EINTR:when=" +
+                                                   std::to_string(trace.before["read"] + 1)})));
+
+  // A kernel without close_range.
+  Reset();
+  InstallProgram("LUMEN_PROBE", kStagedDaemon);
+  EXPECT_EQ((Outcome{0, ""}), outcomeWith({"close_range:error=ENOSYS"}));
+  const std::string report = ReadFile(kProbeReport);
+  size_t descriptors = 0;
+  for (size_t at = 0; (at = report.find("\nfd ", at)) != report.npos; at++) descriptors++;
+  EXPECT_EQ(5U, descriptors) << report;
+}
+
+TEST_F(Faults, TheListenerIsMadeReadyBeforeItListens) {
+  const Trace trace = Baseline();
+  std::string names;
+  for (size_t i = 0; i < trace.order.size() && trace.order[i].first != "listen"; i++)
+    names += trace.order[i].first + " ";
+  EXPECT_TRUE(names.ends_with("flock connect unlink bind chmod ")) << names;
 }
 
 }  // namespace

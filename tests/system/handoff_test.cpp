@@ -7,8 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -271,6 +273,27 @@ TEST_F(Handoff, TwoArgumentsAreRefusedBeforeAnythingHappens) {
 
 // ---- shell mode -------------------------------------------------------------------------------
 
+// The pipes that a process has, as often as it has them.
+std::vector<std::string> Pipes(pid_t pid) {
+  std::vector<std::string> pipes;
+  for (const auto &fd :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+    std::error_code gone;
+    const std::string target = std::filesystem::read_symlink(fd.path(), gone);
+    if (target.starts_with("pipe:")) pipes.push_back(target);
+  }
+  return pipes;
+}
+
+TEST_F(Handoff, WithoutAPipeShellModeFails) {
+  Launch launch = OpenerLaunch();
+  launch.adjust = [] {
+    const rlimit few = {3, 3};
+    setrlimit(RLIMIT_NOFILE, &few);
+  };
+  EXPECT_EQ((Outcome{1, Warned("ServiceImplShell", "pipe", EMFILE)}), OutcomeOf(launch));
+}
+
 TEST_F(Handoff, InShellModeTheServiceSeesTheEndOnlyWhenTheOpenerDies) {
   Process first(OpenerLaunch());  // also starts the service
   EXPECT_TRUE(Eventually([] { return ServiceLog().find("#1: accepted") != std::string::npos; }));
@@ -287,6 +310,13 @@ TEST_F(Handoff, InShellModeTheServiceSeesTheEndOnlyWhenTheOpenerDies) {
   const std::string end = EndRecord("");
   EXPECT_EQ(std::string::npos, ServiceLog().find(end)) << ServiceLog();
 
+  // Of the pipe that the service reads, the opener has one end, not two.
+  const auto services = Services();
+  ASSERT_EQ(1U, services.size());
+  size_t shared = 0;
+  for (const std::string &pipe : Pipes(services[0]))
+    shared += std::ranges::count(Pipes(first.Pid()), pipe);
+  EXPECT_EQ(1U, shared);
   EXPECT_TRUE(first.Running());
   first.Signal(SIGKILL);
   EXPECT_EQ(128 + SIGKILL, first.Wait());

@@ -51,6 +51,13 @@ std::string OpenFiles() {
   return text;
 }
 
+// How 0, 1 and 2 are open.
+std::string OpenModes() {
+  std::string text;
+  for (const int fd : {0, 1, 2}) text += std::to_string(fcntl(fd, F_GETFL) & O_ACCMODE) + " ";
+  return text;
+}
+
 int DaemonMain(const std::string &report, bool linger) {
   const std::string files = OpenFiles();
   rlimit space;
@@ -58,7 +65,8 @@ int DaemonMain(const std::string &report, bool linger) {
   std::ofstream(report + ".new") << "files " << files << "\ncwd " << fs::current_path().native()
                                  << "\npid " << getpid() << "\nsid " << getsid(0) << "\nignored "
                                  << SignalLine("SigIgn") << "\nblocked " << SignalLine("SigBlk")
-                                 << "\nspace " << (space.rlim_cur == space.rlim_max) << "\n";
+                                 << "\nspace " << (space.rlim_cur == space.rlim_max) << "\nmodes "
+                                 << OpenModes() << "\n";
   fs::rename(report + ".new", report);
   if (linger) pause();
   return 0;
@@ -116,6 +124,9 @@ TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
     for (const int number : {5, 17, 18, 300, 400}) dup2(file.Get(), number);
     const rlimit low = {64, 4096};
     setrlimit(RLIMIT_NOFILE, &low);  // 300 and 400 stay open
+    // More than any program has, so that it does not get in the way of a sanitizer.
+    const rlimit space = {rlim_t{1} << 47, RLIM_INFINITY};
+    setrlimit(RLIMIT_AS, &space);
     _exit(Start(0, nullptr, {300, 17}) ? 0 : 1);
   });
   ASSERT_EQ(0, starter.exitStatus) << starter.output;
@@ -128,6 +139,7 @@ TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
   EXPECT_EQ("0000000000000000", report["ignored"]);
   EXPECT_EQ("0000000000000000", report["blocked"]);
   EXPECT_EQ("1", report["space"]);
+  EXPECT_EQ(Text("%d %d %d ", O_RDONLY, O_WRONLY, O_WRONLY), report["modes"]);
 }
 
 TEST_F(Daemonize, StartsFromAProcessWithoutStandardDescriptors) {
@@ -140,6 +152,13 @@ TEST_F(Daemonize, StartsFromAProcessWithoutStandardDescriptors) {
   EXPECT_TRUE(report["files"].starts_with("0=/dev/null 1=/dev/null 2=/dev/null "))
       << report["files"];
   EXPECT_EQ(report["pid"] + "\n", ReadFile(pidPath_));
+
+  const ChildResult failing = RunInChild([&] {
+    for (const int number : {0, 1, 2}) close(number);
+    const char *const argv[] = {"x", nullptr};
+    _exit(Hostinfo_Daemonize("/missing/x", argv, 0, nullptr, nullptr, 0) ? 0 : errno);
+  });
+  EXPECT_EQ(ENOENT, failing.exitStatus);  // the report does not go to /dev/null
 }
 
 TEST_F(Daemonize, FlagsKeepDirectorySessionAndStandardDescriptors) {
@@ -193,6 +212,9 @@ TEST_F(Daemonize, PidFileWithoutLockIsOnlyWritten) {
   EXPECT_EQ(report["pid"] + "\n", ReadFile(pidPath_));
   const Fd file(open(pidPath_.c_str(), O_RDONLY));
   EXPECT_EQ(0, flock(file.Get(), LOCK_EX | LOCK_NB));
+  struct stat info;
+  ASSERT_EQ(0, fstat(file.Get(), &info));
+  EXPECT_EQ(0644U, info.st_mode & 07777U);
   kill(std::stoi(report["pid"]), SIGKILL);
 }
 

@@ -194,6 +194,7 @@ TEST(Close, EmptiesTheSlotWhateverHappens) {
 
 TEST(SetBlockingState, ChangesThatFlagOnly) {
   const Pair pair;
+  ASSERT_EQ(0, fcntl(pair.a.Get(), F_SETFL, O_APPEND));  // meaningless here, but a flag
   const int before = fcntl(pair.a.Get(), F_GETFL);
   EXPECT_TRUE(ServiceImplSetBlockingState(pair.a.Get(), false));
   EXPECT_EQ(before | O_NONBLOCK, fcntl(pair.a.Get(), F_GETFL));
@@ -201,6 +202,9 @@ TEST(SetBlockingState, ChangesThatFlagOnly) {
   EXPECT_EQ(before, fcntl(pair.a.Get(), F_GETFL));
   EXPECT_EQ(Line("ServiceImplSetBlockingState: fcntl get errno %d.\n", EBADF),
             Logged([] { EXPECT_FALSE(ServiceImplSetBlockingState(9999, true)); }));
+  const Fd name(open("/", O_PATH));  // has flags, but none that can be set
+  EXPECT_EQ(Line("ServiceImplSetBlockingState: fcntl set errno %d.\n", EBADF),
+            Logged([&] { EXPECT_FALSE(ServiceImplSetBlockingState(name.Get(), true)); }));
 }
 
 }  // namespace
