@@ -47,7 +47,7 @@ int main(int argc, char *argv[]) {
   Location_Init("lumenClient-opener");
   if (!BundleDaemonIsRootOwned()) return EXIT_FAILURE;
 
-  ServiceImpl_PrivLower();
+  if (!ServiceImpl_PrivLower()) return EXIT_FAILURE;
   umask(022);
 
   const HeapStr daemonPath(StagedDaemonPath());

@@ -9,8 +9,9 @@
 //         first one's socket and waits in its queue for the greeting.  If the first one dies before
 //         the daemon runs, the socket goes with it, and those in the queue see an end of file and
 //         begin again.
-// Holds:  1. Root only inside ServiceImplPrivBracket: while the side is chosen and while the daemon
-//            is started.  The bytes are exchanged as the user.
+// Holds:  1. Root only inside ServiceImplWithPrivileges: while the side is chosen and while the
+//            daemon is started.  The bytes are exchanged as the user; an identity that cannot be
+//            switched ends the rendezvous.
 //         2. Descriptors stay in slots (-1: empty) that ServiceImplClose empties.  The daemon gets
 //            the listening socket and the status pipe's read end; Hostinfo_Daemonize closes all
 //            others, and nothing else here calls exec.
@@ -112,16 +113,20 @@ Side ChooseUnderLock(int sock, const Meeting &meeting) {
 
 // Fills `slots->sock` unless the result is kNone.
 Side ServiceImplPickSockSide(const Meeting &meeting, Slots *slots) {
+  Side side = Side::kNone;
   // PRIV: lock file and socket file are root's, in a directory of root's.
-  const ServiceImplPrivBracket root;
-  slots->sock = socket(AF_UNIX, SOCK_STREAM, 0);
-  if (slots->sock < 0) {
-    Warning("%s: socket errno %d.\n", kPickSide, errno);
-    return Side::kNone;
-  }
-  const Side side = ChooseUnderLock(slots->sock, meeting);
-  if (side == Side::kNone) ServiceImplClose(&slots->sock, nullptr);
-  return side;
+  const bool ok = ServiceImplWithPrivileges([&] {
+    slots->sock = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (slots->sock < 0) {
+      Warning("%s: socket errno %d.\n", kPickSide, errno);
+      return false;
+    }
+    side = ChooseUnderLock(slots->sock, meeting);
+    return side != Side::kNone;
+  });
+  if (ok) return side;
+  ServiceImplClose(&slots->sock, nullptr);
+  return Side::kNone;
 }
 
 // ---- the server side ------------------------------------------------------------------------
@@ -135,8 +140,8 @@ bool RunDaemon(const char *daemonPath, int sock, int statusRead) {
   const int keep[] = {sock, statusRead};
 
   // PRIV: the daemon is to run as root.
-  const ServiceImplPrivBracket root;
-  return Hostinfo_Daemonize(daemonPath, argv, 0, nullptr, keep, 2);
+  return ServiceImplWithPrivileges(
+      [&] { return Hostinfo_Daemonize(daemonPath, argv, 0, nullptr, keep, 2); });
 }
 
 // Starts the daemon on the listening socket; afterwards the status pipe's write end is in its slot.
@@ -247,7 +252,7 @@ int ServiceImpl_Opener(int argc, char *argv[], int level, const char *lockPath,
   const Meeting meeting = {lockPath, sockPath, daemonPath};
   if (argc == 1) return ServiceImplShell(meeting);
   if (argc == 2) {
-    // Not validated: no number is 0, and a descriptor that is not open fails when it is sent.
+    // Not validated: no number is 0, and a number that nothing has fails when it is sent.
     const int fd = static_cast<int>(strtol(argv[1], nullptr, 10));
     return ServiceImplOpener(fd, meeting) ? EXIT_SUCCESS : EXIT_FAILURE;
   }

@@ -3,7 +3,7 @@
 // All of it belongs to the one thread of a set-user-ID program.
 #pragma once
 
-// Runs before the daemon is started, with lowered privileges; false gives the start up.
+// Runs before the daemon is started, with lowered privileges; false abandons the start.
 using ServiceImplPreStartHook = bool (*)();
 
 // Installs the hook; null, the initial one, is none.
@@ -18,18 +18,20 @@ void ServiceImpl_SetPreStartHook(ServiceImplPreStartHook hook);
 [[nodiscard]] int ServiceImpl_Opener(int argc, char *argv[], int level, const char *lockPath,
                                      const char *sockPath, const char *daemonPath);
 
-// Records the effective user id and makes the real one effective; a failure is logged.
-void ServiceImpl_PrivLower();
+// Records the effective user id and makes the real one effective.  False, after a record, when that
+// fails: then the program must not go on.
+[[nodiscard]] bool ServiceImpl_PrivLower();
 
-// Makes the recorded user id effective again; a failure is logged.  Calls alternate, lower first:
-// lowering twice would record the user's id and lose root for good.
-void ServiceImpl_PrivRaise();
+// Makes the recorded user id effective again.  False, after a record, when that fails; then nothing
+// has changed, and there is nothing to lower.  Calls alternate, lower first: lowering twice would
+// record the user's id and lose root for good.
+[[nodiscard]] bool ServiceImpl_PrivRaise();
 
-// Raised while it stands, and lowered on every way out.
-class ServiceImplPrivBracket {
- public:
-  ServiceImplPrivBracket() { ServiceImpl_PrivRaise(); }
-  ServiceImplPrivBracket(const ServiceImplPrivBracket &) = delete;
-  ServiceImplPrivBracket &operator=(const ServiceImplPrivBracket &) = delete;
-  ~ServiceImplPrivBracket() { ServiceImpl_PrivLower(); }
-};
+// Runs `body`, which returns a boolean, with raised privileges, and lowers them whatever it returns.
+// False when `body` says so, and when one of the two switches fails.
+template <typename Body>
+[[nodiscard]] bool ServiceImplWithPrivileges(Body body) {
+  if (!ServiceImpl_PrivRaise()) return false;
+  const bool ok = body();
+  return ServiceImpl_PrivLower() && ok;
+}

@@ -15,16 +15,16 @@ struct {
 
 }  // namespace
 
-void ServiceImpl_PrivLower() {
+bool ServiceImpl_PrivLower() {
   privState.saved = geteuid();
-  if (seteuid(getuid()) != 0) {
-    Warning("%s: seteuid errno %d.\n", "ServiceImpl_PrivLower", errno);
-  }
+  if (seteuid(getuid()) == 0) return true;
+  Warning("%s: seteuid errno %d.\n", "ServiceImpl_PrivLower", errno);
+  return false;
 }
 
-void ServiceImpl_PrivRaise() {
+bool ServiceImpl_PrivRaise() {
   // PRIV: back to root, which the saved set-user-ID still allows.
-  if (seteuid(privState.saved) != 0) {
-    Warning("%s: seteuid errno %d.\n", "ServiceImpl_PrivRaise", errno);
-  }
+  if (seteuid(privState.saved) == 0) return true;
+  Warning("%s: seteuid errno %d.\n", "ServiceImpl_PrivRaise", errno);
+  return false;
 }

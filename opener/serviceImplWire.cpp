@@ -8,6 +8,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -48,13 +49,17 @@ bool IsRights(const cmsghdr &header) {
   return header.cmsg_level == SOL_SOCKET && header.cmsg_type == SCM_RIGHTS;
 }
 
-// Some alignments leave room for a second descriptor, so a peer can slip one in.
+// Some alignments leave room for a second descriptor, so a peer can slip one in.  macOS reports the
+// sender's length for control data that it has cut, so what counts is what lies in the buffer.
 void CloseReceived(msghdr *message) {
   for (cmsghdr *header = CMSG_FIRSTHDR(message); header != nullptr;
        header = CMSG_NXTHDR(message, header)) {
     if (!IsRights(*header)) continue;
     const unsigned char *const data = CMSG_DATA(header);
-    const size_t length = header->cmsg_len - CMSG_LEN(0);
+    const auto *const end =
+        static_cast<const unsigned char *>(message->msg_control) + message->msg_controllen;
+    const size_t length =
+        std::min<size_t>(header->cmsg_len - CMSG_LEN(0), static_cast<size_t>(end - data));
     for (size_t at = 0; at + sizeof(int) <= length; at += sizeof(int)) {
       int fd;
       memcpy(&fd, data + at, sizeof fd);

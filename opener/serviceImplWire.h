@@ -1,8 +1,8 @@
 // serviceImplWire.h -- the bytes and the descriptor on one connection, for both ends of it.
 //
-// The protocol is docs/protocol.md: the daemon greets with one byte, the opener sends that byte
-// back with the descriptor (SCM_RIGHTS), the daemon answers "1" or refuses.  Each failure is logged
-// once. The exchange byte and the log make these procedures the business of one thread.
+// The protocol is docs/protocol.md: the daemon greets with one byte, the opener sends that byte back
+// with the descriptor (SCM_RIGHTS), the daemon answers "1" or refuses.  Each failure is logged once,
+// unless told otherwise.  The exchange byte makes these procedures the business of one thread.
 #pragma once
 
 // The byte that goes with a descriptor: what the opener was greeted with and sends back, and what
@@ -32,7 +32,8 @@ enum : int {
 [[nodiscard]] bool ServiceImplSendFd(int sock, int fd);
 
 // Receives the exchange byte with one descriptor, which the caller owns then.  False on failure,
-// silently when the peer has gone.  Whatever else came with an unexpected message is closed.
+// silently when the peer has gone.  What else came with an unexpected message is closed, as far
+// as the host delivered it.
 [[nodiscard]] bool ServiceImplRecvFd(int sock, int *fd);
 
 // Makes `fd`, and all that share its open file, blocking or not.

@@ -64,7 +64,7 @@ TEST(Rendezvous, AsksTheHookAsTheCallerBeforeEachStartAndLeavesNothingOpen) {
     if (setresuid(kCaller, 0, 0) != 0) _exit(3);
     ServiceImpl_SetPreStartHook(ThirdCallFails);
     StartMuteListener(dir.Path("sock"));
-    ServiceImpl_PrivLower();
+    EXPECT_TRUE(ServiceImpl_PrivLower());
     const size_t before = OpenDescriptors();
     const int status = Meet(dir, "/bin/true", "0");
     dprintf(STDOUT_FILENO, "status %d, hook %d, lowered %d, descriptors %+d, now %u\n", status,
@@ -78,7 +78,7 @@ TEST(Rendezvous, AsksTheHookAsTheCallerBeforeEachStartAndLeavesNothingOpen) {
 TEST(Rendezvous, AHookThatRefusesStartsNothing) {
   const ScratchDir dir;
   const std::string log = WithoutStamps(CaptureOutput([&] {
-    ServiceImpl_PrivLower();
+    EXPECT_TRUE(ServiceImpl_PrivLower());
     ServiceImpl_SetPreStartHook([] { return false; });
     EXPECT_EQ(1, Meet(dir, "/missing", "0"));
     ServiceImpl_SetPreStartHook(nullptr);
