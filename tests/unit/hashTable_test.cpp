@@ -205,8 +205,8 @@ class ModelRun {
 
 TEST(HashTable, RandomOperationsAgreeWithAMap) {
   for (const uint32_t numBuckets : {0u, 1u, 2u, 128u}) {
-    for (const uint32_t flags : {0, 0x8, 0x10, 0x18}) {
-      for (const uint32_t keyType : {0, 1, 2}) {
+    for (const uint32_t flags : {0u, 0x8u, 0x10u, 0x18u}) {
+      for (const uint32_t keyType : {0u, 1u, 2u}) {
         SCOPED_TRACE(testing::Message() << numBuckets << " buckets, flags " << (flags | keyType));
         ModelRun(numBuckets, flags | keyType).Run();
       }
