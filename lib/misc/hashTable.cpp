@@ -77,9 +77,9 @@ namespace {
 
 // ---- keys -----------------------------------------------------------------------------------
 
-// hash = rotl(hash ^ byte, 5), byte for byte.  Rotation and XOR commute, so four bytes are put in
-// their places beside the chain of steps that wait for each other, and join it as one step.
-// Measured: a quarter off a look-up by names of about 18 bytes.
+// hash = rotl(hash ^ byte, 5), byte for byte.  Rotation and XOR commute, so four bytes are put in their
+// places beside the chain of steps that wait for each other, and join it as one step.  Measured with
+// names of about 18 bytes: a quarter off a look-up among 2048 keys, nothing among 128.
 template <typename Map>
 uint32_t HashString(const void *key, Map map) {
   const auto *p = static_cast<const unsigned char *>(key);
