@@ -313,10 +313,10 @@ TEST_F(Handoff, InShellModeTheServiceSeesTheEndOnlyWhenTheOpenerDies) {
   // Of the pipe that the service reads, the opener has one end, not two.
   const auto services = Services();
   ASSERT_EQ(1U, services.size());
-  size_t shared = 0;
+  ptrdiff_t shared = 0;
   for (const std::string &pipe : Pipes(services[0]))
     shared += std::ranges::count(Pipes(first.Pid()), pipe);
-  EXPECT_EQ(1U, shared);
+  EXPECT_EQ(1, shared);
   EXPECT_TRUE(first.Running());
   first.Signal(SIGKILL);
   EXPECT_EQ(128 + SIGKILL, first.Wait());
