@@ -285,15 +285,6 @@ std::vector<std::string> Pipes(pid_t pid) {
   return pipes;
 }
 
-TEST_F(Handoff, WithoutAPipeShellModeFails) {
-  Launch launch = OpenerLaunch();
-  launch.adjust = [] {
-    const rlimit few = {3, 3};
-    setrlimit(RLIMIT_NOFILE, &few);
-  };
-  EXPECT_EQ((Outcome{1, Warned("ServiceImplShell", "pipe", EMFILE)}), OutcomeOf(launch));
-}
-
 TEST_F(Handoff, InShellModeTheServiceSeesTheEndOnlyWhenTheOpenerDies) {
   Process first(OpenerLaunch());  // also starts the service
   EXPECT_TRUE(Eventually([] { return ServiceLog().find("#1: accepted") != std::string::npos; }));
