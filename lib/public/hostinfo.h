@@ -21,13 +21,15 @@ enum : int {
 //   keepFds      the descriptors above 2 that the daemon inherits under the same numbers; they must
 //                not be close-on-exec; all others above 2 are closed.  Null when numKeepFds is 0
 //
-// Returns true when the program runs.  Otherwise false with errno set: the errno of what failed on
-// the way to exec, in whichever process, or EINVAL when the intermediate process died.  A PID file
-// is removed again, unless it could not be opened or another process holds its lock.
+// Returns true when no failure on the way to exec was reported.  Otherwise false with errno set: the
+// errno of what failed, in whichever process, or EINVAL when the intermediate process died or failed,
+// or a string is not UTF-8.  A PID file is removed again, unless it could not be opened or another
+// process holds its lock.  Exhausted memory for the arguments is fatal.
 //
 // The daemon has the default action for all signals, none blocked, no interval timer, and its soft
-// address-space limit raised to the hard one.  Each failure is logged once.  Call it from one
-// thread at a time; the other threads of the process do not exist in the daemon.
+// address-space limit raised to the hard one.  Failures are logged; a child's may be logged by the
+// caller, too.  Call it from one thread at a time: it gives SIGCHLD its default action for a moment if
+// that was ignored.  The other threads of the process do not exist in the daemon.
 [[nodiscard]] bool Hostinfo_Daemonize(const char *path, const char *const argv[], int flags,
                                       const char *pidPath, const int *keepFds, size_t numKeepFds);
 
