@@ -21,15 +21,19 @@ ARROWS = {
     'codeset': {'platform', 'lib/string', 'containers', 'encoding'},
     'lib/unicode': {'lib/string', 'containers', 'encoding', 'codeset'},
     'lib/misc': {'platform', 'lib/string', 'containers', 'encoding', 'codeset'},
+    'lib/lock': {'lib/string'},
+    'messages': {'platform', 'lib/string', 'containers', 'codeset', 'lib/lock'},
+    'lib/file': {'platform', 'lib/string', 'containers', 'encoding', 'codeset', 'lib/misc',
+                 'lib/unicode', 'lib/lock', 'messages'},
     'opener': {'platform', 'lib/string', 'containers', 'encoding', 'codeset', 'lib/misc',
-               'lib/unicode'},
+               'lib/unicode', 'lib/file'},
     'service': {'platform', 'lib/string', 'containers', 'encoding', 'codeset', 'lib/misc',
                 'lib/unicode', 'opener'},
 }
 # Folders that hold more than one library: files whose names begin so are of another layer.
 SPLIT = {
     'lib/misc': {'dynbuf': 'containers', 'escape': 'containers', 'hashTable': 'containers',
-                 'codeset': 'codeset'},
+                 'codeset': 'codeset', 'err': 'messages', 'msg': 'messages'},
     'lib/unicode': {'encoding': 'encoding', 'unicodeSimpleTypes': 'encoding'},
 }
 PUBLIC = 'lib/public/'

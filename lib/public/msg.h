@@ -1,0 +1,25 @@
+// msg.h -- the pending messages of each thread.
+//
+// A procedure that fails appends what went wrong for the user here and returns its result; the
+// caller decides whether the messages are shown, logged or dropped.  They belong to the thread
+// that appended them and are freed when it ends.  errno is unchanged.  Any thread.
+#pragma once
+
+#include <cstdarg>
+
+#include "msgList.h"
+
+// As MsgList_Append and its kin, on the pending messages of this thread.
+void Msg_Append(const char *idFormat, ...) __attribute__((format(printf, 1, 2)));
+void Msg_VAppend(const char *idFormat, va_list args) __attribute__((format(printf, 1, 0)));
+void Msg_AppendStr(const char *idText);
+void Msg_AppendMsgList(MsgList *messages);
+
+// Hands the pending messages of this thread to the caller, who frees them; null when there are none.
+[[nodiscard]] MsgList *Msg_TakePending();
+
+// Logs the pending messages of this thread, which stay.
+void Msg_LogPending();
+
+// Drops the pending messages of this thread.
+void Msg_Reset();
