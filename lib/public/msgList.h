@@ -1,7 +1,7 @@
 // msgList.h -- lists of messages: what went wrong, for whoever logs, shows or translates it.
 //
 // A message text may carry an id before its default English format:
-//   MSGID("File.Copy.open.failure") "Unable to open the '%s' file"
+//   "@&!*@*@(msg.File.Copy.open.failure)Unable to open the '%s' file"
 // A text without a well-formed id is taken literally: it is the argument of "%s" under the id
 // msg.literal.
 // A list is a pointer to its first message and null when empty.  New messages come first.  A list
@@ -11,9 +11,6 @@
 #include <cstdarg>
 
 #include "msgfmt.h"
-
-// The beginning of a text with the id msg.`name`.
-#define MSGID(name) "@&!*@*@(msg." name ")"
 
 struct MsgList {
   MsgList *next;
