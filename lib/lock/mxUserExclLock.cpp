@@ -1,0 +1,78 @@
+// mxUserExclLock.cpp -- exclusive locks: one owner, who destroys the lock.
+
+#include "log.h"
+#include "mxUserInt.h"
+
+struct MXUserExclLock : MXUserLock {};
+
+namespace {
+
+void DumpExclLock(const MXUserHeader &header) {
+  Warning("%s: Exclusive lock @ %p\n", "MXUserDumpExclLock", static_cast<const void *>(&header));
+  MXUserDumpHeader(header);
+  MXUserDumpNative(static_cast<const MXUserLock &>(header).native);
+}
+
+constexpr MXUserLockKind kKind = {
+    .type = MXUserType::exclLock,
+    .namePrefix = "X",
+    .createName = "MXUser_CreateExclLock",
+    .dump = DumpExclLock,
+};
+
+struct ExclLockDestroyer {
+  void operator()(MXUserExclLock *lock) const noexcept { MXUser_DestroyExclLock(lock); }
+};
+using ExclLockOwner = std::unique_ptr<MXUserExclLock, ExclLockDestroyer>;
+
+ExclLockOwner NewExclLock(const char *name, MX_Rank rank, const void *creator) {
+  MXUserPtr<MXUserExclLock> lock = MXUserNew<MXUserExclLock>();
+  MXUserInitLock(lock.get(), kKind, name, rank, creator);
+  return ExclLockOwner(lock.release());
+}
+
+}  // namespace
+
+MXUserExclLock *MXUser_CreateExclLock(const char *name, MX_Rank rank) {
+  return NewExclLock(name, rank, __builtin_return_address(0)).release();
+}
+
+MXUserExclLock *MXUser_CreateSingletonExclLock(std::atomic<MXUserExclLock *> *slot,
+                                               const char *name, MX_Rank rank) {
+  MXUserExclLock *const lock = slot->load(std::memory_order_acquire);
+  if (lock != nullptr) return lock;
+  return MXUserInstallOnce(slot, NewExclLock(name, rank, __builtin_return_address(0)));
+}
+
+void MXUser_AcquireExclLock(MXUserExclLock *lock) {
+  const int error = lock->native.Acquire();
+  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
+}
+
+bool MXUser_TryAcquireExclLock(MXUserExclLock *lock) {
+  return lock->native.TryAcquire() == 0;
+}
+
+void MXUser_ReleaseExclLock(MXUserExclLock *lock) {
+  if (!lock->native.IsOwnedByCaller()) {
+    MXUserDumpAndPanic(*lock, "%s: Release of an unacquired exclusive lock\n", __func__);
+  }
+  const int error = lock->native.Release();
+  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
+}
+
+bool MXUser_IsCurThreadHoldingExclLock(const MXUserExclLock *lock) {
+  return lock->native.IsOwnedByCaller();
+}
+
+void MXUser_DestroyExclLock(MXUserExclLock *lock) {
+  if (lock == nullptr) return;
+  if (lock->native.count.Get() > 0) {
+    MXUserDumpAndPanic(*lock, "%s: Destroy of an acquired exclusive lock\n", __func__);
+  }
+  const int error = lock->native.Destroy();
+  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
+  MXUserRemoveFromList(lock);
+  lock->signature.Set(0);
+  MXUserPtr<MXUserExclLock>(lock).reset();
+}

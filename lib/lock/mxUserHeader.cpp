@@ -1,0 +1,125 @@
+// mxUserHeader.cpp -- what every lock begins with: name, signature, serial number, place on the
+// list of all locks.
+
+#include <ctime>
+
+#include "log.h"
+#include "mxUserInt.h"
+#include "str.h"
+
+namespace {
+
+struct HeaderState {
+  std::atomic<uint32_t> salt = 0;  // of signatures; 0: not drawn yet
+  std::atomic<uint64_t> nextSerialNumber = 1;
+  std::atomic<MXUserNativeLock *> listLock = nullptr;
+  MXUserHeader *head = nullptr;  // of a ring; under the list lock
+};
+
+constinit HeaderState state;
+
+struct NativeLockDeleter {
+  void operator()(MXUserNativeLock *lock) const noexcept {
+    lock->Destroy();
+    MXUserDeleter()(lock);
+  }
+};
+
+// The list lock for a scope; null when there is none.
+class ListLockHolder {
+  MXUserNativeLock *const lock_ = MXUserGetListLock();
+
+ public:
+  ListLockHolder() {
+    if (lock_ != nullptr && lock_->Acquire() != 0) Panic("%s: no list lock\n", __func__);
+  }
+  ListLockHolder(const ListLockHolder &) = delete;
+  ListLockHolder &operator=(const ListLockHolder &) = delete;
+  ~ListLockHolder() {
+    if (lock_ != nullptr) lock_->Release();
+  }
+  explicit operator bool() const { return lock_ != nullptr; }
+};
+
+uint32_t Salt() {
+  uint32_t salt = state.salt.load(std::memory_order_relaxed);
+  if (salt != 0) return salt;
+  const auto now = static_cast<uint32_t>(time(nullptr));
+  const uint32_t mine = now == 0 ? 1 : now;
+  return state.salt.compare_exchange_strong(salt, mine, std::memory_order_relaxed) ? mine : salt;
+}
+
+HeapStr NameOf(const MXUserLockKind &kind, const char *name, const void *creator) {
+  if (name != nullptr) return Heap_SafeStrdup(name);
+  return HeapStr(Str_SafeAsprintf(nullptr, "%s-%p", kind.namePrefix, creator));
+}
+
+}  // namespace
+
+uint32_t MXUserSignature(MXUserType type) {
+  return static_cast<uint32_t>(type) << 28 | (Salt() & 0x0FFFFFFF);
+}
+
+uint64_t MXUserAllocSerialNumber() {
+  const uint64_t serialNumber = state.nextSerialNumber.fetch_add(1, std::memory_order_relaxed);
+  if (serialNumber == 0) Panic("%s: too many locks!\n", __func__);
+  return serialNumber;
+}
+
+// ---- creation --------------------------------------------------------------------------------
+
+void MXUserInitHeader(MXUserHeader *header, const MXUserLockKind &kind, HeapStr name,
+                      MX_Rank rank) {
+  header->name = std::move(name);
+  header->signature.Set(MXUserSignature(kind.type));
+  header->rank = rank;
+  header->serialNumber = MXUserAllocSerialNumber();
+  header->dump = kind.dump;
+}
+
+void MXUserInitLock(MXUserLock *lock, const MXUserLockKind &kind, const char *name, MX_Rank rank,
+                    const void *creator) {
+  if (lock->native.Init() != 0) {
+    Panic("%s: native lock initialization routine failed\n", kind.createName);
+  }
+  MXUserInitHeader(lock, kind, NameOf(kind, name, creator), rank);
+  MXUserAddToList(lock);
+}
+
+// ---- the list --------------------------------------------------------------------------------
+
+MXUserNativeLock *MXUserGetListLock() {
+  MXUserNativeLock *const lock = state.listLock.load(std::memory_order_acquire);
+  if (lock != nullptr) return lock;
+  MXUserPtr<MXUserNativeLock> fresh = MXUserNew<MXUserNativeLock>();
+  if (fresh->Init() != 0) return nullptr;
+  return MXUserInstallOnce(&state.listLock,
+                           std::unique_ptr<MXUserNativeLock, NativeLockDeleter>(fresh.release()));
+}
+
+void MXUserAddToList(MXUserHeader *header) {
+  const ListLockHolder holder;
+  if (!holder) return;
+  MXUserHeader *const head = state.head;
+  if (head == nullptr) {
+    header->next = header->prev = state.head = header;
+    return;
+  }
+  header->prev = head;
+  header->next = head->next;
+  head->next->prev = header;
+  head->next = header;
+}
+
+void MXUserRemoveFromList(MXUserHeader *header) {
+  const ListLockHolder holder;
+  if (!holder || header->next == nullptr) return;
+  if (header->next == header) {
+    state.head = nullptr;
+  } else {
+    header->next->prev = header->prev;
+    header->prev->next = header->next;
+    if (state.head == header) state.head = header->prev;
+  }
+  header->next = header->prev = nullptr;
+}

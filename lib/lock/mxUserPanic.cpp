@@ -1,0 +1,80 @@
+// mxUserPanic.cpp -- the end of the process because of a lock, and the hooks of the other system
+// that takes part in it.
+
+#include "log.h"
+#include "mxUserInt.h"
+#include "str.h"
+
+namespace {
+
+// From this failure on, since they come one after the other, locks are not to be trusted.
+constexpr uint32_t kFailuresToPanic = 6;
+
+struct PanicState {
+  std::atomic<uint32_t> failures = 0;
+  std::atomic<bool> inPanic = false;
+  std::atomic<MXUserMxHooks *> hooks = nullptr;  // never freed
+};
+
+constinit PanicState state;
+
+constexpr MXUserMxHooks kNoHooks = {};
+
+bool HasAny(const MXUserMxHooks &hooks) {
+  return hooks.acquire != nullptr || hooks.release != nullptr || hooks.tryAcquire != nullptr ||
+         hooks.isHeld != nullptr || hooks.name != nullptr || hooks.dump != nullptr ||
+         hooks.unbind != nullptr || hooks.panic != nullptr || hooks.inPanic != nullptr;
+}
+
+}  // namespace
+
+void MXUser_InstallMxHooks(const MXUserMxHooks &hooks) {
+  if (!HasAny(hooks)) return;
+  MXUserPtr<MXUserMxHooks> fresh = MXUserNew<MXUserMxHooks>();
+  *fresh = hooks;
+  MXUserInstallOnce(&state.hooks, std::move(fresh));
+}
+
+const MXUserMxHooks &MXUserGetMxHooks() {
+  const MXUserMxHooks *const hooks = state.hooks.load(std::memory_order_acquire);
+  return hooks == nullptr ? kNoHooks : *hooks;
+}
+
+bool MXUser_InPanic() {
+  if (state.inPanic.load(std::memory_order_relaxed)) return true;
+  const MXUserMxHooks &hooks = MXUserGetMxHooks();
+  return hooks.inPanic != nullptr && hooks.inPanic();
+}
+
+void MXUserDumpHeader(const MXUserHeader &header) {
+  Warning("\tsignature 0x%X\n", header.signature.Get());
+  Warning("\tname %s\n", header.name.get());
+  Warning("\trank 0x%X\n", header.rank);
+  Warning("\tserial number %llu\n", static_cast<unsigned long long>(header.serialNumber));
+}
+
+void MXUserDumpNative(const MXUserNativeLock &native) {
+  Warning("\tlock count %d\n", native.count.Get());
+  Warning("\taddress of owner data %p\n", static_cast<const void *>(&native.owner));
+}
+
+void MXUserDumpAndPanic(const MXUserHeader &header, const char *format, ...) {
+  if (state.failures.fetch_add(1, std::memory_order_relaxed) + 1 >= kFailuresToPanic) {
+    state.inPanic.store(true, std::memory_order_relaxed);
+    const MXUserMxHooks &hooks = MXUserGetMxHooks();
+    if (hooks.panic != nullptr) hooks.panic();
+  }
+  header.dump(header);
+
+  // As long as a record may be: a long name is cut, not the cause of a lost message.
+  char message[1024];
+  va_list args;
+  va_start(args, format);
+  Str_Vsnprintf(message, sizeof message, format, args);
+  va_end(args);
+  Panic("%s", message);
+}
+
+void MXUserNativeFailure(const MXUserHeader &header, const char *procedure, int error) {
+  MXUserDumpAndPanic(header, "%s: failure %d on lock %s\n", procedure, error, header.name.get());
+}

@@ -1,0 +1,150 @@
+// mxUserRecLock.cpp -- recursive locks: counted references, and locks that stand for external ones.
+//
+// A bound lock has no native mutex and is on no list: `native` stays as it was born, and every
+// operation goes to the hooks, which were complete when the lock was bound and never change.
+
+#include "log.h"
+#include "mxUserInt.h"
+#include "str.h"
+
+struct MXUserRecLock : MXUserLock {
+  std::atomic<uint32_t> refCount = 1;
+  MX_MutexRec *vmmLock;  // null for an ordinary lock
+};
+
+namespace {
+
+void DumpRecLock(const MXUserHeader &header) {
+  const auto &lock = static_cast<const MXUserRecLock &>(header);
+  Warning("%s: Recursive lock @ %p\n", "MXUserDumpRecLock", static_cast<const void *>(&lock));
+  MXUserDumpHeader(lock);
+  Warning("\treference count %u\n", lock.refCount.load(std::memory_order_relaxed));
+  if (lock.vmmLock == nullptr) {
+    MXUserDumpNative(lock.native);
+    return;
+  }
+  Warning("\tvmmLock %p\n", static_cast<const void *>(lock.vmmLock));
+  const MXUserMxHooks &hooks = MXUserGetMxHooks();
+  if (hooks.dump != nullptr) hooks.dump(lock.vmmLock);
+}
+
+constexpr MXUserLockKind kKind = {
+    .type = MXUserType::recLock,
+    .namePrefix = "R",
+    .createName = "MXUser_CreateRecLock",
+    .dump = DumpRecLock,
+};
+
+struct RecLockDropper {
+  void operator()(MXUserRecLock *lock) const noexcept { MXUser_DecRefRecLock(lock); }
+};
+using RecLockOwner = std::unique_ptr<MXUserRecLock, RecLockDropper>;
+
+RecLockOwner NewRecLock(const char *name, MX_Rank rank, const void *creator) {
+  MXUserPtr<MXUserRecLock> lock = MXUserNew<MXUserRecLock>();
+  MXUserInitLock(lock.get(), kKind, name, rank, creator);
+  return RecLockOwner(lock.release());
+}
+
+// What only an ordinary lock has.
+void DestroyNative(MXUserRecLock *lock) {
+  if (lock->native.count.Get() > 0) {
+    MXUserDumpAndPanic(*lock, "%s: Destroy of an acquired recursive lock\n",
+                       "MXUserCondDestroyRecLock");
+  }
+  const int error = lock->native.Destroy();
+  if (error != 0) MXUserNativeFailure(*lock, "MXUserCondDestroyRecLock", error);
+  MXUserRemoveFromList(lock);
+}
+
+}  // namespace
+
+// ---- life of a lock --------------------------------------------------------------------------
+
+MXUserRecLock *MXUser_CreateRecLock(const char *name, MX_Rank rank) {
+  return NewRecLock(name, rank, __builtin_return_address(0)).release();
+}
+
+MXUserRecLock *MXUser_CreateSingletonRecLock(std::atomic<MXUserRecLock *> *slot, const char *name,
+                                             MX_Rank rank) {
+  MXUserRecLock *const lock = slot->load(std::memory_order_acquire);
+  if (lock != nullptr) return lock;
+  return MXUserInstallOnce(slot, NewRecLock(name, rank, __builtin_return_address(0)));
+}
+
+MXUserRecLock *MXUser_BindMXMutexRec(MX_MutexRec *external, MX_Rank rank) {
+  const MXUserMxHooks &hooks = MXUserGetMxHooks();
+  if (hooks.acquire == nullptr || hooks.release == nullptr || hooks.tryAcquire == nullptr ||
+      hooks.isHeld == nullptr || hooks.name == nullptr) {
+    return nullptr;
+  }
+  const char *const name = hooks.name(external);
+  HeapStr ownName(name != nullptr
+                      ? Str_SafeAsprintf(nullptr, "%s *", name)
+                      : Str_SafeAsprintf(nullptr, "MX_%p", static_cast<void *>(external)));
+  MXUserPtr<MXUserRecLock> lock = MXUserNew<MXUserRecLock>();
+  MXUserInitHeader(lock.get(), kKind, std::move(ownName), rank);
+  lock->vmmLock = external;
+  return lock.release();
+}
+
+void MXUser_IncRefRecLock(MXUserRecLock *lock) {
+  lock->refCount.fetch_add(1, std::memory_order_relaxed);
+}
+
+// The last one must see all that the others did to the lock before they dropped theirs.
+void MXUser_DecRefRecLock(MXUserRecLock *lock) {
+  if (lock->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  MX_MutexRec *const external = lock->vmmLock;
+  if (external == nullptr) DestroyNative(lock);
+  lock->signature.Set(0);
+  MXUserPtr<MXUserRecLock>(lock).reset();
+
+  const MXUserMxHooks &hooks = MXUserGetMxHooks();
+  if (external != nullptr && hooks.unbind != nullptr) hooks.unbind(external);
+}
+
+void MXUser_DestroyRecLock(MXUserRecLock *lock) {
+  if (lock != nullptr) MXUser_DecRefRecLock(lock);
+}
+
+// ---- operations ------------------------------------------------------------------------------
+
+void MXUser_AcquireRecLock(MXUserRecLock *lock) {
+  if (lock->vmmLock != nullptr) {
+    MXUserGetMxHooks().acquire(lock->vmmLock);
+    return;
+  }
+  const int error = lock->native.Acquire();
+  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
+}
+
+bool MXUser_TryAcquireRecLock(MXUserRecLock *lock) {
+  if (lock->vmmLock != nullptr) return MXUserGetMxHooks().tryAcquire(lock->vmmLock);
+  return lock->native.TryAcquire() == 0;
+}
+
+void MXUser_ReleaseRecLock(MXUserRecLock *lock) {
+  if (lock->vmmLock != nullptr) {
+    MXUserGetMxHooks().release(lock->vmmLock);
+    return;
+  }
+  if (!lock->native.IsOwnedByCaller()) {
+    MXUserDumpAndPanic(*lock, "%s: Release of an unacquired recursive lock\n", __func__);
+  }
+  const int error = lock->native.Release();
+  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
+}
+
+bool MXUser_IsCurThreadHoldingRecLock(const MXUserRecLock *lock) {
+  if (lock->vmmLock != nullptr) return MXUserGetMxHooks().isHeld(lock->vmmLock);
+  return lock->native.IsOwnedByCaller();
+}
+
+MX_Rank MXUser_GetRecLockRank(const MXUserRecLock *lock) {
+  return lock->rank;
+}
+
+MX_MutexRec *MXUser_GetRecLockVmm(const MXUserRecLock *lock) {
+  return lock->vmmLock;
+}
