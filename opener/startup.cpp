@@ -1,5 +1,5 @@
 // startup.cpp -- the environment scrub and the ownership check.
-// Tests: tests/unit/startup_test.cpp
+// Tests: tests/system/refusals_test.cpp
 
 #include "opener/startup.h"
 

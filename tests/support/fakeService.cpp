@@ -1,4 +1,4 @@
-// fakeService.cpp -- its own implementation of the protocol, as a second opinion.
+// fakeService.cpp -- the protocol once more, without the product's code.
 
 #include "tests/support/fakeService.h"
 
@@ -12,17 +12,39 @@
 #include <cstring>
 #include <system_error>
 
-Fd ListenAt(const std::string &path) {
+namespace {
+
+[[noreturn]] void Fail(const std::string &what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+sockaddr_un AddressOf(const std::string &path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
+}
+
+}  // namespace
+
+Fd ListenAt(const std::string &path) {
+  const sockaddr_un address = AddressOf(path);
   unlink(path.c_str());
   Fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (bind(listener.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
       chmod(path.c_str(), 0600) != 0 || listen(listener.Get(), SOMAXCONN) != 0) {
-    throw std::system_error(errno, std::generic_category(), path);
+    Fail(path);
   }
   return listener;
+}
+
+Fd ConnectTo(const std::string &path) {
+  const sockaddr_un address = AddressOf(path);
+  Fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (connect(sock.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    Fail(path);
+  }
+  return sock;
 }
 
 FakeService::FakeService(const std::string &path, std::vector<Step> script)
@@ -43,12 +65,27 @@ void FakeService::Serve() {
   }
 }
 
-void Greet(int connection, char byte) {
+void Say(int connection, char byte) {
   send(connection, &byte, 1, MSG_NOSIGNAL);
 }
 
-void Answer(int connection, char byte) {
-  Greet(connection, byte);
+void SendFds(int connection, std::string_view payload, int fd, size_t count) {
+  const std::vector<int> fds(count, fd);
+  std::vector<char> control(CMSG_SPACE(count * sizeof fd));
+  iovec data = {const_cast<char *>(payload.data()), payload.size()};
+  msghdr message = {};
+  message.msg_iov = &data;
+  message.msg_iovlen = 1;
+  if (count > 0) {
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr *const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(count * sizeof fd);
+    memcpy(CMSG_DATA(header), fds.data(), count * sizeof fd);
+  }
+  if (sendmsg(connection, &message, MSG_NOSIGNAL) < 0) Fail("sendmsg");
 }
 
 Received Receive(int connection) {

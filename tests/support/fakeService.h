@@ -1,9 +1,11 @@
-// fakeService.h -- a scripted service: what it does with each connection is a list of steps.
+// fakeService.h -- a scripted service: what it does with each connection is a list of steps; and
+// the pieces of the protocol, written anew as a second opinion.
 #pragma once
 
 #include <atomic>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -29,14 +31,18 @@ class FakeService {
   std::thread thread_;
 };
 
-// Steps.  Greet, Receive and Answer are for making others; the rest are whole connections.
-void Greet(int connection, char byte = 'g');
+// Sends one byte: the greeting, or the answer.
+void Say(int connection, char byte);
+
 struct Received {
   char byte = 0;
   Fd fd;
 };
 Received Receive(int connection);
-void Answer(int connection, char byte);
 
-// A socket that listens at `path`, which is replaced.
+// Sends one message: `payload` with `count` copies of `fd`.
+void SendFds(int connection, std::string_view payload, int fd, size_t count);
+
+// A socket that listens at `path`, which is replaced; one that is connected to it.
 Fd ListenAt(const std::string &path);
+Fd ConnectTo(const std::string &path);

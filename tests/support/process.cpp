@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <system_error>
 
 namespace {
@@ -109,6 +110,11 @@ Pipe::Pipe() {
   if (pipe2(ends, O_CLOEXEC) != 0) Fail("pipe2");
   read.Reset(ends[0]);
   write.Reset(ends[1]);
+}
+
+size_t OpenDescriptors() {
+  const std::filesystem::directory_iterator files("/dev/fd");
+  return static_cast<size_t>(std::distance(begin(files), end(files)));
 }
 
 Fd FileWith(const std::string &content) {

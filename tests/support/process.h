@@ -53,5 +53,8 @@ struct Pipe {
   Pipe();
 };
 
+// How many descriptors this process has.
+size_t OpenDescriptors();
+
 // A file without a name that holds `content`, at its beginning.
 Fd FileWith(const std::string &content);

@@ -23,17 +23,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void Remove(const fs::path &path) {
-  fs::remove_all(path);
-}
-
 void StopServices() {
   for (const pid_t pid : Services()) kill(pid, SIGKILL);
   EXPECT_TRUE(Eventually([] { return Services().empty(); }));
-}
-
-bool IsNumber(const std::string &text) {
-  return text.find_first_not_of("0123456789") == text.npos;
 }
 
 }  // namespace
@@ -42,25 +34,21 @@ void InstallProgram(const char *which, const std::string &path, mode_t mode) {
   const char *const source = getenv(which);
   ASSERT_NE(nullptr, source) << which << " is not set";
   fs::create_directories(fs::path(path).parent_path());
-  Remove(path);
+  fs::remove(path);
   fs::copy_file(source, path);
   ASSERT_EQ(0, chown(path.c_str(), 0, 0));
   ASSERT_EQ(0, chmod(path.c_str(), mode));
 }
 
-std::vector<pid_t> ProcessesOf(const std::string &path) {
+std::vector<pid_t> Services() {
   std::vector<pid_t> found;
   for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
     const std::string name = entry.path().filename();
-    if (!IsNumber(name)) continue;
+    if (name.find_first_not_of("0123456789") != name.npos) continue;
     const std::string arguments = ReadFile(entry.path() / "cmdline");
-    if (arguments.c_str() == path) found.push_back(std::stoi(name));
+    if (arguments.c_str() == kStagedDaemon) found.push_back(std::stoi(name));
   }
   return found;
-}
-
-std::vector<pid_t> Services() {
-  return ProcessesOf(kStagedDaemon);
 }
 
 std::string ServiceLog() {
@@ -77,7 +65,17 @@ std::string EndRecord(const std::string &content) {
 }
 
 bool ServiceRead(const std::string &content) {
-  return Eventually([&] { return ServiceLog().find(EndRecord(content)) != std::string::npos; });
+  return ServiceLogged(EndRecord(content));
+}
+
+bool ServiceLogged(const std::string &text) {
+  return Eventually([&] { return Count(ServiceLog(), text) > 0; });
+}
+
+size_t Count(const std::string &text, const std::string &part) {
+  size_t count = 0;
+  for (size_t at = 0; (at = text.find(part, at)) != text.npos; at += part.size()) count++;
+  return count;
 }
 
 Launch OpenerLaunch(int fd, int number) {
@@ -125,7 +123,7 @@ void ProductTest::TearDown() {
 void ProductTest::Reset() {
   StopServices();
   for (const std::string &path : {kSocketPath, kLockPath, kServiceLogPath, kProbeReport})
-    Remove(path);
+    fs::remove(path);
   InstallProgram("LUMEN_OPENER", kOpenerPath, 04755);
   InstallProgram("LUMEN_SERVICE", kBundleDaemon);
   InstallProgram("LUMEN_SERVICE", kStagedDaemon);

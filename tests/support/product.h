@@ -27,8 +27,7 @@ inline constexpr uid_t kUser = 12345;
 // names to `path`, with its folders; root's.
 void InstallProgram(const char *which, const std::string &path, mode_t mode = 0755);
 
-// The processes that were started as the program `path`, and those of the staged daemon.
-std::vector<pid_t> ProcessesOf(const std::string &path);
+// The processes of the staged daemon.
 std::vector<pid_t> Services();
 
 // The log of the reference service, without time stamps; and the line in it that tells of the end
@@ -36,6 +35,10 @@ std::vector<pid_t> Services();
 std::string ServiceLog();
 std::string EndRecord(const std::string &content);
 bool ServiceRead(const std::string &content);
+
+// Whether `text` comes into the log before long; how often `part` stands in `text`.
+bool ServiceLogged(const std::string &text);
+size_t Count(const std::string &text, const std::string &part);
 
 // How to run the opener as an ordinary user.  `fd`, if not -1, is open in it as descriptor
 // `number`, which is its argument.
@@ -47,6 +50,7 @@ struct Outcome {
   std::string records;  // what it logged, without time stamps, after the line with its process id
   bool operator==(const Outcome &) const = default;
 };
+inline const Outcome kDelivered = {0, ""};
 Outcome OutcomeOf(const Launch &launch);
 Outcome Finish(Process *process);
 std::ostream &operator<<(std::ostream &out, const Outcome &outcome);

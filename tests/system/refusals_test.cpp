@@ -12,8 +12,6 @@
 
 namespace {
 
-const Outcome kDelivered = {0, ""};
-
 class Refusals : public ProductTest {
  protected:
   // Silent, and over before any file is made.
@@ -52,41 +50,32 @@ struct BundleCase {
 
 const BundleCase kBundleCases[] = {
     {"root's", true, [] {}},
-    {"missing", false, [] { unlink(kBundleDaemon.c_str()); }},
     {"of group 20", false, [] { Own(kBundleDaemon, 0, 20); }},
     {"the user's", false, [] { Own(kBundleDaemon, kUser, 0); }},
-    {"a link to a file of root's", true,
-     [] {
-       InstallProgram("LUMEN_SERVICE", kElsewhere);
-       LinkTo(kElsewhere);
-     }},
     {"a link of the user's to a file of root's", true,
      [] {
-       InstallProgram("LUMEN_SERVICE", kElsewhere);
        LinkTo(kElsewhere);
        ASSERT_EQ(0, lchown(kBundleDaemon.c_str(), kUser, kUser));
      }},
     {"a link to a file of the user's", false,
      [] {
-       InstallProgram("LUMEN_SERVICE", kElsewhere);
-       Own(kElsewhere, kUser, 0);
        LinkTo(kElsewhere);
+       Own(kElsewhere, kUser, 0);
      }},
     {"a link to nothing", false, [] { LinkTo("/Library/nothing"); }},
-    {"in a folder that only root may enter", true, [] { chmod(kBundleLibrary.c_str(), 0711); }},
 };
 
 TEST_F(Refusals, TheDaemonInTheBundleMustBeRoots) {
   for (const BundleCase &bundle : kBundleCases) {
     SCOPED_TRACE(bundle.name);
     Reset();
+    InstallProgram("LUMEN_SERVICE", kElsewhere);
     bundle.make();
     if (bundle.accepted) {
       EXPECT_EQ(kDelivered, OutcomeOf(Hello()));
     } else {
       ExpectSilentRefusal(Hello());
     }
-    chmod(kBundleLibrary.c_str(), 0755);
   }
 }
 
@@ -122,40 +111,26 @@ TEST_F(Refusals, ALinkToTheOpenerDoesNotMoveTheBundle) {
 
 // ---- the environment --------------------------------------------------------------------------
 
-struct Entry {
-  const char *text;
-  bool kept;
+// Those to go stand side by side, most of them once: a walk that goes on after a removal without
+// beginning again would miss every other one.
+const std::vector<std::string> kRemoved = {
+    "f=() { :; }; reboot", "BASH_ENV=/x",         "ENV=",     "SHELLOPTS=xtrace",
+    "BASH_FUNC_g%%=() {",  "SHELLOPTS=() { :; }", "ENV=twin", "ENV=twin",
 };
-
-constexpr Entry kEntries[] = {
-    {"BASH_ENV=/etc/profile", false},
-    {"PATH=/usr/bin:/bin", true},
-    {"ENV=", false},
-    {"SHELLOPTS=xtrace", false},
-    {"SHELLOPTS=twice", false},
-    {"BASH_FUNC_ls%%=() { :; }", false},
-    {"ls=() {", false},
-    {"MYENV=1", true},
-    {"XBASH_ENV=1", true},
-    {"ENVY=1", true},
-    {"env=lower case", true},
-    {"later=x() { :; }", true},
-    {"second=a=() { :; }", true},
-    {"spaced= () { :; }", true},
-    {"short=() ", true},
-    {"ENV", true},  // no entry of a variable, and no end of the list
-    {"SHELLOPTS", true},
-    {"last=1", true},
+const std::vector<std::string> kKept = {
+    "PATH=/usr/bin:/bin", "MYENV=1",     "XBASH_ENV=1", "env=1",   "ENVIRON=1",
+    "a= () { :;}",        "b=x() { :;}", "c=()  {",     "d=(){ :", "e=k=() {",
+    "short=() ",          "EMPTY=",      "() {",        "ENV",     "BASH_ENV",
+    "SHELLOPTS",
 };
 
 TEST_F(Refusals, TheServiceDoesNotSeeWhatMakesShellsRunCode) {
   InstallProgram("LUMEN_PROBE", kStagedDaemon);
   Launch launch = Hello();
-  std::string expected = "env " + launch.env[0] + "\n";
-  for (const Entry &entry : kEntries) {
-    launch.env.push_back(entry.text);
-    if (entry.kept) expected += std::string("env ") + entry.text + "\n";
-  }
+  launch.env.insert(launch.env.end(), kKept.begin(), kKept.end());
+  std::string expected;
+  for (const std::string &entry : launch.env) expected += "env " + entry + "\n";
+  launch.env.insert(launch.env.begin() + 5, kRemoved.begin(), kRemoved.end());
   EXPECT_EQ(kDelivered, OutcomeOf(launch));
   const std::string report = ReadFile(kProbeReport);
   EXPECT_EQ(expected, report.substr(std::min(report.size(), report.find("env "))));
