@@ -1,27 +1,30 @@
 // daemonize_test.cpp -- what a daemon inherits, and what its starter learns of its start.
 //
 // The program is its own daemon: started as "daemonize_test --daemon REPORT [linger]" it writes
-// what it finds about itself to the file REPORT.
+// what it finds about itself to the file REPORT.  What an opener's daemon inherits is tested as
+// installed, in tests/system/handoff_test.cpp; failing calls in tests/system/faults_test.cpp.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
-#include <cstdarg>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "fd.h"
 #include "hostinfo.h"
 #include "tests/support/capture.h"
+#include "tests/support/sandboxSkip.h"
 #include "tests/support/scratchDir.h"
 
 namespace {
@@ -29,14 +32,6 @@ namespace {
 namespace fs = std::filesystem;
 
 // ---- the daemon's side ----------------------------------------------------------------------
-
-std::string SignalLine(const char *name) {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with(name)) return line.substr(line.find_last_of(" \t") + 1);
-  }
-  return "?";
-}
 
 // Descriptors as "number=target", before anything else is opened.
 std::string OpenFiles() {
@@ -51,22 +46,15 @@ std::string OpenFiles() {
   return text;
 }
 
-// How 0, 1 and 2 are open.
-std::string OpenModes() {
-  std::string text;
-  for (const int fd : {0, 1, 2}) text += std::to_string(fcntl(fd, F_GETFL) & O_ACCMODE) + " ";
-  return text;
-}
-
 int DaemonMain(const std::string &report, bool linger) {
   const std::string files = OpenFiles();
   rlimit space;
   getrlimit(RLIMIT_AS, &space);
-  std::ofstream(report + ".new") << "files " << files << "\ncwd " << fs::current_path().native()
-                                 << "\npid " << getpid() << "\nsid " << getsid(0) << "\nignored "
-                                 << SignalLine("SigIgn") << "\nblocked " << SignalLine("SigBlk")
-                                 << "\nspace " << (space.rlim_cur == space.rlim_max) << "\nmodes "
-                                 << OpenModes() << "\n";
+  std::ofstream out(report + ".new");
+  out << "files " << files << "\ncwd " << fs::current_path().native() << "\npid " << getpid()
+      << "\nsid " << getsid(0) << "\nspace " << (space.rlim_cur == space.rlim_max) << "\nmodes";
+  for (const int fd : {0, 1, 2}) out << ' ' << (fcntl(fd, F_GETFL) & O_ACCMODE);
+  out.close();
   fs::rename(report + ".new", report);
   if (linger) pause();
   return 0;
@@ -101,25 +89,24 @@ class Daemonize : public testing::Test {
   }
 };
 
-std::string Text(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string Text(const char *format, ...) {
-  char line[1000];
-  va_list args;
-  va_start(args, format);
-  vsnprintf(line, sizeof line, format, args);
-  va_end(args);
-  return line;
+// What a start that must fail logs, after the beginning; its errno must be `error`.
+std::string Failure(int error, const std::function<bool()> &start) {
+  const std::string log = WithoutStamps(CaptureOutput([&] {
+    errno = 0;
+    EXPECT_FALSE(start());
+    EXPECT_EQ(error, errno);
+  }));
+  const std::string who = "Warning: Hostinfo_Daemonize: ";
+  EXPECT_TRUE(log.starts_with(who)) << log;
+  return log.substr(std::min(log.size(), who.size()));
 }
+
+const char *const kArgv[] = {"x", nullptr};
 
 TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
   const std::string kept = dir_.Write("kept", "");
   const ChildResult starter = RunInChild([&] {
-    signal(SIGUSR1, SIG_IGN);
     signal(SIGCHLD, SIG_IGN);  // so there is no status of the first child to be had
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGTERM);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
     const Fd file(open(kept.c_str(), O_RDWR));
     for (const int number : {5, 17, 18, 300, 400}) dup2(file.Get(), number);
     const rlimit low = {64, 4096};
@@ -131,34 +118,27 @@ TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
   });
   ASSERT_EQ(0, starter.exitStatus) << starter.output;
   auto report = Report();
-  EXPECT_EQ(Text("0=/dev/null 1=/dev/null 2=/dev/null 17=%s 300=%s ", kept.c_str(), kept.c_str()),
+  EXPECT_EQ("0=/dev/null 1=/dev/null 2=/dev/null 17=" + kept + " 300=" + kept + " ",
             report["files"]);
-  EXPECT_EQ("/", report["cwd"]);
-  EXPECT_NE(std::to_string(getsid(0)), report["sid"]);
-  EXPECT_NE(report["pid"], report["sid"]);  // no leader: it cannot get a terminal by accident
-  EXPECT_EQ("0000000000000000", report["ignored"]);
-  EXPECT_EQ("0000000000000000", report["blocked"]);
   EXPECT_EQ("1", report["space"]);
-  EXPECT_EQ(Text("%d %d %d ", O_RDONLY, O_WRONLY, O_WRONLY), report["modes"]);
+  std::ostringstream modes;
+  modes << O_RDONLY << ' ' << O_WRONLY << ' ' << O_WRONLY;
+  EXPECT_EQ(modes.str(), report["modes"]);
 }
 
+// The PID file and the pipe for reports must not be what /dev/null replaces in the daemon.
 TEST_F(Daemonize, StartsFromAProcessWithoutStandardDescriptors) {
-  const ChildResult starter = RunInChild([&] {
-    for (const int number : {0, 1, 2}) close(number);
-    _exit(Start(HOSTINFO_DAEMONIZE_LOCKPID, pidPath_.c_str(), {}) ? 0 : 1);
-  });
-  EXPECT_EQ(0, starter.exitStatus);
-  auto report = Report();
-  EXPECT_TRUE(report["files"].starts_with("0=/dev/null 1=/dev/null 2=/dev/null "))
-      << report["files"];
-  EXPECT_EQ(report["pid"] + "\n", ReadFile(pidPath_));
-
-  const ChildResult failing = RunInChild([&] {
-    for (const int number : {0, 1, 2}) close(number);
-    const char *const argv[] = {"x", nullptr};
-    _exit(Hostinfo_Daemonize("/missing/x", argv, 0, nullptr, nullptr, 0) ? 0 : errno);
-  });
-  EXPECT_EQ(ENOENT, failing.exitStatus);  // the report does not go to /dev/null
+  const auto start = [&](const std::function<bool()> &body) {
+    return RunInChild([&] {
+             for (const int number : {0, 1, 2}) close(number);
+             _exit(body() ? 0 : errno);
+           })
+        .exitStatus;
+  };
+  EXPECT_EQ(0, start([&] { return Start(HOSTINFO_DAEMONIZE_LOCKPID, pidPath_.c_str()); }));
+  EXPECT_EQ(Report()["pid"] + "\n", ReadFile(pidPath_));
+  EXPECT_EQ(ENOENT,
+            start([] { return Hostinfo_Daemonize("/missing/x", kArgv, 0, nullptr, nullptr, 0); }));
 }
 
 TEST_F(Daemonize, FlagsKeepDirectorySessionAndStandardDescriptors) {
@@ -172,37 +152,29 @@ TEST_F(Daemonize, FlagsKeepDirectorySessionAndStandardDescriptors) {
 TEST_F(Daemonize, ExitFlagEndsTheStarterOnSuccessOnly) {
   EXPECT_EQ(0, RunInChild([&] { (void)Start(HOSTINFO_DAEMONIZE_EXIT); }).exitStatus);
   EXPECT_FALSE(Report().empty());
-  EXPECT_EQ(42, RunInChild([&] {
-                  const char *const argv[] = {"x", nullptr};
-                  (void)Hostinfo_Daemonize("/missing/x", argv, HOSTINFO_DAEMONIZE_EXIT, nullptr,
+  EXPECT_EQ(42, RunInChild([] {
+                  (void)Hostinfo_Daemonize("/missing/x", kArgv, HOSTINFO_DAEMONIZE_EXIT, nullptr,
                                            nullptr, 0);
                 }).exitStatus);
 }
 
 TEST_F(Daemonize, PidFileIsALockWhileTheDaemonLives) {
   dir_.Write("pid", "a much longer text of an earlier daemon\n");
-  ASSERT_TRUE(Start(HOSTINFO_DAEMONIZE_LOCKPID, pidPath_.c_str(), {}, true));
+  const auto start = [&] { return Start(HOSTINFO_DAEMONIZE_LOCKPID, pidPath_.c_str(), {}, true); };
+  ASSERT_TRUE(start());
   const std::string first = Report()["pid"];
-  EXPECT_EQ(first + "\n", ReadFile(pidPath_));
-
-  const std::string log = WithoutStamps(CaptureOutput([&] {
-    EXPECT_FALSE(Start(HOSTINFO_DAEMONIZE_LOCKPID, pidPath_.c_str()));
-    EXPECT_EQ(EWOULDBLOCK, errno);
-  }));
-  EXPECT_EQ(Text("Warning: Hostinfo_Daemonize: Lock held on PID path [%s], error %u, not "
-                 "daemonizing.\n",
-                 pidPath_.c_str(), static_cast<unsigned>(EWOULDBLOCK)),
-            log);
+  EXPECT_EQ("Lock held on PID path [" + pidPath_ + "], error " + std::to_string(EWOULDBLOCK) +
+                ", not daemonizing.\n",
+            Failure(EWOULDBLOCK, start));
   EXPECT_EQ(first + "\n", ReadFile(pidPath_));
 
   kill(std::stoi(first), SIGKILL);
   bool started = false;
-  for (int i = 0; i < 1000 && !started; i++) {
-    started = Start(HOSTINFO_DAEMONIZE_LOCKPID, pidPath_.c_str());
-    if (!started) usleep(10000);
-  }
+  for (int i = 0; i < 1000 && !(started = start()); i++) usleep(10000);
   ASSERT_TRUE(started);
-  EXPECT_NE(first, Report()["pid"]);
+  const std::string second = Report()["pid"];
+  EXPECT_EQ(second + "\n", ReadFile(pidPath_));
+  kill(std::stoi(second), SIGKILL);
 }
 
 TEST_F(Daemonize, PidFileWithoutLockIsOnlyWritten) {
@@ -210,86 +182,58 @@ TEST_F(Daemonize, PidFileWithoutLockIsOnlyWritten) {
   auto report = Report();
   EXPECT_EQ("0=/dev/null 1=/dev/null 2=/dev/null ", report["files"]);
   EXPECT_EQ(report["pid"] + "\n", ReadFile(pidPath_));
+  EXPECT_EQ(fs::perms{0644}, fs::status(pidPath_).permissions());
   const Fd file(open(pidPath_.c_str(), O_RDONLY));
   EXPECT_EQ(0, flock(file.Get(), LOCK_EX | LOCK_NB));
-  struct stat info;
-  ASSERT_EQ(0, fstat(file.Get(), &info));
-  EXPECT_EQ(0644U, info.st_mode & 07777U);
   kill(std::stoi(report["pid"]), SIGKILL);
 }
 
-TEST_F(Daemonize, TellsWhyExecFailed) {
-  const std::string plain = dir_.Write("plain", "no program");
+TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
+  const std::string missing = dir_.Path("missing"), plain = dir_.Write("plain", "no program");
+  const char *const badArgv[] = {"x", "\xff", nullptr};
+  const auto notRun = [](const std::string &path, int error) {
+    return "Child could not exec " + path + ", read 4, error " + std::to_string(error) + ".\n";
+  };
   const struct {
     std::string path;
-    int error;
-  } rows[] = {{dir_.Path("missing"), ENOENT}, {plain, EACCES}, {plain + "/x", ENOTDIR}};
-  for (const auto &row : rows) {
-    for (const bool ignoreChildren : {false, true}) {
-      signal(SIGCHLD, ignoreChildren ? SIG_IGN : SIG_DFL);
-      const char *const argv[] = {"x", nullptr};
-      const std::string log = WithoutStamps(CaptureOutput([&] {
-        EXPECT_FALSE(Hostinfo_Daemonize(row.path.c_str(), argv, 0, pidPath_.c_str(), nullptr, 0));
-        EXPECT_EQ(row.error, errno) << row.path;
-      }));
-      EXPECT_EQ(Text("Warning: Hostinfo_Daemonize: Child could not exec %s, read 4, error %u.\n",
-                     row.path.c_str(), static_cast<unsigned>(row.error)),
-                log);
-      EXPECT_FALSE(fs::exists(pidPath_));
-      signal(SIGCHLD, SIG_DFL);
-    }
-  }
-}
-
-TEST_F(Daemonize, RefusesWhatItCannotPrepare) {
-  const char *const argv[] = {"x", nullptr};
-  const char *const badArgv[] = {"x", "\xff", nullptr};
-  const std::string badPidPath = dir_.Path("missing") + "/pid";
-  const struct {
-    const char *path;
     const char *const *argv;
     std::string pidPath;
     int error;
     std::string text;
   } rows[] = {
-      {"a\xc3", argv, pidPath_, EINVAL, "Couldn't convert path [a\xc3] to default encoding.\n"},
+      {missing, kArgv, pidPath_, ENOENT, notRun(missing, ENOENT)},
+      {plain, kArgv, pidPath_, EACCES, notRun(plain, EACCES)},
+      {"a\xc3", kArgv, pidPath_, EINVAL, "Couldn't convert path [a\xc3] to default encoding.\n"},
       {"/x", badArgv, pidPath_, EINVAL, "Couldn't convert arguments to default encoding.\n"},
-      {"/x", argv, badPidPath, ENOENT,
-       Text("Couldn't open PID path [%s], error %d.\n", badPidPath.c_str(), ENOENT)},
+      {"/x", kArgv, missing + "/pid", ENOENT,
+       "Couldn't open PID path [" + missing + "/pid], error " + std::to_string(ENOENT) + ".\n"},
   };
   for (const auto &row : rows) {
-    const std::string log = WithoutStamps(CaptureOutput([&] {
-      EXPECT_FALSE(Hostinfo_Daemonize(row.path, row.argv, 0, row.pidPath.c_str(), nullptr, 0));
-      EXPECT_EQ(row.error, errno);
-    }));
-    EXPECT_EQ("Warning: Hostinfo_Daemonize: " + row.text, log);
-    EXPECT_FALSE(fs::exists(pidPath_));
+    for (const auto action : {SIG_IGN, SIG_DFL}) {
+      signal(SIGCHLD, action);
+      EXPECT_EQ(row.text, Failure(row.error, [&] {
+                  return Hostinfo_Daemonize(row.path.c_str(), row.argv, 0, row.pidPath.c_str(),
+                                            nullptr, 0);
+                }));
+      EXPECT_FALSE(fs::exists(pidPath_));
+    }
   }
 }
 
-TEST_F(Daemonize, ReportsForksThatFail) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can take a user id without other processes";
+TEST_F(Daemonize, ReportsASecondForkThatFails) {
+  if (geteuid() != 0) SKIP_FOR_WANT_OF("root, to take a user id without other processes");
   // The process limit holds for a user id.  Nobody has these, not even another run of this test; a
   // container's range of ids may end at 65535.
   const auto user = static_cast<uid_t>(30000 + getpid() % 30000);
-  const auto startWithLimit = [&](rlim_t processes) {
-    return RunInChild([&] {
-      const rlimit limit = {processes, processes};
-      if (setresuid(user, user, user) != 0 || setrlimit(RLIMIT_NPROC, &limit) != 0) _exit(3);
-      _exit(Start(0) ? 0 : errno);
-    });
-  };
-  const ChildResult none = startWithLimit(1);
-  EXPECT_EQ(EAGAIN, none.exitStatus);
-  EXPECT_EQ(Text("Warning: Hostinfo_Daemonize: Couldn't fork first child, error %d.\n", EAGAIN),
-            WithoutStamps(none.output));
-  const ChildResult one = startWithLimit(2);
-  EXPECT_EQ(EINVAL, one.exitStatus);
-  const std::string log = WithoutStamps(one.output);
-  EXPECT_TRUE(log.starts_with(
-      Text("Warning: Hostinfo_Daemonize: Couldn't fork second child, error %d.\n", EAGAIN)))
-      << log;
-  EXPECT_TRUE(log.ends_with(" exited with error 1.\n")) << log;
+  const ChildResult result = RunInChild([&] {
+    const rlimit limit = {2, 2};
+    if (setresuid(user, user, user) != 0 || setrlimit(RLIMIT_NPROC, &limit) != 0) _exit(3);
+    _exit(Start(0) ? 0 : errno);
+  });
+  EXPECT_EQ(EINVAL, result.exitStatus);
+  EXPECT_NE(std::string::npos, result.output.find("Couldn't fork second child, error " +
+                                                  std::to_string(EAGAIN) + ".\n"))
+      << result.output;
 }
 
 }  // namespace
