@@ -1,26 +1,68 @@
 // fileInt.h -- what the modules of the file library share among themselves.
+//
+// Paths and threads are as in file.h.  An errno-style result is 0, or the errno of the call that
+// failed, which then is in errno, too.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
 
+#include "errnoKeeper.h"
 #include "file.h"
+#include "heap.h"
 
+// What stat(2) tells of a file.
 struct FileData {
-  int64_t fileAccessTime;
-  int64_t fileCreationTime;
+  int64_t fileAccessTime;    // seconds, as the other times
+  int64_t fileCreationTime;  // of the last change of status, which stands in for creation
   int64_t fileModificationTime;
-  int64_t fileSize;
+  int64_t fileSize;  // bytes
   FileType fileType;
-  uint32_t fileMode;
+  uint32_t fileMode;  // the whole st_mode, with the bits of the type
   uint32_t fileOwner;
   uint32_t fileGroup;
 };
 
-// errno-style results: 0, or what stat, mkdir, unlink said.
+// Errno-style.  Follows links; `out` may be null.  A null path is EFAULT.
 [[nodiscard]] int FileAttributes(const char *path, FileData *out);
+
+// Errno-style: mkdir(2), with the process's umask.  A null path is EFAULT.
 [[nodiscard]] int FileCreateDirectory(const char *path, int mode);
+
+// Errno-style: unlink(2).  With handleLink, what a symbolic link names is removed before the link:
+// its target's text as a path by itself, so that one without a leading "/" counts from the current
+// directory.  A target that is missing is fine; one that cannot be removed leaves the link.  A null
+// path is EFAULT.
 int FileDeletePath(const char *path, bool handleLink);
 
+// Removes what is below the directory `path` and, unless contentOnly, the directory; see
+// File_DeleteDirectoryTree.
+bool FileDeleteDirectoryTree(const char *path, bool contentOnly);
+
+// The longest beginning of `path` (not null) that exists, cut where a "/" stands, as a new string
+// that the caller frees; "/" or "." when there is none.
 [[nodiscard]] char *FileFindExistingPrefix(const char *path);
+
+// The names of a directory, and their one owner.
+class FileNames {
+  char **names_ = nullptr;
+  int count_ = 0;
+
+ public:
+  FileNames() noexcept = default;
+  FileNames(const FileNames &) = delete;
+  FileNames &operator=(const FileNames &) = delete;
+  ~FileNames() { Clear(); }
+
+  // False, and no names, with the errno of what failed.  Of the second form `dir` is the open
+  // directory, which stays open, and `path` what log records call it.
+  [[nodiscard]] bool List(const char *path);
+  [[nodiscard]] bool ListAt(int dir, const char *path);
+  void Clear() noexcept;
+
+  int Count() const noexcept { return count_; }
+  const char *operator[](int i) const noexcept { return names_[i]; }
+  char *const *begin() const noexcept { return names_; }
+  char *const *end() const noexcept { return names_ + count_; }
+};

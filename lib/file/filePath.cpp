@@ -1,0 +1,62 @@
+// filePath.cpp -- paths taken apart and put together, without a look at the file system.
+
+#include <cstring>
+
+#include "file.h"
+#include "fileInt.h"
+
+namespace {
+
+char *NewString(const char *begin, const char *end) {
+  const auto length = static_cast<size_t>(end - begin);
+  auto *const string = static_cast<char *>(Heap_SafeMalloc(length + 1));
+  memcpy(string, begin, length);
+  string[length] = '\0';
+  return string;
+}
+
+// `end` without the separators before it.
+const char *BeforeSlashes(const char *begin, const char *end) {
+  while (end != begin && end[-1] == '/') end--;
+  return end;
+}
+
+// Where the last component begins; the path's end when that is a separator.
+const char *BaseOf(const char *path) {
+  const char *const separator = strrchr(path, '/');
+  return separator == nullptr ? path : separator + 1;
+}
+
+}  // namespace
+
+bool File_IsFullPath(const char *path) {
+  return path != nullptr && path[0] == '/';
+}
+
+void File_SplitName(const char *path, char **volume, char **dir, char **base) {
+  const char *const begin = BaseOf(path);
+  if (volume != nullptr) *volume = NewString(path, path);
+  if (dir != nullptr) *dir = NewString(path, begin);
+  if (base != nullptr) *base = NewString(begin, begin + strlen(begin));
+}
+
+void File_GetPathName(const char *path, char **pathName, char **base) {
+  const char *const begin = BaseOf(path);
+  if (pathName != nullptr) *pathName = NewString(path, BeforeSlashes(path, begin));
+  if (base != nullptr) *base = NewString(begin, begin + strlen(begin));
+}
+
+char *File_StripSlashes(const char *path) {
+  return NewString(path, BeforeSlashes(path, path + strlen(path)));
+}
+
+char *File_PathJoin(const char *dir, const char *name) {
+  name += strspn(name, "/");
+  const auto dirLength = static_cast<size_t>(BeforeSlashes(dir, dir + strlen(dir)) - dir);
+  const size_t nameSize = strlen(name) + 1;
+  auto *const path = static_cast<char *>(Heap_SafeMalloc(dirLength + 1 + nameSize));
+  memcpy(path, dir, dirLength);
+  path[dirLength] = '/';
+  memcpy(path + dirLength + 1, name, nameSize);
+  return path;
+}
