@@ -7,13 +7,15 @@
 //   width      digits, `*`, or `*digits$`; precision the same after a `.`, none meaning 0
 //   size       hh h l ll q L j t z Z I I32 I64
 //   conversion one character: d i u o x X c s p n e E f F g G, the long forms D O U, the wide
-//              forms C S; any other, `%` too, prints as itself
+//              forms C S; any other, `%` too, prints as itself; so do a A, for which a double is
+//              passed all the same
 //
 // The parser looks at the format only and never at arguments, so that the printf engine and the
 // capture of arguments read a format alike.  It is lenient: modifiers may come in any order and the
 // last of a kind counts.  Numbers above INT_MAX count as INT_MAX.  Any thread may call it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -29,6 +31,7 @@ enum class FormatKind : uint8_t {
   Char,      // c C
   String,    // s S
   Float,     // e E f F g G
+  HexFloat,  // a A: takes a double and prints the conversion character
   Count,     // n
 };
 
@@ -96,3 +99,66 @@ struct FormatConversion {
 // Takes apart the conversion whose `%` is at `percent`; returns where it ends and the format goes
 // on.
 [[nodiscard]] const char *FormatGrammar_Parse(const char *percent, FormatConversion *conversion);
+
+// ---- the arguments of a whole format ----------------------------------------------------------
+
+// The positions of the arguments that a conversion takes, from 1; 0 for those that it does not.
+struct FormatPlaces {
+  size_t width = 0;
+  size_t precision = 0;
+  size_t value = 0;
+};
+
+// Which position is next in turn for what names none.
+class FormatTurn {
+  size_t next_ = 1;
+
+ public:
+  // A position at a `*` leaves the turn alone.
+  size_t OfCount(int position) { return position != 0 ? static_cast<size_t>(position) : next_++; }
+  size_t OfValue(int position) {
+    if (position != 0) next_ = static_cast<size_t>(position);
+    return next_++;
+  }
+};
+
+// Goes through the conversions of a format with their positions, without the arguments.
+class FormatWalk {
+  const char *percent_ = nullptr;
+  const char *next_;
+  FormatTurn turn_;
+  FormatConversion conversion_;
+  FormatPlaces places_;
+
+ public:
+  explicit FormatWalk(const char *format) : next_(format) {}
+
+  // Steps to the next conversion; false when there is none.
+  bool Next() {
+    percent_ = FormatGrammar_Find(next_);
+    if (*percent_ == '\0') return false;
+    next_ = FormatGrammar_Parse(percent_, &conversion_);
+    places_ = {};
+    if (conversion_.Has(kFormatStar)) {
+      places_.width = OfCount(conversion_.width);
+      places_.precision = OfCount(conversion_.precision);
+    }
+    const FormatKind kind = conversion_.kind;
+    if (kind != FormatKind::End && kind != FormatKind::Literal) {
+      places_.value = turn_.OfValue(conversion_.position);
+    }
+    return true;
+  }
+
+  // The last of a format that ends within a conversion is of FormatKind::End.
+  const FormatConversion &Conversion() const { return conversion_; }
+  const FormatPlaces &Places() const { return places_; }
+  // From the `%` to behind the conversion.
+  const char *Begin() const { return percent_; }
+  const char *End() const { return next_; }
+
+ private:
+  size_t OfCount(const FormatCount &count) {
+    return count.source == FormatCount::Argument ? turn_.OfCount(count.number) : 0;
+  }
+};

@@ -7,7 +7,7 @@
 //   %s    prints "(null)" for a null pointer; so does %ls
 //   %.0f  rounds halves away from zero; all other roundings take the even digit
 //   %Lf   prints the nearest double
-//   %a    is not a conversion: an unknown conversion character prints as itself
+//   %a    prints as itself, like an unknown conversion character, but takes its argument
 // Sizes and results are bytes; results do not count the terminating NUL.  A format is not null, a
 // buffer only when its size is 0.  Every procedure may be called from any thread.  "Fatal" is
 // Panic, which ends the process.

@@ -49,17 +49,12 @@ class TypeTable {
 };
 
 void ReadTypes(const char *format, TypeTable *types) {
-  FormatTurn turn;
-  for (const char *at = format; *(at = FormatGrammar_Find(at)) != '\0';) {
-    FormatConversion c;
-    at = FormatGrammar_Parse(at, &c);
-    if (c.kind == FormatKind::End) break;
-    for (const FormatCount &count : {c.width, c.precision}) {
-      if (count.source != FormatCount::Argument) continue;
-      types->Record(turn.OfCount(count.number), FormatArgType::Int);
-    }
-    const FormatArgType type = FormatArgTypeOf(c);
-    if (type != FormatArgType::None) types->Record(turn.OfValue(c.position), type);
+  for (FormatWalk walk(format); walk.Next();) {
+    const FormatPlaces &places = walk.Places();
+    if (walk.Conversion().kind == FormatKind::End) break;
+    if (places.width != 0) types->Record(places.width, FormatArgType::Int);
+    if (places.precision != 0) types->Record(places.precision, FormatArgType::Int);
+    if (places.value != 0) types->Record(places.value, FormatArgTypeOf(walk.Conversion()));
   }
 }
 

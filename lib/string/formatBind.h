@@ -33,24 +33,12 @@ inline FormatArgType FormatArgTypeOf(const FormatConversion &conversion) {
     case FormatKind::Char:
       return FormatArgType::Int;
     case FormatKind::Float:
+    case FormatKind::HexFloat:
       return size == FormatSize::LongLong ? FormatArgType::LongDouble : FormatArgType::Double;
     default:
       return FormatArgType::None;
   }
 }
-
-// The positions that arguments without one of their own take.
-class FormatTurn {
-  size_t next_ = 1;
-
- public:
-  // A position at a `*` leaves the turn alone.
-  size_t OfCount(int position) { return position != 0 ? static_cast<size_t>(position) : next_++; }
-  size_t OfValue(int position) {
-    if (position != 0) next_ = static_cast<size_t>(position);
-    return next_++;
-  }
-};
 
 // A va_list as a parameter is: on some hosts the list itself, on others a pointer to it.
 using FormatArgList = std::decay_t<va_list>;

@@ -31,6 +31,7 @@ void FormatConvert(FormatSink &sink, FormatLocale &locale, const FormatConversio
     case FormatKind::End:
       break;
     case FormatKind::Literal:
+    case FormatKind::HexFloat:
       FormatConvertChar(sink, field, field.character);
       break;
     case FormatKind::Signed:

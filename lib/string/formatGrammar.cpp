@@ -74,6 +74,8 @@ constexpr NamedRow kNamedRows[] = {
     {'F', {Action::Convert, FormatKind::Float}},
     {'g', {Action::Convert, FormatKind::Float}},
     {'G', {Action::Convert, FormatKind::Float}},
+    {'a', {Action::Convert, FormatKind::HexFloat}},
+    {'A', {Action::Convert, FormatKind::HexFloat}},
     {'n', {Action::Convert, FormatKind::Count}},
 };
 
