@@ -2,14 +2,15 @@
 
 #include "platform/errorText.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "errnoKeeper.h"
 
 const char *Platform_ErrorText(int error, std::span<char> buffer) {
   const ErrnoKeeper keeper;
-  // The result tells nothing more: for an unknown number or a small buffer there is a text all the
-  // same.
-  (void)strerror_r(error, buffer.data(), buffer.size());
+  if (strerror_r(error, buffer.data(), buffer.size()) != 0) {
+    (void)snprintf(buffer.data(), buffer.size(), "Unknown error %d", error);
+  }
   return buffer.data();
 }
