@@ -49,3 +49,11 @@ template <typename T>
   const size_t size = strlen(s) + 1;
   return HeapStr(static_cast<char *>(memcpy(Heap_SafeMalloc(size), s, size)));
 }
+
+// A string of the first `length` bytes of `s`, which has as many before its NUL; never null.
+[[nodiscard]] inline HeapStr Heap_SafeStrndup(const char *s, size_t length) {
+  char *const copy = static_cast<char *>(Heap_SafeMalloc(length + 1));
+  memcpy(copy, s, length);
+  copy[length] = '\0';
+  return HeapStr(copy);
+}

@@ -22,6 +22,12 @@ enum MsgFmt_ArgType : int32_t {
   MSGFMT_ARG_ERRNO = 9,  // a string that Err_ErrnoToString gave out
 };
 
+// What an error number is.
+enum MsgFmt_ErrorKind : int32_t {
+  MSGFMT_ERROR_NONE = 0,
+  MSGFMT_ERROR_ERRNO = 1,  // an errno value of this host
+};
+
 struct MsgFmt_Arg {
   MsgFmt_ArgType type;
   int32_t precision;  // how much of a string is captured, in its units; -1 for all of it
@@ -29,10 +35,10 @@ struct MsgFmt_Arg {
     int32_t signed32;
     int64_t signed64;  // also the bits of a pointer
     double float64;
-    char *string8;  // also of MSGFMT_ARG_ERRNO; null for a null argument
-    char32_t *string32;
+    char *string8;      // also of MSGFMT_ARG_ERRNO; null for a null argument
+    wchar_t *string32;  // 32-bit units
   } v;
-  int32_t errorKind;    // of MSGFMT_ARG_ERRNO: 1, an errno value of this host
+  int32_t errorKind;    // of MSGFMT_ARG_ERRNO: a MsgFmt_ErrorKind
   int32_t errorNumber;  // of MSGFMT_ARG_ERRNO
 };
 

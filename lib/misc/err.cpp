@@ -1,0 +1,108 @@
+// err.cpp -- what errno values mean.
+//
+// Two tables with the same entries, one by value and one by the address of the text.  They stay
+// until the process ends, because a thread may still hold a text while others run exit handlers.
+
+#include "err.h"
+
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <span>
+
+#include "errnoKeeper.h"
+#include "hashTable.h"
+#include "heap.h"
+#include "platform/errorText.h"
+
+namespace {
+
+constexpr uint32_t kNumBuckets = 2048;
+constexpr size_t kTextSize = 2048;
+
+struct ErrInfo {
+  int number;
+  HeapStr text;
+};
+
+void FreeInfo(void *value) {
+  auto *const info = static_cast<ErrInfo *>(value);
+  std::destroy_at(info);
+  free(info);
+}
+
+struct InfoFreer {
+  void operator()(ErrInfo *info) const noexcept { FreeInfo(info); }
+};
+using InfoOwner = std::unique_ptr<ErrInfo, InfoFreer>;
+
+struct ErrState {
+  std::atomic<HashTable *> byNumber = nullptr;  // owns the entries
+  std::atomic<HashTable *> byText = nullptr;
+};
+
+constinit ErrState state;
+
+// The length of `text` without a last character of which bytes are missing.
+size_t WholeCharacters(const char *text) {
+  const size_t length = strlen(text);
+  for (size_t tail = 1; tail <= 3 && tail <= length; ++tail) {
+    const auto byte = static_cast<unsigned char>(text[length - tail]);
+    const bool isContinuation = (byte & 0xC0) == 0x80;
+    if (isContinuation) continue;
+    const bool isLead = byte >= 0xC0;
+    const bool isCut = isLead && std::countl_one(byte) > static_cast<int>(tail);
+    return isCut ? length - tail : length;
+  }
+  return length;
+}
+
+InfoOwner MakeInfo(int number) {
+  std::array<char, kTextSize> buffer;
+  const char *const text = Platform_ErrorText(number, buffer);
+  return InfoOwner(new (Heap_SafeMalloc(sizeof(ErrInfo)))
+                       ErrInfo{number, Heap_SafeStrndup(text, WholeCharacters(text))});
+}
+
+const void *NumberKey(int number) {
+  return HashTable_IntKey(static_cast<unsigned>(number));
+}
+
+const ErrInfo *FindOrMake(int number) {
+  HashTable *const table = HashTable_AllocOnce(&state.byNumber, kNumBuckets,
+                                               HASHTABLE_INT_KEY | HASHTABLE_ATOMIC, FreeInfo);
+  void *found = nullptr;
+  if (HashTable_Lookup(table, NumberKey(number), &found)) return static_cast<ErrInfo *>(found);
+  InfoOwner fresh = MakeInfo(number);
+  // Another thread may have been faster: then its text is the one.
+  found = HashTable_LookupOrInsert(table, NumberKey(number), fresh.get());
+  if (found == fresh.get()) static_cast<void>(fresh.release());
+  return static_cast<ErrInfo *>(found);
+}
+
+}  // namespace
+
+const char *Err_ErrnoToString(int errnoValue) {
+  const ErrnoKeeper keeper;
+  const ErrInfo *const info = FindOrMake(errnoValue);
+  const char *const text = info->text.get();
+  HashTable *const byText = HashTable_AllocOnce(&state.byText, kNumBuckets,
+                                                HASHTABLE_INT_KEY | HASHTABLE_ATOMIC, nullptr);
+  HashTable_Insert(byText, text, const_cast<ErrInfo *>(info));
+  return text;
+}
+
+const char *Err_ErrString() {
+  return Err_ErrnoToString(errno);
+}
+
+int Err_StringToErrno(const char *text) {
+  const HashTable *const byText = state.byText.load(std::memory_order_acquire);
+  void *info = nullptr;
+  if (byText == nullptr || !HashTable_Lookup(byText, text, &info)) return -1;
+  return static_cast<const ErrInfo *>(info)->number;
+}

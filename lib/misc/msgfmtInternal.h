@@ -1,0 +1,28 @@
+// msgfmtInternal.h -- what the files of messages share.
+#pragma once
+
+#include <string_view>
+
+#include "formatGrammar.h"
+#include "msgfmt.h"
+
+// Splits a text that begins with a well-formed message id, "@&!*@*@(" id ")", into the id and what
+// follows.  False for any other text.
+[[nodiscard]] bool MsgFmtSplitId(const char *text, std::string_view *id, const char **rest);
+
+// The type of the record that a conversion's value is captured in; MSGFMT_ARG_INVALID when it has
+// no value, or one that cannot be captured.
+[[nodiscard]] MsgFmt_ArgType MsgFmtTypeOf(const FormatConversion &conversion);
+
+// The type of the records that widths and precisions are captured in.
+inline constexpr MsgFmt_ArgType kMsgFmtCountType = MSGFMT_ARG_INT32;
+
+// Which member of a record's union is in use.
+inline bool MsgFmtIsString8(MsgFmt_ArgType type) {
+  return type == MSGFMT_ARG_STRING8 || type == MSGFMT_ARG_ERRNO;
+}
+inline bool MsgFmtIsString32(MsgFmt_ArgType type) {
+  return type == MSGFMT_ARG_STRING16 || type == MSGFMT_ARG_STRING32;
+}
+
+inline constexpr char kMsgFmtSource[] = "lib/misc/msgfmt";
