@@ -1,0 +1,30 @@
+// bundleIdentifier.cpp -- bundle identifiers on macOS, by CoreFoundation.
+
+#include "platform/codeSignature.h"
+#include "platform/darwin/coreFoundation.h"
+
+namespace {
+
+enum Failure { kNone = 0, kPath = 1, kUrl = 2, kBundle = 3, kIdentifier = 4 };
+
+// A copy as UTF-8; null when there is none.
+HeapStr ToUtf8(CFStringRef string) {
+  const char *const direct = CFStringGetCStringPtr(string, kCFStringEncodingUTF8);
+  if (direct != nullptr) return HeapStr(strdup(direct));
+  return CfCopyUtf8(string);
+}
+
+}  // namespace
+
+PlatformBundleIdentifier Platform_BundleIdentifier(const char *path) {
+  const auto string = CfPathString(path);
+  if (string == nullptr) return {kPath, nullptr};
+  const auto url = CfPathUrl(string.get());
+  if (url == nullptr) return {kUrl, nullptr};
+  const CfOwner<CFBundleRef> bundle(CFBundleCreate(nullptr, url.get()));
+  if (bundle == nullptr) return {kBundle, nullptr};
+  // It belongs to the bundle.
+  CFStringRef const identifier = CFBundleGetIdentifier(bundle.get());
+  if (identifier == nullptr) return {kIdentifier, nullptr};
+  return {kNone, ToUtf8(identifier)};
+}

@@ -1,0 +1,42 @@
+// coreFoundation.h -- owners of CoreFoundation objects, and texts on their way in and out.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <memory>
+#include <type_traits>
+
+#include "heap.h"
+
+struct CfReleaser {
+  void operator()(const void *object) const noexcept { CFRelease(object); }
+};
+
+// Owns an object of the reference type Ref, as functions named Create and Copy return it; null
+// owns none.
+template <typename Ref>
+using CfOwner = std::unique_ptr<std::remove_pointer_t<Ref>, CfReleaser>;
+
+// The path as a string, and as the URL of something that is not said to be a directory; null on
+// failure.
+inline CfOwner<CFStringRef> CfPathString(const char *path) {
+  return CfOwner<CFStringRef>(CFStringCreateWithCString(nullptr, path, kCFStringEncodingUTF8));
+}
+
+inline CfOwner<CFURLRef> CfPathUrl(CFStringRef path) {
+  return CfOwner<CFURLRef>(
+      CFURLCreateWithFileSystemPath(nullptr, path, kCFURLPOSIXPathStyle, false));
+}
+
+// A copy of the string as UTF-8; null when it cannot be expressed or memory is exhausted.
+[[nodiscard]] inline HeapStr CfCopyUtf8(CFStringRef string) {
+  const CFIndex size =
+      CFStringGetMaximumSizeForEncoding(CFStringGetLength(string), kCFStringEncodingUTF8);
+  if (size == kCFNotFound) return nullptr;
+  HeapStr bytes(Heap_Array<char>(static_cast<size_t>(size) + 1).release());
+  if (bytes == nullptr ||
+      !CFStringGetCString(string, bytes.get(), size + 1, kCFStringEncodingUTF8)) {
+    return nullptr;
+  }
+  return bytes;
+}
