@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <string_view>
@@ -21,94 +22,78 @@ namespace {
 
 using namespace std::string_view_literals;
 
-// The procedures under one signature.
-using Operation = char *(*)(const std::string &text, size_t *outLength);
+// The procedures under one signature; those without a length make strings.
+using Operation = std::function<char *(std::string_view text, size_t *outLength)>;
+
+Operation Measured(char *(*procedure)(const char *)) {
+  return [procedure](std::string_view text, size_t *outLength) {
+    char *const result = procedure(std::string(text).c_str());
+    if (result != nullptr) *outLength = strlen(result);
+    return result;
+  };
+}
 
 constexpr EscapeTable kTable = Escape_Table(" \xff");
 
-char *Do(const std::string &text, size_t *outLength) {
+const Operation kDo = [](auto text, size_t *outLength) {
   return Escape_Do('%', kTable, text.data(), text.size(), outLength);
-}
-char *DoString(const std::string &text, size_t *outLength) {
+};
+const Operation kDoString = [](auto text, size_t *outLength) {
   return Escape_DoString("\\x", kTable, text.data(), text.size(), outLength);
-}
-char *Undo(const std::string &text, size_t *outLength) {
+};
+const Operation kUndo = [](auto text, size_t *outLength) {
   return Escape_Undo('%', text.data(), text.size(), outLength);
-}
-char *UndoA(const std::string &text, size_t *outLength) {
-  return Escape_Undo('A', text.data(), text.size(), outLength);
-}
-char *Ansi(const std::string &text, size_t *outLength) {
+};
+const Operation kAnsi = [](auto text, size_t *outLength) {
   return Escape_AnsiToUnix(text.data(), text.size(), outLength);
-}
-char *Sh(const std::string &text, size_t *outLength) {
+};
+const Operation kSh = [](auto text, size_t *outLength) {
   return Escape_Sh(text.data(), text.size(), outLength);
-}
-char *Measured(char *text, size_t *outLength) {
-  if (text != nullptr) *outLength = strlen(text);
-  return text;
-}
-char *Unescape(const std::string &text, size_t *outLength) {
-  return Measured(Escape_Unescape('\\', text.c_str()), outLength);
-}
-char *Comma(const std::string &text, size_t *outLength) {
-  return Measured(Escape_Comma(text.c_str()), outLength);
-}
-char *CString(const std::string &text, size_t *outLength) {
-  char *const copy = strdup(text.c_str());
+};
+const Operation kUnescape = Measured([](const char *text) { return Escape_Unescape('\\', text); });
+const Operation kComma = Measured(Escape_Comma);
+const Operation kCString = Measured([](const char *text) {
+  char *const copy = strdup(text);
   Escape_UnescapeCString(copy);
-  return Measured(copy, outLength);
-}
+  return copy;
+});
 
-constexpr struct {
+const struct {
   Operation operation;
   std::string_view text, result;
 } kRows[] = {
-    {Do, "a b", "a%20b"},
-    {Do, " \xff%41", "%20%FF%41"},  // the table alone decides, also about the escape byte
-    {Do, "a\0 "sv, "a\0%20"sv},
-    {Do, "", ""},
-    {DoString, "a b ", "a\\x20b\\x20"},
-    {Undo, "", ""},
-    {Undo, "%", "%"},
-    {Undo, "a%2", "a%2"},
-    {Undo, "%%41", "%%41"},
-    {Undo, "%%%41", "%%A"},
-    {Undo, "%4%41", "%4%41"},
-    {Undo, "%41%", "A%"},
-    {Undo, "%4g%41", "%4gA"},
-    {Undo, "%4142%00", "A42\0"sv},
-    {Undo, "%4a%4A%7f%af", "JJ\x7f\xaf"},
-    {Undo, "%:0%/0%@0%G0%`0%g0", "%:0%/0%@0%G0%`0%g0"},
-    {UndoA, "AA1 A", "\xa1 A"},
-    {Ansi, "a\r\n\r\nb\rc\n\r", "a\n\nb\rc\n\r"},
-    {Ansi, "\r\r\n\r", "\r\n\r"},
-    {Sh, "", "''"},
-    {Sh, "it's", "'it'\"'\"'s'"},
-    {Unescape, "a\\,b\\\\, and no byte after\\", "a,b\\, and no byte after"},
-    {Unescape, "\\\\\\,", "\\,"},
-    {Comma, "a,b\\,", "a\\,b\\\\\\,"},
-    {CString, "a\\nb\\\\c\\", "a\nb\\c\\"},
-    {CString, "\\\\n\\\\101", "\\n\\101"},
-    {CString, "\\101\\0123\\377\\501",
+    {kDo, "a\0 \xff%41"sv,
+     "a\0%20%FF%41"sv},  // the table alone decides, also about the escape byte
+    {kDoString, "a b ", "a\\x20b\\x20"},
+    {kUndo, "", ""},
+    {kUndo, "a%2", "a%2"},
+    {kUndo, "%%%41", "%%A"},
+    {kUndo, "%4%41", "%4%41"},
+    {kUndo, "%4142%00%4a%af%", "A42\0J\xaf%"sv},
+    {kUndo, "%:0%/0%@0%G0%`0%g0", "%:0%/0%@0%G0%`0%g0"},
+    {kAnsi, "a\r\n\r\nb\rc\r\r\n\r", "a\n\nb\rc\r\n\r"},
+    {kSh, "it's", "'it'\"'\"'s'"},
+    {kUnescape, "a\\,b\\\\, and no byte after\\", "a,b\\, and no byte after"},
+    {kComma, "a,b\\,", "a\\,b\\\\\\,"},
+    {kCString, "a\\nb\\\\n\\\\101\\", "a\nb\\n\\101\\"},
+    {kCString, "\\101\\0123\\377\\501,",
      "A\n3\xff"
-     "A"},
-    {CString, "\\000cut", ""},
-    {CString, "\\12\\1 1\\ 12\\+12\\-12", "\\12\\1 1\\ 12\\+12\\-12"},
-    {CString, "\\128\\812\\t\\N\\x41", "\\128\\812\\t\\N\\x41"},
+     "A,"},
+    {kCString, "\\000cut", ""},
+    {kCString, "\\12\\1 1\\ 12\\+12\\-12\\128\\812\\t\\N\\x41",
+     "\\12\\1 1\\ 12\\+12\\-12\\128\\812\\t\\N\\x41"},
 };
 
 TEST(Escape, TextsBecomeWhatTheyShallUnlessMemoryRunsOut) {
   for (const auto &row : kRows) {
-    const std::string text(row.text);
     bool fired = true;
     for (int nth = 1; fired; nth++) {
       const AllocFault fault(nth);
       size_t length = 4711;
       errno = 0;
-      const HeapStr result(row.operation(text, &length));
+      const HeapStr result(row.operation(row.text, &length));
       fired = fault.Fired();
-      ASSERT_EQ(fired, result == nullptr) << text;
+      ASSERT_EQ(fired, result == nullptr) << row.text;
       EXPECT_EQ(fired ? ENOMEM : 0, errno);
       EXPECT_EQ(fired ? 4711 : row.result.size(), length);
       if (fired) continue;
@@ -118,7 +103,7 @@ TEST(Escape, TextsBecomeWhatTheyShallUnlessMemoryRunsOut) {
 }
 
 TEST(Escape, UndoFixedNeedsRoomForTheWholeResult) {
-  for (size_t size = 0; size < 9; size++) {
+  for (const size_t size : {0U, 5U, 6U}) {
     char out[] = "########";
     errno = 0;
     const bool fits = Escape_UndoFixed('%', "a%20b%00c", 9, out, size);
@@ -129,18 +114,11 @@ TEST(Escape, UndoFixedNeedsRoomForTheWholeResult) {
 }
 
 TEST(Escape, StrchrPassesProtectedBytes) {
-  static constexpr struct {
-    const char *text;
-    char wanted;
-    int place;  // -1: none
-  } kPlaces[] = {
-      {"a,b", ',', 1},       {"a\\,b,", ',', 4}, {"a\\\\,b", ',', 3}, {"a\\\\\\,b", ',', -1},
-      {"\\\\a\\b", '\\', 0}, {"a,\\", 'x', -1},  {"a\\b", '\0', -1},
-  };
-  for (const auto &row : kPlaces) {
-    const char *const found = Escape_Strchr('\\', row.text, row.wanted);
-    EXPECT_EQ(row.place, found == nullptr ? -1 : found - row.text) << row.text;
-  }
+  constexpr char kText[] = "a\\,b\\\\,\\";
+  EXPECT_EQ(kText + 6, Escape_Strchr('\\', kText, ','));
+  EXPECT_EQ(kText + 1, Escape_Strchr('\\', kText, '\\'));
+  EXPECT_EQ(nullptr, Escape_Strchr('\\', kText, 'x'));
+  EXPECT_EQ(nullptr, Escape_Strchr('\\', kText, '\0'));
 }
 
 TEST(Escape, AShellReadsTheQuotedTextBack) {
