@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
-#include <random>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -42,7 +41,6 @@ std::optional<std::string> Convert(const char *from, const std::string &text, co
   return std::string(out, length);
 }
 
-// Only ICU knows this pair.
 bool IcuIsIn() {
   return Convert("UTF-8", "a", "ISO-8859-1", CODESET_STOP).has_value();
 }
@@ -56,7 +54,7 @@ class Icu : public testing::Test {
 
   void SetUp() override { dir_.Write("icudt44l.dat", "data"); }
 
-  // Runs `body` in a child where ICU has taken over; failures in there are failures here.
+  // In a child where ICU has taken over.
   void WithIcu(const std::function<void()> &body) {
     InChild([&] {
       ASSERT_TRUE(CodeSet_Init(folder_.c_str()));
@@ -72,6 +70,7 @@ class Icu : public testing::Test {
     });
   }
 
+  // Failures in there are failures here.
   static void InChild(const std::function<void()> &body) {
     const ChildResult child = RunInChild([&] {
       body();
@@ -84,15 +83,14 @@ class Icu : public testing::Test {
 
 // ---- how ICU gets in -------------------------------------------------------------------------
 
-std::atomic<const char *> lookedUp;
+const char *lookedUp;
 std::atomic<int> lookups;
 
 char *LookUp(const char *key) {
   lookups++;
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_STREQ("icuDir", key);
-  const char *const folder = lookedUp;
-  return folder == nullptr ? nullptr : strdup(folder);
+  return lookedUp == nullptr ? nullptr : strdup(lookedUp);
 }
 
 TEST_F(Icu, ComesInWhenItsDataFileIsThere) {
@@ -113,30 +111,25 @@ TEST_F(Icu, ComesInWhenItsDataFileIsThere) {
       lookedUp = row.lookedUp;
       EXPECT_TRUE(CodeSet_Init(row.given));
       EXPECT_EQ(row.comesIn, IcuIsIn());
-      EXPECT_EQ(row.given == nullptr ? 1 : 0, lookups);
       EXPECT_EQ(row.comesIn, folder_ + "/icudt44l.dat" == u_getDataDirectory());
       EXPECT_TRUE(CodeSet_Init(empty.c_str()));
       EXPECT_EQ(row.comesIn, IcuIsIn()) << "it never leaves";
     });
   }
-  InChild([] {
-    EXPECT_TRUE(CodeSet_Init(nullptr)) << "no look-up, and no installation on this machine";
-    EXPECT_FALSE(IcuIsIn());
-  });
 }
 
 TEST_F(Icu, IsLetInOnceByManyThreads) {
   InChild([this] {
     lookedUp = folder_.c_str();
     ProductDir_InstallLookup(LookUp);
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 4; i++) {
       threads.emplace_back([] {
         Unicode_Init(nullptr);
         EXPECT_TRUE(IcuIsIn()) << "nobody comes back too early";
       });
     }
-    for (std::thread &thread : threads) thread.join();
+    threads.clear();
     Unicode_Init("/nowhere");
     EXPECT_EQ(1, lookups);
   });
@@ -155,27 +148,7 @@ std::string Encoded(const std::u32string &text, const char *name) {
   return bytes;
 }
 
-// All characters below the limit in order, and then texts of runs of like characters.
-std::vector<std::u32string> Texts(char32_t limit) {
-  std::vector<std::u32string> texts(1);
-  const auto append = [](char32_t c, std::u32string *text) {
-    if (c < 0xD800 || c > 0xDFFF) *text += c;
-  };
-  for (char32_t c = 0; c < limit; c++) append(c, &texts[0]);
-  std::mt19937 random(7);
-  while (texts.size() < 2000) {
-    std::u32string text = U" ";
-    for (auto runs = random() % 8; runs > 0; runs--) {
-      const char32_t sorts[] = {0x80, 0x100, 0x800, 0x10000, 0x110000};
-      const char32_t below = std::min(limit, sorts[random() % std::size(sorts)]);
-      for (auto length = random() % 20; length > 0; length--)
-        append(static_cast<char32_t>(random()) % below, &text);
-    }
-    texts.push_back(text);
-  }
-  return texts;
-}
-
+// All characters of both; mixed texts: fuzz/codeset_fuzz.cpp.
 TEST(OwnConverters, AgreeWithIcuOnValidText) {
   const std::tuple<const char *, const char *, char32_t> pairs[] = {
       {"UTF-8", "UTF-8", 0x110000},       {"UTF-8", "UTF-16LE", 0x110000},
@@ -186,10 +159,12 @@ TEST(OwnConverters, AgreeWithIcuOnValidText) {
   };
   ASSERT_FALSE(IcuIsIn());
   for (const auto &[from, to, limit] : pairs) {
-    for (const std::u32string &text : Texts(limit)) {
-      ASSERT_EQ(Encoded(text, to), Convert(from, Encoded(text, from), to, CODESET_STOP))
-          << from << " to " << to;
+    std::u32string text;
+    for (char32_t c = 0; c < limit; c++) {
+      if (c < 0xD800 || c > 0xDFFF) text += c;
     }
+    EXPECT_TRUE(Encoded(text, to) == Convert(from, Encoded(text, from), to, CODESET_STOP))
+        << from << " to " << to;
   }
 }
 
@@ -208,7 +183,6 @@ TEST_F(Icu, HeedsTheFlagsWhereTheOwnEngineRefuses) {
       {"UTF-8", "UTF-16LE", "a\xFF", {}, {{}, "a\0\xFD\xFF"s, "a\0"s}},
       {"UTF-8", "ISO-8859-1", "\xC3\xA9\xE3\x81\x84", {}, {{}, "\xE9\x1A", "\xE9"}},
       {"UTF-8", "US-ASCII", "\xC3\xA9z", {{}, "\x1Az", "z"}, {{}, "\x1Az", "z"}},
-      {"US-ASCII", "UTF-8", "\x80z", {{}, "\xEF\xBF\xBDz", "z"}, {{}, "\xEF\xBF\xBDz", "z"}},
       {"no such name", "UTF-8", "a", {}, {}},
       {"UTF-8", "no such name", "a", {}, {}},
       {"no such name", "UTF-8", "", {"", "", ""}, {"", "", ""}},
@@ -244,27 +218,19 @@ TEST_F(Icu, ConvertsEveryUsableEncodingByItsPreferredName) {
   });
 }
 
-TEST_F(Icu, MakesRoomForTextsThatGrow) {
+TEST_F(Icu, MakesRoomBehindWhatIsThereAndValidates) {
   WithIcu([] {
-    const std::u32string text(100001, 0xE9);
-    const std::string latin1(text.size(), '\xE9');
-    EXPECT_EQ(Encoded(text, "UTF-8"), Convert("ISO-8859-1", latin1, "UTF-8", CODESET_STOP));
-    EXPECT_EQ(Encoded(text, "UTF-32BE"), Convert("ISO-8859-1", latin1, "UTF-32BE", CODESET_STOP));
-    // Behind what is there already, which stays when it fails.
     ScopedDynBuf out;
     ASSERT_TRUE(DynBuf_Append(&out, "before", 6));
-    const std::string bad = std::string(5000, 'a') + '\xC3';
+    const std::u32string text(100001, 0xE9);
+    const std::string latin1(text.size(), '\xE9'), bad = std::string(5000, 'a') + '\xC3';
     EXPECT_FALSE(CodeSet_GenericToGenericDb("UTF-8", bad.data(), bad.size(), "UTF-16LE", 0, &out));
-    EXPECT_TRUE(CodeSet_GenericToGenericDb("UTF-8", "\xC3\xA9", 2, "UTF-16LE", 0, &out));
-    EXPECT_EQ("before\xE9\0"s, std::string(out.data, out.size));
-  });
-}
+    EXPECT_TRUE(CodeSet_GenericToGenericDb("ISO-8859-1", latin1.data(), latin1.size(), "UTF-32BE",
+                                           0, &out));
+    EXPECT_TRUE("before" + Encoded(text, "UTF-32BE") == std::string(out.data, out.size));
 
-TEST_F(Icu, ValidatesWhatItKnows) {
-  WithIcu([] {
     EXPECT_TRUE(CodeSet_Validate("\x82\xA0", 2, "Shift_JIS"));
     EXPECT_FALSE(CodeSet_Validate("\x82", 1, "Shift_JIS"));
-    EXPECT_FALSE(CodeSet_Validate("\xED\xA0\x80", 3, "UTF-8"));
     EXPECT_TRUE(CodeSet_Validate(nullptr, 0, "no such name"));
   });
   EXPECT_EQ("Panic: VERIFY lib/misc/codeset:1723\n",
