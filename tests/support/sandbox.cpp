@@ -1,9 +1,9 @@
 // sandbox.cpp -- lumen-sandbox: runs a command where the product can be installed for real.
 //
-//   lumen-sandbox [--net] COMMAND [ARGUMENT...]
+//   lumen-sandbox COMMAND [ARGUMENT...]
 //
 // The command runs as root with a root directory of its own (sandboxRoot.h) and in a PID namespace
-// of its own, so that no daemon outlives it; --net adds a network namespace.  Exit status: the
+// of its own, so that no daemon outlives it.  Exit status: the
 // command's, or 128 and the number of the signal that ended it.  Where the host does not grant a
 // sandbox: 77, which CTest counts as skipped, or 1 when LUMEN_REQUIRE_SANDBOX=1; 2 for wrong usage.
 //
@@ -24,7 +24,6 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -40,11 +39,6 @@ constexpr int kExitCannotRun = 127;
 // start reports that it has come about.
 constexpr char kReportTo[] = "LUMEN_SANDBOX_REPORT_TO";
 
-struct Options {
-  bool net = false;
-  std::vector<std::string> command;
-};
-
 [[noreturn]] void CannotBeHad(const std::string &reason) {
   const char *const required = getenv("LUMEN_REQUIRE_SANDBOX");
   fprintf(stderr, "lumen-sandbox: no sandbox here: %s\n", reason.c_str());
@@ -53,20 +47,6 @@ struct Options {
 
 [[noreturn]] void CallFailed(const char *call) {
   CannotBeHad(std::string(call) + ": " + strerror(errno));
-}
-
-Options ParseOptions(char *argv[]) {
-  Options options;
-  for (argv++; *argv != nullptr && **argv == '-'; argv++) {
-    if (std::string_view(*argv) != "--net") break;
-    options.net = true;
-  }
-  if (*argv == nullptr || **argv == '-') {
-    fprintf(stderr, "usage: lumen-sandbox [--net] COMMAND [ARGUMENT...]\n");
-    exit(kExitUsage);
-  }
-  while (*argv != nullptr) options.command.push_back(*argv++);
-  return options;
 }
 
 int StatusForExit(int status) {
@@ -129,7 +109,7 @@ void ReportStart() {
 }
 
 // As process 1: its end is the end of every process in the namespace.
-[[noreturn]] void RunAsInit(const Options &options) {
+[[noreturn]] void RunAsInit(const std::vector<std::string> &command) {
   FollowParent();
   const std::filesystem::path directory = std::filesystem::current_path();
   try {
@@ -141,7 +121,7 @@ void ReportStart() {
 
   const pid_t child = fork();
   if (child < 0) CallFailed("fork");
-  if (child == 0) RunProgram(options.command);
+  if (child == 0) RunProgram(command);
   int status = 0;
   for (pid_t ended = -1; ended != child;) {
     ended = waitpid(-1, &status, 0);
@@ -152,11 +132,14 @@ void ReportStart() {
 
 }  // namespace
 
-int main(int /*argc*/, char *argv[]) {
-  const Options options = ParseOptions(argv);
+int main(int argc, char *argv[]) {
+  if (argc < 2) {
+    fprintf(stderr, "usage: lumen-sandbox COMMAND [ARGUMENT...]\n");
+    return kExitUsage;
+  }
   if (geteuid() != 0) StartOverInUserNamespace(argv);
   ReportStart();
-  if (unshare(CLONE_NEWNS | CLONE_NEWPID | (options.net ? CLONE_NEWNET : 0)) != 0) {
+  if (unshare(CLONE_NEWNS | CLONE_NEWPID) != 0) {
     CallFailed("unshare");
   }
   // The opener's caller must not have root's groups, and nor must whoever runs it here.
@@ -168,7 +151,7 @@ int main(int /*argc*/, char *argv[]) {
   if (init < 0) CallFailed("fork");
   if (init == 0) {
     signal(SIGINT, SIG_DFL);
-    RunAsInit(options);
+    RunAsInit({argv + 1, argv + argc});
   }
   return WaitFor(init);
 }
