@@ -3,9 +3,9 @@
 //   lumen-sandbox COMMAND [ARGUMENT...]
 //
 // The command runs as root with a root directory of its own (sandboxRoot.h) and in a PID namespace
-// of its own, so that no daemon outlives it.  Exit status: the
-// command's, or 128 and the number of the signal that ended it.  Where the host does not grant a
-// sandbox: 77, which CTest counts as skipped, or 1 when LUMEN_REQUIRE_SANDBOX=1; 2 for wrong usage.
+// of its own, so that no daemon outlives it.  Exit status: the command's, or 128 and the number of
+// the signal that ended it.  Where the host does not grant a sandbox: 77, which CTest counts as
+// skipped, or 1 when LUMEN_REQUIRE_SANDBOX=1; 2 for wrong usage.
 //
 // Three processes: the outer one waits; "init", process 1 of the namespace, makes the root
 // directory and reaps; the command.  Whoever is not root starts over inside a user namespace that
