@@ -43,30 +43,18 @@ TEST(Format, IntegersAgreeWithTheHost) {
     IntegerGrid<int64_t>(size);
 }
 
-TEST(Format, TextAgreesWithTheHost) {
-  for (const char *const flags : {"", "-"}) {
-    for (const char *const width : {"", "1", "9", "50"}) {
-      const string start = string("<%") + flags + width;
-      for (const int c : {int{'a'}, 0, 0xe9}) Agree(start + "c>", c);
-      for (const char *const precision : {"", ".", ".0", ".3", ".60"}) {
-        for (const char *const text : {"", "a", "four", "seventeen letters", "caf\xc3\xa9",
-                                       "more than thirty-two letters make a long piece"}) {
-          Agree(start + precision + "s|%%>", text);
-        }
-      }
+// Random formats: fuzz/format_fuzz.cpp.
+TEST(Format, TextAndCountsFromArgumentsAgreeWithTheHost) {
+  for (const int width : {0, 5, -5, 40}) {
+    Agree("<%-*c|%*c|%c%%>", width, 'a', width, 0xe9, 0);
+    for (const int precision : {-1, 0, 3, 60, INT_MIN}) {
+      Agree("<%*.*d|%0*d|%.*f>", width, precision, 42, width, 7, precision, 1.0625);
+      for (const char *const text : {"", "four", "more than thirty-two letters make a long piece"})
+        Agree("<%-*.*s|%*.*s>", width, precision, text, width, precision, text);
     }
   }
   const char unterminated[] = {'a', 'b', 'c'};
   EXPECT_EQ("abc", Ours("%.3s", unterminated));
-}
-
-TEST(Format, ArgumentsAsWidthAndPrecision) {
-  for (const int width : {0, 5, -5, 40}) {
-    for (const int precision : {-1, 0, 3, INT_MIN}) {
-      Agree("<%*.*d|%0*d|%.*f>", width, precision, 42, width, 7, precision, 1.0625);
-      Agree("<%-*.*s>", width, precision, "four");
-    }
-  }
 }
 
 TEST(Format, OwnForms) {
@@ -82,16 +70,14 @@ TEST(Format, OwnForms) {
        Ours("%ls", wide)},
       {"a\xc3\xa9\xe2\x82\xac|   a|a\xc3\xa9|",
        Ours("%.6S|%4.2ls|%.5ls|%.0ls", wide, wide, wide, wide)},
-      {"x|x", Ours("%lc|%C", L'x', L'x')},
       {"-5000000000|5000000000|1000000000000",
        Ours("%D|%U|%O", -5000000000LL, 5000000000LL, 1LL << 36)},
       {"5000000000|5000000000|7", Ours("%I64d|%Iu|%I32d", 5000000000LL, size_t{5000000000}, 7)},
       {"00abc|0000a", Ours("%05s|%05c", "abc", 'a')},
       {"k|  \xe9|!|   %|1", Ours("%k|%3l\xe9|%!|%4%|%d", 1)},
-      {"1", Ours("%d%-05.3l", 1)},
       {"a|A", Ours("%a|%A", 1.0, 1.0)},
       {"0.1|0.1", Ours("%Lg|%llg", 0.1L, 0.1L)},
-      {" 7 |3  |-3", Ours("%3 -d|%h3-d|%.1.0hhd", 7, 3, -3)},
+      {" 7 |3  |-3|1", Ours("%3 -d|%h3-d|%.1.0hhd|%d%-05.3l", 7, 3, -3, 1)},
   };
   for (const auto &[expected, actual] : rows) EXPECT_EQ(expected, actual);
 }
@@ -101,36 +87,32 @@ TEST(Format, WideCharactersDependOnTheLocale) {
   EXPECT_EQ(-1, OursInto(buffer, sizeof buffer, "ab%lccd", 0x20ac));
   EXPECT_EQ(EILSEQ, errno);
   EXPECT_STREQ("ab", buffer);
-  EXPECT_EQ(kPeerFailed, Ours("ab%C", 0x20ac));
   ASSERT_NE(nullptr, setlocale(LC_CTYPE, "C.UTF-8"));
   Agree("<%lc|%5lc>", 0x20ac, 0xe9);
   setlocale(LC_CTYPE, "C");
-}
 
-TEST(Format, IllegalWideStringsAreFatal) {
-  const wchar_t wide[] = {'a', 0x110000, 'b', 0};
+  const wchar_t illegal[] = {'a', 0x110000, 'b', 0};
   EXPECT_EQ("Panic: NOT_IMPLEMENTED lib/string/bsd_vsnprintf:414\n",
-            FatalText([&] { Ours("%ls", wide); }));
+            FatalText([&] { Ours("%ls", illegal); }));
   // Where the precision ends the text first, nobody sees it.
-  EXPECT_EQ("a\xef\xbf\xbd", Ours("%.4ls", wide));
+  EXPECT_EQ("a\xef\xbf\xbd", Ours("%.4ls", illegal));
 }
 
 TEST(Format, StoresTheCount) {
-  signed char c = -1;
-  short h = -1;
-  int i = -1;
-  int64_t l[7] = {-1, -1, -1, -1, -1, -1, -1};
+  signed char c[2] = {-1, -1};
+  short h[2] = {-1, -1};
+  int i[2] = {-1, -1};
+  int64_t l[2] = {-1, -1};
   char buffer[4];
-  EXPECT_EQ(10, OursInto(buffer, sizeof buffer, "%hhna%hnbcdefghij%n%ln%lln%qn%Ln%jn%zn%tn", &c, &h,
-                         &i, l, l + 1, l + 2, l + 3, l + 4, l + 5, l + 6));
-  EXPECT_EQ(0, c);
-  EXPECT_EQ(1, h);
-  EXPECT_EQ(10, i);
-  for (const int64_t count : l) EXPECT_EQ(10, count);
+  EXPECT_EQ(10, OursInto(buffer, sizeof buffer, "%hhna%hnbcdefghij%n%ln", c, h, i, l));
+  EXPECT_EQ(0, c[0]);
+  EXPECT_EQ(1, h[0]);
+  EXPECT_EQ(10, i[0]);
+  EXPECT_EQ(10, l[0]);
+  EXPECT_TRUE(c[1] == -1 && h[1] == -1 && i[1] == -1 && l[1] == -1);
 }
 
 TEST(Format, Positions) {
-  Agree("%2$s %1$s", "a", "b");
   Agree("%1$s%1$s %3$*2$d|%3$-*2$.*4$d", "a", 6, 42, 4);
   Agree("%4$g %3$lld %2$c %1$Lg", 0.5L, 'x', 1LL << 40, 2.25);
   // More positions than the tables have at first, in any order.
@@ -138,7 +120,6 @@ TEST(Format, Positions) {
         8, 9, 1.5, "k", 12);
   // Without a position: the next in turn, also before the first `$` and after a `*` with one.
   EXPECT_EQ("a|c|4", Ours("%s|%3$s|%d", "a", "b", "c", 4));
-  EXPECT_EQ("   1|2", Ours("%*3$d|%d", 1, 2, 4));
   EXPECT_EQ("a|   5|4", Ours("%s|%*3$d|%d", "a", 5, 4));
   // Positions that no conversion names, and one that is none.
   EXPECT_EQ("3 1", Ours("%3$s %1$s", "1", 2, "3"));
@@ -176,17 +157,10 @@ string Core(const char *grouping, const char *format, ...) {
 TEST(Format, NumeralsOfTheCaller) {
   struct {
     const char *grouping, *format, *expected;
-  } const rows[] = {{"\3", "%'lld", "1,234,567"},
-                    {"\3\2", "%'lld", "12,34,567"},
-                    {"\2\177", "%'lld", "12345,67"},
-                    {"\1", "%'lld", "1,2,3,4,5,6,7"},
-                    {"\7", "%'lld", "1234567"},
-                    {"", "%'lld", "1234567"},
-                    {nullptr, "%'lld", "1234567"},
-                    {"\3", "%lld", "1234567"},
-                    {"\3", "%'x", "12d687"},
-                    {"\3", "%'+015lld", "+000001,234,567"},
-                    {"\3", "%'-12llu|", "1,234,567   |"}};
+  } const rows[] = {{"\3", "%'lld", "1,234,567"},           {"\3\2", "%'lld", "12,34,567"},
+                    {"\2\177", "%'lld", "12345,67"},        {"", "%'lld", "1234567"},
+                    {nullptr, "%'lld", "1234567"},          {"\3", "%'x", "12d687"},
+                    {"\3", "%'+015lld", "+000001,234,567"}, {"\3", "%'-12llu|", "1,234,567   |"}};
   for (const auto &row : rows) EXPECT_EQ(row.expected, Core(row.grouping, row.format, 1234567LL));
   EXPECT_EQ("-9,223,372,036,854,775,808|0|", Core("\3", "%'lld|%'d|%'.0d", INT64_MIN, 0, 0));
   EXPECT_EQ("1::5 2:: 3 1::e+00", Core(nullptr, "%g %#.0f %.0f %#.0e", 1.5, 2.0, 3.0, 1.0));
@@ -204,22 +178,6 @@ TEST(Format, CountsAboveIntMaxFail) {
     EXPECT_EQ(-1, OursInto(buffer, sizeof buffer, format.c_str(), 1.0, 1.0)) << format;
     EXPECT_EQ(EOVERFLOW, errno);
     EXPECT_LT(strnlen(buffer, sizeof buffer), sizeof buffer) << format;
-  }
-}
-
-// What a new string grows to: a multiple of what it had that holds the text, the piece and a NUL.
-TEST(Format, NewStringsGrowByTheRule) {
-  const string a(63, 'a');
-  const string b(64, 'b');
-  struct {
-    const char *format;
-    string text;
-    size_t capacity;
-  } const rows[] = {{"", "", 1},        {"%s", a, 64},      {"%s", b, 128},     {"%s.", a, 128},
-                    {"%s%1$s", b, 256}, {"%200s", "", 256}, {"%.300d", "", 320}};
-  for (const auto &row : rows) {
-    Ours(row.format, row.text.c_str());
-    EXPECT_EQ(row.capacity, AllocFault::LastSize()) << row.format;
   }
 }
 
