@@ -66,16 +66,6 @@ TEST(Str, FailedTextsAreTerminated) {
   EXPECT_STREQ("a", buffer);
 }
 
-TEST(Str, NewStrings) {
-  size_t length = 0;
-  char *text = Str_SafeAsprintf(&length, "%s%c%c", "a", 0, 'b');
-  EXPECT_EQ(3u, length);
-  EXPECT_EQ(string("a\0b", 4), string(text, length + 1));
-  free(text);
-  EXPECT_EQ(nullptr, Str_Asprintf(&length, "%lc", 0x20ac));
-  EXPECT_EQ(3u, length);
-}
-
 TEST(Str, WhatDoesNotFitIsFatal) {
   static char buffer[8];
   struct {
