@@ -1,12 +1,15 @@
-// hostinfo.cpp -- the path of the running program and the name of the host.
+// hostinfo.cpp -- the path of the running program, the name of the host, and whether a process lives.
 
 #include "hostinfo.h"
 
+#include <signal.h>
 #include <sys/utsname.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "codeset.h"
+#include "errnoKeeper.h"
 #include "log.h"
 #include "platform/process.h"
 
@@ -40,4 +43,17 @@ char *Hostinfo_HostName() {
   utsname host;
   if (uname(&host) != 0 || host.nodename[0] == '\0') return nullptr;
   return FromLocal(host.nodename);
+}
+
+int Hostinfo_ProcessState(pid_t pid) {
+  const ErrnoKeeper keeper;
+  if (kill(pid, 0) == 0) return HOSTINFO_PROCESS_EXISTS;
+  switch (errno) {
+    case EPERM:
+      return HOSTINFO_PROCESS_EXISTS;
+    case ESRCH:
+      return HOSTINFO_PROCESS_DEAD;
+    default:
+      return HOSTINFO_PROCESS_UNKNOWN;
+  }
 }

@@ -1,6 +1,8 @@
 // hostinfo.h -- the running program, the host it runs on, and starting a daemon on it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -47,3 +49,12 @@ enum : int {
 // 0 when none has).  What cannot be had is 0, after a warning.  Neither pointer is null.  Any
 // thread.
 void Hostinfo_MachineID(uint32_t *hostNameHash, uint64_t *hardwareID);
+
+// Whether the process `pid` exists, as kill(2) tells: 1 when it does, also as a zombie or somebody
+// else's; 0 when it does not; 2 when the host does not say.  errno is unchanged.  Any thread.
+enum : int {
+  HOSTINFO_PROCESS_DEAD = 0,
+  HOSTINFO_PROCESS_EXISTS = 1,
+  HOSTINFO_PROCESS_UNKNOWN = 2,
+};
+[[nodiscard]] int Hostinfo_ProcessState(pid_t pid);

@@ -1,0 +1,52 @@
+// id.cpp -- the super-user bracket and the identity queries.
+
+#include "id.h"
+
+#include <unistd.h>
+
+#include "fatal.h"
+#include "log.h"
+#include "platform/threadIdentity.h"
+
+namespace {
+
+constexpr uid_t kNothingToRestore = static_cast<uid_t>(-1);
+
+}  // namespace
+
+uid_t Id_BeginSuperUser() {
+  const uid_t uid = geteuid();
+  if (uid == 0) return kNothingToRestore;
+  if (uid == kNothingToRestore) Fatal_Verify("lib/misc/idLinux", 925);
+  // PRIV: the process's identity is the super-user's.  Where it is not, this fails or changes
+  // nothing, and the call inside the bracket tells by its own failure.
+  static_cast<void>(Platform_DropThreadIdentity());
+  return uid;
+}
+
+void Id_EndSuperUser(uid_t savedUid) {
+  if (savedUid == kNothingToRestore || geteuid() == savedUid) return;
+  // PRIV: gives up what the bracket's beginning took.
+  if (Platform_AssumeThreadIdentity(savedUid, getgid()) == -1) {
+    Log("Failed to release super user privileges.\n");
+  }
+}
+
+bool Id_IsSetUGid() {
+  return getuid() != geteuid() || getgid() != getegid() || Platform_IsSetUGid();
+}
+
+int Id_SetGid(gid_t) {
+  Warning("XXXMACOS: implement %s\n", "Id_SetGid");
+  return -1;
+}
+
+int Id_SetRESUid(uid_t, uid_t, uid_t) {
+  Warning("XXX: implement %s\n", "Id_SetRESUid");
+  return -1;
+}
+
+int Id_SetREUid(uid_t, uid_t) {
+  Warning("XXXMACOS: implement %s\n", "Id_SetREUid");
+  return -1;
+}
