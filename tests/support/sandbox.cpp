@@ -35,9 +35,10 @@ constexpr int kExitSkipped = 77;
 constexpr int kExitUsage = 2;
 constexpr int kExitCannotRun = 127;
 
-// Set for the start inside a user namespace: the number of a pipe's write end, through which that
-// start reports that it has come about.
-constexpr char kReportTo[] = "LUMEN_SANDBOX_REPORT_TO";
+// Set for the start inside a user namespace.
+constexpr char kStartedOver[] = "LUMEN_SANDBOX_STARTED_OVER";
+const std::vector<std::string> kUserNamespace = {"unshare", "--user", "--map-root-user",
+                                                 "--map-auto"};
 
 [[noreturn]] void CannotBeHad(const std::string &reason) {
   const char *const required = getenv("LUMEN_REQUIRE_SANDBOX");
@@ -76,36 +77,18 @@ int WaitFor(pid_t child) {
 }
 
 [[noreturn]] void StartOverInUserNamespace(char *argv[]) {
-  if (getenv(kReportTo) != nullptr) CannotBeHad("the user namespace gives no root");
-  int report[2];
-  if (pipe(report) != 0) CallFailed("pipe");
-  const pid_t child = fork();
-  if (child < 0) CallFailed("fork");
-  if (child == 0) {
-    close(report[0]);
-    setenv(kReportTo, std::to_string(report[1]).c_str(), 1);
-    std::vector<std::string> words = {
-        "unshare",    "--user", "--map-root-user",
-        "--map-auto", "--",     std::filesystem::read_symlink("/proc/self/exe")};
-    for (argv++; *argv != nullptr; argv++) words.push_back(*argv);
-    RunProgram(words);
+  if (getenv(kStartedOver) != nullptr) CannotBeHad("the user namespace gives no root");
+  std::vector<std::string> words = kUserNamespace;
+  words.emplace_back("true");
+  const pid_t attempt = fork();
+  if (attempt == 0) RunProgram(words);
+  if (attempt < 0 || WaitFor(attempt) != 0) {
+    CannotBeHad("neither root nor a user namespace with a range of user ids");
   }
-  close(report[1]);
-  char started;
-  const bool ok = read(report[0], &started, 1) == 1;
-  const int status = WaitFor(child);
-  if (!ok) CannotBeHad("neither root nor a user namespace with a range of user ids");
-  exit(status);
-}
-
-void ReportStart() {
-  const char *const number = getenv(kReportTo);
-  if (number == nullptr) return;
-  const int report = atoi(number);
-  if (write(report, "", 1) != 1) CallFailed("reporting the start");
-  close(report);
-  unsetenv(kReportTo);
-  FollowParent();
+  setenv(kStartedOver, "1", 1);
+  words.back() = std::filesystem::read_symlink("/proc/self/exe");
+  for (argv++; *argv != nullptr; argv++) words.emplace_back(*argv);
+  RunProgram(words);
 }
 
 // As process 1: its end is the end of every process in the namespace.
@@ -138,10 +121,8 @@ int main(int argc, char *argv[]) {
     return kExitUsage;
   }
   if (geteuid() != 0) StartOverInUserNamespace(argv);
-  ReportStart();
-  if (unshare(CLONE_NEWNS | CLONE_NEWPID) != 0) {
-    CallFailed("unshare");
-  }
+  unsetenv(kStartedOver);
+  if (unshare(CLONE_NEWNS | CLONE_NEWPID) != 0) CallFailed("unshare");
   // The opener's caller must not have root's groups, and nor must whoever runs it here.
   if (setgroups(0, nullptr) != 0) CallFailed("setgroups");
 
