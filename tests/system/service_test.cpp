@@ -107,21 +107,6 @@ TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
   EXPECT_EQ(std::vector<pid_t>{service_}, Services());
 }
 
-TEST_F(ServiceTest, GoesOnWhenItHasRunOutOfDescriptors) {
-  const rlimit few = {static_cast<rlim_t>(OpenFiles()) + 3, 2048};
-  ASSERT_EQ(0, prlimit(service_, RLIMIT_NOFILE, &few, nullptr));
-  std::vector<Fd> silent;
-  for (int i = 0; i < 10; i++) silent.push_back(ConnectTo(kSocketPath));
-  const std::string warning = "Warning: accept errno " + std::to_string(EMFILE) + ".\n";
-  EXPECT_TRUE(ServiceLogged(warning));
-  Process opener(OpenerLaunch(FileWith("patient").Get()));
-  silent.clear();
-  EXPECT_EQ(kDelivered, Finish(&opener));
-  EXPECT_TRUE(ServiceRead("patient"));
-  // Said once for each time of need, however often it was tried.
-  EXPECT_LE(Count(ServiceLog(), warning), 10U) << ServiceLog();
-}
-
 TEST_F(ServiceTest, StopsOnSigtermAndLeavesItsPlaceToTheNext) {
   const Fd silent = ConnectTo(kSocketPath);
   ReadByte(silent);
