@@ -9,7 +9,6 @@
 #include <random>
 #include <vector>
 
-#include "platform/decimalDigits.h"
 #include "tests/support/printfPeer.h"
 
 namespace {
@@ -60,26 +59,6 @@ TEST(FormatFloat, WithoutDecimalsHalvesRoundAwayFromZero) {
   EXPECT_EQ("1|-1|3|0|-0|3.|4503599627370498",
             Ours("%.0f|%.0f|%.0f|%.0f|%.0f|%#.0f|%.0f", 0.5, -0.5, 2.5, 0.49999999999999994, -0.25,
                  2.5, 4503599627370497.5));
-}
-
-// The digits themselves, where the text does not tell: as fcvt and ecvt of macOS have them.
-TEST(FormatFloat, DecimalDigits) {
-  struct {
-    char *(*procedure)(double, int, int *);
-    double value;
-    int count;
-    const char *digits;
-    int point;
-  } const rows[] = {
-      {Platform_FixedDigits, 0, 2, "00", 0},      {Platform_FixedDigits, 0.001, 2, "", -2},
-      {Platform_FixedDigits, 0.006, 2, "1", -1},  {Platform_FixedDigits, 0.999, 2, "100", 1},
-      {Platform_FixedDigits, 1e-30, 22, "", -22}, {Platform_SignificantDigits, 0, 3, "000", 1}};
-  for (const auto &row : rows) {
-    int point = 77;
-    const HeapStr digits(row.procedure(row.value, row.count, &point));
-    EXPECT_STREQ(row.digits, digits.get()) << row.value;
-    EXPECT_EQ(row.point, point) << row.value;
-  }
 }
 
 }  // namespace
