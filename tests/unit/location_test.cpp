@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -73,21 +72,6 @@ TEST(Location, FindsTheFilesOfItsBundle) {
   }
   EXPECT_EQ(nullptr, LocationGetRelative("libdir"));
   EXPECT_STREQ("", LocationGetRelative("rootDir"));
-}
-
-TEST(Location, StopsAtTheRootOfTheFileSystem) {
-  const Copies copies;
-  const auto depth = std::count(copies.Root().begin(), copies.Root().end(), '/') + 1;
-  ASSERT_LE(depth, 5) << "the scratch folder lies too deep: " << copies.Root();
-  std::string below = "/program";
-  for (auto d = depth; d < 5; d++) below = "/d" + below;
-  const std::string five = copies.At(below);
-  const auto find = [](const std::string &path) {
-    return LookUpFrom(path, "lumen-remotedisplay-bundle", "productInfo");
-  };
-  EXPECT_EQ("/Contents/Library/productInfo\n", find(copies.At("/d" + below)));
-  EXPECT_EQ("Warning: LocationGetRoot: sUpCount (6) is too large for " + five + "\nnull\n",
-            find(five));
 }
 
 // The module path has room for 1023 bytes.
