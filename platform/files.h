@@ -1,4 +1,4 @@
-// files.h -- opening files in ways the two hosts spell differently.
+// files.h -- opening and copying files in ways the two hosts spell differently.
 #pragma once
 
 #include <sys/types.h>
@@ -6,3 +6,12 @@
 // Opens `path` close-on-exec with `flags` and `mode` and waits until it holds an exclusive flock(2)
 // on it.  Returns the descriptor, or -1 with errno set; EINTR when a signal came while it waited.
 [[nodiscard]] int Platform_OpenLocked(const char *path, int flags, mode_t mode);
+
+// Makes the regular file open as `to` a copy of the one open as `from`: data, mode, owner, times,
+// extended attributes and access control list; the attributes that the target had are removed
+// first, and what it has beyond the source's length is cut off.  Two different files, open for
+// reading and for writing, both at offset 0; the offsets afterwards are left open.  False with
+// errno set when the data or the attributes cannot be copied, ENOTSUP for another kind of file; the
+// target is then neither one thing nor the other.  A mode, owner or times that cannot be set are
+// left as they are.
+[[nodiscard]] bool Platform_CopyFileWithMetadata(int from, int to);

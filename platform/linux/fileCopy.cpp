@@ -1,0 +1,145 @@
+// fileCopy.cpp -- copying an open file with all its metadata, on Linux: piece by piece.
+//
+// The order is the kernel's wish: writing and a change of owner take file capabilities away, and a
+// change of owner the set-id bits; writing sets the times.  So data come first, then owner,
+// attributes, mode, times.  The access control list is an attribute (system.posix_acl_access).
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <string_view>
+
+#include "heap.h"
+#include "platform/files.h"
+
+namespace {
+
+// ---- data --------------------------------------------------------------------------------------
+
+bool WriteAll(int to, const char *data, size_t size, off_t offset) {
+  while (size > 0) {
+    const ssize_t n = pwrite(to, data, size, offset);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+    offset += n;
+  }
+  return true;
+}
+
+// From *offset to the end of the source, which *offset is then.
+bool CopyByHand(int from, int to, off_t *offset) {
+  constexpr size_t kPiece = size_t{256} << 10;
+  const HeapArray<char> buffer = Heap_Array<char>(kPiece);
+  if (buffer == nullptr) return false;
+  for (;;) {
+    const ssize_t n = pread(from, buffer.get(), kPiece, *offset);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return n == 0;
+    if (!WriteAll(to, buffer.get(), static_cast<size_t>(n), *offset)) return false;
+    *offset += n;
+  }
+}
+
+bool KernelCannot(int error) {
+  return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP;
+}
+
+// The kernel copies as far as it can.
+bool CopyData(int from, int to) {
+  constexpr size_t kPiece = size_t{1} << 30;
+  off_t in = 0;
+  off_t out = 0;
+  for (;;) {
+    const ssize_t n = copy_file_range(from, &in, to, &out, kPiece, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && !KernelCannot(errno)) return false;
+    if (n <= 0) break;
+  }
+  // 0 is the end, or a file whose size the kernel does not know: reading tells which.
+  return CopyByHand(from, to, &in) && ftruncate(to, in) == 0;
+}
+
+// ---- extended attributes -----------------------------------------------------------------------
+
+// Names one after the other, each with its NUL.
+struct Names {
+  HeapArray<char> list;
+  size_t size = 0;
+
+  const char *begin() const { return list.get(); }
+  const char *end() const { return list.get() + size; }
+};
+
+// What only the system's administration uses, and may be out of reach or mean nothing here.
+bool IsSystems(std::string_view name) {
+  return name.starts_with("security.") || name.starts_with("trusted.") ||
+         name.starts_with("system.");
+}
+
+bool Forgiven(const char *name) {
+  return IsSystems(name) && (errno == EPERM || errno == EACCES || errno == ENOTSUP);
+}
+
+// No names where the file system has no attributes at all.
+bool ListNames(int fd, Names *names) {
+  Names found{Heap_Array<char>(XATTR_LIST_MAX)};
+  if (found.list == nullptr) return false;
+  const ssize_t n = flistxattr(fd, found.list.get(), XATTR_LIST_MAX);
+  if (n < 0 && errno != ENOTSUP) return false;
+  found.size = n < 0 ? 0 : static_cast<size_t>(n);
+  *names = std::move(found);
+  return true;
+}
+
+bool RemoveAttributes(int to) {
+  Names names;
+  if (!ListNames(to, &names)) return false;
+  for (const char *name = names.begin(); name != names.end(); name += strlen(name) + 1) {
+    if (fremovexattr(to, name) != 0 && errno != ENODATA && !Forgiven(name)) return false;
+  }
+  return true;
+}
+
+bool CopyAttributes(int from, int to) {
+  Names names;
+  if (!ListNames(from, &names)) return false;
+  const HeapArray<char> value = Heap_Array<char>(XATTR_SIZE_MAX);
+  if (value == nullptr) return false;
+  for (const char *name = names.begin(); name != names.end(); name += strlen(name) + 1) {
+    const ssize_t size = fgetxattr(from, name, value.get(), XATTR_SIZE_MAX);
+    if (size < 0 && (errno == ENODATA || Forgiven(name))) continue;
+    if (size < 0) return false;
+    if (fsetxattr(to, name, value.get(), static_cast<size_t>(size), 0) != 0 && !Forgiven(name)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool Platform_CopyFileWithMetadata(int from, int to) {
+  struct stat source;
+  struct stat target;
+  if (fstat(from, &source) != 0 || fstat(to, &target) != 0) return false;
+  if (!S_ISREG(source.st_mode) || !S_ISREG(target.st_mode)) {
+    errno = ENOTSUP;
+    return false;
+  }
+  // Attributes can be changed only where the mode lets the owner write.
+  static_cast<void>(fchmod(to, target.st_mode | S_IRUSR | S_IWUSR));
+  if (!RemoveAttributes(to) || !CopyData(from, to)) return false;
+  const bool chowned = fchown(to, source.st_uid, source.st_gid) == 0;
+  if (!CopyAttributes(from, to)) return false;
+  // A set-id bit is meant for the source's owner, not for whoever owns the copy instead.
+  static_cast<void>(fchmod(to, source.st_mode & (chowned ? ALLPERMS : ACCESSPERMS)));
+  const timespec times[] = {source.st_atim, source.st_mtim};
+  static_cast<void>(futimens(to, times));
+  return true;
+}

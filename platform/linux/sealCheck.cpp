@@ -1,0 +1,125 @@
+// sealCheck.cpp -- whether an item is what its seal says.
+//
+// The seal is believed first, and then compared with what is there: nothing but its signature is
+// looked at as long as anybody may have written it.
+
+#include "platform/linux/sealCheck.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <cstring>
+#include <memory>
+
+#include "platform/linux/sealDigest.h"
+#include "platform/linux/sealSignature.h"
+#include "platform/linux/sealText.h"
+#include "platform/linux/sealWalk.h"
+
+namespace {
+
+constexpr size_t kMaxAnchors = size_t{1} << 20;
+
+bool IsDirectory(int fd) {
+  struct stat info;
+  return fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool ReadAttribute(int fd, SmallFileBytes *seal) {
+  const ssize_t size = fgetxattr(fd, kSealAttribute, nullptr, 0);
+  if (size <= 0) return false;
+  SmallFileBytes found{Heap_Array<char>(static_cast<size_t>(size))};
+  if (found.data == nullptr) return false;
+  const ssize_t n = fgetxattr(fd, kSealAttribute, found.data.get(), static_cast<size_t>(size));
+  if (n < 0) return false;
+  found.size = static_cast<size_t>(n);
+  *seal = std::move(found);
+  return true;
+}
+
+// What there is against what is listed.
+struct Comparison {
+  const SealText &text;
+  HeapArray<bool> seen;  // one for each item of the text
+  size_t count = 0;      // of those seen
+  SealVerdict verdict = SealVerdict::Valid;
+
+  SealVerdict Judge(const SealItem *item, const SealFound &found) {
+    if (item == nullptr) return SealVerdict::Unlisted;
+    bool &before = seen[static_cast<size_t>(item - text.items.get())];
+    // An entry that turns up twice is one that was moved under the walk.
+    if (before || (item->target == nullptr) != (found.target == nullptr)) {
+      return SealVerdict::Changed;
+    }
+    before = true;
+    count++;
+    if (item->target != nullptr) {
+      return strcmp(item->target, found.target) == 0 ? SealVerdict::Valid : SealVerdict::Changed;
+    }
+    SealDigest digest;
+    if (!SealDigestOf(found.fd, &digest)) return SealVerdict::Unreadable;
+    return digest == item->digest ? SealVerdict::Valid : SealVerdict::Changed;
+  }
+
+  static bool Visit(void *context, const SealFound &found) {
+    auto *const self = static_cast<Comparison *>(context);
+    self->verdict = self->Judge(SealFind(self->text, found.path), found);
+    return self->verdict == SealVerdict::Valid;
+  }
+};
+
+SealVerdict Compare(int item, const SealText &text) {
+  Comparison comparison{text, Heap_Array<bool>(text.count)};
+  if (comparison.seen == nullptr) return SealVerdict::Unreadable;
+  std::uninitialized_fill_n(comparison.seen.get(), text.count, false);
+  bool complete = false;
+  if (IsDirectory(item)) {
+    SealWalk walk(Comparison::Visit, &comparison);
+    complete = walk.Below(item);
+  } else {
+    complete = Comparison::Visit(&comparison, {kSealSinglePath, item, nullptr});
+  }
+  if (comparison.verdict != SealVerdict::Valid) return comparison.verdict;
+  if (!complete) return SealVerdict::Unreadable;
+  return comparison.count == text.count ? SealVerdict::Valid : SealVerdict::Missing;
+}
+
+}  // namespace
+
+Fd SealOpenItem(const char *path) {
+  // O_NONBLOCK: a FIFO in its place shall not make anybody wait.
+  Fd fd(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat info;
+  if (!fd || fstat(fd.Get(), &info) != 0) return Fd();
+  if (S_ISREG(info.st_mode) || S_ISDIR(info.st_mode)) return fd;
+  errno = ENOTSUP;
+  return Fd();
+}
+
+SealVerdict SealReadAnchors(int start, const char *path, SmallFileBytes *anchors) {
+  const Fd fd = SmallFileOpen(start, path, SmallFileRoots);
+  return fd && SmallFileRead(fd.Get(), kMaxAnchors, anchors) ? SealVerdict::Valid
+                                                             : SealVerdict::NoAnchors;
+}
+
+SealVerdict SealRead(int item, SmallFileBytes *seal) {
+  if (!IsDirectory(item)) {
+    return ReadAttribute(item, seal) ? SealVerdict::Valid : SealVerdict::NoSeal;
+  }
+  const Fd fd = SmallFileOpen(item, kSealFile, SmallFileAny);
+  return fd && SmallFileRead(fd.Get(), kSealMaxSize, seal) ? SealVerdict::Valid
+                                                           : SealVerdict::NoSeal;
+}
+
+SealVerdict SealCheck(int item, const char *identifier, std::string_view anchors) {
+  SmallFileBytes seal;
+  SmallFileBytes content;
+  SealVerdict verdict = SealRead(item, &seal);
+  if (verdict == SealVerdict::Valid) verdict = SealOpen(seal.View(), anchors, &content);
+  if (verdict != SealVerdict::Valid) return verdict;
+  SealText text;
+  if (!SealParse(content.View(), &text)) return SealVerdict::BadText;
+  if (strcmp(text.identifier, identifier) != 0) return SealVerdict::OtherName;
+  return Compare(item, text);
+}

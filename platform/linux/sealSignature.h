@@ -1,0 +1,19 @@
+// sealSignature.h -- the signature of a seal: who has signed, and whether he may.
+#pragma once
+
+#include <string_view>
+
+#include "platform/linux/sealVerdict.h"
+#include "platform/linux/smallFile.h"
+
+inline constexpr size_t kSealMaxSize = size_t{16} << 20;  // bytes
+
+// Checks the bytes of a seal against the anchors, certificates in PEM, now.  The signed text goes
+// to *text when the verdict is Valid.
+//
+// Valid means: one CMS SignedData with its content inside, in DER, nothing behind it; one signer
+// with a SHA-2 digest; a chain of at most a few certificates, each within its time and of today's
+// strength, from the signer to an anchor; every one that has an extended key usage is for code
+// signing, and the signer's has it; the signer's single common name contains "Zephrin, Inc.".
+[[nodiscard]] SealVerdict SealOpen(std::string_view seal, std::string_view anchors,
+                                   SmallFileBytes *text);

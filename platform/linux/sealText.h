@@ -1,0 +1,45 @@
+// sealText.h -- the text inside a seal: what is sealed, under which name.  docs/seal-format.md.
+//
+// A text and its parsed form stand for each other: whatever SealParse accepts, SealWrite writes to
+// the byte.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "heap.h"
+
+inline constexpr size_t kSealMaxItems = 65536;
+
+using SealDigest = std::array<uint8_t, 32>;  // SHA-256
+
+// A regular file, or a symbolic link.  Strings are any bytes but NUL.
+struct SealItem {
+  const char *path;
+  const char *target;  // of a link; null for a file
+  SealDigest digest;   // of a file
+};
+
+struct SealText {
+  HeapArray<char> strings;  // what the pointers point into
+  const char *identifier = nullptr;
+  HeapArray<SealItem> items;
+  size_t count = 0;
+
+  std::span<const SealItem> Items() const { return {items.get(), count}; }
+};
+
+// Reads a seal's text, any bytes.  False when it is not exactly as it should be, has more than
+// kSealMaxItems items, or memory is exhausted.
+[[nodiscard]] bool SealParse(std::string_view text, SealText *parsed);
+
+// The item of the path; null when there is none.
+[[nodiscard]] const SealItem *SealFind(const SealText &text, const char *path);
+
+// The text for these items, which are in ascending order of their paths as strcmp(3) has it, no two
+// alike.  The identifier is not empty, nor are paths and targets.  Null when memory is exhausted.
+[[nodiscard]] HeapArray<char> SealWrite(const char *identifier, std::span<const SealItem> items,
+                                        size_t *size);

@@ -1,0 +1,46 @@
+// sealWalk.h -- everything in a directory bundle that a seal covers.
+#pragma once
+
+#include <climits>
+#include <cstddef>
+
+inline constexpr char kSealFile[] = "Contents/_CodeSignature/CodeSeal";
+inline constexpr char kSealAttribute[] = "user.zephrin.codeseal";
+inline constexpr char kSealSinglePath[] = ".";  // of the one item in a file's seal
+inline constexpr int kSealMaxDepth = 32;        // directories one in the other
+
+struct SealFound {
+  const char *path;    // below the bundle
+  int fd;              // a regular file, at its beginning; -1 for a link
+  const char *target;  // of a link; null for a file
+};
+
+// False ends the walk.
+using SealVisit = bool (*)(void *context, const SealFound &found);
+
+class SealWalk {
+  SealVisit visit_;
+  void *context_;
+  size_t entries_ = 0;
+  size_t length_ = 0;         // of path_
+  char path_[PATH_MAX] = "";  // of the entry at work
+
+ public:
+  SealWalk(SealVisit visit, void *context) : visit_(visit), context_(context) {}
+
+  // Visits every regular file and symbolic link below the directory `dirFd`, in no order; not the
+  // file kSealFile.  Directories have no say of their own.  False when visit has said so; or with
+  // errno set, for example ENOTSUP for an entry of another kind, ELOOP below kSealMaxDepth, EFBIG
+  // when there are too many entries.  The descriptor's offset does not matter.
+  [[nodiscard]] bool Below(int dirFd);
+
+  // Where the walk ended.
+  const char *Path() const { return path_; }
+
+ private:
+  bool Directory(int fd, int depth);
+  bool Entry(int dirFd, const char *name, int depth);
+  bool Subdirectory(int dirFd, const char *name, int depth);
+  bool File(int dirFd, const char *name);
+  bool Link(int dirFd, const char *name);
+};

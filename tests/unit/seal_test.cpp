@@ -1,0 +1,417 @@
+// seal_test.cpp -- seals: whose are believed, and what change to an item or a seal is noticed.
+//
+// The certificates come from tests/support/makeAuthority, the odd signatures from `openssl cms`.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/codeSignature.h"
+#include "platform/linux/sealCheck.h"
+#include "platform/linux/sealSignature.h"
+#include "platform/linux/sealText.h"
+#include "platform/linux/sealWalk.h"
+#include "tests/support/sandboxSkip.h"
+#include "tests/support/scratchDir.h"
+#include "tools/sealMaker.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kName = "Zephrin Lumen Client Services";
+
+// The exit status of a shell command.
+int Shell(const std::string &command) {
+  const int status =
+      system(command.c_str());  // NOLINT(cert-env33-c): made of this test's own paths
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class Seal : public testing::Test {
+ protected:
+  static ScratchDir *authority;
+  ScratchDir dir;
+
+  static void SetUpTestSuite() {
+    authority = new ScratchDir;
+    ASSERT_EQ(0, Shell(LUMEN_MAKE_AUTHORITY " " + authority->Path()));
+  }
+  static void TearDownTestSuite() { delete authority; }
+
+  static std::string Authority(const std::string &file) { return authority->Path(file); }
+
+  static std::string Anchors() { return ReadFile(Authority("root.pem")); }
+
+  static std::string Sign(const std::string &text, const std::string &signer = "valid") {
+    const std::string chain = Authority(signer + ".chain.pem");
+    return SealMaker_Sign(text, {Authority(signer + ".key"), Authority(signer + ".pem"),
+                                 fs::exists(chain) ? chain : ""});
+  }
+
+  // By the command-line program, with options of its own.
+  std::string SignOdd(const std::string &text, const std::string &options) const {
+    const std::string out = dir.Path("odd");
+    EXPECT_EQ(0, Shell("openssl cms -sign -binary -outform DER -in '" + dir.Write("text", text) +
+                       "' -signer '" + Authority("valid.pem") + "' -inkey '" +
+                       Authority("valid.key") + "' " + options + " -out '" + out + "'"));
+    return ReadFile(out);
+  }
+
+  static SealVerdict Open(const std::string &seal, std::string *text = nullptr) {
+    SmallFileBytes bytes;
+    const SealVerdict verdict = SealOpen(seal, Anchors(), &bytes);
+    if (text != nullptr) *text = bytes.View();
+    return verdict;
+  }
+
+  static void SealUp(const std::string &path, const std::string &signer = "valid") {
+    const Fd item = SealOpenItem(path.c_str());
+    ASSERT_TRUE(item);
+    SealMaker_Attach(item.Get(), Sign(SealMaker_Text(item.Get(), kName), signer));
+  }
+
+  static SealVerdict Check(const std::string &path, const std::string &identifier = kName) {
+    const Fd item = SealOpenItem(path.c_str());
+    return SealCheck(item.Get(), identifier.c_str(), Anchors());
+  }
+};
+
+ScratchDir *Seal::authority;
+
+// ---- the text ----------------------------------------------------------------------------------
+
+std::string Written(const char *identifier, const std::vector<SealItem> &items) {
+  size_t size = 0;
+  const HeapArray<char> text = SealWrite(identifier, items, &size);
+  return {text.get(), size};
+}
+
+TEST(SealText, KeepsEveryByteOfNamesAndTargets) {
+  std::string odd;
+  for (int c = 1; c < 256; c++) odd += static_cast<char>(c);
+  const std::string text =
+      Written(odd.c_str(), {{"a", nullptr, {{0xAB, 0x01}}}, {odd.c_str(), nullptr, {}}});
+  SealText parsed;
+  ASSERT_FALSE(SealParse(text, &parsed));  // not in order: the odd path begins with byte 1
+  const std::string linked =
+      Written(odd.c_str(),
+              {{odd.c_str(), "t%41 \n", {}}, {"a", nullptr, {{0xAB, 0x01}}}, {"a%b", "a", {}}});
+  ASSERT_TRUE(SealParse(linked, &parsed));
+  EXPECT_EQ(odd, parsed.identifier);
+  ASSERT_EQ(3U, parsed.count);
+  EXPECT_STREQ("t%41 \n", SealFind(parsed, odd.c_str())->target);
+  EXPECT_EQ((SealDigest{0xAB, 0x01}), SealFind(parsed, "a")->digest);
+  EXPECT_EQ(nullptr, SealFind(parsed, "b"));
+  EXPECT_EQ(linked, Written(parsed.identifier, {parsed.items.get(), parsed.items.get() + 3}));
+}
+
+TEST(SealText, HasOneFormOnly) {
+  const std::string head = "zephrin-codeseal 1\nidentifier i\n";
+  const std::string hex(64, '0');
+  SealText parsed;
+  for (const std::string &good : {head, head + "sha256 " + hex + " a\n", head + "link t%0A a\n"}) {
+    EXPECT_TRUE(SealParse(good, &parsed)) << good;
+  }
+  for (const std::string &bad : std::vector<std::string>{
+           "",
+           "zephrin-codeseal 1\n",
+           "zephrin-codeseal 2\nidentifier i\n",
+           "zephrin-codeseal 1\nidentifier \n",
+           "\n" + head,
+           head + "\n",
+           head + "link t a",
+           head + "link t a\nlink t a\n",     // twice
+           head + "link t b\nlink t a\n",     // not in order
+           head + "link t  a\n",              // a bare blank
+           head + "link t\ta\n",              // another byte that has to be escaped
+           head + "link  a\n",                // no target
+           head + "link t \n",                // no path
+           head + "link t a%\n",              // an escape cut off
+           head + "link t a%0\n",             //
+           head + "link t a%0a\n",            // digits in lower case
+           head + "link t a%41\n",            // an escape that need not be
+           head + "link t a%00\n",            // no byte of a path
+           head + "sha256 " + hex + "0 a\n",  // too many digits
+           head + "sha256 " + hex.substr(1) + " a\n",
+           head + "sha256 " + std::string(64, 'A') + " a\n",
+           head + "sha512 " + hex + " a\n",
+           head + std::string("link t a\0\n", 10),
+       }) {
+    EXPECT_FALSE(SealParse(bad, &parsed)) << bad;
+  }
+}
+
+// ---- the signature -----------------------------------------------------------------------------
+
+TEST_F(Seal, IsBelievedFromSignersWhoMay) {
+  const struct {
+    const char *signer;
+    SealVerdict verdict;
+  } kRows[] = {
+      {"valid", SealVerdict::Valid},           {"viaAuthority", SealVerdict::Valid},
+      {"expired", SealVerdict::Untrusted},     {"stranger", SealVerdict::Untrusted},
+      {"wrongUse", SealVerdict::NotForCode},   {"noUse", SealVerdict::NotForCode},
+      {"viaServers", SealVerdict::NotForCode}, {"wrongName", SealVerdict::NotMaker},
+  };
+  for (const auto &row : kRows) {
+    EXPECT_EQ(row.verdict, Open(Sign("text", row.signer))) << row.signer;
+  }
+  SmallFileBytes text;
+  for (const std::string &anchors :
+       {std::string(), std::string("no PEM"), Anchors().substr(0, 99)}) {
+    EXPECT_EQ(SealVerdict::NoAnchors, SealOpen(Sign("text"), anchors, &text));
+  }
+}
+
+TEST_F(Seal, IsOneSignatureInDer) {
+  const std::string plain = SignOdd("text", "-nodetach -md sha512");
+  EXPECT_EQ(SealVerdict::Valid, Open(plain));
+  EXPECT_EQ(SealVerdict::NotCms, Open(plain + '\0'));
+  EXPECT_EQ(SealVerdict::NotCms, Open(plain + plain));
+  EXPECT_EQ(SealVerdict::NotCms, Open(""));
+  const std::string second = " -signer '" + Authority("viaAuthority.pem") + "' -inkey '" +
+                             Authority("viaAuthority.key") + "'";
+  const struct {
+    std::string options;
+    SealVerdict verdict;
+  } kRows[] = {
+      {"-nodetach -md sha1", SealVerdict::WeakDigest},
+      {"-nodetach" + second, SealVerdict::NotCms},
+      {"-nodetach -stream", SealVerdict::NotCms},  // BER
+      {"", SealVerdict::NotCms},                   // the text is elsewhere
+      {"-nodetach -nocerts", SealVerdict::BadSignature},
+      {"-nodetach -econtent_type 1.2.3", SealVerdict::NotCms},
+  };
+  for (const auto &row : kRows) {
+    EXPECT_EQ(row.verdict, Open(SignOdd("text", row.options))) << row.options;
+  }
+}
+
+TEST_F(Seal, NoChangedByteMakesItSaySomethingElse) {
+  const std::string seal = Sign("text");
+  for (size_t i = 0; i < seal.size(); i++) {
+    if (i % 16 == 0) {
+      EXPECT_NE(SealVerdict::Valid, Open(seal.substr(0, i))) << i;
+    }
+    std::string changed = seal;
+    changed[i] = static_cast<char>(changed[i] ^ 1 << i % 8);
+    std::string text;
+    if (Open(changed, &text) == SealVerdict::Valid) {
+      EXPECT_EQ("text", text) << i;
+    }
+  }
+}
+
+TEST_F(Seal, IsReadByOthersToo) {
+  EXPECT_EQ(0, Shell("openssl cms -verify -inform DER -purpose any -in '" +
+                     dir.Write("seal", Sign("text")) + "' -CAfile '" + Authority("root.pem") +
+                     "' -out '" + dir.Path("text") + "' 2>'" + dir.Path("log") + "'"));
+  EXPECT_EQ("text", ReadFile(dir.Path("text")));
+}
+
+// ---- items -------------------------------------------------------------------------------------
+
+TEST_F(Seal, OfAFileNoticesEachChange) {
+  const std::string path = dir.Write("file", "content");
+  if (setxattr(path.c_str(), "user.probe", "", 0, 0) != 0 && errno == ENOTSUP) {
+    SKIP_FOR_WANT_OF("extended attributes of users");
+  }
+  EXPECT_EQ(SealVerdict::NoSeal, Check(path));
+  SealUp(path);
+  EXPECT_EQ(SealVerdict::Valid, Check(path));
+  EXPECT_EQ(SealVerdict::OtherName, Check(path, "services"));
+  EXPECT_EQ(SealVerdict::OtherName, Check(path, kName + " "));
+  dir.Write("file", "Content");
+  EXPECT_EQ(SealVerdict::Changed, Check(path));
+  const Fd item = SealOpenItem(path.c_str());
+  SealMaker_Attach(item.Get(), Sign("zephrin-codeseal 1\n"));
+  EXPECT_EQ(SealVerdict::BadText, Check(path));
+  // A list of something else does not vouch for the file.
+  SealMaker_Attach(item.Get(), Sign(Written(kName.c_str(), {})));
+  EXPECT_EQ(SealVerdict::Unlisted, Check(path));
+}
+
+TEST_F(Seal, OfABundleNoticesEachChange) {
+  const fs::path bundle = dir.Path("b.kext");
+  const auto write = [&](const std::string &name, const std::string &content) {
+    std::ofstream(bundle / name) << content;
+  };
+  const auto make = [&] {
+    fs::remove_all(bundle);
+    fs::create_directories(bundle / "Contents/a/empty");
+    write("Contents/Info.plist", "list");
+    write("Contents/a/odd \n%\xFF", "odd");
+    write("Contents/a-b", "");
+    fs::create_symlink("a/odd", bundle / "Contents/link");
+    SealUp(bundle);
+  };
+  const fs::path contents = bundle / "Contents";
+  std::string deep = contents;
+  for (int i = 0; i <= kSealMaxDepth; i++) deep += "/d";
+  const struct {
+    const char *what;
+    SealVerdict verdict;
+    std::function<void()> change;
+  } kRows[] = {
+      {"nothing", SealVerdict::Valid, [] {}},
+      {"sealed again", SealVerdict::Valid, [&] { SealUp(bundle); }},
+      {"mode and times", SealVerdict::Valid,
+       [&] { fs::permissions(contents / "a-b", fs::perms{0600}); }},
+      {"changed", SealVerdict::Changed, [&] { write("Contents/Info.plist", "lisT"); }},
+      {"longer", SealVerdict::Changed, [&] { write("Contents/a-b", "x"); }},
+      {"swapped", SealVerdict::Changed,
+       [&] {
+         fs::rename(contents / "a-b", contents / "x");
+         fs::rename(contents / "Info.plist", contents / "a-b");
+         fs::rename(contents / "x", contents / "Info.plist");
+       }},
+      {"link changed", SealVerdict::Changed,
+       [&] {
+         fs::remove(contents / "link");
+         fs::create_symlink("a/ode", contents / "link");
+       }},
+      {"file to link", SealVerdict::Changed,
+       [&] {
+         fs::rename(contents / "a-b", dir.Path("elsewhere"));
+         fs::create_symlink(dir.Path("elsewhere"), contents / "a-b");
+       }},
+      {"link to file", SealVerdict::Changed,
+       [&] {
+         fs::remove(contents / "link");
+         write("Contents/link", "odd");
+       }},
+      {"folder to link", SealVerdict::Unlisted,
+       [&] {
+         fs::remove_all(dir.Path("folder"));
+         fs::rename(contents / "a", dir.Path("folder"));
+         fs::create_symlink(dir.Path("folder"), contents / "a");
+       }},
+      {"removed", SealVerdict::Missing, [&] { fs::remove(contents / "a-b"); }},
+      {"added", SealVerdict::Unlisted, [&] { write("Contents/a/new", ""); }},
+      {"added beside the seal", SealVerdict::Unlisted,
+       [&] { write("Contents/_CodeSignature/new", ""); }},
+      {"link added", SealVerdict::Unlisted, [&] { fs::create_symlink("a", contents / "new"); }},
+      {"FIFO", SealVerdict::Unreadable, [&] { mkfifo((contents / "fifo").c_str(), 0600); }},
+      {"FIFO for a file", SealVerdict::Unreadable,
+       [&] {
+         fs::remove(contents / "a-b");
+         mkfifo((contents / "a-b").c_str(), 0600);
+       }},
+      {"too deep", SealVerdict::Unreadable, [&] { fs::create_directories(deep); }},
+      {"no seal", SealVerdict::NoSeal, [&] { fs::remove(bundle / kSealFile); }},
+      {"a link for the seal", SealVerdict::NoSeal,
+       [&] {
+         fs::remove(dir.Path("seal"));
+         fs::rename(bundle / kSealFile, dir.Path("seal"));
+         fs::create_symlink(dir.Path("seal"), bundle / kSealFile);
+       }},
+      {"a FIFO for the seal", SealVerdict::NoSeal,
+       [&] {
+         fs::remove(bundle / kSealFile);
+         mkfifo((bundle / kSealFile).c_str(), 0600);
+       }},
+      {"somebody else's seal", SealVerdict::NotMaker, [&] { SealUp(bundle, "wrongName"); }},
+  };
+  for (const auto &row : kRows) {
+    make();
+    row.change();
+    EXPECT_EQ(row.verdict, Check(bundle)) << row.what;
+  }
+}
+
+TEST_F(Seal, AnchorsAreRootsAlone) {
+  if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
+  const fs::path etc = dir.Path("zephrin");
+  const fs::path file = etc / "anchors.pem";
+  const struct {
+    const char *what;
+    bool good;
+    std::function<void()> change;
+  } kRows[] = {
+      {"as meant", true, [] {}},
+      {"missing", false, [&] { fs::remove(file); }},
+      {"others may write", false, [&] { chmod(file.c_str(), 0646); }},
+      {"the group may write", false, [&] { chmod(file.c_str(), 0664); }},
+      {"a user's", false, [&] { EXPECT_EQ(0, chown(file.c_str(), 12345, 0)); }},
+      {"others may exchange it", false, [&] { chmod(etc.c_str(), 0757); }},
+      {"a user may exchange it", false, [&] { EXPECT_EQ(0, chown(etc.c_str(), 12345, 0)); }},
+      {"a user may exchange its folder", false,
+       [&] { EXPECT_EQ(0, chown(dir.Path().c_str(), 12345, 0)); }},
+      {"a link", false,
+       [&] {
+         fs::rename(file, etc / "real");
+         fs::create_symlink("real", file);
+       }},
+      {"a FIFO", false,
+       [&] {
+         fs::remove(file);
+         mkfifo(file.c_str(), 0644);
+       }},
+  };
+  for (const auto &row : kRows) {
+    fs::remove_all(etc);
+    fs::create_directory(etc);
+    EXPECT_EQ(0, chown(dir.Path().c_str(), 0, 0));
+    dir.Write("zephrin/anchors.pem", "anchors");
+    chmod(etc.c_str(), 0755);
+    chmod(file.c_str(), 0644);
+    row.change();
+    const Fd start(open(dir.Path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    SmallFileBytes anchors;
+    EXPECT_EQ(row.good ? SealVerdict::Valid : SealVerdict::NoAnchors,
+              SealReadAnchors(start.Get(), "zephrin/anchors.pem", &anchors))
+        << row.what;
+    EXPECT_EQ(row.good ? "anchors" : "", anchors.View()) << row.what;
+  }
+}
+
+// ---- the seam, the tool ------------------------------------------------------------------------
+
+TEST_F(Seal, OfNothingFailsEarlierThanOfSomethingUnsigned) {
+  mkfifo(dir.Path("fifo").c_str(), 0600);
+  EXPECT_EQ(3, Platform_VerifyCodeSignature(dir.Path("fifo").c_str(), kName.c_str()));
+  EXPECT_EQ(3, Platform_VerifyCodeSignature(dir.Path("nothing").c_str(), kName.c_str()));
+  EXPECT_EQ(7, Platform_VerifyCodeSignature(dir.Write("file", "").c_str(), kName.c_str()));
+}
+
+TEST_F(Seal, ToolSignsAndVerifies) {
+  const fs::path bundle = dir.Path("b");
+  fs::create_directories(bundle / "Contents/_CodeSignature");
+  std::ofstream(bundle / "Contents/_CodeSignature/CodeSeal.new") << "left by an interrupted run";
+  const auto tool = [&](const std::string &arguments, const std::string &environment = "") {
+    return Shell(environment + " " LUMEN_CODESEAL " " + arguments + " 2>'" + dir.Path("log") + "'");
+  };
+  const std::string signer =
+      " --key '" + Authority("valid.key") + "' --cert '" + Authority("valid.pem") + "' ";
+  const std::string verify = "verify --anchors '" + Authority("root.pem") + "' --identifier ";
+  EXPECT_EQ(0, tool("sign" + signer + "--identifier name '" + bundle.string() + "'"))
+      << ReadFile(dir.Path("log"));
+  EXPECT_EQ(0, tool(verify + "name '" + bundle.string() + "'")) << ReadFile(dir.Path("log"));
+  EXPECT_EQ(1, tool(verify + "other '" + bundle.string() + "'"));
+  EXPECT_NE(std::string::npos, ReadFile(dir.Path("log")).find("another identifier"));
+  EXPECT_EQ(1, tool(verify + "name '" + dir.Path("nothing") + "'"));
+  EXPECT_EQ(2, tool(verify + "name"));
+  EXPECT_EQ(2, tool("sign --identifier name '" + bundle.string() + "'"));
+
+  // A configuration that lets nothing be computed, and the proof that it would.
+  const std::string configuration =
+      "OPENSSL_CONF='" +
+      dir.Write("config",
+                "openssl_conf = a\n[a]\nalg_section = b\n[b]\ndefault_properties = x=y\n") +
+      "'";
+  EXPECT_NE(
+      0, Shell(configuration + " openssl dgst -sha256 /dev/null >'" + dir.Path("log") + "' 2>&1"));
+  EXPECT_EQ(0, tool(verify + "name '" + bundle.string() + "'", configuration));
+}
+
+}  // namespace

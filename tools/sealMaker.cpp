@@ -1,0 +1,201 @@
+// sealMaker.cpp -- making seals.
+
+#include "tools/sealMaker.h"
+
+#include <fcntl.h>
+#include <openssl/cms.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include "fd.h"
+#include "platform/linux/openssl.h"
+#include "platform/linux/sealDigest.h"
+#include "platform/linux/sealSignature.h"
+#include "platform/linux/sealText.h"
+#include "platform/linux/sealWalk.h"
+
+namespace {
+
+using Bio = OpensslOwner<BIO, BIO_free_all>;
+using Cms = OpensslOwner<CMS_ContentInfo, CMS_ContentInfo_free>;
+using Key = OpensslOwner<EVP_PKEY, EVP_PKEY_free>;
+using X509Owner = OpensslOwner<X509, X509_free>;
+
+constexpr char kFolder[] = "Contents/_CodeSignature";
+constexpr char kHalfDone[] = "Contents/_CodeSignature/CodeSeal.new";
+
+[[noreturn]] void ThrowErrno(const std::string &what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+[[noreturn]] void ThrowOpenssl(const std::string &what) {
+  const char *const reason = ERR_reason_error_string(ERR_peek_last_error());
+  throw std::runtime_error(what + (reason == nullptr ? "" : std::string(": ") + reason));
+}
+
+bool IsDirectory(int fd) {
+  struct stat info;
+  if (fstat(fd, &info) != 0) ThrowErrno("fstat");
+  return S_ISDIR(info.st_mode);
+}
+
+// ---- what is there -----------------------------------------------------------------------------
+
+struct Found {
+  std::string path;
+  bool isLink = false;
+  std::string target;
+  SealDigest digest = {};
+};
+
+// The walk knows no exceptions: what fails is told by errno.
+bool Collect(void *context, const SealFound &found) {
+  Found &one = static_cast<std::vector<Found> *>(context)->emplace_back();
+  one.path = found.path;
+  one.isLink = found.target != nullptr;
+  if (one.isLink) one.target = found.target;
+  return one.isLink || SealDigestOf(found.fd, &one.digest);
+}
+
+std::vector<Found> Survey(int item) {
+  std::vector<Found> found;
+  if (!IsDirectory(item)) {
+    if (!Collect(&found, {kSealSinglePath, item, nullptr})) ThrowErrno("reading");
+    return found;
+  }
+  SealWalk walk(Collect, &found);
+  if (!walk.Below(item)) ThrowErrno(walk.Path());
+  if (found.size() > kSealMaxItems) throw std::runtime_error("too many files");
+  std::ranges::sort(found, {}, &Found::path);
+  return found;
+}
+
+// ---- PEM files ---------------------------------------------------------------------------------
+
+Bio OpenPem(const std::string &path) {
+  errno = 0;
+  Bio bio(BIO_new_file(path.c_str(), "r"));
+  if (bio == nullptr) ThrowErrno(path);
+  return bio;
+}
+
+Key ReadKey(const std::string &path) {
+  Key key(PEM_read_bio_PrivateKey(OpenPem(path).get(), nullptr, nullptr, nullptr));
+  if (key == nullptr) ThrowOpenssl(path + ": no private key");
+  return key;
+}
+
+std::vector<X509Owner> ReadCertificates(const std::string &path) {
+  std::vector<X509Owner> all;
+  const Bio bio = OpenPem(path);
+  while (X509 *const one = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)) {
+    all.emplace_back(one);
+  }
+  if (all.empty()) throw std::runtime_error(path + ": no certificate");
+  ERR_clear_error();
+  return all;
+}
+
+// ---- attaching ---------------------------------------------------------------------------------
+
+// Appears whole or not at all.
+void WriteSealFile(int bundle, const std::string &seal) {
+  if (mkdirat(bundle, kFolder, 0755) != 0 && errno != EEXIST) ThrowErrno(kFolder);
+  const Fd fd(
+      openat(bundle, kHalfDone, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!fd) ThrowErrno(kHalfDone);
+  for (size_t done = 0; done < seal.size();) {
+    const ssize_t n = write(fd.Get(), seal.data() + done, seal.size() - done);
+    if (n < 0 && errno != EINTR) ThrowErrno(kHalfDone);
+    if (n > 0) done += static_cast<size_t>(n);
+  }
+  // The umask has no say in who can verify.
+  if (fchmod(fd.Get(), 0644) != 0 || fsync(fd.Get()) != 0) ThrowErrno(kHalfDone);
+  if (renameat(bundle, kHalfDone, bundle, kSealFile) != 0) ThrowErrno(kSealFile);
+}
+
+}  // namespace
+
+std::string SealMaker_Text(int item, const std::string &identifier) {
+  const std::vector<Found> found = Survey(item);
+  std::vector<SealItem> items;
+  items.reserve(found.size());
+  for (const Found &one : found) {
+    items.push_back({one.path.c_str(), one.isLink ? one.target.c_str() : nullptr, one.digest});
+  }
+  size_t size = 0;
+  const HeapArray<char> text = SealWrite(identifier.c_str(), items, &size);
+  if (text == nullptr) ThrowErrno("seal");
+  return {text.get(), size};
+}
+
+std::string SealMaker_Sign(const std::string &text, const SealMakerFiles &files) {
+  if (!OpensslStart()) ThrowOpenssl("OpenSSL does not start");
+  const Key key = ReadKey(files.key);
+  const std::vector<X509Owner> certs = ReadCertificates(files.cert);
+  std::vector<X509Owner> chain;
+  if (!files.chain.empty()) chain = ReadCertificates(files.chain);
+
+  constexpr unsigned kFlags = CMS_BINARY | CMS_PARTIAL | CMS_NOSMIMECAP;
+  const Cms cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, kFlags));
+  const Bio content(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+  if (cms == nullptr || content == nullptr ||
+      CMS_add1_signer(cms.get(), certs.front().get(), key.get(), EVP_sha256(), kFlags) == nullptr) {
+    ThrowOpenssl(files.cert);
+  }
+  for (const X509Owner &authority : chain) {
+    if (CMS_add1_cert(cms.get(), authority.get()) != 1) ThrowOpenssl(files.chain);
+  }
+  if (CMS_final(cms.get(), content.get(), nullptr, kFlags) != 1) ThrowOpenssl("signing");
+  unsigned char *out = nullptr;
+  const int size = i2d_CMS_ContentInfo(cms.get(), &out);
+  if (size <= 0) ThrowOpenssl("signing");
+  std::string seal(reinterpret_cast<char *>(out), static_cast<size_t>(size));
+  OPENSSL_free(out);
+  if (seal.size() > kSealMaxSize) throw std::runtime_error("the seal gets too large");
+  return seal;
+}
+
+void SealMaker_Clear(int item) {
+  if (IsDirectory(item) && unlinkat(item, kHalfDone, 0) != 0 && errno != ENOENT) {
+    ThrowErrno(kHalfDone);
+  }
+}
+
+void SealMaker_Attach(int item, const std::string &seal) {
+  if (IsDirectory(item)) {
+    WriteSealFile(item, seal);
+  } else if (fsetxattr(item, kSealAttribute, seal.data(), seal.size(), 0) != 0) {
+    ThrowErrno(kSealAttribute);
+  }
+}
+
+std::string SealMaker_Describe(const std::string &seal) {
+  if (!OpensslStart()) ThrowOpenssl("OpenSSL does not start");
+  const auto *next = reinterpret_cast<const unsigned char *>(seal.data());
+  const Cms cms(d2i_CMS_ContentInfo(nullptr, &next, static_cast<long>(seal.size())));
+  ASN1_OCTET_STRING **const content = cms == nullptr ? nullptr : CMS_get0_content(cms.get());
+  if (content == nullptr || *content == nullptr) throw std::runtime_error("not a seal");
+  std::string text(reinterpret_cast<const char *>(ASN1_STRING_get0_data(*content)),
+                   static_cast<size_t>(ASN1_STRING_length(*content)));
+  STACK_OF(X509) *const certs = CMS_get1_certs(cms.get());
+  for (int i = 0; i < sk_X509_num(certs); i++) {
+    const Bio out(BIO_new(BIO_s_mem()));
+    X509_NAME_print_ex(out.get(), X509_get_subject_name(sk_X509_value(certs, i)), 0,
+                       XN_FLAG_RFC2253);
+    char *name = nullptr;
+    const long size = BIO_get_mem_data(out.get(), &name);
+    text += "certificate " + std::string(name, static_cast<size_t>(size)) + "\n";
+  }
+  sk_X509_pop_free(certs, X509_free);
+  return text;
+}
