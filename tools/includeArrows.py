@@ -21,7 +21,7 @@ ARROWS = {
     'codeset': {'platform', 'lib/string', 'containers', 'encoding'},
     'lib/unicode': {'lib/string', 'containers', 'encoding', 'codeset'},
     'lib/misc': {'platform', 'lib/string', 'containers', 'encoding', 'codeset'},
-    'lib/lock': {'lib/string'},
+    'lib/lock': {'platform', 'lib/string'},
     'messages': {'platform', 'lib/string', 'containers', 'codeset', 'lib/lock'},
     'lib/file': {'platform', 'lib/string', 'containers', 'encoding', 'codeset', 'lib/misc',
                  'lib/unicode', 'lib/lock', 'messages'},
@@ -64,7 +64,8 @@ def layer(path, sources):
 
 
 def resolve(name, includer, files):
-    candidates = (os.path.join(os.path.dirname(includer), name), name, PUBLIC + name)
+    candidates = (os.path.join(os.path.dirname(includer), name), name, PUBLIC + name,
+                  'platform/linux/' + name)     # stands for each host's header of that name
     return next((c for c in map(os.path.normpath, candidates) if c in files), None)
 
 

@@ -2,8 +2,7 @@
 
 #include "log.h"
 #include "mxUserInt.h"
-
-struct MXUserExclLock : MXUserLock {};
+#include "mxUserStats.h"
 
 namespace {
 
@@ -46,7 +45,8 @@ MXUserExclLock *MXUser_CreateSingletonExclLock(std::atomic<MXUserExclLock *> *sl
 
 void MXUser_AcquireExclLock(MXUserExclLock *lock) {
   const int error = lock->native.Acquire();
-  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
+  if (error != 0) [[unlikely]]
+    MXUserNativeFailure(*lock, __func__, error);
 }
 
 bool MXUser_TryAcquireExclLock(MXUserExclLock *lock) {
@@ -54,11 +54,10 @@ bool MXUser_TryAcquireExclLock(MXUserExclLock *lock) {
 }
 
 void MXUser_ReleaseExclLock(MXUserExclLock *lock) {
-  if (!lock->native.IsOwnedByCaller()) {
+  if (!lock->native.IsOwnedByCaller()) [[unlikely]] {
     MXUserDumpAndPanic(*lock, "%s: Release of an unacquired exclusive lock\n", __func__);
   }
-  const int error = lock->native.Release();
-  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
+  lock->native.Release();
 }
 
 bool MXUser_IsCurThreadHoldingExclLock(const MXUserExclLock *lock) {
@@ -71,8 +70,21 @@ void MXUser_DestroyExclLock(MXUserExclLock *lock) {
     MXUserDumpAndPanic(*lock, "%s: Destroy of an acquired exclusive lock\n", __func__);
   }
   const int error = lock->native.Destroy();
-  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
+  if (error != 0) [[unlikely]]
+    MXUserNativeFailure(*lock, __func__, error);
   MXUserRemoveFromList(lock);
   lock->signature.Set(0);
   MXUserPtr<MXUserExclLock>(lock).reset();
+}
+
+bool MXUser_SetContentionRatioFloorExclLock(MXUserExclLock *lock, double ratioFloor) {
+  return MXUserSetRatioFloor(lock, ratioFloor);
+}
+
+bool MXUser_SetContentionCountFloorExclLock(MXUserExclLock *lock, uint64_t countFloor) {
+  return MXUserSetCountFloor(lock, countFloor);
+}
+
+bool MXUser_SetContentionDurationFloorExclLock(MXUserExclLock *lock, uint64_t durationFloor) {
+  return MXUserSetDurationFloor(lock, durationFloor);
 }

@@ -5,6 +5,7 @@
 
 #include "log.h"
 #include "mxUserInt.h"
+#include "mxUserStats.h"
 #include "str.h"
 
 namespace {
@@ -25,21 +26,15 @@ struct NativeLockDeleter {
   }
 };
 
-// The list lock for a scope; null when there is none.
-class ListLockHolder {
-  MXUserNativeLock *const lock_ = MXUserGetListLock();
-
- public:
-  ListLockHolder() {
-    if (lock_ != nullptr && lock_->Acquire() != 0) Panic("%s: no list lock\n", __func__);
-  }
-  ListLockHolder(const ListLockHolder &) = delete;
-  ListLockHolder &operator=(const ListLockHolder &) = delete;
-  ~ListLockHolder() {
-    if (lock_ != nullptr) lock_->Release();
-  }
-  explicit operator bool() const { return lock_ != nullptr; }
-};
+// Null when the native lock could not be made.
+MXUserNativeLock *GetListLock() {
+  MXUserNativeLock *const lock = state.listLock.load(std::memory_order_acquire);
+  if (lock != nullptr) return lock;
+  MXUserPtr<MXUserNativeLock> fresh = MXUserNew<MXUserNativeLock>();
+  if (fresh->Init() != 0) return nullptr;
+  return MXUserInstallOnce(&state.listLock,
+                           std::unique_ptr<MXUserNativeLock, NativeLockDeleter>(fresh.release()));
+}
 
 uint32_t Salt() {
   uint32_t salt = state.salt.load(std::memory_order_relaxed);
@@ -73,7 +68,6 @@ void MXUserInitHeader(MXUserHeader *header, const MXUserLockKind &kind, HeapStr 
   header->name = std::move(name);
   header->signature.Set(MXUserSignature(kind.type));
   header->rank = rank;
-  header->serialNumber = MXUserAllocSerialNumber();
   header->dump = kind.dump;
 }
 
@@ -83,23 +77,37 @@ void MXUserInitLock(MXUserLock *lock, const MXUserLockKind &kind, const char *na
     Panic("%s: native lock initialization routine failed\n", kind.createName);
   }
   MXUserInitHeader(lock, kind, NameOf(kind, name, creator), rank);
+  MXUserInitStats(lock, kind);
   MXUserAddToList(lock);
 }
 
 // ---- the list --------------------------------------------------------------------------------
 
-MXUserNativeLock *MXUserGetListLock() {
-  MXUserNativeLock *const lock = state.listLock.load(std::memory_order_acquire);
-  if (lock != nullptr) return lock;
-  MXUserPtr<MXUserNativeLock> fresh = MXUserNew<MXUserNativeLock>();
-  if (fresh->Init() != 0) return nullptr;
-  return MXUserInstallOnce(&state.listLock,
-                           std::unique_ptr<MXUserNativeLock, NativeLockDeleter>(fresh.release()));
+MXUserListHolder::MXUserListHolder(Mode mode) : lock_(GetListLock()) {
+  if (lock_ == nullptr) return;
+  const int error = mode == Mode::wait ? lock_->Acquire() : lock_->TryAcquire();
+  if (error == 0) return;
+  if (mode == Mode::wait) Panic("%s: failure %d on the list lock\n", "MXUserListHolder", error);
+  lock_ = nullptr;
 }
 
+void MXUserForEachLock(void (*visit)(MXUserHeader *header)) {
+  MXUserHeader *header = state.head;
+  if (header == nullptr) return;
+  do {
+    MXUserHeader *const next = header->next;
+    visit(header);
+    header = next;
+  } while (header != state.head);
+}
+
+// The number is drawn under the list lock, although it need not be for its own sake: so no lock
+// appears on the list after one with a higher number, and the statistics pass, which remembers the
+// highest that it has announced, misses none.
 void MXUserAddToList(MXUserHeader *header) {
-  const ListLockHolder holder;
-  if (!holder) return;
+  const MXUserListHolder list(MXUserListHolder::Mode::wait);
+  header->serialNumber = MXUserAllocSerialNumber();
+  if (!list) return;
   MXUserHeader *const head = state.head;
   if (head == nullptr) {
     header->next = header->prev = state.head = header;
@@ -112,8 +120,8 @@ void MXUserAddToList(MXUserHeader *header) {
 }
 
 void MXUserRemoveFromList(MXUserHeader *header) {
-  const ListLockHolder holder;
-  if (!holder || header->next == nullptr) return;
+  const MXUserListHolder list(MXUserListHolder::Mode::wait);
+  if (!list || header->next == nullptr) return;
   if (header->next == header) {
     state.head = nullptr;
   } else {

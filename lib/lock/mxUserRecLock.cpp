@@ -1,16 +1,9 @@
 // mxUserRecLock.cpp -- recursive locks: counted references, and locks that stand for external ones.
-//
-// A bound lock has no native mutex and is on no list: `native` stays as it was born, and every
-// operation goes to the hooks, which were complete when the lock was bound and never change.
 
 #include "log.h"
 #include "mxUserInt.h"
+#include "mxUserStats.h"
 #include "str.h"
-
-struct MXUserRecLock : MXUserLock {
-  std::atomic<uint32_t> refCount = 1;
-  MX_MutexRec *vmmLock;  // null for an ordinary lock
-};
 
 namespace {
 
@@ -53,7 +46,8 @@ void DestroyNative(MXUserRecLock *lock) {
                        "MXUserCondDestroyRecLock");
   }
   const int error = lock->native.Destroy();
-  if (error != 0) MXUserNativeFailure(*lock, "MXUserCondDestroyRecLock", error);
+  if (error != 0) [[unlikely]]
+    MXUserNativeFailure(*lock, "MXUserCondDestroyRecLock", error);
   MXUserRemoveFromList(lock);
 }
 
@@ -84,6 +78,7 @@ MXUserRecLock *MXUser_BindMXMutexRec(MX_MutexRec *external, MX_Rank rank) {
                       : Str_SafeAsprintf(nullptr, "MX_%p", static_cast<void *>(external)));
   MXUserPtr<MXUserRecLock> lock = MXUserNew<MXUserRecLock>();
   MXUserInitHeader(lock.get(), kKind, std::move(ownName), rank);
+  lock->serialNumber = MXUserAllocSerialNumber();
   lock->vmmLock = external;
   return lock.release();
 }
@@ -116,7 +111,8 @@ void MXUser_AcquireRecLock(MXUserRecLock *lock) {
     return;
   }
   const int error = lock->native.Acquire();
-  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
+  if (error != 0) [[unlikely]]
+    MXUserNativeFailure(*lock, __func__, error);
 }
 
 bool MXUser_TryAcquireRecLock(MXUserRecLock *lock) {
@@ -125,15 +121,13 @@ bool MXUser_TryAcquireRecLock(MXUserRecLock *lock) {
 }
 
 void MXUser_ReleaseRecLock(MXUserRecLock *lock) {
-  if (lock->vmmLock != nullptr) {
+  if (lock->native.IsOwnedByCaller()) [[likely]] {
+    lock->native.Release();
+  } else if (lock->vmmLock != nullptr) {
     MXUserGetMxHooks().release(lock->vmmLock);
-    return;
-  }
-  if (!lock->native.IsOwnedByCaller()) {
+  } else {
     MXUserDumpAndPanic(*lock, "%s: Release of an unacquired recursive lock\n", __func__);
   }
-  const int error = lock->native.Release();
-  if (error != 0) MXUserNativeFailure(*lock, __func__, error);
 }
 
 bool MXUser_IsCurThreadHoldingRecLock(const MXUserRecLock *lock) {
@@ -147,4 +141,16 @@ MX_Rank MXUser_GetRecLockRank(const MXUserRecLock *lock) {
 
 MX_MutexRec *MXUser_GetRecLockVmm(const MXUserRecLock *lock) {
   return lock->vmmLock;
+}
+
+bool MXUser_SetContentionRatioFloorRecLock(MXUserRecLock *lock, double ratioFloor) {
+  return MXUserSetRatioFloor(lock, ratioFloor);
+}
+
+bool MXUser_SetContentionCountFloorRecLock(MXUserRecLock *lock, uint64_t countFloor) {
+  return MXUserSetCountFloor(lock, countFloor);
+}
+
+bool MXUser_SetContentionDurationFloorRecLock(MXUserRecLock *lock, uint64_t durationFloor) {
+  return MXUserSetDurationFloor(lock, durationFloor);
 }

@@ -1,0 +1,104 @@
+// mxUserStats.h -- the statistics of locks: their records, how samples get in, and the check for
+// contention.
+//
+// A record is written by the thread that holds the lock, and read by the statistics pass of
+// whatever thread meanwhile: a line may mix values from before and after a sample, which is good
+// enough for statistics.  Only what a thread without the lock can count, too, is added atomically.
+//
+// Nothing samples yet: the mode is 0, and the paths of acquisition and release stay as short as
+// they are.
+#pragma once
+
+#include "mxUserInt.h"
+
+// ---- histograms ------------------------------------------------------------------------------
+
+// Bins are equally wide in the logarithm.
+struct MXUserHisto {
+  const char *typeName;
+  uint32_t numBins;
+  uint64_t minValue;
+  uint64_t maxValue;
+  MXUserShared<uint64_t> totalSamples;
+  std::unique_ptr<MXUserShared<uint64_t>[], HeapFreer> bins;
+};
+
+// From minValue > 0 on, with 100 bins a decade.
+[[nodiscard]] MXUserPtr<MXUserHisto> MXUserNewHisto(const char *typeName, uint64_t minValue,
+                                                    uint32_t decades);
+
+// What lies below the range goes to the first bin, what lies above to the last.
+void MXUserHistoSample(MXUserHisto *histo, uint64_t value);
+
+// ---- samples ---------------------------------------------------------------------------------
+
+struct MXUserBasicStats {
+  const char *typeName = nullptr;
+  MXUserShared<uint64_t> numSamples;
+  MXUserShared<uint64_t> minTime{UINT64_MAX};
+  MXUserShared<uint64_t> maxTime;
+  MXUserShared<uint64_t> timeSum;
+  MXUserShared<double> timeSquaredSum;
+  MXUserOnceSlot<MXUserHisto> histo;  // none until the lock turns hot
+};
+
+// The caller holds the lock.
+void MXUserBasicStatsSample(MXUserBasicStats *stats, uint64_t value);
+
+// The standard deviation, rounded; 0 for fewer than two samples.
+[[nodiscard]] uint64_t MXUserStandardDeviation(uint64_t numSamples, uint64_t timeSum,
+                                               double timeSquaredSum);
+
+// ---- acquisitions ----------------------------------------------------------------------------
+
+struct MXUserAcquireStats {
+  MXUserShared<double> ratioFloor;
+  MXUserShared<uint64_t> countFloor;
+  MXUserShared<uint64_t> durationFloor;
+
+  std::atomic<uint64_t> numAttempts = 0;
+  MXUserShared<uint64_t> numSuccesses;
+  MXUserShared<uint64_t> numSuccessesContended;
+  MXUserShared<uint64_t> successContentionTime;
+  std::atomic<uint64_t> totalContentionTime = 0;
+
+  MXUserBasicStats basic;
+};
+
+// An attempt that took `elapsed` nanoseconds, most of them waiting if `contended`.  After a
+// successful one the caller holds the lock.
+void MXUserAcquisitionSample(MXUserAcquireStats *stats, bool acquired, bool contended,
+                             uint64_t elapsed);
+
+// What the check for contention says.
+struct MXUserContention {
+  bool isHot;
+  bool doLog;
+  double ratio;
+};
+[[nodiscard]] MXUserContention MXUserCheckContention(const MXUserAcquireStats &stats);
+
+// ---- held times ------------------------------------------------------------------------------
+
+struct MXUserHeldStats {
+  MXUserShared<uint64_t> holdStart;
+  MXUserBasicStats basic;
+};
+
+// ---- of one lock -----------------------------------------------------------------------------
+
+// 0: no statistics; 1: acquisitions; 2: held times, too.  Holds for locks created from then on; any
+// other value is fatal to them.
+void MXUserSetStatsMode(int mode);
+
+// Makes the records that the mode asks for.
+void MXUserInitStats(MXUserLock *lock, const MXUserLockKind &kind);
+
+// The statistics action: writes the lines of a MXUserLock, and makes the histograms of one that is
+// hot.  For the statistics pass.
+void MXUserStatsAction(MXUserHeader *header);
+
+// False when the lock has no statistics of acquisitions.
+bool MXUserSetRatioFloor(MXUserLock *lock, double ratioFloor);
+bool MXUserSetCountFloor(MXUserLock *lock, uint64_t countFloor);
+bool MXUserSetDurationFloor(MXUserLock *lock, uint64_t durationFloor);
