@@ -80,30 +80,32 @@ void FreePending(void *value) {
   MsgList_Free(pending->messages);
 }
 
-// What this thread has; null when it never had anything.
-Pending *FindPending(const MsgState &state) {
+// What this thread has; null when it has nothing.
+Pending *FindPending() {
   void *pending = nullptr;
-  HashTable_Lookup(state.threads, ThisThread(), &pending);
+  HashTable_Lookup(State().threads, ThisThread(), &pending);
   return static_cast<Pending *>(pending);
 }
 
-// The list of this thread, to be changed.
-MsgList **PendingList() {
+Pending *MakePending() {
   const MsgState &state = State();
-  Pending *pending = FindPending(state);
-  if (pending == nullptr) {
-    pending = new (Heap_SafeMalloc(sizeof(Pending))) Pending;
-    if (pthread_setspecific(state.ending, pending) != 0) Fatal_MemAlloc();
-    HashTable_ReplaceOrInsert(state.threads, ThisThread(), pending);
-  }
-  return &pending->messages;
+  auto *const pending = new (Heap_SafeMalloc(sizeof(Pending))) Pending;
+  if (pthread_setspecific(state.ending, pending) != 0) Fatal_MemAlloc();
+  HashTable_ReplaceOrInsert(state.threads, ThisThread(), pending);
+  return pending;
+}
+
+// Where this thread's messages go.
+MsgList **ListToAppend() {
+  Pending *const found = FindPending();
+  return found != nullptr ? &found->messages : &MakePending()->messages;
 }
 
 }  // namespace
 
 void Msg_VAppend(const char *idFormat, va_list args) {
   const ErrnoKeeper keeper;
-  MsgList_VAppend(PendingList(), idFormat, args);
+  MsgList_VAppend(ListToAppend(), idFormat, args);
 }
 
 void Msg_Append(const char *idFormat, ...) {
@@ -115,22 +117,24 @@ void Msg_Append(const char *idFormat, ...) {
 
 void Msg_AppendStr(const char *idText) {
   const ErrnoKeeper keeper;
-  MsgList_AppendStr(PendingList(), idText);
+  MsgList_AppendStr(ListToAppend(), idText);
 }
 
 void Msg_AppendMsgList(MsgList *messages) {
   const ErrnoKeeper keeper;
-  MsgList_AppendMsgList(PendingList(), messages);
+  MsgList_AppendMsgList(ListToAppend(), messages);
 }
 
 MsgList *Msg_TakePending() {
   const ErrnoKeeper keeper;
-  return std::exchange(*PendingList(), nullptr);
+  Pending *const pending = FindPending();
+  return pending != nullptr ? std::exchange(pending->messages, nullptr) : nullptr;
 }
 
 void Msg_LogPending() {
   const ErrnoKeeper keeper;
-  MsgList_Log(*PendingList());
+  const Pending *const pending = FindPending();
+  if (pending != nullptr) MsgList_Log(pending->messages);
 }
 
 void Msg_Reset() {

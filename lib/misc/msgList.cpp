@@ -8,7 +8,6 @@
 #include <new>
 #include <string_view>
 
-#include "dynbuf.h"
 #include "errnoKeeper.h"
 #include "fatal.h"
 #include "heap.h"
@@ -47,9 +46,10 @@ void AppendLiteral(MsgList **list, const char *text) {
   MsgList_Append(list, "@&!*@*@(msg.literal)%s", text);
 }
 
-// The text of one message.  A format that does not suit its arguments, as a text that was appended
-// as it is and contains a %, is its own text.
+// The text of one message.  A format that does not suit its arguments, as a text with a stray %,
+// stands for itself: better than nothing.
 HeapStr TextOf(const MsgList &message) {
+  const ErrnoKeeper keeper;
   HeapStr text(MsgFmt_Asprintf(nullptr, message.format, message.args, message.numArgs));
   if (text == nullptr && errno == ENOMEM) Fatal_MemAlloc();
   return text != nullptr ? std::move(text) : Heap_SafeStrdup(message.format);
@@ -141,12 +141,15 @@ void MsgList_Free(MsgList *list) {
   }
 }
 
+// A loop: recursion would need a stack as long as the list.
 char *MsgList_ToString(const MsgList *list) {
-  if (list == nullptr) return nullptr;
-  const HeapStr text = TextOf(*list);
-  const HeapStr rest(MsgList_ToString(list->next));
-  return Str_SafeAsprintf(nullptr, "%s%s%s", text.get(), MissingNewline(text.get()),
-                          rest != nullptr ? rest.get() : "");
+  HeapStr all;
+  for (; list != nullptr; list = list->next) {
+    const HeapStr text = TextOf(*list);
+    all.reset(Str_SafeAsprintf(nullptr, "%s%s%s", all != nullptr ? all.get() : "", text.get(),
+                               MissingNewline(text.get())));
+  }
+  return all.release();
 }
 
 void MsgList_Log(const MsgList *list) {

@@ -53,8 +53,10 @@ class Buffer {
     return reinterpret_cast<T *>(object);
   }
 
-  // Writes a text over all that is there, cut to the size; null when there is no size.
-  __attribute__((format(printf, 2, 0))) char *Overwrite(const char *format, va_list args) {
+  void Clear() { at_ = begin_; }
+
+  // The first text of an empty buffer, cut to its size; null when it has none.
+  __attribute__((format(printf, 2, 0))) char *Format(const char *format, va_list args) {
     const auto size = static_cast<size_t>(end_ - begin_);
     if (size == 0) return nullptr;
     static_cast<void>(Str_Vsnprintf(begin_, size, format, args));
@@ -122,11 +124,12 @@ void Capture::HandOver(MsgFmt_Arg **args, int *numArgs) {
 
 bool Capture::Fail(const char *format, ...) {
   Drop();
+  if (buffer_ != nullptr) buffer_->Clear();
   if (error_ == nullptr) return false;
   va_list args;
   va_start(args, format);
   *error_ =
-      buffer_ != nullptr ? buffer_->Overwrite(format, args) : Str_Vasprintf(nullptr, format, args);
+      buffer_ != nullptr ? buffer_->Format(format, args) : Str_Vasprintf(nullptr, format, args);
   va_end(args);
   if (buffer_ == nullptr && *error_ == nullptr) Fatal_Verify(kMsgFmtSource, 1580);
   return false;

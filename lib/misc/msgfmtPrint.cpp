@@ -21,13 +21,13 @@ bool Holds(Records records, size_t position, MsgFmt_ArgType wanted) {
   return type == wanted || (type == MSGFMT_ARG_ERRNO && wanted == MSGFMT_ARG_STRING8);
 }
 
-// Whether the records are what the format asks for.  A format may come from a translation, and the
-// engine would take a number for a string.
+// Whether the records are what the format asks for, and the format is one that could have been
+// captured.  A format may come from a translation, and the engine would take a number for a string.
 bool Suit(Records records, const char *format) {
   for (FormatWalk walk(format); walk.Next();) {
     const FormatPlaces &places = walk.Places();
     const MsgFmt_ArgType type = MsgFmtTypeOf(walk.Conversion());
-    if (places.value != 0 && type == MSGFMT_ARG_INVALID) return false;
+    if (type == MSGFMT_ARG_INVALID && walk.Conversion().character != '%') return false;
     if (!Holds(records, places.width, kMsgFmtCountType) ||
         !Holds(records, places.precision, kMsgFmtCountType) ||
         !Holds(records, places.value, type)) {

@@ -2,7 +2,8 @@
 //
 // A procedure that fails appends what went wrong for the user here and returns its result; the
 // caller decides whether the messages are shown, logged or dropped.  They belong to the thread
-// that appended them and are freed when it ends.  errno is unchanged.  Any thread.
+// that appended them and are freed when it ends.  errno is unchanged.  Any thread.  Exhausted memory
+// is fatal.
 #pragma once
 
 #include <cstdarg>
@@ -15,7 +16,8 @@ void Msg_VAppend(const char *idFormat, va_list args) __attribute__((format(print
 void Msg_AppendStr(const char *idText);
 void Msg_AppendMsgList(MsgList *messages);
 
-// Hands the pending messages of this thread to the caller, who frees them; null when there are none.
+// Hands the pending messages of this thread to the caller, who frees them with MsgList_Free; null
+// when there are none.
 [[nodiscard]] MsgList *Msg_TakePending();
 
 // Logs the pending messages of this thread, which stay.

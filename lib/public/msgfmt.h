@@ -1,7 +1,13 @@
 // msgfmt.h -- the arguments of a printf format, captured now and formatted later.
 //
 // A message is kept as its format and its arguments, so that it can be translated before it is
-// printed.  The format language is that of str.h without %n.  Positions count from 1.  Any thread.
+// printed.  The format language is that of str.h, and what was captured prints as Str_Asprintf
+// would have printed it at once.  It is stricter in this:
+//   %n, and floating point with a modifier for long double or intmax_t, cannot be captured;
+//   a position must have one type wherever it is used, and none may be left out;
+//   a conversion must be complete;
+//   an unknown conversion character is fatal.
+// Positions count from 1; a width or precision that is an argument has one, too.  Any thread.
 #pragma once
 
 #include <cstdarg>
@@ -28,41 +34,52 @@ enum MsgFmt_ErrorKind : int32_t {
   MSGFMT_ERROR_ERRNO = 1,  // an errno value of this host
 };
 
+// One argument.
 struct MsgFmt_Arg {
   MsgFmt_ArgType type;
-  int32_t precision;  // how much of a string is captured, in its units; -1 for all of it
+  int32_t precision;  // how many units of a string are captured at most; -1 for all of them
   union {
-    int32_t signed32;
-    int64_t signed64;  // also the bits of a pointer
+    int32_t signed32;  // any integer up to int, as its bits; also a character
+    int64_t signed64;  // any longer one; also the bits of a pointer
     double float64;
     char *string8;      // also of MSGFMT_ARG_ERRNO; null for a null argument
-    wchar_t *string32;  // 32-bit units
+    wchar_t *string32;  // likewise; 32-bit units
   } v;
   int32_t errorKind;    // of MSGFMT_ARG_ERRNO: a MsgFmt_ErrorKind
   int32_t errorNumber;  // of MSGFMT_ARG_ERRNO
 };
 
-// Captures every argument that `format` refers to.  True with a new array of *numArgs records in
-// *args (null when there are none), which the caller frees with MsgFmt_FreeArgs.  False with
-// *args null, *numArgs 0 and in *error, if error is not null, a new text that the caller frees.  A
-// conversion that no table knows is fatal.
+// Captures every argument that `format` (not null) refers to; of a string no more is read than the
+// format would print.  `args` is used up.
+//
+// True with *numArgs records in a new array in *argsOut (null when there are none), which the
+// caller frees with MsgFmt_FreeArgs.  False with *argsOut null, *numArgs 0 and in *error a new text
+// that the caller frees with free(): what is wrong with the format, or that memory ran out.  error
+// may be null; on success *error is null.
 [[nodiscard]] bool MsgFmt_GetArgs(const char *format, va_list args, MsgFmt_Arg **argsOut,
                                   int *numArgs, char **error);
 
-// The same with records and strings in the caller's buffer, from which *size bytes may be used and
-// which receives in *size how many were.  Nothing is freed; a buffer that is too small is the
-// failure "out of memory".  The text of an error stands in the buffer, too.
+// The same without the heap: records, and behind them strings, are placed in `buffer`, from the
+// first address on that suits them.  *size is how large it is and becomes how much is used.  A
+// buffer that is too small is memory that ran out.  The text of an error replaces what is there,
+// and is cut to fit; in a buffer of no size *error is null.  Nothing is to be freed.
 [[nodiscard]] bool MsgFmt_GetArgsWithBuf(const char *format, va_list args, MsgFmt_Arg **argsOut,
                                          int *numArgs, char **error, void *buffer, size_t *size);
 
-// The text of `format` with the captured arguments, in a new string that the caller frees; null
-// with errno as for Str_Asprintf.  length may be null.  A string argument that begins with a
-// message id is printed without it.
+// The text of `format` with captured arguments, in a new string that the caller frees with free();
+// *length, if length is not null, is its length.  A string argument that begins with a message id
+// (msgList.h) is printed without it; a null one as "(null)".
+//
+// The format need not be the one of the capture: a translation may order arguments by position.
+// Null with errno EINVAL when it asks for an argument that is not there or of another type, or
+// could not be captured itself; else as for Str_Asprintf.
 [[nodiscard]] char *MsgFmt_Asprintf(size_t *length, const char *format, const MsgFmt_Arg *args,
                                     int numArgs);
 
-// A deep copy of an array from MsgFmt_GetArgs; null for no records.
+// A deep copy of captured records, from the heap or a buffer, which the caller frees with
+// MsgFmt_FreeArgs; null for no records.  Exhausted memory is fatal.
 [[nodiscard]] MsgFmt_Arg *MsgFmt_CopyArgs(const MsgFmt_Arg *args, int numArgs);
 
-// Frees an array from MsgFmt_GetArgs or MsgFmt_CopyArgs with its strings; null is accepted.
+// Frees an array from MsgFmt_GetArgs or MsgFmt_CopyArgs with its strings; null is accepted.  errno
+// is kept.
 void MsgFmt_FreeArgs(MsgFmt_Arg *args, int numArgs);
