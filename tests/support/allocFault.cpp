@@ -8,10 +8,8 @@
 namespace {
 
 std::atomic<int> untilFault{0};
-std::atomic<size_t> lastSize{0};
 
 bool MustFail(size_t size) {
-  lastSize = size;
   if (size <= PTRDIFF_MAX && untilFault.fetch_sub(1) != 1) return false;
   errno = ENOMEM;
   return true;
@@ -21,11 +19,18 @@ bool MustFail(size_t size) {
 
 extern "C" {
 void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *block, size_t size);
 
 void *__wrap_malloc(size_t size);
 void *__wrap_malloc(size_t size) {
   return MustFail(size) ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_calloc(size_t count, size_t size);
+void *__wrap_calloc(size_t count, size_t size) {
+  const bool isHuge = size != 0 && count > PTRDIFF_MAX / size;
+  return MustFail(isHuge ? SIZE_MAX : count * size) ? nullptr : __real_calloc(count, size);
 }
 
 void *__wrap_realloc(void *block, size_t size);
@@ -42,7 +47,4 @@ AllocFault::~AllocFault() {
 }
 bool AllocFault::Fired() const {
   return untilFault <= 0;
-}
-size_t AllocFault::LastSize() {
-  return lastSize;
 }

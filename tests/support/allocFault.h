@@ -1,11 +1,9 @@
 // allocFault.h -- makes an allocation of the product's code fail.
 //
-// For test programs that are linked with --wrap=malloc,--wrap=realloc.  There a size above
-// PTRDIFF_MAX fails always, as it does in the hosts' libraries; sanitizers would end the program
-// instead.
+// For test programs that are linked with --wrap=malloc,--wrap=calloc,--wrap=realloc.  There a size
+// above PTRDIFF_MAX fails always, as it does in the hosts' libraries; sanitizers would end the
+// program instead.
 #pragma once
-
-#include <cstddef>
 
 // While it lives, the nth allocation from its start fails; one object at a time.
 class AllocFault {
@@ -17,7 +15,4 @@ class AllocFault {
 
   // Whether there were that many.
   bool Fired() const;
-
-  // How many bytes the last allocation asked for, with or without an object.
-  static size_t LastSize();
 };

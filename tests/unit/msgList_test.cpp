@@ -1,0 +1,157 @@
+// msgList_test.cpp -- lists of messages, and the pending ones of each thread.
+
+#include "msgList.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "err.h"
+#include "heap.h"
+#include "msg.h"
+#include "tests/support/capture.h"
+
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+namespace {
+
+using std::string;
+
+struct ListFreer {
+  void operator()(MsgList *list) const { MsgList_Free(list); }
+};
+using List = std::unique_ptr<MsgList, ListFreer>;
+
+string Text(const MsgList *list) {
+  const HeapStr text(MsgList_ToString(list));
+  return text == nullptr ? "<null>" : text.get();
+}
+
+string Logged(const MsgList *list) {
+  return WithoutStamps(CaptureOutput([=] { MsgList_Log(list); }));
+}
+
+// By MsgList_Create with an argument, and by MsgList_CreateStr.
+TEST(MsgList, IdsAndFormats) {
+  struct {
+    const char *idFormat, *id, *text, *textAsItIs;
+  } const rows[] = {
+      {"@&!*@*@(a.b)Hello %s", "a.b", "Hello x\n", "Hello %s\n"},
+      {"@&!*@*@(msg.x)(%s) 100%%\n", "msg.x", "(x) 100%\n", "(%s) 100%%\n"},
+      {"@&!*@*@(msg.x)50%% off", "msg.x", "50% off\n", "50% off\n"},
+      {"@&!*@*@()\n\n", "", "\n\n", "\n\n"},
+      {"@&!*@*@(msg.none)", "msg.none", "\n", "\n"},
+      {"@&!*@*@a.b)Hello %s", "msg.literal", "@&!*@*@a.b)Hello %s\n", nullptr},
+      {"@&!*@*@(a.b", "msg.literal", "@&!*@*@(a.b\n", nullptr},
+      {"@&!*@*@ (a.b)", "msg.literal", "@&!*@*@ (a.b)\n", nullptr},
+      {" @&!*@*@(a.b)", "msg.literal", " @&!*@*@(a.b)\n", nullptr},
+      {"100%", "msg.literal", "100%\n", nullptr},
+      {"", "msg.literal", "\n", nullptr},
+  };
+  for (const auto &row : rows) {
+    const string textAsItIs = row.textAsItIs != nullptr ? row.textAsItIs : row.text;
+    errno = EXDEV;
+    const List list(MsgList_Create(row.idFormat, "x"));
+    const List asItIs(MsgList_CreateStr(row.idFormat));
+    EXPECT_STREQ(row.id, list->id);
+    EXPECT_STREQ(row.id, asItIs->id);
+    EXPECT_EQ(row.text, Text(list.get()));
+    EXPECT_EQ(textAsItIs, Text(asItIs.get()));
+    EXPECT_EQ(EXDEV, errno);
+    EXPECT_EQ(string("[") + row.id + "] " + row.text, Logged(list.get()));
+  }
+  for (const string text : {"100% sure, %d %n%", "100% yes", "5%"}) {
+    const List list(MsgList_CreateStr(("@&!*@*@(msg.a)" + text).c_str()));
+    EXPECT_EQ(0, list->numArgs);
+    EXPECT_EQ(text + "\n", Text(list.get()));
+  }
+  const List list(MsgList_CreateStr(Err_ErrnoToString(ENOENT)));
+  EXPECT_EQ(ENOENT, list->args[0].errorNumber);
+}
+
+TEST(MsgList, NewMessagesComeFirst) {
+  MsgList *list = nullptr;
+  MsgList_Append(&list, "@&!*@*@(msg.a)A %d", 1);
+  MsgList_AppendStr(&list, "B");
+  MsgList *others = MsgList_Create("@&!*@*@(msg.c)C%c", '\n');
+  MsgList_Append(&others, "@&!*@*@(msg.d)D %ls", L"\u20ac");
+  MsgList_AppendMsgList(&list, others);
+  MsgList_AppendMsgList(&list, nullptr);
+  const List copy(MsgList_Copy(list));
+  const string text = "D \xe2\x82\xac\nC\nB\nA 1\n";
+  EXPECT_EQ(text, Text(list));
+  MsgList_Free(list);
+  EXPECT_EQ(text, Text(copy.get()));
+  EXPECT_EQ("[msg.d] D \xe2\x82\xac\n[msg.c] C\n[msg.literal] B\n[msg.a] A 1\n",
+            Logged(copy.get()));
+}
+
+TEST(MsgList, NoList) {
+  MsgList_Append(nullptr, string("@&!*@*@(msg.a)%y %n").c_str());
+  MsgList_AppendStr(nullptr, "a");
+  MsgList_AppendMsgList(nullptr, MsgList_Create("@&!*@*@(msg.a)%s", "freed"));
+  EXPECT_EQ(nullptr, MsgList_Copy(nullptr));
+  EXPECT_EQ("<null>", Text(nullptr));
+  EXPECT_EQ("", Logged(nullptr));
+  MsgList_Free(nullptr);
+}
+
+TEST(MsgList, AFormatThatCannotBeCapturedIsFatal) {
+  const string idFormat = "@&!*@*@(msg.a)%2$s";
+  EXPECT_EQ(
+      "Panic: MsgList_VAppend error: MsgFmt_GetArgs: gap in arguments at position 1\n"
+      "format <%2$s>\n",
+      FatalText([&] { MsgList_Free(MsgList_Create(idFormat.c_str(), "a", "b")); }));
+}
+
+string Pending() {
+  return WithoutStamps(CaptureOutput(Msg_LogPending));
+}
+
+TEST(Msg, PendingMessages) {
+  EXPECT_EQ(nullptr, Msg_TakePending());
+  EXPECT_EQ("", Pending());
+  errno = EXDEV;
+  Msg_Append("@&!*@*@(msg.a)%s", "A");
+  Msg_AppendStr("B");
+  Msg_AppendMsgList(MsgList_Create("@&!*@*@(msg.c)C"));
+  EXPECT_EQ(EXDEV, errno);
+  EXPECT_EQ("[msg.c] C\n[msg.literal] B\n[msg.a] A\n", Pending());
+  const List taken(Msg_TakePending());
+  EXPECT_EQ("C\nB\nA\n", Text(taken.get()));
+  EXPECT_EQ(nullptr, Msg_TakePending());
+  Msg_AppendStr("D");
+  EXPECT_EQ("[msg.literal] D\n", Pending());
+  Msg_Reset();
+  EXPECT_EQ("", Pending());
+}
+
+// What one thread appends is its own; and gone with it, though others get its id.  Texts of errno
+// values are made meanwhile.
+TEST(Msg, ThreadsAreApart) {
+  const auto work = [](int me) {
+    for (int round = 0; round < 200; ++round) {
+      ASSERT_EQ(nullptr, Msg_TakePending());
+      const char *const error = Err_ErrnoToString(round);
+      ASSERT_EQ(round, Err_StringToErrno(error));
+      Msg_Append("@&!*@*@(msg.a)%d.%d", me, round);
+      Msg_AppendStr(error);
+      const List taken(Msg_TakePending());
+      const string id = std::to_string(me) + "." + std::to_string(round);
+      ASSERT_EQ(string(error) + "\n" + id + "\n", Text(taken.get()));
+    }
+    Msg_AppendStr("left behind");
+  };
+  for (int generation = 0; generation < 5; ++generation) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) threads.emplace_back(work, i);
+    for (std::thread &thread : threads) thread.join();
+  }
+  EXPECT_EQ("", Pending());
+}
+
+}  // namespace

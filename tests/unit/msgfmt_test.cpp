@@ -1,0 +1,259 @@
+// msgfmt_test.cpp -- captured arguments: printed later as the printf engine prints them at once.
+
+#include "msgfmt.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "err.h"
+#include "tests/support/allocFault.h"
+#include "tests/support/capture.h"
+#include "tests/support/printfPeer.h"
+
+namespace {
+
+using std::string;
+
+// The records of one capture, or the text of its error.
+struct Captured {
+  static constexpr size_t kHeap = 0;
+
+  std::vector<char> room;  // of a capture into a buffer, which begins at an odd address
+  MsgFmt_Arg *args = nullptr;
+  int count = 0;
+  size_t used;
+  string error;
+
+  Captured(size_t size, const char *format, ...) : room(size + 1), used(size) {
+    va_list list;
+    va_start(list, format);
+    char *text = nullptr;
+    const bool ok = size == kHeap ? MsgFmt_GetArgs(format, list, &args, &count, &text)
+                                  : MsgFmt_GetArgsWithBuf(format, list, &args, &count, &text,
+                                                          room.data() + 1, &used);
+    va_end(list);
+    if (text != nullptr) error = text;
+    if (size == kHeap) free(text);
+    EXPECT_EQ(ok, text == nullptr);
+  }
+  Captured(const Captured &) = delete;
+  Captured &operator=(const Captured &) = delete;
+  ~Captured() { Free(); }
+
+  void Free() {
+    if (room.size() == 1) MsgFmt_FreeArgs(args, count);
+    args = nullptr;
+    room.assign(room.size(), '#');
+  }
+
+  string Print(const string &format) const {
+    size_t length = 0;
+    char *const text = MsgFmt_Asprintf(&length, format.c_str(), args, count);
+    return PeerTake(text, text == nullptr ? -1 : static_cast<int>(length));
+  }
+
+  // The same with copies, after the originals have gone.
+  string PrintCopies(const string &format) {
+    MsgFmt_Arg *const copies = MsgFmt_CopyArgs(args, count);
+    Free();
+    args = copies;
+    const string text = Print(format);
+    MsgFmt_FreeArgs(std::exchange(args, nullptr), count);
+    return text;
+  }
+};
+
+// Captured in every way, it prints as it does at once.
+template <typename... Args>
+void Same(const string &format, Args... args) {
+  const string expected = Ours(format, args...);
+  for (const size_t size : {Captured::kHeap, size_t{1000}}) {
+    Captured captured(size, format.c_str(), args...);
+    ASSERT_EQ(expected, captured.Print(format)) << format << captured.error;
+    ASSERT_EQ(expected, captured.PrintCopies(format)) << format;
+  }
+}
+
+template <typename T>
+void Grid(const std::vector<string> &sizes, const string &conversions, T value) {
+  for (const string &flags : FlagSets("-+ #0'")) {
+    for (const string &size : sizes) {
+      for (const char conversion : conversions) {
+        const string end = size + conversion + ">";
+        for (const char *const extent : {"", "12", ".", ".3", "14.2"}) {
+          Same("<%" + flags + extent + end, value);
+        }
+        for (const auto &[width, precision] : {std::pair{9, 3}, {-9, -1}, {0, 0}}) {
+          Same("%%<%" + flags + "*.*" + end + " %d", width, precision, value, 4);
+          Same("%3$" + flags + "*1$.*2$" + end + " %1$i %d", width, precision, value);
+        }
+        if (testing::Test::HasFatalFailure()) return;
+      }
+    }
+  }
+}
+
+TEST(MsgFmt, PrintsAsWithoutCapture) {
+  Grid({"", "h", "hh", "I32"}, "diuoxXc", -1234567);
+  Grid({"l", "ll", "q", "L", "j", "t", "z", "Z", "I", "I64"}, "diuoxX", INT64_MIN + 7);
+  Grid({"", "h"}, "DOU", int64_t{1} << 40);
+  Grid({"l", "j"}, "c", int{'w'});
+  Grid({"", "l", "h", "t", "z"}, "eEfFgGaA", -31.4159);
+  Grid({"", "h", "t", "z"}, "s", "a text");
+  Grid({"l", "ll", "L", "j"}, "s", L"w\u20ac\U0001f600 text");
+  Grid({""}, "S", L"wide");
+  Grid({"", "l"}, "p", reinterpret_cast<void *>(0x1234abcd));
+  Same("%s|%ls|%p", nullptr, nullptr, nullptr);
+  Same("%lc", 0x20ac);
+  Same("no argument, 100%%");
+  // More of each kind than a host passes in registers, and more than an array has at first.
+  Same("%d%g%s%d%g%s%d%g%s%d%g%s%d%g%s%d%g%s%g%g%g%g", 1, .1, "a", 2, .2, "b", 3, .3, "c", 4, .4,
+       "d", 5, .5, "e", 6, .6, "f", .7, .8, .9, 1.5);
+  Same("%9$d %8$s %7$g %6$lld %5$d %4$d %3$d %2$s %1$g", 1.0, "b", 3, 4, 5, 6LL, 7.0, "h", 9);
+}
+
+TEST(MsgFmt, ReadsNoMoreOfAStringThanIsPrinted) {
+  const std::unique_ptr<char[]> bytes(new char[3]{'a', 'b', 'c'});
+  const std::unique_ptr<wchar_t[]> wide(new wchar_t[2]{0x20ac, 'x'});
+  Same("%.3s|%.2s", bytes.get(), bytes.get());
+  Same("%.*s %.*ls", 3, bytes.get(), 2, wide.get());
+  Same("%1$.*2$s %3$.*4$S", bytes.get(), 2, wide.get(), 1);
+  Same("%1$.1s|%1$.*2$s|%1$.2s", bytes.get(), 3);
+  const char *const text = "to its end";
+  for (const char *const format : {"%1$.1s%1$s", "%1$s%1$.1s", "%1$.1s%1$.*2$s"}) {
+    Same(format, text, -5);
+  }
+}
+
+TEST(MsgFmt, TypesOfRecords) {
+  const char *const error = Err_ErrnoToString(ENOTDIR);
+  const string copy = error;
+  struct {
+    const char *format;
+    std::vector<int> types;
+  } const rows[] = {{"%%", {}},
+                    {"%4$d%4$hhi %5$ho%1$s%2$s%3$.3s", {9, 6, 9, 1, 1}},
+                    {"%s%hs%ts%c%lc%I32x%*.*g", {9, 6, 9, 1, 1, 1, 1, 1, 5}},
+                    {"%s%s%s%ld%qi%jo%tu%zx%I64X%U%p", {9, 6, 9, 2, 2, 2, 2, 2, 2, 2, 4}},
+                    {"%s%s%s%a%hG%le%tf%zg%C%5.3S", {9, 6, 9, 5, 5, 5, 5, 5, 1, 8}}};
+  for (const auto &row : rows) {
+    const Captured captured(Captured::kHeap, row.format, error, copy.c_str(), error, nullptr,
+                            nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, .0, .0,
+                            .0, .0, .0);
+    std::vector<int> types;
+    for (int i = 0; i < captured.count; ++i) types.push_back(captured.args[i].type);
+    EXPECT_EQ(row.types, types) << row.format;
+    if (captured.count < 3) continue;
+    EXPECT_EQ(ENOTDIR, captured.args[0].errorNumber);
+    EXPECT_EQ(MSGFMT_ERROR_ERRNO, captured.args[2].errorKind);
+  }
+  Same("%s %.3s", error, error);
+}
+
+TEST(MsgFmt, ErrorsInFormats) {
+  struct {
+    const char *format, *error;
+  } const rows[] = {
+      {"%2$s", "MsgFmt_GetArgs: gap in arguments at position 1"},
+      {"%1$d %1$s",
+       "MsgFmtGetArg1: incompatible specifiers for argument 1, old type 1, new type 6, pos \"1$\", "
+       "type \"s\""},
+      {"%s %1$-5lld",
+       "MsgFmtGetArg1: incompatible specifiers for argument 1, old type 6, new type 2, pos \"1$\", "
+       "type \"-5lld\""},
+      {"%f %*1$d.",
+       "MsgFmtGetArg1: incompatible specifiers for argument 1, old type 5, new type 1, pos \"\", "
+       "type \"*1$d\""},
+      {"%d%n.", "MsgFmtGetArg1: %n not supported, pos \"\", type \"n\""},
+      {"%1$5.2llf", "MsgFmtGetArg1: %Lf not supported, pos \"1$\", type \"5.2llf\""},
+      {"%LA", "MsgFmtGetArg1: %LA not supported, pos \"\", type \"LA\""},
+      {"%jg", "MsgFmtGetArg1: %jg not supported, pos \"\", type \"jg\""},
+      {"%d%", "MsgFmt_GetArgs: error in format string"},
+      {"%s %-5.3l", "MsgFmt_GetArgs: error in format string"},
+      {"%99999999999$d",
+       "MsgFmtGetArg1: bad specifier, status 3, pos \"99999999999$\", type \"d\""},
+      {"%.*2147483647$s",
+       "MsgFmtGetArg1: bad specifier, status 3, pos \"\", type \".*2147483647$s\""},
+  };
+  for (const auto &row : rows) {
+    EXPECT_EQ(row.error, Captured(Captured::kHeap, row.format, 1, 2, 3, 4).error);
+    const Captured buffer(1000, row.format, 1, 2, 3, 4);
+    EXPECT_EQ(row.error, buffer.error);
+    EXPECT_EQ(strlen(row.error) + 1, buffer.used);
+  }
+}
+
+TEST(MsgFmt, UnknownConversionsAreFatal) {
+  for (const char *const format : {"%y", "%2$-5.3lk", "%$d", "%0$d", "%%%!"}) {
+    EXPECT_EQ("Panic: NOT_REACHED lib/misc/msgfmt:1345\n",
+              FatalText([&] { Captured(Captured::kHeap, format, 1, 2, 3); }));
+  }
+}
+
+TEST(MsgFmt, ABufferIsTooSmallByOneByte) {
+  const char *const format = "%s %d %ls %3$ls %.2s";
+  const auto capture = [&](size_t size) {
+    return Captured(size, format, "four", 5, L"wide", "abc");
+  };
+  const size_t needed = capture(1000).used;
+  EXPECT_LE(needed, 7 + 4 * sizeof(MsgFmt_Arg) + 5 + 3 + 5 * sizeof(wchar_t) + 3);
+  EXPECT_EQ("four 5 wide wide ab", capture(needed).Print(format));
+  for (size_t size = 1; size < needed; ++size) {
+    const string records = "MsgFmtGetArg1: out of memory at arg ";
+    const string strings = "MsgFmt_GetArgs: out of memory";
+    const string error = capture(size).error;
+    EXPECT_TRUE(records.starts_with(error.substr(0, records.size())) || error == strings) << error;
+    EXPECT_LT(error.size(), size);
+  }
+  char *error = nullptr;
+  size_t size = 0;
+  va_list none{};
+  MsgFmt_Arg *args;
+  int count;
+  EXPECT_FALSE(MsgFmt_GetArgsWithBuf("%", none, &args, &count, &error, nullptr, &size));
+  EXPECT_EQ(nullptr, error);
+}
+
+TEST(MsgFmt, ExhaustedMemory) {
+  const char *const expected[] = {"MsgFmtGetArg1: out of memory at arg 1",
+                                  "MsgFmtGetArg1: out of memory at arg 5",
+                                  "MsgFmt_GetArgs: out of memory", "MsgFmt_GetArgs: out of memory"};
+  for (size_t i = 0; i <= std::size(expected); ++i) {
+    AllocFault fault(static_cast<int>(i) + 1);
+    const Captured captured(Captured::kHeap, "%s%d%d%d%ls", "a", 2, 3, 4, L"e");
+    EXPECT_EQ(i < std::size(expected) ? expected[i] : "", captured.error);
+  }
+  EXPECT_EQ("Panic: VERIFY lib/misc/msgfmt:1580\n", FatalText([] {
+              AllocFault fault(1);
+              Captured(Captured::kHeap, "%");
+            }));
+}
+
+TEST(MsgFmt, PrintsTextsOfOtherMessagesWithoutTheirIds) {
+  const char *const format = "<%s> <%s> <%s> <%.20s>";
+  const Captured captured(Captured::kHeap, format, "@&!*@*@(msg.a)inner: %d", "@&!*@*@msg.a)x",
+                          "@&!*@*@(msg.a", "@&!*@*@(msg.a)0123456789");
+  EXPECT_EQ("<inner: %d> <@&!*@*@msg.a)x> <@&!*@*@(msg.a> <012345>", captured.Print(format));
+}
+
+TEST(MsgFmt, PrintsOnlyWhatWasCaptured) {
+  const Captured captured(Captured::kHeap, "%d %s %f %lld", 7, "text", .5, 8LL);
+  EXPECT_EQ("8 0.5 text 7 %", captured.Print("%4$zd %3$g %2$s %1$x %%"));
+  EXPECT_EQ("", captured.Print(""));
+  for (const char *const format :
+       {"%s", "%ld", "%1$s", "%2$d", "%2$ls", "%2$p", "%3$Lf", "%3$d", "%4$g", "%4$c", "%5$d",
+        "%*2$d", "%1$.*4$d", "%d%s%f%lld%d", "%1$n", "%4$n", "%y", "%1$d %"}) {
+    errno = 0;
+    EXPECT_EQ(kPeerFailed, captured.Print(format)) << format;
+    EXPECT_EQ(EINVAL, errno);
+  }
+}
+
+}  // namespace
