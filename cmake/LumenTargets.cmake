@@ -11,6 +11,7 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 if(APPLE)
   set(LUMEN_HOST darwin)
+  set(LUMEN_XPC ON)
 else()
   set(LUMEN_HOST linux)
 endif()

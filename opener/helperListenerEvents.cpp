@@ -1,0 +1,58 @@
+// helperListenerEvents.cpp -- events of the listener and of its peers: one record each, but for
+// messages.
+// Tests: tests/unit/helperListenerEvents_test.cpp
+
+#include "opener/helperListenerEvents.h"
+
+#include <libproc.h>
+
+#include <cstdint>
+
+#include "log.h"
+
+namespace {
+
+// The call refuses a larger buffer; a shorter one could be too short.
+constexpr uint32_t kPathSize = 4096;
+
+// XPC's own words; null, which the log can print, when it has none.
+const char *Description(xpc_object_t error) {
+  return xpc_dictionary_get_string(error, XPC_ERROR_KEY_DESCRIPTION);
+}
+
+void RecordPeer(pid_t pid) {
+  char path[kPathSize];
+  const bool known = proc_pidpath(pid, path, sizeof path) > 0;  // not when it has exited already
+  Log("%5d: Received connection from %s\n", pid, known ? path : "unknown process");
+}
+
+}  // namespace
+
+std::optional<HelperPeer> HelperListenerAdmit(xpc_object_t event) {
+  const xpc_type_t type = xpc_get_type(event);
+  if (type == XPC_TYPE_ERROR) {
+    Warning("Listener received unexpected XPC Error: %s\n", Description(event));
+    return std::nullopt;
+  }
+  if (type != XPC_TYPE_CONNECTION) {
+    Warning("Listener received unexpected event type.\n");
+    return std::nullopt;
+  }
+  const auto connection = static_cast<xpc_connection_t>(event);
+  const pid_t pid = xpc_connection_get_pid(connection);
+  RecordPeer(pid);
+  return HelperPeer{connection, pid};
+}
+
+bool HelperListenerIsMessage(xpc_object_t event, pid_t pid) {
+  const xpc_type_t type = xpc_get_type(event);
+  if (type == XPC_TYPE_DICTIONARY) return true;
+  if (type != XPC_TYPE_ERROR) {
+    Warning("%5d: Connection received unexpected event type.\n", pid);
+  } else if (event == XPC_ERROR_CONNECTION_INVALID) {
+    Log("%5d: Connection closed by client.\n", pid);
+  } else {
+    Warning("%5d: Connection received unexpected XPC Error: %s\n", pid, Description(event));
+  }
+  return false;
+}

@@ -1,0 +1,4 @@
+// dispatch.h -- see ../xpcConnections.cpp.
+#pragma once
+
+[[noreturn]] void dispatch_main();
