@@ -1,0 +1,89 @@
+// msgfmtCapture.h -- the records of a capture in the making.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#include "heap.h"
+#include "msgfmt.h"
+#include "str.h"
+
+// A va_list as a parameter is: on some hosts the list itself, on others a pointer to it.
+using MsgFmtArgList = std::decay_t<va_list>;
+
+// The caller's buffer, used up from its start.
+class MsgFmtBuffer {
+  char *begin_;
+  char *at_;
+  char *end_;
+
+ public:
+  MsgFmtBuffer(void *bytes, size_t size)
+      : begin_(static_cast<char *>(bytes)), at_(begin_), end_(begin_ + size) {}
+
+  size_t Used() const { return static_cast<size_t>(at_ - begin_); }
+
+  // Uninitialised room for `count` objects; null when there is none.
+  template <typename T>
+  T *Allocate(size_t count) {
+    const size_t gap = -reinterpret_cast<uintptr_t>(at_) & (alignof(T) - 1);
+    const auto room = static_cast<size_t>(end_ - at_);
+    if (gap > room || count > (room - gap) / sizeof(T)) return nullptr;
+    char *const object = at_ + gap;
+    at_ = object + count * sizeof(T);
+    return reinterpret_cast<T *>(object);
+  }
+
+  void Clear() { at_ = begin_; }
+
+  // The first text of an empty buffer, cut to its size; null when it has none.
+  __attribute__((format(printf, 2, 0))) char *Format(const char *format, va_list args) {
+    const auto size = static_cast<size_t>(end_ - begin_);
+    if (size == 0) return nullptr;
+    static_cast<void>(Str_Vsnprintf(begin_, size, format, args));
+    at_ = begin_ + strlen(begin_) + 1;
+    return begin_;
+  }
+};
+
+// The records, which come to be in three steps: Cover and At, Fetch, CopyStrings.
+class MsgFmtCapture {
+  MsgFmtBuffer *const buffer_;  // null: blocks from malloc
+  char **const error_;
+  HeapArray<MsgFmt_Arg> inHeap_;
+  MsgFmt_Arg *args_ = nullptr;
+  size_t capacity_ = 0;
+  size_t count_ = 0;
+  size_t copied_ = 0;  // so many records have a string of their own
+
+ public:
+  MsgFmtCapture(MsgFmtBuffer *buffer, char **error) : buffer_(buffer), error_(error) {
+    if (error_ != nullptr) *error_ = nullptr;
+  }
+  MsgFmtCapture(const MsgFmtCapture &) = delete;
+  MsgFmtCapture &operator=(const MsgFmtCapture &) = delete;
+  ~MsgFmtCapture() { Drop(); }
+
+  // From now on there are records up to `position`; new ones are all zero.
+  [[nodiscard]] bool Cover(size_t position);
+  MsgFmt_Arg &At(size_t position) { return args_[position - 1]; }
+
+  [[nodiscard]] bool Fetch(MsgFmtArgList *list);
+  [[nodiscard]] bool CopyStrings();
+
+  // Gives up the records and leaves the text to the caller of MsgFmt_GetArgs.  Always false.
+  bool Fail(const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+  void HandOver(MsgFmt_Arg **args, int *numArgs);
+
+ private:
+  void Drop();
+  [[nodiscard]] bool Grow(size_t position);
+  [[nodiscard]] bool FetchOne(MsgFmtArgList *list, MsgFmt_Arg *arg);
+  template <typename Unit>
+  [[nodiscard]] bool CopyString(Unit **string, size_t length);
+  [[nodiscard]] bool CopyStringOf(MsgFmt_Arg *arg);
+};
