@@ -1,0 +1,74 @@
+// msg_bench.cpp -- what it costs to keep a failure as a message, against printing its text at once.
+//
+// The peer is one Str_Asprintf of the same text.  Both free what they made, within the time.  The
+// rows are messages of the system with four arguments; "append" and "pending" keep a message,
+// "print" makes the text of one that is kept.
+//
+//   msg_bench [options of Google Benchmark]
+
+#include <cstdlib>
+#include <string>
+
+#include "bench/ratios.h"
+#include "err.h"
+#include "heap.h"
+#include "msg.h"
+#include "str.h"
+
+namespace {
+
+const Peer kDirect = {"Str_Asprintf", 3};
+
+// A pointer that the compiler knows nothing about.
+const char *Hidden(const char *p) {
+  asm volatile("" : "+r"(p));
+  return p;
+}
+
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+template <typename... Args>
+void AddRows(Ratios *ratios, const std::string &name, const std::string &format, Args... args) {
+  const std::string idFormat = "@&!*@*@(msg.File.CopyTree.failure)" + format;
+  MsgList *const kept = MsgList_Create(idFormat.c_str(), args...);
+  const auto direct = [=] {
+    const HeapStr text(Str_Asprintf(nullptr, Hidden(format.c_str()), args...));
+    return *text;
+  };
+  const auto append = [=] {
+    MsgList *list = nullptr;
+    MsgList_Append(&list, Hidden(idFormat.c_str()), args...);
+    MsgList_Free(list);
+    return list;
+  };
+  const auto pending = [=] {
+    Msg_Append(Hidden(idFormat.c_str()), args...);
+    MsgList_Free(Msg_TakePending());
+    return 0;
+  };
+  const auto print = [kept] {
+    return *HeapStr(MsgFmt_Asprintf(nullptr, kept->format, kept->args, kept->numArgs));
+  };
+  const auto addRow = [=](const char *what, auto body) {
+    const std::string row = what + (" " + name);
+    ratios->AddRow(row, {kDirect});
+    Ratios::Add(row, "lumen", body);
+    Ratios::Add(row, kDirect.name, direct);
+  };
+  addRow("append", append);
+  addRow("pending", pending);
+  addRow("print", print);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  Ratios ratios;
+  const char *const path = "/Library/Application Support/Zephrin/Zephrin Calder Lumen/Services";
+  AddRows(&ratios, "texts", "%s: unable to copy '%s' to '%s': %s\n", "File_CopyTree", path,
+          "/var/tmp/copy", Err_ErrnoToString(EACCES));
+  AddRows(&ratios, "mixed", "Unable to lock '%s' within %d ms, %u retries: %s.", path, 2000, 10u,
+          Err_ErrnoToString(EAGAIN));
+  AddRows(&ratios, "numbers", "Blocks %d to %d of %lld, error %d.", 7, 4095, 1LL << 33, 5);
+  return ratios.Main(argc, argv);
+}
