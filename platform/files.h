@@ -4,7 +4,8 @@
 #include <sys/types.h>
 
 // Opens `path` close-on-exec with `flags` and `mode` and waits until it holds an exclusive flock(2)
-// on it.  Returns the descriptor, or -1 with errno set; EINTR when a signal came while it waited.
+// on it; O_TRUNC acts under the lock.  Returns the descriptor, or -1 with errno set: EINTR when a
+// signal came while it waited, EAGAIN in place of waiting with O_NONBLOCK.
 [[nodiscard]] int Platform_OpenLocked(const char *path, int flags, mode_t mode);
 
 // Makes the regular file open as `to` a copy of the one open as `from`: data, mode, owner, times,
