@@ -1,4 +1,11 @@
 // fileIO.h -- open files: one way to open, whole transfers, and results with a text for the user.
+//
+// A FileIODescriptor is a plain record that its holder owns: FileIO_Open fills it, FileIO_Close (or
+// one of its kin) empties it.  It belongs to one thread at a time.  Descriptors are close-on-exec.
+//
+// Results are codes with a text (FileIO_MsgError); after a failure errno has the underlying cause,
+// whatever had to be cleaned up since.  An errno without a code of its own comes back as
+// FILEIO_ERROR.  Pointers are not null, unless told otherwise.  Exhausted memory is fatal.
 #pragma once
 
 #include <sys/types.h>
@@ -10,10 +17,10 @@
 struct FileLockToken;
 
 struct FileIODescriptor {
-  int32_t posix;
-  uint32_t flags;
-  char *fileName;
-  FileLockToken *lockToken;
+  int32_t posix;             // -1 when invalid
+  uint32_t flags;            // FileIOAccess as asked for, the kind of lock resolved
+  char *fileName;            // the path it was opened by; owned; null when there is none
+  FileLockToken *lockToken;  // owned; null when no lock is held
 };
 
 enum FileIOResult {
@@ -29,48 +36,141 @@ enum FileIOResult {
   FILEIO_WRITE_ERROR_FBIG = 9,
   FILEIO_WRITE_ERROR_NOSPC = 10,
   FILEIO_WRITE_ERROR_DQUOT = 11,
-  FILEIO_RESERVED = 12,
+  FILEIO_RESERVED = 12,  // no result of anything
 };
 
 enum FileIOOpenAction {
-  FILEIO_OPEN = 0,
-  FILEIO_OPEN_EMPTY = 1,
-  FILEIO_OPEN_CREATE = 2,
-  FILEIO_OPEN_CREATE_SAFE = 3,
-  FILEIO_OPEN_CREATE_EMPTY = 4,
+  FILEIO_OPEN = 0,               // must exist
+  FILEIO_OPEN_EMPTY = 1,         // must exist, and is emptied
+  FILEIO_OPEN_CREATE = 2,        // is created when missing
+  FILEIO_OPEN_CREATE_SAFE = 3,   // must not exist
+  FILEIO_OPEN_CREATE_EMPTY = 4,  // is created when missing, or emptied
 };
 
 enum FileIOAccess : uint32_t {
   FILEIO_ACCESS_READ = 0x1,
   FILEIO_ACCESS_WRITE = 0x2,
+  // Past the cache, each write on the device when it returns; see platform/uncached.h.
   FILEIO_FLAG_SYNC = 0x4,
-  FILEIO_FLAG_UNLINK_AFTER_OPEN = 0x8,
+  FILEIO_FLAG_UNLINK_AFTER_OPEN = 0x8,  // the open file stays usable
+  // Past the cache; vectors go through aligned buffers.
   FILEIO_FLAG_UNBUFFERED = 0x10,
-  FILEIO_FLAG_LOCK_DEFAULT = 0x20,
+  FILEIO_FLAG_LOCK_DEFAULT = 0x20,  // FILEIO_FLAG_LOCK_PORTABLE on these hosts
   FILEIO_FLAG_NONBLOCK = 0x80,
-  FILEIO_FLAG_PRIVILEGED = 0x100,
-  FILEIO_FLAG_EXCLUSIVE_READ = 0x200,
+  FILEIO_FLAG_PRIVILEGED = 0x100,  // as the super-user; only what exists, and without emptying it
+  FILEIO_FLAG_EXCLUSIVE_READ = 0x200,  // with the next: O_EXCL; alone: nothing
   FILEIO_FLAG_EXCLUSIVE_WRITE = 0x400,
-  FILEIO_FLAG_LOCK_MANDATORY = 0x2000,
-  FILEIO_FLAG_EXLOCK = 0x10000,
+  FILEIO_FLAG_LOCK_MANDATORY = 0x2000,  // means FILEIO_FLAG_LOCK_NATIVE
+  FILEIO_FLAG_EXLOCK = 0x10000,         // waits for an exclusive flock(2), and holds it
   FILEIO_FLAG_APPEND = 0x20000,
   FILEIO_FLAG_NOFOLLOW = 0x40000,
-  FILEIO_FLAG_LOCK_PORTABLE = 0x100000,
-  FILEIO_FLAG_LOCK_NATIVE = 0x200000,
+  FILEIO_FLAG_LOCK_PORTABLE = 0x100000,  // see FileIO_Lock
+  FILEIO_FLAG_LOCK_NATIVE = 0x200000,    // not to be had here: FILEIO_LOCK_FAILED
 };
 
+// ---- results ---------------------------------------------------------------------------------
+
+// The text of a result for the user, with its message id in front, which lives for ever.  An unknown
+// code is logged and has a text of its own; FILEIO_RESERVED is fatal.
+[[nodiscard]] const char *FileIO_MsgError(FileIOResult result);
+
+// ---- opening and closing ---------------------------------------------------------------------
+
+// Makes *fd invalid, whatever it held.
 void FileIO_Invalidate(FileIODescriptor *fd);
 [[nodiscard]] bool FileIO_IsValid(const FileIODescriptor *fd);
+
+// FileIOCreate with mode 0600.
 [[nodiscard]] FileIOResult FileIO_Open(FileIODescriptor *fd, const char *path, uint32_t access,
                                        FileIOOpenAction action);
+
+// Opens `path` and fills *fd, whose old content does not matter; after a failure *fd is invalid.
+// `access` is a set of FileIOAccess; `mode` is that of a new file, less the umask.  A null path is
+// EFAULT.  With FILEIO_FLAG_PRIVILEGED an action that creates or empties is EACCES.  A lock is taken
+// before the file is touched.  A file that was created stays when a later step fails.  FILEIO_ERROR
+// is logged.
 [[nodiscard]] FileIOResult FileIOCreate(FileIODescriptor *fd, const char *path, uint32_t access,
                                         FileIOOpenAction action, int mode);
+
+// How privileged opens are done from now on: as open(2) with `flags`, a close-on-exec descriptor or
+// -1 with errno.  Null restores the library's own way.  Set before threads start.
+using FileIOPrivilegedOpenFn = int (*)(const char *path, int flags);
+void FileIO_SetPrivilegedOpen(FileIOPrivilegedOpenFn open);
+
+// A descriptor without a name for `posix`, which it owns from now on; its flags say how `posix` was
+// opened.  Invalid, with errno, when `posix` is not open.
+[[nodiscard]] FileIODescriptor FileIO_FromPosix(int posix);
+
+// Closes *fd and releases its lock; *fd is invalid afterwards.  FILEIO_ERROR when close(2) failed:
+// then what was written may be lost.
+FileIOResult FileIO_Close(FileIODescriptor *fd);
+
+// The same, then removes the file as File_DeleteIfPresent does, also after a failed close.
+// FILEIO_ERROR when either failed, with the first errno.
+FileIOResult FileIO_CloseAndUnlink(FileIODescriptor *fd);
+
+// ---- transfers -------------------------------------------------------------------------------
+//
+// They go on after short transfers and EINTR until everything has been transferred.  *actual, if
+// `actual` is not null, receives the bytes transferred, also after a failure.  A request above
+// 0x7FFFFFFF bytes is fatal.
+
+// FILEIO_READ_ERROR_EOF when the file ends before: what there was is in the buffer.
 [[nodiscard]] FileIOResult FileIO_Read(FileIODescriptor *fd, void *buffer, size_t requested,
                                        size_t *actual);
 [[nodiscard]] FileIOResult FileIO_Write(FileIODescriptor *fd, const void *buffer, size_t requested,
                                         size_t *actual);
-FileIOResult FileIO_Close(FileIODescriptor *fd);
-FileIOResult FileIO_CloseAndUnlink(FileIODescriptor *fd);
-[[nodiscard]] const char *FileIO_MsgError(FileIOResult result);
+
+// The size of the file in bytes, or -1 with errno.
+[[nodiscard]] int64_t FileIO_GetSize(const FileIODescriptor *fd);
+
+// ---- vectors ---------------------------------------------------------------------------------
+//
+// `totalSize` is the sum of the lengths of the `numEntries` entries.  More gives FILEIO_ERROR with
+// EINVAL after everything was transferred, less before anything was.  Many small entries go through
+// one buffer of totalSize bytes (see FileIO_SetConfigStore), so that one call transfers them.
+
+// FILEIO_READ_ERROR_EOF as for FileIO_Read.
+[[nodiscard]] FileIOResult FileIO_Readv(FileIODescriptor *fd, const iovec *entries, int numEntries,
+                                        size_t totalSize, size_t *actual);
+
+// A write that ends inside an entry is not continued: FILEIO_WRITE_ERROR_NOSPC, ENOSPC.
+[[nodiscard]] FileIOResult FileIO_Writev(FileIODescriptor *fd, const iovec *entries, int numEntries,
+                                         size_t totalSize, size_t *actual);
+
+// Writes at `offset`, wherever the file's own position is, which stays; through one buffer whenever
+// there is more than one entry and memory for it.
+[[nodiscard]] FileIOResult FileIOPwritevCoalesced(FileIODescriptor *fd, const iovec *entries,
+                                                  int numEntries, size_t totalSize, off_t offset,
+                                                  size_t *actual);
+
+// Whoever stores settings gives the value of `key` through this: true with *value set, truth values
+// as 0 and 1; false when there is none, and the default holds:
+//   filePosix.coalesce.enable    1      use one buffer at all
+//   filePosix.coalesce.aligned   0      always an aligned one
+//   filePosix.coalesce.count     5      only for more entries than that
+//   filePosix.coalesce.size      16384  only when they are smaller than that on average, in bytes
+//   aiomgr.numThreads            0      kept for others
+// They are read once, at the first use of a vector; set before.
+using FileIOConfigFn = bool (*)(const char *key, int64_t *value);
+void FileIO_SetConfigStore(FileIOConfigFn read);
+
+// ---- locks -----------------------------------------------------------------------------------
+
+// Takes the lock that `access` asks for on fd->fileName; FILEIO_SUCCESS when it asks for none.  A
+// shared lock without FILEIO_ACCESS_WRITE, an exclusive one with it.  FILEIO_LOCK_FAILED: there is
+// no such lock here.  A failure is logged.
 [[nodiscard]] FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access);
+
+// Releases the lock, if there is one; *fd has none afterwards, also after FILEIO_ERROR, which is
+// logged.
 FileIOResult FileIO_Unlock(FileIODescriptor *fd);
+
+// ---- atomic replacement ----------------------------------------------------------------------
+
+// Puts the complete new file *fresh in the place of the file *current, both open by name and in one
+// file system: whoever opens the name of `current` finds the old file or the whole new one, also
+// after a crash.  Afterwards *current is the new file under its old name, with its own lock, and
+// *fresh is invalid; nothing is left under the name of `fresh`.  The new file keeps its own mode and
+// owner.  After a failure both are as before; FILEIO_ERROR is logged.
+[[nodiscard]] FileIOResult FileIO_Replace(FileIODescriptor *current, FileIODescriptor *fresh);

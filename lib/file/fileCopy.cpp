@@ -1,0 +1,122 @@
+// fileCopy.cpp -- copies of single files.
+//
+// Holds:  1. Each failure appends one message where it is found, and errno is its cause until the
+//         outermost procedure returns.
+//         2. The source is never touched: a destination that is the source, by whatever name, is
+//         refused before it is emptied.
+//         3. The buffer stands in the frame of File_CopyFromFdToFd, which no recursion passes
+//         through (the copy of a tree is another source file, and so cannot inline it).
+// Tests:  tests/unit/fileTree_test.cpp
+
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "err.h"
+#include "errnoKeeper.h"
+#include "file.h"
+#include "fileInt.h"
+#include "msg.h"
+
+namespace {
+
+constexpr size_t kBufferSize = 8192;
+
+bool IsSameFile(const struct stat &a, const struct stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+bool TellReadError() {
+  const ErrnoKeeper keeper;
+  Msg_Append("@&!*@*@(msg.File.CopyFromFdToFd.read.failure)Read error: %s.\n\n",
+             Err_ErrnoToString(keeper.Get()));
+  return false;
+}
+
+bool TellCreateError(const char *dstName, FileIOResult result) {
+  const ErrnoKeeper keeper;
+  Msg_Append(
+      "@&!*@*@(msg.File.CopyFromFdToName.create.failure)"
+      "Unable to create a new '%s' file: %s.\n\n",
+      dstName, FileIO_MsgError(result));
+  return false;
+}
+
+// What would fail only after the destination was emptied fails here: a directory has no content to
+// read, and a file cannot be copied to itself.
+bool CanBeCopied(const FileIODescriptor &src, const char *dstName) {
+  struct stat from;
+  struct stat to;
+  if (fstat(src.posix, &from) != 0) return TellReadError();
+  if (S_ISDIR(from.st_mode)) {
+    errno = EISDIR;
+    return TellReadError();
+  }
+  if (stat(dstName, &to) == 0 && IsSameFile(from, to)) {
+    errno = EEXIST;
+    return TellCreateError(dstName, FILEIO_OPEN_ERROR_EXIST);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool File_CopyFromFdToFd(FileIODescriptor *srcFd, FileIODescriptor *dstFd) {
+  char buffer[kBufferSize];
+  for (;;) {
+    size_t size = 0;
+    const FileIOResult got = FileIO_Read(srcFd, buffer, sizeof buffer, &size);
+    if (got != FILEIO_SUCCESS && got != FILEIO_READ_ERROR_EOF) return TellReadError();
+    const FileIOResult put = FileIO_Write(dstFd, buffer, size, nullptr);
+    if (put != FILEIO_SUCCESS) {
+      const ErrnoKeeper keeper;
+      Msg_Append("@&!*@*@(msg.File.CopyFromFdToFd.write.failure)Write error: %s.\n\n",
+                 FileIO_MsgError(put));
+      return false;
+    }
+    if (got == FILEIO_READ_ERROR_EOF) return true;
+  }
+}
+
+bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting) {
+  if (!CanBeCopied(*srcFd, dstName)) return false;
+  FileIODescriptor dstFd;
+  const FileIOResult opened =
+      FileIO_Open(&dstFd, dstName, FILEIO_ACCESS_WRITE,
+                  overwriteExisting ? FILEIO_OPEN_CREATE_EMPTY : FILEIO_OPEN_CREATE_SAFE);
+  if (opened != FILEIO_SUCCESS) return TellCreateError(dstName, opened);
+
+  bool ok = File_CopyFromFdToFd(srcFd, &dstFd);
+  ErrnoKeeper cause;
+  if (FileIO_Close(&dstFd) != FILEIO_SUCCESS) {
+    const ErrnoKeeper keeper;
+    if (ok) cause.Set(keeper.Get());
+    Msg_Append(
+        "@&!*@*@(msg.File.CopyFromFdToName.close.failure)Unable to close the '%s' file: %s.\n\n",
+        dstName, Err_ErrnoToString(keeper.Get()));
+    ok = false;
+  }
+  if (!ok) FileDeletePath(dstName, true);
+  return ok;
+}
+
+bool File_Copy(const char *srcName, const char *dstName, bool overwriteExisting) {
+  FileIODescriptor srcFd;
+  const FileIOResult opened = FileIO_Open(&srcFd, srcName, FILEIO_ACCESS_READ, FILEIO_OPEN);
+  if (opened != FILEIO_SUCCESS) {
+    const ErrnoKeeper keeper;
+    Msg_Append(
+        "@&!*@*@(msg.File.Copy.open.failure)Unable to open the '%s' file for read access: %s.\n\n",
+        srcName, FileIO_MsgError(opened));
+    return false;
+  }
+
+  const bool copied = File_CopyFromFdToName(&srcFd, dstName, overwriteExisting);
+  ErrnoKeeper cause;
+  if (FileIO_Close(&srcFd) == FILEIO_SUCCESS) return copied;
+  const ErrnoKeeper keeper;
+  if (copied) cause.Set(keeper.Get());
+  Msg_Append("@&!*@*@(msg.File.Copy.close.failure)Unable to close the '%s' file: %s.\n\n", srcName,
+             Err_ErrnoToString(keeper.Get()));
+  return false;
+}

@@ -1,0 +1,169 @@
+// fileIOOpen.cpp -- opening: from access flags and an action to an open file and its record.
+//
+// Idea:   the record gets its name first and its lock second; then come the steps that may fail
+//         (Prepare): the open, the cache, the unlink.  Whatever fails, what was taken is given back
+//         in one place.
+// Tests:  tests/unit/fileIO_test.cpp
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "err.h"
+#include "errnoKeeper.h"
+#include "fd.h"
+#include "fileIO.h"
+#include "fileIOInt.h"
+#include "heap.h"
+#include "id.h"
+#include "log.h"
+#include "platform/files.h"
+#include "platform/uncached.h"
+
+namespace {
+
+std::atomic<FileIOPrivilegedOpenFn> privilegedOpen = nullptr;
+
+// By action.
+constexpr int kActionFlags[] = {0, O_TRUNC, O_CREAT, O_CREAT | O_EXCL, O_CREAT | O_TRUNC};
+
+// Access flags that stand for an open(2) flag by themselves.
+struct FlagRow {
+  uint32_t access;
+  int flag;
+};
+constexpr FlagRow kFlags[] = {
+    {FILEIO_FLAG_NONBLOCK, O_NONBLOCK},
+    {FILEIO_FLAG_EXCLUSIVE_READ | FILEIO_FLAG_EXCLUSIVE_WRITE, O_EXCL},
+    {FILEIO_FLAG_APPEND, O_APPEND},
+    {FILEIO_FLAG_NOFOLLOW, O_NOFOLLOW},
+};
+
+bool HasAll(uint32_t access, uint32_t bits) {
+  return (access & bits) == bits;
+}
+
+bool WantsUncached(uint32_t access) {
+  return (access & (FILEIO_FLAG_SYNC | FILEIO_FLAG_UNBUFFERED)) != 0;
+}
+
+int AccessMode(uint32_t access) {
+  if (!HasAll(access, FILEIO_ACCESS_WRITE)) return O_RDONLY;
+  return HasAll(access, FILEIO_ACCESS_READ) ? O_RDWR : O_WRONLY;
+}
+
+int OpenFlags(uint32_t access, FileIOOpenAction action) {
+  int flags = AccessMode(access) | kActionFlags[action] | O_CLOEXEC;
+  for (const FlagRow &row : kFlags) {
+    if (HasAll(access, row.access)) flags |= row.flag;
+  }
+  if (WantsUncached(access)) flags |= Platform_UncachedOpenFlags(HasAll(access, FILEIO_FLAG_SYNC));
+  return flags;
+}
+
+// ---- the open ----------------------------------------------------------------------------------
+
+int OpenPlain(const char *path, int flags, int mode, bool locked) {
+  const auto bits = static_cast<mode_t>(mode);
+  return locked ? Platform_OpenLocked(path, flags, bits) : open(path, flags, bits);
+}
+
+int OpenByReplacement(FileIOPrivilegedOpenFn replacement, const char *path, int flags,
+                      bool locked) {
+  Fd fd(replacement(path, flags));
+  const int wait = (flags & O_NONBLOCK) != 0 ? LOCK_NB : 0;
+  if (fd && locked && flock(fd.Get(), LOCK_EX | wait) != 0) return -1;
+  return fd.Release();
+}
+
+// What a user must not be able to do through a privileged program is refused before anything runs:
+// a path that he controls would be created or emptied as the super-user.
+int OpenPrivileged(const char *path, int flags, bool locked) {
+  if ((flags & (O_CREAT | O_TRUNC)) != 0) {
+    errno = EACCES;
+    return -1;
+  }
+  const FileIOPrivilegedOpenFn replacement = privilegedOpen.load(std::memory_order_acquire);
+  if (replacement != nullptr) return OpenByReplacement(replacement, path, flags, locked);
+  if (geteuid() == 0) return OpenPlain(path, flags, 0, locked);
+  // PRIV: one open of a file that exists, as the super-user.
+  const uid_t saved = Id_BeginSuperUser();
+  const int fd = OpenPlain(path, flags, 0, locked);
+  const ErrnoKeeper keeper;
+  Id_EndSuperUser(saved);
+  return fd;
+}
+
+// Opens the file and does what follows the open.  On failure the descriptor is closed and the cause
+// in errno and, if need be, in the log.
+FileIOResult Prepare(Fd *fd, const char *path, uint32_t access, FileIOOpenAction action, int mode) {
+  const int flags = OpenFlags(access, action);
+  const bool locked = HasAll(access, FILEIO_FLAG_EXLOCK);
+  fd->Reset(HasAll(access, FILEIO_FLAG_PRIVILEGED) ? OpenPrivileged(path, flags, locked)
+                                                   : OpenPlain(path, flags, mode, locked));
+  if (!*fd) return FileIOReport("FILE:open error on %s: %s\n", path);
+  if (WantsUncached(access) &&
+      Platform_SetUncached(fd->Get(), HasAll(access, FILEIO_FLAG_SYNC)) != 0) {
+    return FileIOReport("FILE:fcntl error on %s: %s\n", path);
+  }
+  if (HasAll(access, FILEIO_FLAG_UNLINK_AFTER_OPEN) && unlink(path) != 0) {
+    return FileIOReport("FILE:unlink error on %s: %s\n", path);
+  }
+  return FILEIO_SUCCESS;
+}
+
+}  // namespace
+
+FileIOResult FileIOReport(const char *format, const char *path) {
+  const ErrnoKeeper keeper;
+  const FileIOResult result = FileIOResultOfErrno(keeper.Get());
+  if (result == FILEIO_ERROR) Log(format, path, Err_ErrnoToString(keeper.Get()));
+  return result;
+}
+
+void FileIO_SetPrivilegedOpen(FileIOPrivilegedOpenFn open) {
+  privilegedOpen.store(open, std::memory_order_release);
+}
+
+FileIOResult FileIO_Open(FileIODescriptor *fd, const char *path, uint32_t access,
+                         FileIOOpenAction action) {
+  return FileIOCreate(fd, path, access, action, 0600);
+}
+
+FileIOResult FileIOCreate(FileIODescriptor *fd, const char *path, uint32_t access,
+                          FileIOOpenAction action, int mode) {
+  FileIO_Invalidate(fd);
+  if (path == nullptr) {
+    errno = EFAULT;
+    return FILEIO_ERROR;
+  }
+  fd->flags = FileIONormalizeAccess(access);
+  fd->fileName = Heap_SafeStrdup(path).release();
+  FileIOResult result = FileIO_Lock(fd, fd->flags);
+  Fd opened;
+  if (result == FILEIO_SUCCESS) result = Prepare(&opened, path, fd->flags, action, mode);
+  if (result == FILEIO_SUCCESS) {
+    fd->posix = opened.Release();
+  } else {
+    FileIOForget(fd);
+  }
+  return result;
+}
+
+FileIODescriptor FileIO_FromPosix(int posix) {
+  FileIODescriptor fd;
+  FileIO_Invalidate(&fd);
+  const int flags = fcntl(posix, F_GETFL);
+  if (flags == -1) return fd;
+  fd.posix = posix;
+  const int mode = flags & O_ACCMODE;
+  if (mode == O_RDONLY || mode == O_RDWR) fd.flags |= FILEIO_ACCESS_READ;
+  if (mode == O_WRONLY || mode == O_RDWR) fd.flags |= FILEIO_ACCESS_WRITE;
+  // All of its bits: on Linux O_DSYNC is one of them.
+  if ((flags & O_FSYNC) == O_FSYNC) fd.flags |= FILEIO_FLAG_SYNC;
+  if ((flags & O_APPEND) != 0) fd.flags |= FILEIO_FLAG_APPEND;
+  return fd;
+}

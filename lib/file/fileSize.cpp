@@ -1,0 +1,73 @@
+// fileSize.cpp -- how large files and trees are.
+//
+// Holds:  links are followed, so a tree may lead back into itself; a directory that is being added up
+//         already counts as 0 then.  The chain of those stands in the frames of the recursion.
+// Tests:  tests/unit/fileTree_test.cpp
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "errnoKeeper.h"
+#include "file.h"
+#include "fileInt.h"
+
+namespace {
+
+// A directory that is being added up, and those above it.
+struct Level {
+  const Level *above;
+  dev_t device;
+  ino_t inode;
+};
+
+bool IsOpenLevel(const Level *level, const struct stat &status) {
+  while (level != nullptr && (level->device != status.st_dev || level->inode != status.st_ino)) {
+    level = level->above;
+  }
+  return level != nullptr;
+}
+
+int64_t SizeOf(const char *path, const Level *above);
+
+int64_t SizeOfFile(const char *path) {
+  FileIODescriptor fd;
+  // Without waiting: a FIFO may have no writer.
+  if (FileIO_Open(&fd, path, FILEIO_ACCESS_READ | FILEIO_FLAG_NONBLOCK, FILEIO_OPEN) !=
+      FILEIO_SUCCESS) {
+    return -1;
+  }
+  const int64_t size = FileIO_GetSize(&fd);
+  const ErrnoKeeper keeper;
+  FileIO_Close(&fd);
+  return size;
+}
+
+int64_t SizeOfDirectory(const char *path, const Level &level) {
+  FileNames names;
+  if (!names.List(path)) return -1;
+  int64_t sum = 0;
+  for (const char *const name : names) {
+    const HeapStr child(File_PathJoin(path, name));
+    const int64_t size = SizeOf(child.get(), &level);
+    if (size > 0 && __builtin_add_overflow(sum, size, &sum)) return INT64_MAX;
+  }
+  return sum;
+}
+
+int64_t SizeOf(const char *path, const Level *above) {
+  struct stat status;
+  if (stat(path, &status) != 0) return -1;
+  if (!S_ISDIR(status.st_mode)) return SizeOfFile(path);
+  if (IsOpenLevel(above, status)) return 0;
+  return SizeOfDirectory(path, {above, status.st_dev, status.st_ino});
+}
+
+}  // namespace
+
+int64_t File_GetSizeEx(const char *path) {
+  if (path != nullptr) return SizeOf(path, nullptr);
+  errno = EFAULT;
+  return -1;
+}
