@@ -1,8 +1,9 @@
-// base64.cpp -- Base64: three bytes become four characters of six bits each.
+// base64.cpp -- Base64: three bytes become four characters of six bits each, and back.
 
 #include "base64.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace {
 
@@ -23,6 +24,30 @@ char *EncodeGroup(const uint8_t *src, size_t count, char *dst) {
   return dst;
 }
 
+// One group of four characters; the number of bytes, 1 to 3, or 0 when it is none.  Only the last
+// group may be padded, and what the padding cuts off must be zero.
+size_t DecodeGroup(const char *text, bool last, uint8_t bytes[3]) {
+  uint32_t bits = 0;
+  size_t padding = 0;
+  for (size_t i = 0; i < 4; i++) {
+    const char c = text[i];
+    if (c == '=' && last && i >= 2) {
+      padding++;
+      bits <<= 6;
+      continue;
+    }
+    const char *const digit = c == '\0' ? nullptr : strchr(kAlphabet, c);
+    if (digit == nullptr || padding > 0) return 0;
+    bits = bits << 6 | static_cast<uint32_t>(digit - kAlphabet);
+  }
+  for (size_t i = 0; i < 3; i++) bytes[i] = static_cast<uint8_t>(bits >> (16 - 8 * i));
+  const size_t count = 3 - padding;
+  for (size_t i = count; i < 3; i++) {
+    if (bytes[i] != 0) return 0;
+  }
+  return count;
+}
+
 }  // namespace
 
 bool Base64_Encode(const void *src, size_t srcLength, char *dst, size_t dstMax, size_t *dstLength) {
@@ -38,5 +63,22 @@ bool Base64_Encode(const void *src, size_t srcLength, char *dst, size_t dstMax, 
   }
   *end = '\0';
   if (dstLength != nullptr) *dstLength = static_cast<size_t>(end - dst);
+  return true;
+}
+
+bool Base64_Decode(const char *text, void *dst, size_t dstMax, size_t *dstLength) {
+  *dstLength = 0;
+  const size_t length = strlen(text);
+  if (length % 4 != 0) return false;
+  auto *const out = static_cast<uint8_t *>(dst);
+  size_t done = 0;
+  for (size_t at = 0; at < length; at += 4) {
+    uint8_t bytes[3];
+    const size_t count = DecodeGroup(text + at, at + 4 == length, bytes);
+    if (count == 0 || count > dstMax - done) return false;
+    memcpy(out + done, bytes, count);
+    done += count;
+  }
+  *dstLength = done;
   return true;
 }

@@ -9,3 +9,9 @@
 // Any thread.
 [[nodiscard]] bool Base64_Encode(const void *src, size_t srcLength, char *dst, size_t dstMax,
                                  size_t *dstLength);
+
+// Writes the bytes that `text` (not null) stands for into `dst`, which has room for `dstMax` bytes,
+// and their number into *dstLength.  False when they do not fit or `text` is not what Base64_Encode
+// gives for any bytes, its padding included; then *dstLength is 0 and what is in dst is undefined.
+// Any thread.
+[[nodiscard]] bool Base64_Decode(const char *text, void *dst, size_t dstMax, size_t *dstLength);
