@@ -1,0 +1,231 @@
+// fileLockEntry.cpp -- getting into the queue: the entry directory, the record, the member file.
+//
+// Holds:  1. A number (that of the names) belongs to who made the entry directory with it, while
+//            that stands; afterwards to who has the member file.
+//         2. The lock directory, and what is in it, goes as soon as it is empty; so any step may
+//            find it gone, and then begins again.
+//         3. The directories are for everybody, whatever the umask.  The mode is set on the open
+//            directory afterwards: setting the umask to 0 for a moment would be felt by all threads,
+//            and two that do it at once may leave it so.  Until the mode is set, others may be
+//            refused; they ask again for a while.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "err.h"
+#include "errnoKeeper.h"
+#include "fd.h"
+#include "fileIO.h"
+#include "lib/file/fileInt.h"
+#include "lib/file/fileLockInt.h"
+#include "log.h"
+#include "str.h"
+
+namespace {
+
+constexpr uint64_t kMaxEntryMs = 8000;
+
+// How long being refused may be due to a directory that is just being made, and how long to wait
+// before asking again.
+constexpr uint64_t kSettleMs = 50;
+constexpr uint32_t kSettleStepMs = 5;
+
+constexpr mode_t kDirectoryMode = 0777;
+constexpr int kEntryFileMode = 0644;
+
+// Not an errno: something changed, look again.
+constexpr int kAgain = -1;
+
+// ---- directories -------------------------------------------------------------------------------
+
+// Errno-style.
+int MakeDirectory(const char *path) {
+  if (mkdir(path, kDirectoryMode) != 0) return errno;
+  // Not by path: it may name something else by now.  A file system without modes refuses; what it
+  // gave the directory must do, then.
+  const Fd dir(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (dir) static_cast<void>(fchmod(dir.Get(), kDirectoryMode));
+  return 0;
+}
+
+// Logs a failure of FileLockCreateEntryDirectory and returns it: `format` takes its name, the path
+// and the text of the error.
+int Report(const char *format, const char *path, int error) {
+  Log(format, "FileLockCreateEntryDirectory", path, Err_ErrnoToString(error));
+  return error;
+}
+
+int MakeLockDirectory(const char *lockDir) {
+  const int error = MakeDirectory(lockDir);
+  if (error == 0 || error == EEXIST) return 0;
+  return Report("FILE: %s creation failure on '%s': %s\n", lockDir, error);
+}
+
+// Errno-style, or kAgain: afterwards there is, or was a moment ago, a lock directory.
+int EnsureLockDirectory(const char *lockDir) {
+  FileData data;
+  int error = FileAttributes(lockDir, &data);
+  if (error == ENOENT) return MakeLockDirectory(lockDir);
+  if (error != 0) return Report("FILE: %s stat failure on '%s': %s\n", lockDir, error);
+  if (data.fileType == FILE_TYPE_DIRECTORY) return 0;
+  error = FileDeletePath(lockDir, false);
+  if (error == ENOENT) return kAgain;
+  if (error != 0) {
+    return Report("FILE: %s: an attempt to remove '%s' failed: %s\n", lockDir, error);
+  }
+  Log("FILE: %s: '%s' is not a directory. Removed.\n", "FileLockCreateEntryDirectory", lockDir);
+  return kAgain;
+}
+
+HeapStr PathOf(const char *lockDir, char letter, uint32_t number) {
+  return HeapStr(
+      Str_SafeAsprintf(nullptr, "%s/%c%05u%s", lockDir, letter, number, kFileLockSuffix));
+}
+
+void DrawNumber(const char *lockDir, FileLockPlaces *places) {
+  const uint32_t number = FileSimpleRandom() >> 8 & 0xFFFF;
+  places->entryDir = PathOf(lockDir, kFileLockChoosing, number);
+  places->entryFile = PathOf(lockDir, kFileLockEntry, number);
+  places->memberFile = PathOf(lockDir, kFileLockMember, number);
+}
+
+// Errno-style, or kAgain when the number is taken, or the lock directory has gone.
+int MakeEntryDirectory(const FileLockRequest &request, const FileLockPlaces &places) {
+  const char *const path = places.entryDir.get();
+  const int error = MakeDirectory(path);
+  if (error == EEXIST || error == ENOENT) return kAgain;
+  if (error == EACCES && FileLockNowMs() - request.startMs < kSettleMs) {
+    FileSleeper(1, kSettleStepMs);
+    return kAgain;
+  }
+  if (error != 0) return Report("FILE: %s creation failure on '%s': %s\n", path, error);
+  if (FileAttributes(places.memberFile.get(), nullptr) != 0) return 0;
+  if (File_DeleteEmptyDirectory(path)) return kAgain;
+  return Report("FILE: %s unable to remove '%s': %s\n", path, errno);
+}
+
+// ---- the member file ---------------------------------------------------------------------------
+
+// What is left in the lock directory by somebody who gives up.  errno stays.
+void WithdrawEntryDirectory(const FileLockRequest &request, const FileLockPlaces &places) {
+  const ErrnoKeeper keeper;
+  File_DeleteEmptyDirectory(places.entryDir.get());
+  File_DeleteEmptyDirectory(request.lockDir);
+}
+
+void Withdraw(const FileLockRequest &request, const FileLockPlaces &places) {
+  const ErrnoKeeper keeper;
+  FileDeletePath(places.entryFile.get(), false);
+  FileDeletePath(places.memberFile.get(), false);
+  WithdrawEntryDirectory(request, places);
+}
+
+int ReportMember(const char *format, const char *path) {
+  const ErrnoKeeper keeper;
+  Log(format, "FileLockCreateMemberFile", path, Err_ErrnoToString(keeper.Get()));
+  return keeper.Get();
+}
+
+// A FileLockScanFn: keeps the highest number in the request.
+int KeepHighest(const char *, const char *, const FileLockMember &other, FileLockRequest *request) {
+  if (other.number > request->me.number) request->me.number = other.number;
+  return 0;
+}
+
+// Errno-style.
+int ChooseNumber(FileLockRequest *request) {
+  request->me.number = 0;
+  const int error = FileLockScanner(request->lockDir, KeepHighest, request, false);
+  if (error != 0) return error;
+  // Who went on from 0 would go before all others.
+  if (request->me.number == UINT32_MAX) return EOVERFLOW;
+  request->me.number++;
+  return 0;
+}
+
+// Errno-style; closes the file in any case.
+int WriteRecord(const FileLockRequest &request, FileIODescriptor *file, const char *path) {
+  char record[kFileLockRecordSize];
+  FileLockFormatRecord(request, record);
+  size_t length = 0;
+  int error = 0;
+  if (FileIO_Write(file, record, sizeof record, &length) != FILEIO_SUCCESS) {
+    error = ReportMember("FILE: %s write of '%s' failed: %s\n", path);
+  }
+  if (FileIO_Close(file) != FILEIO_SUCCESS && error == 0) {
+    error = ReportMember("FILE: %s close of '%s' failed: %s\n", path);
+  }
+  if (error == 0 && length != sizeof record) {
+    Log("FILE: %s write length issue on '%s': %zd and %zd\n", "FileLockCreateMemberFile", path,
+        static_cast<ssize_t>(length), static_cast<ssize_t>(sizeof record));
+    error = EIO;
+  }
+  return error;
+}
+
+int RenameEntry(const FileLockPlaces &places) {
+  const char *const from = places.entryFile.get();
+  const char *const to = places.memberFile.get();
+  if (rename(from, to) == 0) return 0;
+  const ErrnoKeeper keeper;
+  Log("FILE: %s FileRename of '%s' to '%s' failed: %s\n", "FileLockCreateMemberFile", from, to,
+      Err_ErrnoToString(keeper.Get()));
+  return keeper.Get();
+}
+
+// Errno-style: from the open entry file to the member file.  The entry directory goes last: then
+// others look at the number.
+int JoinQueue(FileLockRequest *request, const FileLockPlaces &places, FileIODescriptor *file) {
+  int error = ChooseNumber(request);
+  if (error != 0) {
+    FileIO_Close(file);
+    return error;
+  }
+  error = WriteRecord(*request, file, places.entryFile.get());
+  if (error == 0) error = RenameEntry(places);
+  if (error == 0 && !File_DeleteEmptyDirectory(places.entryDir.get())) error = errno;
+  return error;
+}
+
+}  // namespace
+
+const char *FileLockPlaces::MemberName() const {
+  return strrchr(memberFile.get(), '/') + 1;
+}
+
+int FileLockCreateEntryDirectory(const FileLockRequest &request, FileLockPlaces *places) {
+  int error = kAgain;
+  while (error == kAgain) {
+    error = EnsureLockDirectory(request.lockDir);
+    if (error == 0) {
+      DrawNumber(request.lockDir, places);
+      error = MakeEntryDirectory(request, *places);
+    }
+    if (error == kAgain && FileLockNowMs() - request.startMs > kMaxEntryMs) {
+      Log("FILE: %s lack of progress on '%s'\n", "FileLockCreateEntryDirectory", request.lockDir);
+      return EBUSY;
+    }
+  }
+  return error;
+}
+
+int FileLockCreateMemberFile(FileLockRequest *request, const FileLockPlaces &places) {
+  FileIODescriptor file;
+  if (FileIOCreate(&file, places.entryFile.get(), FILEIO_ACCESS_WRITE | FILEIO_FLAG_NOFOLLOW,
+                   FILEIO_OPEN_CREATE_SAFE, kEntryFileMode) != FILEIO_SUCCESS) {
+    const int error = errno;
+    WithdrawEntryDirectory(*request, places);
+    return error;
+  }
+  int error = JoinQueue(request, places, &file);
+  if (error == 0) {
+    error = FileLockScanner(request->lockDir, FileLockWaitForPossession, request, true);
+  }
+  if (error != 0) Withdraw(*request, places);
+  return error;
+}

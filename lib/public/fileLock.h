@@ -1,0 +1,47 @@
+// fileLock.h -- an advisory lock on a file, between threads, processes and machines.
+//
+// It needs nothing of the file system but directories and renames, so it works wherever a file can
+// be shared.  It is a directory beside the file, named after it, in which each holder and waiter
+// has an entry; docs/lock-format.md describes it for other programs.  The file itself is not
+// touched and need not exist.
+//
+//   A lock is exclusive or shared.  Who comes first goes first, but shared locks go together.
+//   The lock belongs to its token, not to a thread or a process: a thread that already holds one on
+//     the file waits like any other, and another thread may release it.
+//   A lock whose process has died is broken by the next who wants it, on the same machine; on other
+//     machines nobody can know, and it stays until somebody removes it.
+//   A process that dies while it queues up holds the others up for a bit more than 8 seconds,
+//     however short their own limit.
+//
+// Machines that share a directory must have different names or network cards.
+//
+// Paths are UTF-8.  A bare file name counts from the current directory, which must then stay the
+// same until the lock is released.  Exhausted memory is fatal.  Any thread, at any time.
+#pragma once
+
+#include <cstdint>
+
+struct FileLockToken;
+struct MsgList;
+
+// As msecMaxWait: try once, and wait without end.
+inline constexpr uint32_t FILELOCK_TRYLOCK_WAIT = 0;
+inline constexpr uint32_t FILELOCK_INFINITE_WAIT = UINT32_MAX;
+
+// Locks the file `path` (not null), shared with other readers if readOnly, within about msecMaxWait
+// milliseconds: somebody who holds the lock is looked at in steps, at first of up to 100 ms, later
+// of a tenth of the time waited and at most 2 s, and the last step is not cut short.
+//
+// Returns a token to be released with FileLock_Unlock, *err being 0.  Otherwise null, with the
+// cause in *err and errno, and a message for the user appended to *msgList (msgList may be null).
+// EAGAIN: the time was up.  EBUSY: no way in for 8 seconds.  EINVAL: no absolute path for `path`.
+// What the file system said, otherwise; some of it is logged.
+//
+// Where the directory cannot be written to (EROFS, EACCES), a shared lock is granted without an
+// entry, so that what is on read-only media can be read: it waits for nobody and keeps nobody out.
+[[nodiscard]] FileLockToken *FileLock_Lock(const char *path, bool readOnly, uint32_t msecMaxWait,
+                                           int *err, MsgList **msgList);
+
+// Releases the lock and frees the token in any case.  False when the entry could not be removed,
+// with cause and message as above; ENOENT: somebody else had removed it, and may have had the lock.
+bool FileLock_Unlock(FileLockToken *token, int *err, MsgList **msgList);
