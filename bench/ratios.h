@@ -51,7 +51,9 @@ class Ratios : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run> &runs) override {
     for (const Run &run : runs) {
       if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      const double time = run.GetAdjustedCPUTime();
+      // Threads are timed by the clock on the wall.
+      const double time =
+          run.run_name.time_type.empty() ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime();
       const auto [at, isNew] = fastest_.emplace(run.run_name.function_name, time);
       if (!isNew) at->second = std::min(at->second, time);
     }

@@ -96,22 +96,23 @@ struct MX_MutexRec;
 // What this library needs of the other system.  Each hook may be null.
 struct MXUserMxHooks {
   // Operations of a bound lock.  Without all five no lock can be bound.
-  void (*acquire)(MX_MutexRec *lock);
-  void (*release)(MX_MutexRec *lock);
-  bool (*tryAcquire)(MX_MutexRec *lock);
-  bool (*isHeld)(const MX_MutexRec *lock);       // by the calling thread
-  const char *(*name)(const MX_MutexRec *lock);  // the other system's; null when it has none
+  void (*acquire)(MX_MutexRec *lock) = nullptr;
+  void (*release)(MX_MutexRec *lock) = nullptr;
+  bool (*tryAcquire)(MX_MutexRec *lock) = nullptr;
+  bool (*isHeld)(const MX_MutexRec *lock) = nullptr;  // by the calling thread
+  const char *(*name)(const MX_MutexRec *lock) =
+      nullptr;  // the other system's; null when it has none
 
   // After the state of a bound lock has been written as warnings: that of the external lock.
-  void (*dump)(const MX_MutexRec *lock);
+  void (*dump)(const MX_MutexRec *lock) = nullptr;
   // The bound lock is gone.
-  void (*unbind)(MX_MutexRec *lock);
+  void (*unbind)(MX_MutexRec *lock) = nullptr;
 
   // Locks keep failing while the process ends (see MXUser_InPanic): the other system should expect
   // no order any more.
-  void (*panic)();
+  void (*panic)() = nullptr;
   // Whether the other system is ending the process.
-  bool (*inPanic)();
+  bool (*inPanic)() = nullptr;
 };
 
 // Installs the hooks, unless some are installed already: then nothing happens.
@@ -160,10 +161,21 @@ void MXUser_DestroyCondVar(MXUserCondVar *condVar);
 
 // ---- statistics ------------------------------------------------------------------------------
 //
-// docs/lock-statistics.md has the lines.
+// The lines, where L is the serial number of the lock and T a letter for what was measured: "a" for
+// acquisitions, "h" for the times that the lock was held.  Times are in nanoseconds.
+//
+//   MXUser: n n=NAME l=L r=RANK            a lock that is new; the rank in hexadecimal
+//   MXUser: e l=L t=T c=COUNT min=MIN max=MAX mean=MEAN sd=DEVIATION
+//   MXUser: ce l=L a=ATTEMPTS s=SUCCESSES sc=CONTENDED sct=TIME t=TIME
+//                                          acquisitions; those that had to wait, and how long; how
+//                                          long all attempts had to wait
+//   MXUser: h l=L t=T min=MIN max=MAX BIN-COUNT ...
+//                                          of a lock that has been contended, since then: bin B of
+//                                          100 a decade begins at MIN * 10^(B / 100); empty ones
+//                                          are left out, and so are those without room in the line
 
 // Receives one line with its end, or as much of it as there was room for.  It may use locks, but
-// not create or destroy any, nor call MXUser_SetStatsFunc.
+// not create or destroy any, nor call what is below.
 using MXUserStatsFunc = void (*)(void *context, const char *line);
 
 // Where MXUser_PerLockData writes; a null function switches it off.  A line with its NUL has
