@@ -82,16 +82,17 @@ int EnsureLockDirectory(const char *lockDir) {
   return kAgain;
 }
 
-HeapStr PathOf(const char *lockDir, char letter, uint32_t number) {
-  return HeapStr(
-      Str_SafeAsprintf(nullptr, "%s/%c%05u%s", lockDir, letter, number, kFileLockSuffix));
+HeapStr PathOf(const char *lockDir, const char *nameFormat, uint32_t number) {
+  char name[sizeof "M65535.lck"];
+  Str_Sprintf(name, sizeof name, nameFormat, number, kFileLockSuffix);
+  return HeapStr(File_PathJoin(lockDir, name));
 }
 
 void DrawNumber(const char *lockDir, FileLockPlaces *places) {
   const uint32_t number = FileSimpleRandom() >> 8 & 0xFFFF;
-  places->entryDir = PathOf(lockDir, kFileLockChoosing, number);
-  places->entryFile = PathOf(lockDir, kFileLockEntry, number);
-  places->memberFile = PathOf(lockDir, kFileLockMember, number);
+  places->entryDir = PathOf(lockDir, "D%05u%s", number);
+  places->entryFile = PathOf(lockDir, "E%05u%s", number);
+  places->memberFile = PathOf(lockDir, "M%05u%s", number);
 }
 
 // Errno-style, or kAgain when the number is taken, or the lock directory has gone.

@@ -101,7 +101,7 @@ int CloseNative(FileLockToken *token) {
 
 FileLockToken *FileLockIntrinsic(const char *path, bool exclusive, uint32_t msecMaxWait, int *err) {
   return FileLockNativeIsDefault() ? LockNative(path, exclusive, err)
-                               : LockPortable(path, exclusive, msecMaxWait, err);
+                                   : LockPortable(path, exclusive, msecMaxWait, err);
 }
 
 FileLockToken *FileLockIntrinsicPortable(FileLockRequest *request, int *err) {

@@ -157,9 +157,11 @@ void FileIO_SetConfigStore(FileIOConfigFn read);
 
 // ---- locks -----------------------------------------------------------------------------------
 
-// Takes the lock that `access` asks for on fd->fileName; FILEIO_SUCCESS when it asks for none.  A
-// shared lock without FILEIO_ACCESS_WRITE, an exclusive one with it.  FILEIO_LOCK_FAILED: there is
-// no such lock here.  A failure is logged.
+// Takes the lock that `access` asks for on fd->fileName (see fileLock.h); FILEIO_SUCCESS when it asks
+// for none.  A shared lock without FILEIO_ACCESS_WRITE, an exclusive one with it.  Waits for others
+// for about 3.5 s: FILEIO_ERROR with EAGAIN when that was not enough.  FILEIO_LOCK_FAILED: there is
+// no such lock here (ENOTSUP), or no exclusive one on read-only media (EROFS).  A failure of the
+// portable lock is logged.
 [[nodiscard]] FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access);
 
 // Releases the lock, if there is one; *fd has none afterwards, also after FILEIO_ERROR, which is
