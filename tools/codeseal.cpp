@@ -13,6 +13,7 @@
 
 #include "fd.h"
 #include "platform/linux/sealCheck.h"
+#include "platform/linux/sealItem.h"
 #include "tools/sealMaker.h"
 
 namespace {

@@ -19,6 +19,7 @@
 #include "fd.h"
 #include "platform/linux/openssl.h"
 #include "platform/linux/sealDigest.h"
+#include "platform/linux/sealItem.h"
 #include "platform/linux/sealSignature.h"
 #include "platform/linux/sealText.h"
 #include "platform/linux/sealWalk.h"
@@ -42,12 +43,6 @@ constexpr char kHalfDone[] = "Contents/_CodeSignature/CodeSeal.new";
   throw std::runtime_error(what + (reason == nullptr ? "" : std::string(": ") + reason));
 }
 
-bool IsDirectory(int fd) {
-  struct stat info;
-  if (fstat(fd, &info) != 0) ThrowErrno("fstat");
-  return S_ISDIR(info.st_mode);
-}
-
 // ---- what is there -----------------------------------------------------------------------------
 
 struct Found {
@@ -68,7 +63,7 @@ bool Collect(void *context, const SealFound &found) {
 
 std::vector<Found> Survey(int item) {
   std::vector<Found> found;
-  if (!IsDirectory(item)) {
+  if (!SealIsDirectory(item)) {
     if (!Collect(&found, {kSealSinglePath, item, nullptr})) ThrowErrno("reading");
     return found;
   }
@@ -166,13 +161,13 @@ std::string SealMaker_Sign(const std::string &text, const SealMakerFiles &files)
 }
 
 void SealMaker_Clear(int item) {
-  if (IsDirectory(item) && unlinkat(item, kHalfDone, 0) != 0 && errno != ENOENT) {
+  if (SealIsDirectory(item) && unlinkat(item, kHalfDone, 0) != 0 && errno != ENOENT) {
     ThrowErrno(kHalfDone);
   }
 }
 
 void SealMaker_Attach(int item, const std::string &seal) {
-  if (IsDirectory(item)) {
+  if (SealIsDirectory(item)) {
     WriteSealFile(item, seal);
   } else if (fsetxattr(item, kSealAttribute, seal.data(), seal.size(), 0) != 0) {
     ThrowErrno(kSealAttribute);

@@ -2,9 +2,8 @@
 
 #include "platform/codeSignature.h"
 
-#include <fcntl.h>
-
-#include "platform/linux/sealCheck.h"
+#include "platform/linux/sealItem.h"
+#include "platform/linux/sealVerifier.h"
 
 namespace {
 
@@ -15,10 +14,5 @@ enum Failure { kNone = 0, kCode = 3, kInvalid = 7 };
 int Platform_VerifyCodeSignature(const char *path, const char *identifier) {
   const Fd item = SealOpenItem(path);
   if (!item) return kCode;
-  const Fd root(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  SmallFileBytes anchors;
-  if (!root || SealReadAnchors(root.Get(), kSealAnchors, &anchors) != SealVerdict::Valid) {
-    return kInvalid;
-  }
-  return SealCheck(item.Get(), identifier, anchors.View()) == SealVerdict::Valid ? kNone : kInvalid;
+  return SealVerifierAccepts(item.Get(), identifier) ? kNone : kInvalid;
 }

@@ -5,14 +5,13 @@
 
 #include "platform/linux/sealCheck.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include <cstring>
 #include <memory>
 
 #include "platform/linux/sealDigest.h"
+#include "platform/linux/sealItem.h"
 #include "platform/linux/sealSignature.h"
 #include "platform/linux/sealText.h"
 #include "platform/linux/sealWalk.h"
@@ -20,11 +19,6 @@
 namespace {
 
 constexpr size_t kMaxAnchors = size_t{1} << 20;
-
-bool IsDirectory(int fd) {
-  struct stat info;
-  return fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
-}
 
 bool ReadAttribute(int fd, SmallFileBytes *seal) {
   const ssize_t size = fgetxattr(fd, kSealAttribute, nullptr, 0);
@@ -74,7 +68,7 @@ SealVerdict Compare(int item, const SealText &text) {
   if (comparison.seen == nullptr) return SealVerdict::Unreadable;
   std::uninitialized_fill_n(comparison.seen.get(), text.count, false);
   bool complete = false;
-  if (IsDirectory(item)) {
+  if (SealIsDirectory(item)) {
     SealWalk walk(Comparison::Visit, &comparison);
     complete = walk.Below(item);
   } else {
@@ -87,16 +81,6 @@ SealVerdict Compare(int item, const SealText &text) {
 
 }  // namespace
 
-Fd SealOpenItem(const char *path) {
-  // O_NONBLOCK: a FIFO in its place shall not make anybody wait.
-  Fd fd(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  struct stat info;
-  if (!fd || fstat(fd.Get(), &info) != 0) return Fd();
-  if (S_ISREG(info.st_mode) || S_ISDIR(info.st_mode)) return fd;
-  errno = ENOTSUP;
-  return Fd();
-}
-
 SealVerdict SealReadAnchors(int start, const char *path, SmallFileBytes *anchors) {
   const Fd fd = SmallFileOpen(start, path, SmallFileRoots);
   return fd && SmallFileRead(fd.Get(), kMaxAnchors, anchors) ? SealVerdict::Valid
@@ -104,7 +88,7 @@ SealVerdict SealReadAnchors(int start, const char *path, SmallFileBytes *anchors
 }
 
 SealVerdict SealRead(int item, SmallFileBytes *seal) {
-  if (!IsDirectory(item)) {
+  if (!SealIsDirectory(item)) {
     return ReadAttribute(item, seal) ? SealVerdict::Valid : SealVerdict::NoSeal;
   }
   const Fd fd = SmallFileOpen(item, kSealFile, SmallFileAny);

@@ -7,10 +7,6 @@
 // Where the anchors are, below "/".
 inline constexpr char kSealAnchors[] = "etc/zephrin/code-signing-anchors.pem";
 
-// Opens the regular file or directory `path` for reading; the last component is no symbolic link.
-// Empty with errno set; ENOTSUP for another kind of file.
-[[nodiscard]] Fd SealOpenItem(const char *path);
-
 // The bytes of the anchors' file `path` below the directory `start`.  That file and every directory
 // from the start on must belong to root, and only root may write: whoever may rename one of them
 // could put another file of root's in the place of the anchors.

@@ -4,22 +4,28 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <string>
 #include <vector>
 
 #include "platform/codeSignature.h"
 #include "platform/linux/sealCheck.h"
+#include "platform/linux/sealItem.h"
 #include "platform/linux/sealSignature.h"
 #include "platform/linux/sealText.h"
 #include "platform/linux/sealWalk.h"
+#include "tests/support/capture.h"
 #include "tests/support/sandboxSkip.h"
 #include "tests/support/scratchDir.h"
 #include "tools/sealMaker.h"
@@ -28,6 +34,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr int kNoNamespace = 77;
 const std::string kName = "Zephrin Lumen Client Services";
 
 // The exit status of a shell command.
@@ -382,6 +389,32 @@ TEST_F(Seal, OfNothingFailsEarlierThanOfSomethingUnsigned) {
   EXPECT_EQ(3, Platform_VerifyCodeSignature(dir.Path("fifo").c_str(), kName.c_str()));
   EXPECT_EQ(3, Platform_VerifyCodeSignature(dir.Path("nothing").c_str(), kName.c_str()));
   EXPECT_EQ(7, Platform_VerifyCodeSignature(dir.Write("file", "").c_str(), kName.c_str()));
+}
+
+// In a mount namespace where /etc holds the anchors and nothing else.
+TEST_F(Seal, IsAcceptedOnTheMachinesAnchors) {
+  const fs::path bundle = dir.Path("b");
+  fs::create_directories(bundle / "Contents");
+  SealUp(bundle);
+  const std::string anchors = Anchors();
+  const auto verify = [&](const std::string &name) {
+    return std::to_string(Platform_VerifyCodeSignature(bundle.c_str(), name.c_str())) + " ";
+  };
+  const ChildResult result = RunInChild([&] {
+    if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("", "/etc", "tmpfs", 0, "mode=755") != 0) {
+      _exit(kNoNamespace);
+    }
+    signal(SIGCHLD, SIG_IGN);
+    std::string codes = verify(kName);
+    fs::create_directory("/etc/zephrin");
+    std::ofstream("/etc/zephrin/code-signing-anchors.pem") << anchors;
+    codes += verify(kName) + verify("other");
+    chmod("/etc/zephrin", 0777);
+    std::cout << codes + verify(kName) << std::flush;
+  });
+  if (result.exitStatus == kNoNamespace) SKIP_FOR_WANT_OF("a mount namespace");
+  EXPECT_EQ("7 0 7 7 ", result.output);
 }
 
 TEST_F(Seal, ToolSignsAndVerifies) {

@@ -1,0 +1,35 @@
+# Seals: what checks them, the program that it makes, and the library that carries this program.
+
+lumen_library(lumen_sealItem linux/sealItem.cpp linux/smallFile.cpp)
+
+# OpenSSL's archive, as for sha1.
+lumen_library(lumen_seals
+  linux/sealCheck.cpp
+  linux/sealDigest.cpp
+  linux/sealSignature.cpp
+  linux/sealText.cpp
+  linux/sealWalk.cpp)
+target_link_libraries(lumen_seals PUBLIC lumen_sealItem OpenSSL::Crypto)
+
+lumen_program(lumen-seal-verifier linux/sealVerifierMain.cpp)
+target_link_libraries(lumen-seal-verifier PRIVATE lumen_seals)
+if(NOT LUMEN_SANITIZE)
+  target_sources(lumen-seal-verifier PRIVATE linux/sealVerifierRefusals.cpp)
+  # Nobody sees its symbols.
+  target_link_options(lumen-seal-verifier
+                      PRIVATE -s -Wl,--wrap=dlopen,--wrap=getaddrinfo,--wrap=gethostbyname)
+endif()
+
+lumen_library(lumen_codeSignature
+  linux/bundleIdentifier.cpp
+  linux/codeSignature.cpp
+  linux/sealVerifier.cpp
+  linux/sealVerifierImage.cpp)
+set(_verifier ${CMAKE_CURRENT_BINARY_DIR}/lumen-seal-verifier)
+set_source_files_properties(
+  linux/sealVerifierImage.cpp PROPERTIES COMPILE_DEFINITIONS LUMEN_SEAL_VERIFIER="${_verifier}"
+                                         OBJECT_DEPENDS ${_verifier})
+add_dependencies(lumen_codeSignature lumen-seal-verifier)
+# Property lists are XML.
+find_library(LUMEN_EXPAT libexpat.a REQUIRED)
+target_link_libraries(lumen_codeSignature PUBLIC lumen_sealItem ${LUMEN_EXPAT})
