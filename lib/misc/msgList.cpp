@@ -17,17 +17,12 @@
 
 namespace {
 
-struct ListFreer {
-  void operator()(MsgList *list) const noexcept { MsgList_Free(list); }
-};
-using ListOwner = std::unique_ptr<MsgList, ListFreer>;
-
 // A message without arguments.
-ListOwner MakeMessage(std::string_view id, const char *format) {
+MsgListOwner MakeMessage(std::string_view id, const char *format) {
   auto *const message = new (Heap_SafeMalloc(sizeof(MsgList))) MsgList{};
   message->id = Heap_SafeStrndup(id.data(), id.size()).release();
   message->format = Heap_SafeStrdup(format).release();
-  return ListOwner(message);
+  return MsgListOwner(message);
 }
 
 __attribute__((format(printf, 2, 0))) void CaptureArgs(MsgList *message, const char *format,
@@ -37,7 +32,7 @@ __attribute__((format(printf, 2, 0))) void CaptureArgs(MsgList *message, const c
   Panic("%s error: %s\nformat <%s>\n", "MsgList_VAppend", error, format);
 }
 
-void PushFront(MsgList **list, ListOwner message) {
+void PushFront(MsgList **list, MsgListOwner message) {
   message->next = *list;
   *list = message.release();
 }
@@ -68,7 +63,7 @@ void MsgList_VAppend(MsgList **list, const char *idFormat, va_list args) {
   std::string_view id;
   const char *format;
   if (!MsgFmtSplitId(idFormat, &id, &format)) return AppendLiteral(list, idFormat);
-  ListOwner message = MakeMessage(id, format);
+  MsgListOwner message = MakeMessage(id, format);
   CaptureArgs(message.get(), message->format, args);
   PushFront(list, std::move(message));
 }
@@ -90,7 +85,7 @@ void MsgList_AppendStr(MsgList **list, const char *idText) {
 }
 
 void MsgList_AppendMsgList(MsgList **list, MsgList *messages) {
-  ListOwner owner(messages);
+  MsgListOwner owner(messages);
   if (list == nullptr || messages == nullptr) return;
   MsgList *last = messages;
   while (last->next != nullptr) last = last->next;

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <memory>
 
 #include "msgfmt.h"
 
@@ -61,3 +62,10 @@ void MsgList_Free(MsgList *list);
 
 // Logs "[id] text" for each message, a newline being added as above.
 void MsgList_Log(const MsgList *list);
+
+// ---- for a scope -----------------------------------------------------------------------------
+
+struct MsgListFreer {
+  void operator()(MsgList *list) const noexcept { MsgList_Free(list); }
+};
+using MsgListOwner = std::unique_ptr<MsgList, MsgListFreer>;

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,10 +20,7 @@ namespace {
 
 using std::string;
 
-struct ListFreer {
-  void operator()(MsgList *list) const { MsgList_Free(list); }
-};
-using List = std::unique_ptr<MsgList, ListFreer>;
+using List = MsgListOwner;
 
 string Text(const MsgList *list) {
   const HeapStr text(MsgList_ToString(list));
@@ -42,15 +38,12 @@ TEST(MsgList, IdsAndFormats) {
   } const rows[] = {
       {"@&!*@*@(a.b)Hello %s", "a.b", "Hello x\n", "Hello %s\n"},
       {"@&!*@*@(msg.x)(%s) 100%%\n", "msg.x", "(x) 100%\n", "(%s) 100%%\n"},
-      {"@&!*@*@(msg.x)50%% off", "msg.x", "50% off\n", "50% off\n"},
-      {"@&!*@*@()\n\n", "", "\n\n", "\n\n"},
-      {"@&!*@*@(msg.none)", "msg.none", "\n", "\n"},
+      {"@&!*@*@(msg.x)50%% off", "msg.x", "50% off\n", nullptr},
+      {"@&!*@*@()", "", "\n", nullptr},
       {"@&!*@*@a.b)Hello %s", "msg.literal", "@&!*@*@a.b)Hello %s\n", nullptr},
       {"@&!*@*@(a.b", "msg.literal", "@&!*@*@(a.b\n", nullptr},
-      {"@&!*@*@ (a.b)", "msg.literal", "@&!*@*@ (a.b)\n", nullptr},
       {" @&!*@*@(a.b)", "msg.literal", " @&!*@*@(a.b)\n", nullptr},
       {"100%", "msg.literal", "100%\n", nullptr},
-      {"", "msg.literal", "\n", nullptr},
   };
   for (const auto &row : rows) {
     const string textAsItIs = row.textAsItIs != nullptr ? row.textAsItIs : row.text;
@@ -113,7 +106,6 @@ string Pending() {
 }
 
 TEST(Msg, PendingMessages) {
-  EXPECT_EQ(nullptr, Msg_TakePending());
   EXPECT_EQ("", Pending());
   errno = EXDEV;
   Msg_Append("@&!*@*@(msg.a)%s", "A");
@@ -123,11 +115,10 @@ TEST(Msg, PendingMessages) {
   EXPECT_EQ("[msg.c] C\n[msg.literal] B\n[msg.a] A\n", Pending());
   const List taken(Msg_TakePending());
   EXPECT_EQ("C\nB\nA\n", Text(taken.get()));
-  EXPECT_EQ(nullptr, Msg_TakePending());
-  Msg_AppendStr("D");
-  EXPECT_EQ("[msg.literal] D\n", Pending());
-  Msg_Reset();
   EXPECT_EQ("", Pending());
+  Msg_AppendStr("D");
+  Msg_Reset();
+  EXPECT_EQ(nullptr, Msg_TakePending());
 }
 
 // What one thread appends is its own; and gone with it, though others get its id.  Texts of errno

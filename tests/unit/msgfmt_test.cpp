@@ -45,45 +45,39 @@ struct Captured {
   }
   Captured(const Captured &) = delete;
   Captured &operator=(const Captured &) = delete;
-  ~Captured() { Free(); }
-
-  void Free() {
+  ~Captured() {
     if (room.size() == 1) MsgFmt_FreeArgs(args, count);
-    args = nullptr;
-    room.assign(room.size(), '#');
   }
 
+  // Copies print alike, and are freed by themselves.
   string Print(const string &format) const {
-    size_t length = 0;
-    char *const text = MsgFmt_Asprintf(&length, format.c_str(), args, count);
-    return PeerTake(text, text == nullptr ? -1 : static_cast<int>(length));
+    MsgFmt_Arg *const copies = MsgFmt_CopyArgs(args, count);
+    const string text = PrintArgs(format, copies);
+    MsgFmt_FreeArgs(copies, count);
+    EXPECT_EQ(text, PrintArgs(format, args));
+    return text;
   }
 
-  // The same with copies, after the originals have gone.
-  string PrintCopies(const string &format) {
-    MsgFmt_Arg *const copies = MsgFmt_CopyArgs(args, count);
-    Free();
-    args = copies;
-    const string text = Print(format);
-    MsgFmt_FreeArgs(std::exchange(args, nullptr), count);
-    return text;
+ private:
+  string PrintArgs(const string &format, const MsgFmt_Arg *records) const {
+    size_t length = 0;
+    char *const text = MsgFmt_Asprintf(&length, format.c_str(), records, count);
+    return PeerTake(text, text == nullptr ? -1 : static_cast<int>(length));
   }
 };
 
-// Captured in every way, it prints as it does at once.
+// Captured in either way, it prints as it does at once.
 template <typename... Args>
 void Same(const string &format, Args... args) {
   const string expected = Ours(format, args...);
-  for (const size_t size : {Captured::kHeap, size_t{1000}}) {
-    Captured captured(size, format.c_str(), args...);
-    ASSERT_EQ(expected, captured.Print(format)) << format << captured.error;
-    ASSERT_EQ(expected, captured.PrintCopies(format)) << format;
-  }
+  const Captured heap(Captured::kHeap, format.c_str(), args...);
+  ASSERT_EQ(expected, heap.Print(format)) << format << heap.error;
+  ASSERT_EQ(expected, Captured(1000, format.c_str(), args...).Print(format)) << format;
 }
 
 template <typename T>
 void Grid(const std::vector<string> &sizes, const string &conversions, T value) {
-  for (const string &flags : FlagSets("-+ #0'")) {
+  for (const string &flags : FlagSets("-+#0")) {
     for (const string &size : sizes) {
       for (const char conversion : conversions) {
         const string end = size + conversion + ">";
@@ -126,67 +120,54 @@ TEST(MsgFmt, ReadsNoMoreOfAStringThanIsPrinted) {
   Same("%.*s %.*ls", 3, bytes.get(), 2, wide.get());
   Same("%1$.*2$s %3$.*4$S", bytes.get(), 2, wide.get(), 1);
   Same("%1$.1s|%1$.*2$s|%1$.2s", bytes.get(), 3);
-  const char *const text = "to its end";
   for (const char *const format : {"%1$.1s%1$s", "%1$s%1$.1s", "%1$.1s%1$.*2$s"}) {
-    Same(format, text, -5);
+    Same(format, "to its end", -5);
   }
 }
 
 TEST(MsgFmt, TypesOfRecords) {
   const char *const error = Err_ErrnoToString(ENOTDIR);
   const string copy = error;
-  struct {
-    const char *format;
-    std::vector<int> types;
-  } const rows[] = {{"%%", {}},
-                    {"%4$d%4$hhi %5$ho%1$s%2$s%3$.3s", {9, 6, 9, 1, 1}},
-                    {"%s%hs%ts%c%lc%I32x%*.*g", {9, 6, 9, 1, 1, 1, 1, 1, 5}},
-                    {"%s%s%s%ld%qi%jo%tu%zx%I64X%U%p", {9, 6, 9, 2, 2, 2, 2, 2, 2, 2, 4}},
-                    {"%s%s%s%a%hG%le%tf%zg%C%5.3S", {9, 6, 9, 5, 5, 5, 5, 5, 1, 8}}};
-  for (const auto &row : rows) {
-    const Captured captured(Captured::kHeap, row.format, error, copy.c_str(), error, nullptr,
-                            nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, .0, .0,
-                            .0, .0, .0);
-    std::vector<int> types;
-    for (int i = 0; i < captured.count; ++i) types.push_back(captured.args[i].type);
-    EXPECT_EQ(row.types, types) << row.format;
-    if (captured.count < 3) continue;
+  const std::pair<const char *, string> rows[] = {{"%%", ""},
+                                                  {"%s%s%c%lc%I32x%*.*g", "96111115"},
+                                                  {"%.3s%hs%ld%qi%jo%tu%zx%I64X%U%p", "9622222224"},
+                                                  {"%s%ts%a%hG%le%tf%zg%C%5.3S%js", "9655555188"}};
+  for (const auto &[format, types] : rows) {
+    const Captured captured(Captured::kHeap, format, error, copy.c_str(), nullptr, nullptr, nullptr,
+                            nullptr, nullptr, nullptr, nullptr, nullptr, .0, .0, .0, .0, .0);
+    string actual;
+    for (int i = 0; i < captured.count; ++i) actual += std::to_string(captured.args[i].type);
+    EXPECT_EQ(types, actual) << format;
+    if (captured.count == 0) continue;
     EXPECT_EQ(ENOTDIR, captured.args[0].errorNumber);
-    EXPECT_EQ(MSGFMT_ERROR_ERRNO, captured.args[2].errorKind);
+    EXPECT_EQ(MSGFMT_ERROR_ERRNO, captured.args[0].errorKind);
   }
   Same("%s %.3s", error, error);
 }
 
 TEST(MsgFmt, ErrorsInFormats) {
-  struct {
-    const char *format, *error;
-  } const rows[] = {
+  const std::pair<const char *, string> rows[] = {
       {"%2$s", "MsgFmt_GetArgs: gap in arguments at position 1"},
       {"%1$d %1$s",
-       "MsgFmtGetArg1: incompatible specifiers for argument 1, old type 1, new type 6, pos \"1$\", "
-       "type \"s\""},
-      {"%s %1$-5lld",
-       "MsgFmtGetArg1: incompatible specifiers for argument 1, old type 6, new type 2, pos \"1$\", "
-       "type \"-5lld\""},
-      {"%f %*1$d.",
-       "MsgFmtGetArg1: incompatible specifiers for argument 1, old type 5, new type 1, pos \"\", "
-       "type \"*1$d\""},
+       "MsgFmtGetArg1: incompatible specifiers for argument 1, old type 1, new type 6, "
+       "pos \"1$\", type \"s\""},
+      {"%f %*1$.5lld.",
+       "MsgFmtGetArg1: incompatible specifiers for argument 1, old type 5, new type 1, "
+       "pos \"\", type \"*1$.5lld\""},
       {"%d%n.", "MsgFmtGetArg1: %n not supported, pos \"\", type \"n\""},
       {"%1$5.2llf", "MsgFmtGetArg1: %Lf not supported, pos \"1$\", type \"5.2llf\""},
-      {"%LA", "MsgFmtGetArg1: %LA not supported, pos \"\", type \"LA\""},
-      {"%jg", "MsgFmtGetArg1: %jg not supported, pos \"\", type \"jg\""},
-      {"%d%", "MsgFmt_GetArgs: error in format string"},
+      {"%jA", "MsgFmtGetArg1: %jA not supported, pos \"\", type \"jA\""},
       {"%s %-5.3l", "MsgFmt_GetArgs: error in format string"},
       {"%99999999999$d",
        "MsgFmtGetArg1: bad specifier, status 3, pos \"99999999999$\", type \"d\""},
       {"%.*2147483647$s",
        "MsgFmtGetArg1: bad specifier, status 3, pos \"\", type \".*2147483647$s\""},
   };
-  for (const auto &row : rows) {
-    EXPECT_EQ(row.error, Captured(Captured::kHeap, row.format, 1, 2, 3, 4).error);
-    const Captured buffer(1000, row.format, 1, 2, 3, 4);
-    EXPECT_EQ(row.error, buffer.error);
-    EXPECT_EQ(strlen(row.error) + 1, buffer.used);
+  for (const auto &[format, error] : rows) {
+    EXPECT_EQ(error, Captured(Captured::kHeap, format, 1, 2, 3, 4).error);
+    const Captured buffer(1000, format, 1, 2, 3, 4);
+    EXPECT_EQ(error, buffer.error);
+    EXPECT_EQ(error.size() + 1, buffer.used);
   }
 }
 
@@ -207,18 +188,11 @@ TEST(MsgFmt, ABufferIsTooSmallByOneByte) {
   EXPECT_EQ("four 5 wide wide ab", capture(needed).Print(format));
   for (size_t size = 1; size < needed; ++size) {
     const string records = "MsgFmtGetArg1: out of memory at arg ";
-    const string strings = "MsgFmt_GetArgs: out of memory";
     const string error = capture(size).error;
-    EXPECT_TRUE(records.starts_with(error.substr(0, records.size())) || error == strings) << error;
-    EXPECT_LT(error.size(), size);
+    EXPECT_TRUE(records.starts_with(error.substr(0, records.size())) ||
+                error == "MsgFmt_GetArgs: out of memory")
+        << error;
   }
-  char *error = nullptr;
-  size_t size = 0;
-  va_list none{};
-  MsgFmt_Arg *args;
-  int count;
-  EXPECT_FALSE(MsgFmt_GetArgsWithBuf("%", none, &args, &count, &error, nullptr, &size));
-  EXPECT_EQ(nullptr, error);
 }
 
 TEST(MsgFmt, ExhaustedMemory) {
@@ -236,22 +210,19 @@ TEST(MsgFmt, ExhaustedMemory) {
             }));
 }
 
-TEST(MsgFmt, PrintsTextsOfOtherMessagesWithoutTheirIds) {
-  const char *const format = "<%s> <%s> <%s> <%.20s>";
-  const Captured captured(Captured::kHeap, format, "@&!*@*@(msg.a)inner: %d", "@&!*@*@msg.a)x",
-                          "@&!*@*@(msg.a", "@&!*@*@(msg.a)0123456789");
-  EXPECT_EQ("<inner: %d> <@&!*@*@msg.a)x> <@&!*@*@(msg.a> <012345>", captured.Print(format));
-}
-
 TEST(MsgFmt, PrintsOnlyWhatWasCaptured) {
   const Captured captured(Captured::kHeap, "%d %s %f %lld", 7, "text", .5, 8LL);
   EXPECT_EQ("8 0.5 text 7 %", captured.Print("%4$zd %3$g %2$s %1$x %%"));
-  EXPECT_EQ("", captured.Print(""));
-  for (const char *const format :
+  const char *const format = "<%s> <%s> <%s> <%.20s>";
+  EXPECT_EQ("<inner: %d> <@&!*@*@msg.a)x> <@&!*@*@(msg.a> <012345>",
+            Captured(Captured::kHeap, format, "@&!*@*@(msg.a)inner: %d", "@&!*@*@msg.a)x",
+                     "@&!*@*@(msg.a", "@&!*@*@(msg.a)0123456789")
+                .Print(format));
+  for (const char *const wrong :
        {"%s", "%ld", "%1$s", "%2$d", "%2$ls", "%2$p", "%3$Lf", "%3$d", "%4$g", "%4$c", "%5$d",
         "%*2$d", "%1$.*4$d", "%d%s%f%lld%d", "%1$n", "%4$n", "%y", "%1$d %"}) {
     errno = 0;
-    EXPECT_EQ(kPeerFailed, captured.Print(format)) << format;
+    EXPECT_EQ(kPeerFailed, captured.Print(wrong)) << wrong;
     EXPECT_EQ(EINVAL, errno);
   }
 }
