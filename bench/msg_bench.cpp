@@ -66,7 +66,7 @@ int main(int argc, char **argv) {
   Ratios ratios;
   const char *const path = "/Library/Application Support/Zephrin/Zephrin Calder Lumen/Services";
   AddRows(&ratios, "texts", "%s: unable to copy '%s' to '%s': %s\n", "File_CopyTree", path,
-          "/var/tmp/copy", Err_ErrnoToString(EACCES));
+          "staged copy", Err_ErrnoToString(EACCES));
   AddRows(&ratios, "mixed", "Unable to lock '%s' within %d ms, %u retries: %s.", path, 2000, 10u,
           Err_ErrnoToString(EAGAIN));
   AddRows(&ratios, "numbers", "Blocks %d to %d of %lld, error %d.", 7, 4095, 1LL << 33, 5);
