@@ -52,7 +52,7 @@ int NativeWait(MXUserCondVar *condVar, pthread_mutex_t *mutex, uint32_t msecWait
 
 // The count of waiters falls only when the native object is left behind: whoever reads 0 may
 // destroy it.
-void WaitInternal(MXUserLock *lock, MXUserCondVar *condVar, uint32_t msecWait) {
+void MXUserWaitInternal(MXUserLock *lock, MXUserCondVar *condVar, uint32_t msecWait) {
   if (lock != condVar->lock || !lock->native.IsOwnedByCaller()) {
     MXUserDumpAndPanic(*lock, "%s: invalid use of lock %s with condVar (0x%p; %s)\n",
                        "MXUserWaitCondVar", lock->name.get(), static_cast<void *>(condVar),
@@ -63,7 +63,7 @@ void WaitInternal(MXUserLock *lock, MXUserCondVar *condVar, uint32_t msecWait) {
   const int error = NativeWait(condVar, &lock->native.mutex, msecWait);
   lock->native.Own(times);
   if (error != 0 && error != ETIMEDOUT) {
-    MXUserDumpAndPanic(*lock, "%s: failure %d on condVar (0x%p; %s)\n", "MXUserWaitInternal", error,
+    MXUserDumpAndPanic(*lock, "%s: failure %d on condVar (0x%p; %s)\n", __func__, error,
                        static_cast<void *>(condVar), OwnerName(*condVar));
   }
   condVar->waiters.fetch_sub(1, std::memory_order_release);
@@ -104,21 +104,21 @@ void MXUser_DestroyCondVar(MXUserCondVar *condVar) {
 // ---- waiting and waking ----------------------------------------------------------------------
 
 void MXUser_WaitCondVarExclLock(MXUserExclLock *lock, MXUserCondVar *condVar) {
-  WaitInternal(lock, condVar, MXUSER_WAIT_INFINITE);
+  MXUserWaitInternal(lock, condVar, MXUSER_WAIT_INFINITE);
 }
 
 void MXUser_TimedWaitCondVarExclLock(MXUserExclLock *lock, MXUserCondVar *condVar,
                                      uint32_t msecWait) {
-  WaitInternal(lock, condVar, msecWait);
+  MXUserWaitInternal(lock, condVar, msecWait);
 }
 
 void MXUser_WaitCondVarRecLock(MXUserRecLock *lock, MXUserCondVar *condVar) {
-  WaitInternal(lock, condVar, MXUSER_WAIT_INFINITE);
+  MXUserWaitInternal(lock, condVar, MXUSER_WAIT_INFINITE);
 }
 
 void MXUser_TimedWaitCondVarRecLock(MXUserRecLock *lock, MXUserCondVar *condVar,
                                     uint32_t msecWait) {
-  WaitInternal(lock, condVar, msecWait);
+  MXUserWaitInternal(lock, condVar, msecWait);
 }
 
 int MXUser_SignalCondVar(MXUserCondVar *condVar) {

@@ -14,7 +14,7 @@ void DumpExclLock(const MXUserHeader &header) {
 
 constexpr MXUserLockKind kKind = {
     .type = MXUserType::exclLock,
-    .namePrefix = "X",
+    .nameFormat = "X-%p",
     .createName = "MXUser_CreateExclLock",
     .dump = DumpExclLock,
 };

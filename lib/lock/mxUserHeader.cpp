@@ -46,7 +46,7 @@ uint32_t Salt() {
 
 HeapStr NameOf(const MXUserLockKind &kind, const char *name, const void *creator) {
   if (name != nullptr) return Heap_SafeStrdup(name);
-  return HeapStr(Str_SafeAsprintf(nullptr, "%s-%p", kind.namePrefix, creator));
+  return HeapStr(Str_SafeAsprintf(nullptr, kind.nameFormat, creator));
 }
 
 }  // namespace

@@ -186,7 +186,7 @@ struct MXUserRecLock : MXUserLock {
 // How a kind of locks is made.
 struct MXUserLockKind {
   MXUserType type;
-  const char *namePrefix;  // of a lock without a name
+  const char *nameFormat;  // of a lock without a name, for its creator
   const char *createName;  // the procedure that creates it, for messages
   void (*dump)(const MXUserHeader &header);
 };

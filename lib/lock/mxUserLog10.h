@@ -40,12 +40,12 @@ struct MXUserLog10 {
 
   // 65536 * log2 x, for x > 0.
   static constexpr uint32_t Log2(uint64_t x) {
-    const auto leading = static_cast<unsigned>(std::bit_width(x)) - 1;
-    const uint64_t below = (x << (63 - leading)) << 1;  // the leading one is shifted out
+    const auto zeros = static_cast<unsigned>(std::countl_zero(x | 1));
+    const uint64_t below = x << zeros << 1;  // the leading one is shifted out
     const auto index = static_cast<size_t>(below >> (64 - kIndexBits));
     const uint64_t between = below >> (64 - kIndexBits - kFractionBits) & (kOne - 1);
     const uint64_t step = kTable[index + 1] - kTable[index];
-    return leading * kOne + kTable[index] + static_cast<uint32_t>(step * between / kOne);
+    return (63 - zeros) * kOne + kTable[index] + static_cast<uint32_t>(step * between / kOne);
   }
 
   // floor(scale * log10(value / unit)), for value >= unit > 0.  The quotient is taken with all the

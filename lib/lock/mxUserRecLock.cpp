@@ -23,7 +23,7 @@ void DumpRecLock(const MXUserHeader &header) {
 
 constexpr MXUserLockKind kKind = {
     .type = MXUserType::recLock,
-    .namePrefix = "R",
+    .nameFormat = "R-%p",
     .createName = "MXUser_CreateRecLock",
     .dump = DumpRecLock,
 };

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdint>
@@ -12,7 +13,6 @@
 #include <string>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include "lib/lock/mxUserLog10.h"
 #include "lib/lock/mxUserStats.h"
@@ -185,7 +185,8 @@ TEST(LockStatsNumbers, DeviationsEndAndAreRounded) {
   EXPECT_EQ(0U, MXUserStandardDeviation(1, 5, 25));
   EXPECT_EQ(0U, MXUserStandardDeviation(4, 20, 100));
   EXPECT_EQ(1U, MXUserStandardDeviation(2, 1, 1));  // 0.707
-  for (double spread = 0.6; spread < 0x1p62; spread *= 1.37) {
+  for (int i = 0; i < 136; i++) {
+    const double spread = 0.6 * std::pow(1.37, i);
     const double deviation = spread * std::sqrt(2.0);  // of -spread and spread
     EXPECT_NEAR(deviation, static_cast<double>(MXUserStandardDeviation(2, 0, 2 * spread * spread)),
                 0.5 + deviation * 1e-15);
@@ -201,9 +202,9 @@ TEST(LockStatsThreads, ThePassMeetsLocksThatComeAndGo) {
   std::string text;
   MXUser_SetStatsFunc(&text, 256, true, Append);
   std::atomic<int> working = 3;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 3; i++) {
-    threads.emplace_back([&] {
+  std::array<std::thread, 3> threads;
+  for (std::thread &thread : threads) {
+    thread = std::thread([&] {
       for (int round = 0; round < 300; round++) {
         MXUserRecLock *const lock = MXUser_CreateRecLock("brief", 0);
         MXUser_AcquireRecLock(lock);
