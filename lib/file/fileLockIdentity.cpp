@@ -144,14 +144,15 @@ bool OldMachineIDMatch(const char *a, const char *b) {
 }
 
 uint64_t FileLockOwnStartTime(pid_t pid) {
-  if (state.ownStart.pid.load(std::memory_order_acquire) != pid) {
-    uint64_t time = 0;
-    // It does exist; 0 stands for a time that is not known.
-    if (!Platform_ProcessStartTime(pid, &time)) time = 0;
-    state.ownStart.time.store(time, std::memory_order_relaxed);
-    state.ownStart.pid.store(pid, std::memory_order_release);
+  if (state.ownStart.pid.load(std::memory_order_acquire) == pid) {
+    return state.ownStart.time.load(std::memory_order_relaxed);
   }
-  return state.ownStart.time.load(std::memory_order_relaxed);
+  // The process exists.  What is not known now may be known the next time.
+  uint64_t time = 0;
+  if (!Platform_ProcessStartTime(pid, &time) || time == 0) return 0;
+  state.ownStart.time.store(time, std::memory_order_relaxed);
+  state.ownStart.pid.store(pid, std::memory_order_release);
+  return time;
 }
 
 FileLockExecutionID FileLockMakeExecutionID(pid_t pid, uint64_t startTime) {
