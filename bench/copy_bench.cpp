@@ -1,0 +1,119 @@
+// copy_bench.cpp -- copies of files and trees against cp, and against a bare loop of read and write.
+//
+// Rows:  256 MiB in the page cache, and 10,000 small files in 100 folders.  All of it is in one file
+//        system, that of $TMPDIR (/dev/shm unless set), and what is copied to is removed before.
+//        Times are the processor's, of cp with its start.
+//
+//   copy_bench [options of Google Benchmark]
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+
+#include "bench/ratios.h"
+#include "fd.h"
+#include "file.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+void Require(bool ok, const std::string &what) {
+  if (ok) return;
+  std::perror(what.c_str());
+  exit(1);
+}
+
+void Shell(const std::string &command) {
+  Require(system(command.c_str()) == 0, command);  // NOLINT(cert-env33-c): paths of our own
+}
+
+// The peer of one block size, without anything around it.
+void BareLoop(const fs::path &from, const fs::path &to) {
+  const Fd in(open(from.c_str(), O_RDONLY));
+  const Fd out(open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+  char buffer[8192];
+  for (ssize_t n; (n = read(in.Get(), buffer, sizeof buffer)) > 0;) {
+    Require(write(out.Get(), buffer, static_cast<size_t>(n)) == n, "write");
+  }
+}
+
+// The processor's time of this process and of those it has waited for, in seconds.
+double ProcessorTime() {
+  double seconds = 0;
+  for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+    rusage usage;
+    Require(getrusage(who, &usage) == 0, "getrusage");
+    for (const timeval &time : {usage.ru_utime, usage.ru_stime}) {
+      seconds += static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    }
+  }
+  return seconds;
+}
+
+// Measures body() after `to` has been removed, which is not measured.
+void Add(const std::string &name, const fs::path &to, const std::function<void()> &body) {
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [=](benchmark::State &state) {
+                                 for (auto _ : state) {
+                                   fs::remove_all(to);
+                                   const double begin = ProcessorTime();
+                                   body();
+                                   state.SetIterationTime(ProcessorTime() - begin);
+                                 }
+                               })
+      ->UseManualTime()
+      ->Iterations(1)
+      ->Repetitions(9)
+      ->ReportAggregatesOnly(false);
+}
+
+void AddFile(Ratios *ratios, const fs::path &dir) {
+  const fs::path from = dir / "file";
+  const fs::path to = dir / "copy";
+  std::ofstream out(from);
+  for (int i = 0; i < 256; i++) out << std::string(1 << 20, static_cast<char>(i));
+  out.close();
+  ratios->AddRow("256 MiB", {{"cp", 2}, {"loop", 1.05}});
+  Add("256 MiB/lumen", to, [=] { Require(File_Copy(from.c_str(), to.c_str(), true), "copy"); });
+  Add("256 MiB/cp", to,
+      [=] { Shell("cp --reflink=never '" + from.string() + "' '" + to.string() + "'"); });
+  Add("256 MiB/loop", to, [=] { BareLoop(from, to); });
+}
+
+void AddTree(Ratios *ratios, const fs::path &dir) {
+  const fs::path from = dir / "tree";
+  const fs::path to = dir / "copies";
+  for (int i = 0; i < 10'000; i++) {
+    const fs::path folder = from / std::to_string(i % 100);
+    if (i < 100) fs::create_directories(folder);
+    std::ofstream(folder / ("file" + std::to_string(i))) << std::string(500, 'x');
+  }
+  ratios->AddRow("10,000 files", {{"cp", 1.3}});
+  Add("10,000 files/lumen", to, [=] {
+    fs::create_directory(to);
+    Require(File_CopyTree(from.c_str(), to.c_str(), false, false), "copy");
+  });
+  Add("10,000 files/cp", to, [=] { Shell("cp -R '" + from.string() + "' '" + to.string() + "'"); });
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const char *const folder = getenv("TMPDIR");
+  std::string name = std::string(folder == nullptr ? "/dev/shm" : folder) + "/lumen-XXXXXX";
+  Require(mkdtemp(name.data()) != nullptr, name);
+  Ratios ratios;
+  AddFile(&ratios, name);
+  AddTree(&ratios, name);
+  const int result = ratios.Main(argc, argv);
+  fs::remove_all(name);
+  return result;
+}
