@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "tests/support/darwin/cfObject.h"
@@ -76,14 +77,14 @@ void CoreFoundation_SetBundle(const char *identifier, const char *direct) {
 }
 
 CFStringRef CoreFoundation_Constant(const char *text) {
-  static std::map<std::string, __CFString *> constants;
+  static std::map<std::string, std::unique_ptr<__CFString>> constants;
   auto &constant = constants[text];
   if (constant == nullptr) {
     UErrorCode error = U_ZERO_ERROR;
-    constant = new __CFString(FromUtf8(text, &error));
+    constant = std::make_unique<__CFString>(FromUtf8(text, &error));
     liveObjects--;  // it is never released
   }
-  return constant;
+  return constant.get();
 }
 
 void CFRelease(CFTypeRef object) {
