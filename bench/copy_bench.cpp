@@ -7,10 +7,8 @@
 //   copy_bench [options of Google Benchmark]
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -18,22 +16,13 @@
 #include <string>
 
 #include "bench/ratios.h"
+#include "bench/wholeRuns.h"
 #include "fd.h"
 #include "file.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-void Require(bool ok, const std::string &what) {
-  if (ok) return;
-  std::perror(what.c_str());
-  exit(1);
-}
-
-void Shell(const std::string &command) {
-  Require(system(command.c_str()) == 0, command);  // NOLINT(cert-env33-c): paths of our own
-}
 
 // The peer of one block size, without anything around it.
 void BareLoop(const fs::path &from, const fs::path &to) {
@@ -45,34 +34,10 @@ void BareLoop(const fs::path &from, const fs::path &to) {
   }
 }
 
-// The processor's time of this process and of those it has waited for, in seconds.
-double ProcessorTime() {
-  double seconds = 0;
-  for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
-    rusage usage;
-    Require(getrusage(who, &usage) == 0, "getrusage");
-    for (const timeval &time : {usage.ru_utime, usage.ru_stime}) {
-      seconds += static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-    }
-  }
-  return seconds;
-}
-
-// Measures body() after `to` has been removed, which is not measured.
+// Measures body() after `to` has been removed.
 void Add(const std::string &name, const fs::path &to, const std::function<void()> &body) {
-  benchmark::RegisterBenchmark(name.c_str(),
-                               [=](benchmark::State &state) {
-                                 for (auto _ : state) {
-                                   fs::remove_all(to);
-                                   const double begin = ProcessorTime();
-                                   body();
-                                   state.SetIterationTime(ProcessorTime() - begin);
-                                 }
-                               })
-      ->UseManualTime()
-      ->Iterations(1)
-      ->Repetitions(9)
-      ->ReportAggregatesOnly(false);
+  AddWholeRun(
+      name, [=] { fs::remove_all(to); }, body);
 }
 
 void AddFile(Ratios *ratios, const fs::path &dir) {
