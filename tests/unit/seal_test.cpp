@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -251,135 +250,75 @@ TEST_F(Seal, OfAFileNoticesEachChange) {
 
 TEST_F(Seal, OfABundleNoticesEachChange) {
   const fs::path bundle = dir.Path("b.kext");
-  const auto write = [&](const std::string &name, const std::string &content) {
-    std::ofstream(bundle / name) << content;
-  };
-  const auto make = [&] {
-    fs::remove_all(bundle);
-    fs::create_directories(bundle / "Contents/a/empty");
-    write("Contents/Info.plist", "list");
-    write("Contents/a/odd \n%\xFF", "odd");
-    write("Contents/a-b", "");
-    fs::create_symlink("a/odd", bundle / "Contents/link");
-    SealUp(bundle);
-  };
-  const fs::path contents = bundle / "Contents";
-  std::string deep = contents;
-  for (int i = 0; i <= kSealMaxDepth; i++) deep += "/d";
   const struct {
-    const char *what;
     SealVerdict verdict;
-    std::function<void()> change;
+    const char *change;  // a shell command in the folder Contents; ../.. is another place
   } kRows[] = {
-      {"nothing", SealVerdict::Valid, [] {}},
-      {"sealed again", SealVerdict::Valid, [&] { SealUp(bundle); }},
-      {"mode and times", SealVerdict::Valid,
-       [&] { fs::permissions(contents / "a-b", fs::perms{0600}); }},
-      {"changed", SealVerdict::Changed, [&] { write("Contents/Info.plist", "lisT"); }},
-      {"longer", SealVerdict::Changed, [&] { write("Contents/a-b", "x"); }},
-      {"swapped", SealVerdict::Changed,
-       [&] {
-         fs::rename(contents / "a-b", contents / "x");
-         fs::rename(contents / "Info.plist", contents / "a-b");
-         fs::rename(contents / "x", contents / "Info.plist");
-       }},
-      {"link changed", SealVerdict::Changed,
-       [&] {
-         fs::remove(contents / "link");
-         fs::create_symlink("a/ode", contents / "link");
-       }},
-      {"file to link", SealVerdict::Changed,
-       [&] {
-         fs::rename(contents / "a-b", dir.Path("elsewhere"));
-         fs::create_symlink(dir.Path("elsewhere"), contents / "a-b");
-       }},
-      {"link to file", SealVerdict::Changed,
-       [&] {
-         fs::remove(contents / "link");
-         write("Contents/link", "odd");
-       }},
-      {"folder to link", SealVerdict::Unlisted,
-       [&] {
-         fs::remove_all(dir.Path("folder"));
-         fs::rename(contents / "a", dir.Path("folder"));
-         fs::create_symlink(dir.Path("folder"), contents / "a");
-       }},
-      {"removed", SealVerdict::Missing, [&] { fs::remove(contents / "a-b"); }},
-      {"added", SealVerdict::Unlisted, [&] { write("Contents/a/new", ""); }},
-      {"added beside the seal", SealVerdict::Unlisted,
-       [&] { write("Contents/_CodeSignature/new", ""); }},
-      {"link added", SealVerdict::Unlisted, [&] { fs::create_symlink("a", contents / "new"); }},
-      {"FIFO", SealVerdict::Unreadable, [&] { mkfifo((contents / "fifo").c_str(), 0600); }},
-      {"FIFO for a file", SealVerdict::Unreadable,
-       [&] {
-         fs::remove(contents / "a-b");
-         mkfifo((contents / "a-b").c_str(), 0600);
-       }},
-      {"too deep", SealVerdict::Unreadable, [&] { fs::create_directories(deep); }},
-      {"no seal", SealVerdict::NoSeal, [&] { fs::remove(bundle / kSealFile); }},
-      {"a link for the seal", SealVerdict::NoSeal,
-       [&] {
-         fs::remove(dir.Path("seal"));
-         fs::rename(bundle / kSealFile, dir.Path("seal"));
-         fs::create_symlink(dir.Path("seal"), bundle / kSealFile);
-       }},
-      {"a FIFO for the seal", SealVerdict::NoSeal,
-       [&] {
-         fs::remove(bundle / kSealFile);
-         mkfifo((bundle / kSealFile).c_str(), 0600);
-       }},
-      {"somebody else's seal", SealVerdict::NotMaker, [&] { SealUp(bundle, "wrongName"); }},
+      {SealVerdict::Valid, "chmod 600 a-b; touch a-b; mkdir a/new"},
+      {SealVerdict::Changed, "printf lisT >Info.plist"},
+      {SealVerdict::Changed, "printf x >>a-b"},
+      {SealVerdict::Changed, "mv a-b x; mv Info.plist a-b; mv x Info.plist"},
+      {SealVerdict::Changed, "ln -sfn a/ode link"},
+      {SealVerdict::Changed, "rm link; printf odd >link"},
+      {SealVerdict::Changed, "mv a-b ../../file; ln -s ../../file a-b"},
+      {SealVerdict::Unlisted, "mv a ../../folder; ln -s ../../folder a"},
+      {SealVerdict::Unlisted, "touch a/new"},
+      {SealVerdict::Unlisted, "touch _CodeSignature/new"},
+      {SealVerdict::Unlisted, "ln -s a new"},
+      {SealVerdict::Missing, "rm a-b"},
+      {SealVerdict::Unreadable, "mkfifo new"},
+      {SealVerdict::Unreadable, "rm a-b; mkfifo a-b"},
+      {SealVerdict::Unreadable, "mkdir -p $(printf 'd/%.0s' $(seq 33))"},
+      {SealVerdict::NoSeal, "rm _CodeSignature/CodeSeal"},
+      {SealVerdict::NoSeal, "mv _CodeSignature/CodeSeal x; ln -s ../x _CodeSignature/CodeSeal"},
+      {SealVerdict::NoSeal, "mv _CodeSignature x; ln -s x _CodeSignature"},
+      {SealVerdict::NoSeal, "rm _CodeSignature/CodeSeal; mkfifo _CodeSignature/CodeSeal"},
   };
   for (const auto &row : kRows) {
-    make();
-    row.change();
-    EXPECT_EQ(row.verdict, Check(bundle)) << row.what;
+    fs::remove_all(bundle);
+    fs::remove_all(dir.Path("folder"));
+    fs::create_directories(bundle / "Contents/a/empty");
+    dir.Write("b.kext/Contents/Info.plist", "list");
+    dir.Write("b.kext/Contents/a/odd \n%\xFF", "odd");
+    dir.Write("b.kext/Contents/a-b", "");
+    fs::create_symlink("a/odd", bundle / "Contents/link");
+    SealUp(bundle);
+    SealUp(bundle);
+    EXPECT_EQ(SealVerdict::Valid, Check(bundle));
+    EXPECT_EQ(0, Shell("cd '" + bundle.string() + "/Contents' && " + row.change));
+    EXPECT_EQ(row.verdict, Check(bundle)) << row.change;
   }
 }
 
 TEST_F(Seal, AnchorsAreRootsAlone) {
   if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
-  const fs::path etc = dir.Path("zephrin");
-  const fs::path file = etc / "anchors.pem";
   const struct {
-    const char *what;
     bool good;
-    std::function<void()> change;
+    const char *change;  // a shell command
   } kRows[] = {
-      {"as meant", true, [] {}},
-      {"missing", false, [&] { fs::remove(file); }},
-      {"others may write", false, [&] { chmod(file.c_str(), 0646); }},
-      {"the group may write", false, [&] { chmod(file.c_str(), 0664); }},
-      {"a user's", false, [&] { EXPECT_EQ(0, chown(file.c_str(), 12345, 0)); }},
-      {"others may exchange it", false, [&] { chmod(etc.c_str(), 0757); }},
-      {"a user may exchange it", false, [&] { EXPECT_EQ(0, chown(etc.c_str(), 12345, 0)); }},
-      {"a user may exchange its folder", false,
-       [&] { EXPECT_EQ(0, chown(dir.Path().c_str(), 12345, 0)); }},
-      {"a link", false,
-       [&] {
-         fs::rename(file, etc / "real");
-         fs::create_symlink("real", file);
-       }},
-      {"a FIFO", false,
-       [&] {
-         fs::remove(file);
-         mkfifo(file.c_str(), 0644);
-       }},
+      {true, "true"},
+      {false, "rm etc/pem"},
+      {false, "chmod 646 etc/pem"},
+      {false, "chmod 664 etc/pem"},
+      {false, "chown 12345 etc/pem"},
+      {false, "chmod 757 etc"},  // who may rename it can put another file in its place
+      {false, "chown 12345 etc"},
+      {false, "chown 12345 ."},
+      {false, "mv etc/pem etc/real; ln -s real etc/pem"},
+      {false, "mv etc real; ln -s real etc"},
+      {false, "rm etc/pem; mkfifo etc/pem"},
   };
   for (const auto &row : kRows) {
-    fs::remove_all(etc);
-    fs::create_directory(etc);
-    EXPECT_EQ(0, chown(dir.Path().c_str(), 0, 0));
-    dir.Write("zephrin/anchors.pem", "anchors");
-    chmod(etc.c_str(), 0755);
-    chmod(file.c_str(), 0644);
-    row.change();
+    const std::string enter = "cd '" + dir.Path() + "' && ";
+    EXPECT_EQ(0, Shell(enter + "chown 0 . && rm -rf etc real && mkdir -m 755 etc && printf anchors "
+                               ">etc/pem && chmod 644 etc/pem"));
+    EXPECT_EQ(0, Shell(enter + row.change));
     const Fd start(open(dir.Path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     SmallFileBytes anchors;
     EXPECT_EQ(row.good ? SealVerdict::Valid : SealVerdict::NoAnchors,
-              SealReadAnchors(start.Get(), "zephrin/anchors.pem", &anchors))
-        << row.what;
-    EXPECT_EQ(row.good ? "anchors" : "", anchors.View()) << row.what;
+              SealReadAnchors(start.Get(), "etc/pem", &anchors))
+        << row.change;
+    EXPECT_EQ(row.good ? "anchors" : "", anchors.View()) << row.change;
   }
 }
 
