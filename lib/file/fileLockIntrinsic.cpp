@@ -4,7 +4,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 
 #include "fatal.h"
 #include "fileIO.h"

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <utility>
 
 #include "err.h"
 #include "errnoKeeper.h"
