@@ -23,7 +23,7 @@ struct FileIODescriptor {
   FileLockToken *lockToken;  // owned; null when no lock is held
 };
 
-enum FileIOResult {
+enum FileIOResult : int32_t {
   FILEIO_SUCCESS = 0,
   FILEIO_CANCELLED = 1,
   FILEIO_ERROR = 2,
@@ -39,7 +39,7 @@ enum FileIOResult {
   FILEIO_RESERVED = 12,  // no result of anything
 };
 
-enum FileIOOpenAction {
+enum FileIOOpenAction : int32_t {
   FILEIO_OPEN = 0,               // must exist
   FILEIO_OPEN_EMPTY = 1,         // must exist, and is emptied
   FILEIO_OPEN_CREATE = 2,        // is created when missing
