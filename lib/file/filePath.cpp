@@ -4,15 +4,12 @@
 
 #include "file.h"
 #include "fileInt.h"
+#include "str.h"
 
 namespace {
 
 char *NewString(const char *begin, const char *end) {
-  const auto length = static_cast<size_t>(end - begin);
-  auto *const string = static_cast<char *>(Heap_SafeMalloc(length + 1));
-  memcpy(string, begin, length);
-  string[length] = '\0';
-  return string;
+  return Heap_SafeStrndup(begin, static_cast<size_t>(end - begin)).release();
 }
 
 // `end` without the separators before it.
@@ -51,12 +48,6 @@ char *File_StripSlashes(const char *path) {
 }
 
 char *File_PathJoin(const char *dir, const char *name) {
-  name += strspn(name, "/");
-  const auto dirLength = static_cast<size_t>(BeforeSlashes(dir, dir + strlen(dir)) - dir);
-  const size_t nameSize = strlen(name) + 1;
-  auto *const path = static_cast<char *>(Heap_SafeMalloc(dirLength + 1 + nameSize));
-  memcpy(path, dir, dirLength);
-  path[dirLength] = '/';
-  memcpy(path + dirLength + 1, name, nameSize);
-  return path;
+  const HeapStr stripped(File_StripSlashes(dir));
+  return Str_SafeAsprintf(nullptr, "%s/%s", stripped.get(), name + strspn(name, "/"));
 }

@@ -30,7 +30,7 @@ FileType TypeOfMode(mode_t mode) {
 }
 
 bool HasType(const char *path, FileType type) {
-  FileData data;
+  FileData data = {};
   return FileAttributes(path, &data) == 0 && data.fileType == type;
 }
 
@@ -89,7 +89,7 @@ bool File_IsEmptyDirectory(const char *path) {
 }
 
 bool File_GetFilePermissions(const char *path, int *mode) {
-  FileData data;
+  FileData data = {};
   if (FileAttributes(path, &data) != 0) return false;
   *mode = static_cast<int>(data.fileMode);
   return true;

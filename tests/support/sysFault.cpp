@@ -35,6 +35,7 @@ bool MustFail(const char *call) {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-macro-parentheses): types and whole lists.
 // Symbol, the name it counts as, its result, what a failure returns, parameters, arguments.
 #define WRAP(symbol, name, Result, failure, parameters, arguments) \
   extern "C" Result __real_##symbol parameters;                    \
@@ -46,6 +47,8 @@ bool MustFail(const char *call) {
   WRAP(symbol, #symbol, int, -1, parameters, arguments)
 #define WRAP_SIZE(symbol, parameters, arguments) \
   WRAP(symbol, #symbol, ssize_t, -1, parameters, arguments)
+
+// NOLINTEND(bugprone-macro-parentheses)
 
 using Vector = const struct iovec *;
 WRAP_INT(mkdir, (const char *path, mode_t mode), (path, mode))

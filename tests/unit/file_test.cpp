@@ -155,11 +155,10 @@ void Grow(const std::string &top, int count, std::mt19937 *random, const std::st
   const std::vector<std::string> targets = {"gone", outside, ".", "..", top, outside + "/file"};
   for (int i = 0; i < count; i++) {
     const std::string &dir = dirs[(*random)() % dirs.size()];
-    std::string name =
-        std::vector<std::string>{"n", "line\nfeed", "ü", " ", "-rf"}[(*random)() % 5] +
-        std::to_string(i);
+    std::string name = std::to_string(i);
+    name += std::vector<std::string>{"n", "line\nfeed", "ü", " ", "-rf"}[(*random)() % 5];
     if (i % 50 == 0) name.resize(255, 'x');
-    const std::string path = dir + "/" + name;
+    const std::string path = fs::path(dir) / name;
     switch ((*random)() % 4) {
       case 0:
         fs::create_directory(path);
@@ -180,7 +179,7 @@ void Grow(const std::string &top, int count, std::mt19937 *random, const std::st
 
 int Rounds() {
   const char *const rounds = getenv("LUMEN_ROUNDS");
-  return rounds == nullptr ? 6 : atoi(rounds);
+  return rounds == nullptr ? 6 : static_cast<int>(strtol(rounds, nullptr, 10));
 }
 
 TEST(DeleteTree, RemovesAnyTreeAndNothingElse) {
@@ -279,8 +278,9 @@ TEST(DeleteTree, ByTheUserRemovesAllThatItMay) {
     if (geteuid() == 0 && setresuid(4321, 4321, 4321) != 0) _exit(1);
     const std::string top = dir.Path("top");
     for (const std::string sub : {"/a", "/b", "/c", "/d/e"}) fs::create_directories(top + sub);
-    Fd(open((top + "/b/x").c_str(), O_CREAT, 0600));
-    Fd(open((top + "/c/x").c_str(), O_CREAT, 0600));
+    if (mkfifo((top + "/b/x").c_str(), 0600) != 0 || mkfifo((top + "/c/x").c_str(), 0600) != 0) {
+      _exit(1);
+    }
     // Not readable; no entry removable; entries that cannot be looked at.
     chmod((top + "/a").c_str(), 0300);
     chmod((top + "/b").c_str(), 0500);
