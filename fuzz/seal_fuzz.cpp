@@ -1,4 +1,5 @@
-// seal_fuzz.cpp -- seals that nobody has signed: their texts, and the bytes around these.
+// seal_fuzz.cpp -- seals that nobody has signed: their texts, and the bytes around these; and
+// property lists in binary form.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -7,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "platform/linux/binaryPropertyList.h"
 #include "platform/linux/sealSignature.h"
 #include "platform/linux/sealText.h"
 
@@ -52,12 +54,17 @@ void TryAnchors(const std::string &anchors) {
   Require(SealOpen("", anchors, &text) != SealVerdict::Valid, "nothing is no seal");
 }
 
+void TryPropertyList(const std::string &list) {
+  const HeapStr found = BinaryPropertyList_Find(list, "k");
+  Require(found == nullptr || list.find(found.get()) != list.npos, "an identifier is in its list");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
   FuzzedDataProvider data(bytes, size);
-  const int what = data.ConsumeIntegralInRange<int>(0, 3);
+  const int what = data.ConsumeIntegralInRange<int>(0, 4);
   const std::string rest = data.ConsumeRemainingBytesAsString();
   if (what == 0) {
     TryText("zephrin-codeseal 1\nidentifier " + rest);
@@ -65,8 +72,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     TryText(rest);
   } else if (what == 2) {
     TrySeal(rest);
-  } else {
+  } else if (what == 3) {
     TryAnchors(rest);
+  } else {
+    TryPropertyList(rest);
   }
   return 0;
 }

@@ -30,6 +30,6 @@ struct PlatformBundleIdentifier {
 };
 
 // The identifier of the bundle at `path` (not null).  Linux has 3 and 4 only, and reads the
-// property list Contents/Info.plist in its XML form.  The bundle need not be trusted, so neither
+// property list Contents/Info.plist in XML or binary form.  The bundle need not be trusted, so neither
 // is the text.
 [[nodiscard]] PlatformBundleIdentifier Platform_BundleIdentifier(const char *path);

@@ -1,4 +1,4 @@
-// bundleIdentifier.cpp -- bundle identifiers on Linux, from the property list in XML.
+// bundleIdentifier.cpp -- bundle identifiers on Linux, from the property list in XML or binary form.
 //
 // The list is read before anybody has vouched for it, so an XML parser of long standing does the
 // reading, and whatever a property list has no use for ends it: above all entities of its own.
@@ -12,6 +12,7 @@
 
 #include "fd.h"
 #include "platform/codeSignature.h"
+#include "platform/linux/binaryPropertyList.h"
 #include "platform/linux/smallFile.h"
 
 namespace {
@@ -102,7 +103,7 @@ class Search {
   }
 };
 
-HeapStr FindIdentifier(std::string_view list) {
+HeapStr FindInXml(std::string_view list) {
   static_assert(kMaxPropertyList <= INT_MAX);
   const Parser parser(XML_ParserCreate(nullptr));
   return parser == nullptr ? nullptr : Search(parser.get()).Run(list);
@@ -116,7 +117,9 @@ PlatformBundleIdentifier Platform_BundleIdentifier(const char *path) {
   const Fd fd = SmallFileOpen(bundle.Get(), kPropertyList, SmallFileAny);
   SmallFileBytes list;
   if (!fd || !SmallFileRead(fd.Get(), kMaxPropertyList, &list)) return {kIdentifier, nullptr};
-  HeapStr identifier = FindIdentifier(list.View());
+  HeapStr identifier = BinaryPropertyList_Is(list.View())
+                           ? BinaryPropertyList_Find(list.View(), kKey)
+                           : FindInXml(list.View());
   if (identifier == nullptr) return {kIdentifier, nullptr};
   return {kNone, std::move(identifier)};
 }

@@ -10,10 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdlib>
 
 #include "fd.h"
+#include "platform/process.h"
 
 namespace {
 
@@ -44,8 +44,8 @@ Fd ImageFile() {
   char name[] = "seal-verifier";
   char *const argv[] = {name, const_cast<char *>(identifier), nullptr};
   char *const envp[] = {nullptr};
-  if (dup2(item, kSealItemFd) >= 0 && dup2(answer, kSealAnswerFd) >= 0 &&
-      close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC) == 0) {
+  if (dup2(item, kSealItemFd) >= 0 && dup2(answer, kSealAnswerFd) >= 0) {
+    Platform_CloseDescriptorsExcept(&image, 1);
     execveat(image, "", argv, envp, AT_EMPTY_PATH);
   }
   _exit(EXIT_FAILURE);

@@ -21,6 +21,7 @@ if(NOT LUMEN_SANITIZE)
 endif()
 
 lumen_library(lumen_codeSignature
+  linux/binaryPropertyList.cpp
   linux/bundleIdentifier.cpp
   linux/codeSignature.cpp
   linux/sealVerifier.cpp
@@ -30,6 +31,6 @@ set_source_files_properties(
   linux/sealVerifierImage.cpp PROPERTIES COMPILE_DEFINITIONS LUMEN_SEAL_VERIFIER="${_verifier}"
                                          OBJECT_DEPENDS ${_verifier})
 add_dependencies(lumen_codeSignature lumen-seal-verifier)
-# Property lists are XML.
+# Property lists are XML, or a binary form that is read here.
 find_library(LUMEN_EXPAT libexpat.a REQUIRED)
-target_link_libraries(lumen_codeSignature PUBLIC lumen_sealItem ${LUMEN_EXPAT})
+target_link_libraries(lumen_codeSignature PUBLIC lumen_sealItem lumen_platform ${LUMEN_EXPAT})
