@@ -16,3 +16,7 @@
 // target is then neither one thing nor the other.  A mode, owner or times that cannot be set are
 // left as they are.
 [[nodiscard]] bool Platform_CopyFileWithMetadata(int from, int to);
+
+// Takes away the access control list of the open file, so that its mode alone says who may do what.
+// False with errno set; a file or file system without a list is a success.
+[[nodiscard]] bool Platform_RemoveAccessList(int fd);

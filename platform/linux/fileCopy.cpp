@@ -143,3 +143,7 @@ bool Platform_CopyFileWithMetadata(int from, int to) {
   static_cast<void>(futimens(to, times));
   return true;
 }
+
+bool Platform_RemoveAccessList(int fd) {
+  return fremovexattr(fd, "system.posix_acl_access") == 0 || errno == ENODATA || errno == ENOTSUP;
+}
