@@ -8,7 +8,7 @@
 // file gets the number of the log.
 //
 // Privileges: effective user 0 up to ServiceImpl_PrivLower; from there the caller's, but for the
-// brackets in serviceImpl.cpp.
+// brackets in serviceImpl.cpp and staging.cpp.
 
 #include <sys/stat.h>
 
@@ -18,6 +18,7 @@
 #include "log.h"
 #include "opener/location.h"
 #include "opener/serviceImpl.h"
+#include "opener/staging.h"
 #include "opener/startup.h"
 #include "str.h"
 
@@ -55,5 +56,6 @@ int main(int argc, char *argv[]) {
     Warning("%s: No new daemon path.\n", "main");
     return EXIT_FAILURE;
   }
+  ServiceImpl_SetPreStartHook(constructWorkingDir);
   return ServiceImpl_Opener(argc, argv, 2, kLockPath, kSockPath, daemonPath.get());
 }

@@ -23,6 +23,34 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Outside of what tests take for the product.
+const std::string kAuthority = "/run/authority";
+constexpr char kAnchors[] = "/etc/zephrin/code-signing-anchors.pem";
+
+std::string Given(const char *variable) {
+  const char *const value = getenv(variable);
+  EXPECT_NE(nullptr, value) << variable << " is not set";
+  return value == nullptr ? "" : value;
+}
+
+void RunTool(const std::vector<std::string> &command) {
+  Launch launch;
+  launch.argv = command;
+  launch.env = {"PATH=/usr/bin:/bin"};
+  Process process(launch);
+  EXPECT_EQ(0, process.Wait()) << command[0] << ": " << process.Output();
+}
+
+// The bundle to copy, and an authority that this machine trusts; both are made once.
+void MakeTemplate() {
+  if (fs::exists(kTemplate)) return;
+  const std::string support = Given("LUMEN_SUPPORT") + "/";
+  RunTool({support + "makeAuthority", kAuthority});
+  fs::copy_file(kAuthority + "/root.pem", kAnchors);
+  ASSERT_EQ(0, chmod(kAnchors, 0644));
+  RunTool({support + "makeBundle", Given("LUMEN_BUILD"), kAuthority, kTemplate});
+}
+
 void StopServices() {
   for (const pid_t pid : Services()) kill(pid, SIGKILL);
   EXPECT_TRUE(Eventually([] { return Services().empty(); }));
@@ -31,13 +59,23 @@ void StopServices() {
 }  // namespace
 
 void InstallProgram(const char *which, const std::string &path, mode_t mode) {
-  const char *const source = getenv(which);
-  ASSERT_NE(nullptr, source) << which << " is not set";
+  const std::string source = Given(which);
   fs::create_directories(fs::path(path).parent_path());
   fs::remove(path);
   fs::copy_file(source, path);
   ASSERT_EQ(0, chown(path.c_str(), 0, 0));
   ASSERT_EQ(0, chmod(path.c_str(), mode));
+}
+
+void Sign(const std::string &path, const std::string &identifier, const std::string &signer) {
+  const std::string key = kAuthority + "/" + signer;
+  RunTool({Given("LUMEN_BUILD") + "/tools/codeseal", "sign", "--key", key + ".key", "--cert",
+           key + ".pem", "--identifier", identifier, path});
+}
+
+void InstallDaemon(const char *which) {
+  InstallProgram(which, kBundleDaemon);
+  Sign(kBundleDaemon, kBundleDaemon.substr(kBundleLibrary.size() + 1));
 }
 
 std::vector<pid_t> Services() {
@@ -97,7 +135,8 @@ Launch OpenerLaunch(int fd, int number) {
 
 Outcome Finish(Process *process) {
   const int status = process->Wait();
-  static const std::regex start(R"(^ServiceImpl_Opener: PID \d+\n)");
+  static const std::regex start(
+      R"(^ServiceImpl_Opener: PID \d+\n|constructWorkingDir: [^\n]* construction complete.\n)");
   return {status, std::regex_replace(WithoutStamps(process->Output()), start, "")};
 }
 
@@ -119,12 +158,12 @@ void ProductTest::TearDown() {
   StopServices();
 }
 
-// Staging is not part of this: the daemon is put where staging would put it.
 void ProductTest::Reset() {
   StopServices();
   for (const std::string &path : {kSocketPath, kLockPath, kServiceLogPath, kProbeReport})
     fs::remove(path);
-  InstallProgram("LUMEN_OPENER", kOpenerPath, 04755);
-  InstallProgram("LUMEN_SERVICE", kBundleDaemon);
-  InstallProgram("LUMEN_SERVICE", kStagedDaemon);
+  for (const std::string &path : {kBundle, kInstallRoot}) fs::remove_all(path);
+  fs::create_directories(fs::path(kInstallRoot).parent_path());
+  MakeTemplate();
+  RunTool({"/bin/cp", "-a", kTemplate, kBundle});
 }

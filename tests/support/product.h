@@ -1,6 +1,7 @@
 // product.h -- the product installed in a sandbox, ready to run.
 //
-// CTest tells where the build has put the programs: LUMEN_OPENER, LUMEN_SERVICE, LUMEN_PROBE.
+// CTest tells where the build has put the programs: LUMEN_OPENER, LUMEN_SERVICE, LUMEN_PROBE; and the
+// build folder, LUMEN_BUILD, and the folder of makeAuthority and makeBundle, LUMEN_SUPPORT.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,18 +15,29 @@
 inline const std::string kSocketPath = "/var/run/Zephrin Lumen Client Services.sock";
 inline const std::string kLockPath = "/var/run/Zephrin Lumen Client Services.lock";
 inline const std::string kServiceLogPath = "/var/run/Zephrin Lumen Client Services.log";
-inline const std::string kBundleLibrary = "/Applications/Zephrin Lumen Client.app/Contents/Library";
+inline const std::string kBundle = "/Applications/Zephrin Lumen Client.app";
+inline const std::string kBundleLibrary = kBundle + "/Contents/Library";
 inline const std::string kOpenerPath = kBundleLibrary + "/lumenClient-opener";
 inline const std::string kBundleDaemon = kBundleLibrary + "/Zephrin Lumen Client Services";
+// Where the bundle is copied from for each test.
+inline const std::string kTemplate = "/run/bundle";
+inline const std::string kInstallRoot = "/Library/Application Support/Zephrin/Zephrin Calder Lumen";
+inline const std::string kStaged = kInstallRoot + "/Services";
 inline const std::string kStagedDaemon =
-    "/Library/Application Support/Zephrin/Zephrin Calder Lumen/Services"
-    "/Contents/Library/Zephrin Lumen Client Services";
+    kStaged + "/Contents/Library/Zephrin Lumen Client Services";
 inline const std::string kProbeReport = "/var/run/probe.report";  // of tests/system/probeDaemon.cpp
 inline constexpr uid_t kUser = 12345;
 
 // Copies the program that the build has put at the place which the environment variable `which`
 // names to `path`, with its folders; root's.
 void InstallProgram(const char *which, const std::string &path, mode_t mode = 0755);
+
+// Signs an item of the bundle, in the name of a signer of makeAuthority.
+void Sign(const std::string &path, const std::string &identifier,
+          const std::string &signer = "valid");
+
+// Makes the program that `which` names the bundle's daemon, signed.
+void InstallDaemon(const char *which);
 
 // The processes of the staged daemon.
 std::vector<pid_t> Services();
@@ -47,7 +59,7 @@ Launch OpenerLaunch(int fd = -1, int number = 7);
 // Runs it to its end.
 struct Outcome {
   int status;
-  std::string records;  // what it logged, without time stamps, after the line with its process id
+  std::string records;  // what it logged, without time stamps and the lines that every start has
   bool operator==(const Outcome &) const = default;
 };
 inline const Outcome kDelivered = {0, ""};

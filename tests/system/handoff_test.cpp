@@ -107,7 +107,7 @@ TEST_F(Handoff, TheServiceInheritsNothingOfItsCaller) {
   for (const CallerState &state : kCallerStates) {
     SCOPED_TRACE(state.name);
     Reset();
-    InstallProgram("LUMEN_PROBE", kStagedDaemon);
+    InstallDaemon("LUMEN_PROBE");
     const Fd file = FileWith(state.name);
     Launch launch = OpenerLaunch(file.Get());
     const auto openArgument = launch.adjust;

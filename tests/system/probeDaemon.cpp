@@ -52,6 +52,6 @@ int main(int argc, char *argv[], char *environment[]) {
     for (const auto &[number, target] : files) report << "fd " << number << " " << target << "\n";
     for (char **entry = environment; *entry != nullptr; entry++) report << "env " << *entry << "\n";
   }
-  execv(kBundleDaemon.c_str(), argv);
+  execv((kTemplate + kBundleDaemon.substr(kBundle.size())).c_str(), argv);
   return 1;
 }

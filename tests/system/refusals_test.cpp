@@ -42,27 +42,29 @@ void Own(const std::string &path, uid_t user, gid_t group) {
   ASSERT_EQ(0, chown(path.c_str(), user, group));
 }
 
+enum class Answer { kDelivered, kSilence, kNotSigned };
+
 struct BundleCase {
   const char *name;
-  bool accepted;
+  Answer answer;
   void (*make)();
 };
 
 const BundleCase kBundleCases[] = {
-    {"root's", true, [] {}},
-    {"of group 20", false, [] { Own(kBundleDaemon, 0, 20); }},
-    {"the user's", false, [] { Own(kBundleDaemon, kUser, 0); }},
-    {"a link of the user's to a file of root's", true,
+    {"root's", Answer::kDelivered, [] {}},
+    {"of group 20", Answer::kSilence, [] { Own(kBundleDaemon, 0, 20); }},
+    {"the user's", Answer::kSilence, [] { Own(kBundleDaemon, kUser, 0); }},
+    {"a link of the user's to a file of root's", Answer::kNotSigned,
      [] {
        LinkTo(kElsewhere);
        ASSERT_EQ(0, lchown(kBundleDaemon.c_str(), kUser, kUser));
      }},
-    {"a link to a file of the user's", false,
+    {"a link to a file of the user's", Answer::kSilence,
      [] {
        LinkTo(kElsewhere);
        Own(kElsewhere, kUser, 0);
      }},
-    {"a link to nothing", false, [] { LinkTo("/Library/nothing"); }},
+    {"a link to nothing", Answer::kSilence, [] { LinkTo("/Library/nothing"); }},
 };
 
 TEST_F(Refusals, TheDaemonInTheBundleMustBeRoots) {
@@ -71,11 +73,14 @@ TEST_F(Refusals, TheDaemonInTheBundleMustBeRoots) {
     Reset();
     InstallProgram("LUMEN_SERVICE", kElsewhere);
     bundle.make();
-    if (bundle.accepted) {
-      EXPECT_EQ(kDelivered, OutcomeOf(Hello()));
-    } else {
+    if (bundle.answer == Answer::kSilence) {
       ExpectSilentRefusal(Hello());
+      continue;
     }
+    const std::string record =
+        "PrivilegedHelper: Failed to verify the code signature of " + kBundleDaemon + " due to 3";
+    EXPECT_EQ(bundle.answer == Answer::kDelivered ? kDelivered : (Outcome{1, record}),
+              OutcomeOf(Hello()));
   }
 }
 
@@ -125,7 +130,7 @@ const std::vector<std::string> kKept = {
 };
 
 TEST_F(Refusals, TheServiceDoesNotSeeWhatMakesShellsRunCode) {
-  InstallProgram("LUMEN_PROBE", kStagedDaemon);
+  InstallDaemon("LUMEN_PROBE");
   Launch launch = Hello();
   launch.env.insert(launch.env.end(), kKept.begin(), kKept.end());
   std::string expected;

@@ -129,18 +129,22 @@ TEST_F(ServiceTest, TheUserWhoStartedItHasNoPowerOverIt) {
   const auto openArgument = starved.adjust;
   starved.adjust = [&] {
     openArgument();
-    // Only soft limits: the hosts differ in whether root may raise hard ones.
+    // Only soft limits: the hosts differ in whether root may raise hard ones.  Enough to stage.
     rlimit files = {}, size = {};
     getrlimit(RLIMIT_NOFILE, &files);
     getrlimit(RLIMIT_FSIZE, &size);
     files.rlim_cur = 16;
-    size.rlim_cur = 0;
-    signal(SIGXFSZ, SIG_IGN);  // the output of the opener is a file, too
+    size.rlim_cur = 100'000'000;
     setrlimit(RLIMIT_NOFILE, &files);
     setrlimit(RLIMIT_FSIZE, &size);
   };
   EXPECT_EQ(0, OutcomeOf(starved).status);
   EXPECT_TRUE(ServiceRead("little"));
+  rlimit size = {};
+  const auto services = Services();
+  ASSERT_EQ(1U, services.size());
+  ASSERT_EQ(0, prlimit(services[0], RLIMIT_FSIZE, nullptr, &size));
+  EXPECT_EQ(size.rlim_max, size.rlim_cur);
   std::vector<Fd> silent;
   for (int i = 0; i < 30; i++) {
     silent.push_back(ConnectTo(kSocketPath));
