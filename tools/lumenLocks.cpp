@@ -1,6 +1,7 @@
 // lumenLocks.cpp -- shows who stands in the queue of a portable lock, and runs commands under one;
 // see lumen-locks.1.
 
+#include <fcntl.h>
 #include <getopt.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -272,7 +273,7 @@ int main(int argc, char **argv) {
   const std::string action = argc < 2 ? "" : argv[1];
   if (action == "--help") return fputs(kUsageText, stdout) < 0 ? kFailed : kOk;
   // The library's records are for programs that keep a log; messages say what matters here.
-  LogOpen("/dev/null");
+  fcntl(LogOpen("/dev/null"), F_SETFD, FD_CLOEXEC);
   opterr = 0;
   if (action == "show" && argc == 3) return Show(argv[2]);
   if (action == "run") return MainRun(argc - 1, argv + 1);
