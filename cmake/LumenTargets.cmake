@@ -61,7 +61,7 @@ function(lumen_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE lumen_product)
   if(APPLE)
-    target_link_options(${name} PRIVATE -Wl,-dead_strip)
+    target_link_options(${name} PRIVATE -Wl,-dead_strip -Wl,-dead_strip_dylibs)
     return()
   endif()
   target_link_options(${name} PRIVATE -Wl,--gc-sections -Wl,-z,relro -Wl,-z,now
