@@ -27,7 +27,6 @@
 #include "file.h"
 #include "fileInt.h"
 #include "log.h"
-#include "str.h"
 
 namespace {
 
