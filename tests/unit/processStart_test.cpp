@@ -8,14 +8,31 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 
+#include "tests/support/darwin/sys/sysctl.h"
 #include "tests/support/sysFault.h"
+
+// platform/darwin/processStart.cpp under another name, with the table below.
+bool DarwinProcessStartTime(pid_t pid, uint64_t *microseconds);
+
+namespace {
+enum class Answer { Entry, Nothing, Refusal } answer;
+}
+
+int sysctl(int *mib, unsigned length, void *old, size_t *oldLength, void *, size_t) {
+  EXPECT_TRUE(length == 4 && mib[0] == CTL_KERN && mib[1] == KERN_PROC && mib[2] == KERN_PROC_PID);
+  EXPECT_EQ(sizeof(kinfo_proc), *oldLength);
+  *oldLength = answer == Answer::Entry ? sizeof(kinfo_proc) : 0;
+  if (answer == Answer::Entry)
+    static_cast<kinfo_proc *>(old)->kp_proc.p_starttime = {1600000000, 7};
+  errno = EPERM;
+  return answer == Answer::Refusal ? -1 : 0;
+}
 
 namespace {
 
 TEST(ProcessStart, IsTheSameForAllWhoAsk) {
-  uint64_t own;
+  uint64_t own, start;
   ASSERT_TRUE(Platform_ProcessStartTime(getpid(), &own));
   const pid_t child = fork();
   if (child == 0) {
@@ -28,7 +45,6 @@ TEST(ProcessStart, IsTheSameForAllWhoAsk) {
   siginfo_t info;
   ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT));
   EXPECT_EQ(42, info.si_status);
-  uint64_t start;
   EXPECT_TRUE(Platform_ProcessStartTime(child, &start));  // a zombie
   waitpid(child, nullptr, 0);
   for (const pid_t gone : {child, 0, -1}) {
@@ -36,16 +52,32 @@ TEST(ProcessStart, IsTheSameForAllWhoAsk) {
     EXPECT_FALSE(Platform_ProcessStartTime(gone, &start));
     EXPECT_EQ(ESRCH, errno);
   }
-}
-
-// As where /proc is not there, or not all of it.
-TEST(ProcessStart, IsUnknownWhenTheHostDoesNotTell) {
+  // As where /proc is not there, or not all of it.
   for (int n = 1; n <= 2; n++) {
     const SysFault fault("open", n, ENOENT);
-    uint64_t start = 1;
     EXPECT_TRUE(Platform_ProcessStartTime(getpid(), &start));
-    EXPECT_EQ(0U, start);
-    EXPECT_TRUE(fault.Fired());
+    EXPECT_TRUE(fault.Fired() && start == 0);
+  }
+}
+
+// The table of macOS says "none" by an empty answer, and "no" in a sandbox.
+TEST(ProcessStart, OnDarwinOnlyWhoExistsHasOne) {
+  constexpr pid_t kNobody = 0x7FFFFFF0;
+  struct Row {
+    Answer answer;
+    pid_t pid;
+    bool exists;
+    uint64_t start;
+  };
+  for (const Row &row :
+       {Row{Answer::Entry, getpid(), true, 1600000000000007},
+        Row{Answer::Nothing, kNobody, false, 0}, Row{Answer::Refusal, getpid(), true, 0},
+        Row{Answer::Refusal, kNobody, false, 0}, Row{Answer::Entry, 0, false, 0}}) {
+    answer = row.answer;
+    uint64_t start = 1;
+    EXPECT_EQ(row.exists, DarwinProcessStartTime(row.pid, &start));
+    EXPECT_EQ(row.start, start);
+    EXPECT_TRUE(row.exists || errno == ESRCH);
   }
 }
 
