@@ -385,9 +385,9 @@ TEST_F(FileLockTest, WhatStandsInTheWayOfTheDirectory) {
 
 // As an ordinary user: for root everything is writable.
 TEST_F(FileLockTest, WhereNobodyMayWriteSharedLocksAreGranted) {
-  chmod(dir_.Path().c_str(), 0555);
   for (const bool lockDirThere : {false, true}) {
-    if (lockDirThere) fs::create_directory(lockDir_);
+    if (lockDirThere && mkdir(lockDir_.c_str(), 0555) != 0) FAIL();
+    chmod(dir_.Path().c_str(), 0555);
     const ChildResult child = RunInChild([&] {
       if (geteuid() == 0 && setuid(65534) != 0) _exit(1);
       Taken shared(file_, true);
@@ -398,6 +398,7 @@ TEST_F(FileLockTest, WhereNobodyMayWriteSharedLocksAreGranted) {
     EXPECT_NE(std::string::npos, child.output.find("FILE: FileLockIntrinsicPortable implicit S "
                                                    "lock succeeded on '" +
                                                    file_ + "'.\n"));
+    chmod(dir_.Path().c_str(), 0755);
   }
 }
 
