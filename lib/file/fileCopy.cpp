@@ -78,11 +78,14 @@ bool File_CopyFromFdToFd(FileIODescriptor *srcFd, FileIODescriptor *dstFd) {
   }
 }
 
-bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting) {
+namespace {
+
+bool CopyToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting,
+                uint32_t flags) {
   if (!CanBeCopied(*srcFd, dstName)) return false;
   FileIODescriptor dstFd;
   const FileIOResult opened =
-      FileIO_Open(&dstFd, dstName, FILEIO_ACCESS_WRITE,
+      FileIO_Open(&dstFd, dstName, FILEIO_ACCESS_WRITE | flags,
                   overwriteExisting ? FILEIO_OPEN_CREATE_EMPTY : FILEIO_OPEN_CREATE_SAFE);
   if (opened != FILEIO_SUCCESS) return TellCreateError(dstName, opened);
 
@@ -100,9 +103,20 @@ bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool ov
   return ok;
 }
 
+}  // namespace
+
+bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting) {
+  return CopyToName(srcFd, dstName, overwriteExisting, 0);
+}
+
 bool File_Copy(const char *srcName, const char *dstName, bool overwriteExisting) {
+  return FileCopyWith(srcName, dstName, overwriteExisting, 0);
+}
+
+bool FileCopyWith(const char *srcName, const char *dstName, bool overwriteExisting,
+                  uint32_t flags) {
   FileIODescriptor srcFd;
-  const FileIOResult opened = FileIO_Open(&srcFd, srcName, FILEIO_ACCESS_READ, FILEIO_OPEN);
+  const FileIOResult opened = FileIO_Open(&srcFd, srcName, FILEIO_ACCESS_READ | flags, FILEIO_OPEN);
   if (opened != FILEIO_SUCCESS) {
     const ErrnoKeeper keeper;
     Msg_Append(
@@ -111,7 +125,7 @@ bool File_Copy(const char *srcName, const char *dstName, bool overwriteExisting)
     return false;
   }
 
-  const bool copied = File_CopyFromFdToName(&srcFd, dstName, overwriteExisting);
+  const bool copied = CopyToName(&srcFd, dstName, overwriteExisting, flags);
   ErrnoKeeper cause;
   if (FileIO_Close(&srcFd) == FILEIO_SUCCESS) return copied;
   const ErrnoKeeper keeper;

@@ -3,6 +3,9 @@
 // Idea:   one level lists its names and copies entry by entry; a directory among them is the next
 //         level.  The first failure ends all levels.  A level's frame holds no more than a few paths,
 //         so that the depth ends at the system's limit for paths, where lstat(2) says so.
+// Holds:  without followSymlinks nothing is read or written through a link, and nothing waits for
+//         the other end of a FIFO, even if somebody changes the source meanwhile, or its listing has a
+//         name twice: once for a link, which is made, and once for what would go through it.
 // Tests:  tests/unit/fileTree_test.cpp
 
 #include <sys/stat.h>
@@ -58,20 +61,38 @@ bool CopyLink(const char *src, const char *dst) {
   return false;
 }
 
-bool CopyContent(const char *src, const char *dst, bool overwriteExisting) {
-  if (File_Copy(src, dst, overwriteExisting)) return true;
+bool TellCopyError(const char *src, const char *dst) {
   const ErrnoKeeper keeper;
   Msg_Append("@&!*@*@(msg.File.CopyTree.copy.failure)Unable to copy '%s' to '%s': %s\n\n", src, dst,
              Err_ErrnoToString(keeper.Get()));
   return false;
 }
 
+bool CopyContent(const char *src, const char *dst, CopyOptions options) {
+  const uint32_t flags = options.followSymlinks ? 0U : FILEIO_FLAG_NOFOLLOW | FILEIO_FLAG_NONBLOCK;
+  return FileCopyWith(src, dst, options.overwriteExisting, flags) || TellCopyError(src, dst);
+}
+
+// Whether nothing, or no link, is at `path`; if not, errno says why.
+bool RequireNoLink(const char *path) {
+  struct stat status;
+  if (lstat(path, &status) != 0) return errno == ENOENT;
+  if (!S_ISLNK(status.st_mode)) return true;
+  errno = ELOOP;
+  return false;
+}
+
+bool CopyDirectory(const char *src, const char *dst, CopyOptions options) {
+  if (!options.followSymlinks && !RequireNoLink(dst)) return TellCopyError(src, dst);
+  return FileCopyTreeWorker(src, dst, options);
+}
+
 bool CopyEntry(const char *src, const char *dst, CopyOptions options) {
   const mode_t type = TypeOf(src, options.followSymlinks);
   if (type == 0) return false;
   if (S_ISLNK(type)) return CopyLink(src, dst);
-  if (S_ISDIR(type)) return FileCopyTreeWorker(src, dst, options);
-  return CopyContent(src, dst, options.overwriteExisting);
+  if (S_ISDIR(type)) return CopyDirectory(src, dst, options);
+  return CopyContent(src, dst, options);
 }
 
 // An existing destination is the normal case, and another failure shows at the first entry.

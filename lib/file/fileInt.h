@@ -36,6 +36,9 @@ struct FileData {
 // path is EFAULT.
 int FileDeletePath(const char *path, bool handleLink);
 
+// As File_Copy, with FileIOAccess flags for opening both files.
+bool FileCopyWith(const char *srcName, const char *dstName, bool overwriteExisting, uint32_t flags);
+
 // Removes what is below the directory `path` and, unless contentOnly, the directory; see
 // File_DeleteDirectoryTree.
 bool FileDeleteDirectoryTree(const char *path, bool contentOnly);

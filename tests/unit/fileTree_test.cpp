@@ -173,6 +173,15 @@ constexpr Row kRows[] = {
      "Unable to copy '$F/x/y' to '$T/x/y': Not a directory\n"
      "Unable to create a new '$T/x/y' file: Error.\n",
      "test -f $T/x"},
+    // Nothing waits, and nothing is written elsewhere.
+    {"mkfifo $F/x", CopyTree, 0, "", "test -f $T/x -a ! -s $T/x"},
+    {">$F/x; ln -s ../out $T/x", CopyTree, ELOOP,
+     "Unable to copy '$F/x' to '$T/x': Too many levels of symbolic links\n"
+     "Unable to create a new '$T/x' file: Error.\n",
+     "test ! -e $T/../out"},
+    {"mkdir $F/x $T/../out; >$F/x/y; ln -s ../out $T/x", CopyTree, ELOOP,
+     "Unable to copy '$F/x' to '$T/x': Too many levels of symbolic links\n",
+     "test ! -e $T/../out/y"},
     {"touch $(printf '%s/bad\\377' $F)", CopyTree, ENOENT,
      "Unable to get information on '$F/\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD' when copying files.\n",
      "true"},
