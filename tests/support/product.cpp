@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdlib>
@@ -25,7 +26,6 @@ namespace {
 
 // Outside of what tests take for the product.
 const std::string kAuthority = "/run/authority";
-constexpr char kAnchors[] = "/etc/zephrin/code-signing-anchors.pem";
 
 std::string Given(const char *variable) {
   const char *const value = getenv(variable);
@@ -41,22 +41,33 @@ void RunTool(const std::vector<std::string> &command) {
   EXPECT_EQ(0, process.Wait()) << command[0] << ": " << process.Output();
 }
 
-// The bundle to copy, and an authority that this machine trusts; both are made once.
+// The bundle to copy, and an authority; both are made once.
 void MakeTemplate() {
   if (fs::exists(kTemplate)) return;
   const std::string support = Given("LUMEN_SUPPORT") + "/";
   RunTool({support + "makeAuthority", kAuthority});
-  fs::copy_file(kAuthority + "/root.pem", kAnchors);
-  ASSERT_EQ(0, chmod(kAnchors, 0644));
   RunTool({support + "makeBundle", Given("LUMEN_BUILD"), kAuthority, kTemplate});
 }
 
-void StopServices() {
-  for (const pid_t pid : Services()) kill(pid, SIGKILL);
-  EXPECT_TRUE(Eventually([] { return Services().empty(); }));
+void TrustAuthority() {
+  fs::remove(kAnchors);
+  fs::copy_file(kAuthority + "/root.pem", kAnchors);
+  ASSERT_EQ(0, chmod(kAnchors.c_str(), 0644));
 }
 
 }  // namespace
+
+int Rounds() {
+  const char *const rounds = getenv("LUMEN_ROUNDS");
+  return rounds == nullptr ? 1 : std::max(1, atoi(rounds));
+}
+
+void InstallBundle() {
+  MakeTemplate();
+  TrustAuthority();
+  fs::remove_all(kBundle);
+  RunTool({"/bin/cp", "-a", kTemplate, kBundle});
+}
 
 void InstallProgram(const char *which, const std::string &path, mode_t mode) {
   const std::string source = Given(which);
@@ -87,6 +98,11 @@ std::vector<pid_t> Services() {
     if (arguments.c_str() == kStagedDaemon) found.push_back(std::stoi(name));
   }
   return found;
+}
+
+void StopServices() {
+  for (const pid_t pid : Services()) kill(pid, SIGKILL);
+  EXPECT_TRUE(Eventually([] { return Services().empty(); }));
 }
 
 std::string ServiceLog() {
@@ -162,8 +178,7 @@ void ProductTest::Reset() {
   StopServices();
   for (const std::string &path : {kSocketPath, kLockPath, kServiceLogPath, kProbeReport})
     fs::remove(path);
-  for (const std::string &path : {kBundle, kInstallRoot}) fs::remove_all(path);
+  fs::remove_all(kInstallRoot);
   fs::create_directories(fs::path(kInstallRoot).parent_path());
-  MakeTemplate();
-  RunTool({"/bin/cp", "-a", kTemplate, kBundle});
+  InstallBundle();
 }

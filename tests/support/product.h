@@ -25,8 +25,12 @@ inline const std::string kInstallRoot = "/Library/Application Support/Zephrin/Ze
 inline const std::string kStaged = kInstallRoot + "/Services";
 inline const std::string kStagedDaemon =
     kStaged + "/Contents/Library/Zephrin Lumen Client Services";
+inline const std::string kAnchors = "/etc/zephrin/code-signing-anchors.pem";
 inline const std::string kProbeReport = "/var/run/probe.report";  // of tests/system/probeDaemon.cpp
 inline constexpr uid_t kUser = 12345;
+
+// How often to repeat what chance decides: LUMEN_ROUNDS, or 1.
+int Rounds();
 
 // Copies the program that the build has put at the place which the environment variable `which`
 // names to `path`, with its folders; root's.
@@ -36,11 +40,15 @@ void InstallProgram(const char *which, const std::string &path, mode_t mode = 07
 void Sign(const std::string &path, const std::string &identifier,
           const std::string &signer = "valid");
 
+// Puts the bundle in its place, as it was made, and this machine's trust in its signer.
+void InstallBundle();
+
 // Makes the program that `which` names the bundle's daemon, signed.
 void InstallDaemon(const char *which);
 
-// The processes of the staged daemon.
+// The processes of the staged daemon; ending them all.
 std::vector<pid_t> Services();
+void StopServices();
 
 // The log of the reference service, without time stamps; and the line in it that tells of the end
 // of a delivered descriptor which held `content`, without its beginning "#N: ".

@@ -11,22 +11,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <regex>
 #include <set>
 #include <span>
-#include <sstream>
 
 #include "tests/support/product.h"
 #include "tests/support/scratchDir.h"
+#include "tests/support/trace.h"
 
 namespace {
-
-const std::string kTracePath = "/run/trace";
-const std::string kStrace = "/usr/bin/strace";
 
 struct Row {
   const char *call;
@@ -111,48 +106,6 @@ constexpr Row kChildRows[] = {
 // Calls that cannot fail, change nothing when they do, or belong to the log.
 const std::set<std::string> kWithoutRow = {"geteuid", "getuid", "write", "exit_group", "brk"};
 
-using Position = std::pair<std::string, int>;
-
-struct Call {
-  std::string argument;  // the first one
-  int absolute;          // its number among all calls of its name in the process
-};
-
-// The calls of one process, as strace writes them: those after the first record, without those of
-// staging, which lie between the third change of identity and the fourth.
-struct Trace {
-  std::map<Position, Call> calls;
-  std::vector<Position> order;
-
-  explicit Trace(const std::string &text) {
-    static const std::regex call(R"(^(\w+)\(([^,)]*).*)");
-    const bool staged = text.find("constructWorkingDir: ") != text.npos;
-    std::istringstream lines(text);
-    std::map<std::string, int> all, counted;
-    bool started = false;
-    int identities = 0;
-    for (std::string line; std::getline(lines, line);) {
-      std::smatch match;
-      if (!std::regex_match(line, match, call)) continue;
-      const std::string name = match[1];
-      const int absolute = ++all[name];
-      if (started) {
-        if (name == "setresuid") identities++;
-        if (staged && (identities == 3 || (identities == 4 && name == "setresuid"))) continue;
-        order.emplace_back(name, ++counted[name]);
-        calls[order.back()] = {match[2], absolute};
-      }
-      started = started || line.find("ServiceImpl_Opener: PID") != line.npos;
-    }
-  }
-
-  // For a call that is not in the trace, the position counts in its process from the beginning.
-  int Absolute(const Position &position) const {
-    const auto call = calls.find(position);
-    return call == calls.end() ? position.second : call->second.absolute;
-  }
-};
-
 void Replace(std::string *text, const std::string &part, const std::string &with) {
   for (size_t at; (at = text->find(part)) != text->npos;) text->replace(at, part.size(), with);
 }
@@ -171,18 +124,6 @@ class Faults : public ProductTest {
   void SetUp() override {
     ProductTest::SetUp();
     ASSERT_EQ(0, access(kStrace.c_str(), X_OK)) << "strace is needed";
-  }
-
-  // An opener under strace, which must itself be root to leave the set-user-ID bit in force.
-  static Launch Traced(std::vector<std::string> options) {
-    static const Fd file = FileWith("traced");
-    lseek(file.Get(), 0, SEEK_SET);
-    Launch launch = OpenerLaunch(file.Get());
-    launch.user = 0;
-    std::vector<std::string> command = {kStrace, "-u", "nobody", "-o", kTracePath};
-    command.insert(command.end(), options.begin(), options.end());
-    launch.argv.insert(launch.argv.begin(), command.begin(), command.end());
-    return launch;
   }
 
   static Outcome OutcomeWith(const std::vector<std::string> &options) {
@@ -209,10 +150,8 @@ class Faults : public ProductTest {
   }
 
   static void ExpectFault(const Row &row, const Trace &trace, std::vector<std::string> options) {
-    const std::string call = row.call;
     options.insert(options.end(),
-                   {"-e", "inject=" + call + ":error=" + strerrorname_np(row.error) +
-                              ":when=" + std::to_string(trace.Absolute({row.call, row.nth}))});
+                   {"-e", Injection({row.call, trace.Absolute({row.call, row.nth})}, row.error)});
     SCOPED_TRACE(options.back());
     EXPECT_EQ((Outcome{row.status, ExpectedRecords(row, trace)}), OutcomeWith(options));
     EXPECT_NE(std::string::npos, ReadFile(kTracePath).find("(INJECTED)"))
@@ -267,8 +206,8 @@ TEST_F(Faults, ThatComeTogether) {
                                     ", read 4, error " + std::to_string(ENOENT) + ".\n"};
   EXPECT_EQ(noProgram, OutcomeWith({}));
   const Trace trace(ReadFile(kTracePath));
-  EXPECT_EQ(noProgram, OutcomeWith({"-e", "inject=read:error=EINTR:when=" +
-                                              std::to_string(trace.Absolute({"read", 1}))}));
+  EXPECT_EQ(noProgram,
+            OutcomeWith({"-e", Injection({"read", trace.Absolute({"read", 1})}, EINTR)}));
 
   // A kernel without close_range.
   Reset();

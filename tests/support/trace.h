@@ -1,0 +1,39 @@
+// trace.h -- the opener under strace(1), which shows its system calls and makes them fail.
+#pragma once
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/product.h"
+
+inline const std::string kTracePath = "/run/trace";
+inline const std::string kStrace = "/usr/bin/strace";
+
+// The name of a system call, and its number among those of its name.
+using Position = std::pair<std::string, int>;
+
+struct Call {
+  std::string argument;  // the first one
+  int absolute;          // its number among all calls of its name in the process
+};
+
+// The calls of one process, as strace writes them, from the first record on.  Those of staging, from
+// the third change of identity to the fourth, stand apart.
+struct Trace {
+  std::map<Position, Call> calls;  // numbered from the first record on, without those of staging
+  std::vector<Position> order;
+  std::vector<Position> staging;  // numbered in the process from its beginning
+
+  explicit Trace(const std::string &text);
+
+  // For a call that is not in `calls`, the position counts in its process from the beginning.
+  int Absolute(const Position &position) const;
+};
+
+// The opener under strace with these options; it delivers a file that holds "traced".
+Launch Traced(const std::vector<std::string> &options);
+
+// The option that makes one call fail.
+std::string Injection(const Position &absolute, int error);
