@@ -9,11 +9,9 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,42 +19,19 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include "bench/sandboxed.h"
 #include "tests/support/product.h"
-#include "tests/support/sandboxRoot.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr rlim_t kSmallLimit = 1024;
 constexpr rlim_t kLargeLimit = 1'000'000;
 constexpr int kDescriptor = 7;
 const std::string kMinimalPath = kBundleLibrary + "/minimalHandoff";
-
-[[noreturn]] void Die(const char *what) {
-  perror(what);
-  exit(EXIT_FAILURE);
-}
-
-fs::path BuildFolder() {
-  return fs::read_symlink("/proc/self/exe").parent_path().parent_path();
-}
-
-void Install(const fs::path &program, const std::string &path, mode_t mode) {
-  fs::create_directories(fs::path(path).parent_path());
-  fs::copy_file(BuildFolder() / program, path);
-  if (chown(path.c_str(), 0, 0) != 0 || chmod(path.c_str(), mode) != 0) Die("install");
-}
-
-void StopServices() {
-  for (const pid_t pid : Services()) kill(pid, SIGKILL);
-  while (!Services().empty()) usleep(1000);
-}
 
 void BecomeUser() {
   if (setgroups(0, nullptr) != 0 || setresgid(kUser, kUser, kUser) != 0 ||
@@ -97,12 +72,6 @@ double TimeOf(const std::string &program) {
     exit(EXIT_FAILURE);
   }
   return time.count();
-}
-
-double Median(std::vector<double> *times) {
-  const auto middle = times->begin() + static_cast<std::ptrdiff_t>(times->size() / 2);
-  std::nth_element(times->begin(), middle, times->end());
-  return *middle;
 }
 
 // KiB.  Of a child's rusage the part before exec cannot be told apart: so the child is stopped at
@@ -209,25 +178,14 @@ void CompareStarts(int runs) {
   }
 }
 
-void EnterSandbox(char *argv[]) {
-  if (access(kSandboxMark, F_OK) == 0) return;
-  const std::string sandbox = BuildFolder() / "tests/support/lumen-sandbox";
-  std::vector<char *> words = {const_cast<char *>(sandbox.c_str())};
-  for (; *argv != nullptr; argv++) words.push_back(*argv);
-  words.push_back(nullptr);
-  execv(words[0], words.data());
-  Die(words[0]);
-}
-
 }  // namespace
 
 int main(int argc, char *argv[]) {
-  EnterSandbox(argv);
+  EnterSandbox(argv, LUMEN_SUPPORT);
   const int runs = argc > 1 ? std::max(1, atoi(argv[1])) : 2000;
-  Install("opener/lumenClient-opener", kOpenerPath, 04755);
-  Install("bench/peers/minimalHandoff", kMinimalPath, 04755);
-  Install("service/lumen-reference-service", kBundleDaemon, 0755);
-  Install("service/lumen-reference-service", kStagedDaemon, 0755);
+  InstallBundle();
+  setenv("LUMEN_MINIMAL", (BuildFolder() / "bench/peers/minimalHandoff").c_str(), 1);
+  InstallProgram("LUMEN_MINIMAL", kMinimalPath, 04755);
 
   const int null = open("/dev/null", O_RDWR);
   if (dup2(null, kDescriptor) < 0) Die("/dev/null");

@@ -2,6 +2,7 @@
 
 #include "tests/support/trace.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -44,6 +45,12 @@ Launch Traced(const std::vector<std::string> &options) {
   lseek(file.Get(), 0, SEEK_SET);
   Launch launch = OpenerLaunch(file.Get());
   launch.user = 0;
+  // Closing one by one all that there may be takes long when each call is traced.
+  launch.adjust = [openArgument = launch.adjust] {
+    openArgument();
+    const rlimit few = {512, 512};
+    setrlimit(RLIMIT_NOFILE, &few);
+  };
   std::vector<std::string> command = {kStrace, "-u", "nobody", "-o", kTracePath};
   command.insert(command.end(), options.begin(), options.end());
   launch.argv.insert(launch.argv.begin(), command.begin(), command.end());
