@@ -110,11 +110,21 @@ size_t NumLocks() {
 
 // ---- owners, depth, waiting ------------------------------------------------------------------
 
-TYPED_TEST(LockTest, TheOwnerNestsAndOthersWaitForTheLastRelease) {
+TYPED_TEST(LockTest, TheOwnerNestsAndATimedWaitGivesUpTheWholeDepthAndComesBackToIt) {
   EXPECT_FALSE(TypeParam::IsHeld(this->lock_));
   TypeParam::Acquire(this->lock_);
   EXPECT_TRUE(TypeParam::TryAcquire(this->lock_));
   TypeParam::Acquire(this->lock_);
+  bool othersHadIt = false;
+  std::thread other([&] {
+    TypeParam::Acquire(this->lock_);
+    othersHadIt = true;
+    TypeParam::Release(this->lock_);
+  });
+  const auto start = std::chrono::steady_clock::now();
+  while (!othersHadIt) TypeParam::TimedWait(this->lock_, this->condVar_, 20);
+  EXPECT_LE(std::chrono::milliseconds(15), std::chrono::steady_clock::now() - start);
+  other.join();
   for (int depth = 3; depth > 0; depth--) {
     EXPECT_TRUE(TypeParam::IsHeld(this->lock_));
     EXPECT_FALSE(this->IsFree());
@@ -139,51 +149,31 @@ TYPED_TEST(LockTest, OneThreadAtATime) {
   EXPECT_EQ(kThreads * kRounds, sum);
 }
 
-TYPED_TEST(LockTest, ATimedWaitGivesUpTheWholeDepthAndComesBackToIt) {
-  TypeParam::Acquire(this->lock_);
-  TypeParam::Acquire(this->lock_);
-  bool othersHadIt = false;
-  std::thread other([&] {
-    TypeParam::Acquire(this->lock_);
-    othersHadIt = true;
-    TypeParam::Release(this->lock_);
-  });
-  const auto start = std::chrono::steady_clock::now();
-  while (!othersHadIt) TypeParam::TimedWait(this->lock_, this->condVar_, 20);
-  EXPECT_LE(std::chrono::milliseconds(15), std::chrono::steady_clock::now() - start);
-  other.join();
-  EXPECT_TRUE(TypeParam::IsHeld(this->lock_));
-  TypeParam::Release(this->lock_);
-  EXPECT_FALSE(this->IsFree());
-  TypeParam::Release(this->lock_);
-  EXPECT_TRUE(this->IsFree());
-}
-
 // Eight wait, at different depths: one is let in by a signal, all others by a broadcast.
 TYPED_TEST(LockTest, SignalWakesAWaiterAndBroadcastAll) {
   size_t waiting = 0;
   size_t places = 0;
   std::atomic<size_t> admitted = 0;
+  const auto give = [&](size_t count, int (*wake)(MXUserCondVar *)) {
+    while (waiting < 8) TypeParam::TimedWait(this->lock_, this->condVar_, 1);
+    places = count;
+    TypeParam::Release(this->lock_);
+    EXPECT_EQ(0, wake(this->condVar_));
+    while (admitted < count) std::this_thread::yield();
+    TypeParam::Acquire(this->lock_);
+  };
   InThreads([&](size_t me) {
-    if (me > 0) {
-      for (size_t i = 0; i < me; i++) TypeParam::Acquire(this->lock_);
+    for (size_t i = 0; i <= me; i++) TypeParam::Acquire(this->lock_);
+    if (me == 0) {
+      give(1, MXUser_SignalCondVar);
+      give(7, MXUser_BroadcastCondVar);
+    } else {
       waiting++;
       while (places == 0) TypeParam::Wait(this->lock_, this->condVar_);
       places--;
       admitted++;
-      for (size_t i = 0; i < me; i++) TypeParam::Release(this->lock_);
-      return;
     }
-    TypeParam::Acquire(this->lock_);
-    while (waiting < 8) TypeParam::TimedWait(this->lock_, this->condVar_, 1);
-    places = 1;
-    TypeParam::Release(this->lock_);
-    EXPECT_EQ(0, MXUser_SignalCondVar(this->condVar_));
-    while (admitted < 1) std::this_thread::yield();
-    TypeParam::Acquire(this->lock_);
-    places = 7;
-    TypeParam::Release(this->lock_);
-    EXPECT_EQ(0, MXUser_BroadcastCondVar(this->condVar_));
+    for (size_t i = 0; i <= me; i++) TypeParam::Release(this->lock_);
   });
   EXPECT_EQ(8U, admitted);
 }
@@ -212,10 +202,11 @@ template <typename Kind>
 }
 
 TYPED_TEST(LockTest, ALockWithoutANameIsNamedForItsCreator) {
-  const auto creator = reinterpret_cast<uintptr_t>(&CreatorInName<TypeParam>);
   std::atomic<typename TypeParam::Lock *> slot = nullptr;
-  EXPECT_GT(2000U, CreatorInName<TypeParam>(nullptr) - creator);
-  EXPECT_GT(2000U, CreatorInName<TypeParam>(&slot) - creator);
+  for (auto *const where : {&slot, static_cast<decltype(&slot)>(nullptr)}) {
+    EXPECT_GT(2000U, CreatorInName<TypeParam>(where) -
+                         reinterpret_cast<uintptr_t>(&CreatorInName<TypeParam>));
+  }
 }
 
 TEST(RecLock, LivesAsLongAsItHasReferences) {
@@ -330,7 +321,7 @@ TEST(LockMisuse, EndsTheProcessWithTheStateOfTheLock) {
 
 // ---- bound locks, and the end ----------------------------------------------------------------
 
-// The other system: writes what it is asked.
+// The other system, which writes what it is asked.  A lock of it is only a name.
 const MXUserMxHooks kHooks = {
     .acquire = [](MX_MutexRec *) { Log("acquire\n"); },
     .release = [](MX_MutexRec *) { Log("release\n"); },
@@ -343,75 +334,64 @@ const MXUserMxHooks kHooks = {
     .inPanic = [] { return Log("in panic?\n"), false; },
 };
 
-// An external lock, which is only its name.
-struct External {
-  const char *name;
-  MX_MutexRec *Get() { return reinterpret_cast<MX_MutexRec *>(this); }
-};
-
 TEST(BoundLock, ForwardsToTheHooksInstalledFirst) {
-  External external{"R"};
-  EXPECT_EQ("acquire\ntry\nheld?\nrelease\nunbind\n" +
-                RecDump(" *; rank 0x1; serial number *; reference count 1; vmmLock *\ndump\n") +
-                "Panic: MXUserWaitCondVar: invalid use of lock R * with condVar (0x*; E)\n",
-            Masked(FatalText([&external] {
-              MXUser_InstallMxHooks({});
-              MXUser_InstallMxHooks(kHooks);
-              MXUser_InstallMxHooks({.name = [](auto) { return "late"; }});
-              const size_t before = NumLocks();
-              MXUserRecLock *const lock = MXUser_BindMXMutexRec(external.Get(), 1);
-              MXUser_AcquireRecLock(lock);
-              const bool good = MXUser_TryAcquireRecLock(lock) &&
-                                MXUser_IsCurThreadHoldingRecLock(lock) && NumLocks() == before &&
-                                MXUser_GetRecLockVmm(lock) == external.Get();
-              MXUser_ReleaseRecLock(lock);
-              MXUser_DestroyRecLock(lock);
-              if (!good) return;
-              MXUserExclLock *const other = MXUser_CreateExclLock("E", 0);
-              MXUser_WaitCondVarRecLock(MXUser_BindMXMutexRec(external.Get(), 1),
-                                        MXUser_CreateCondVarExclLock(other));
-            })));
-}
-
-TEST(BoundLock, NeedsFiveHooksAndHasNoConditionVariables) {
-  External nameless{nullptr};
-  const auto bindAndUse = [&nameless](const MXUserMxHooks &hooks) {
-    MXUser_InstallMxHooks(hooks);
-    MXUserRecLock *const lock = MXUser_BindMXMutexRec(nameless.Get(), 0);
-    if (lock == nullptr) return;
-    Log("%s\n", lock->name.get());
-    std::ignore = MXUser_CreateCondVarRecLock(lock);
+  std::array<const char *, 2> names = {"R", nullptr};
+  const auto bind = [&](size_t i) {
+    return MXUser_BindMXMutexRec(reinterpret_cast<MX_MutexRec *>(&names[i]), 1);
   };
-  MXUserMxHooks incomplete = kHooks;
-  incomplete.isHeld = nullptr;
-  EXPECT_EQ(42, RunInChild([&] { bindAndUse({}), bindAndUse(incomplete); }).exitStatus);
+  const auto use = [&] {
+    for (const MXUserMxHooks &hooks :
+         {MXUserMxHooks{}, kHooks, MXUserMxHooks{.name = [](auto) { return "late"; }}}) {
+      MXUser_InstallMxHooks(hooks);
+    }
+    const size_t before = NumLocks();
+    MXUserRecLock *const lock = bind(0);
+    MXUser_AcquireRecLock(lock);
+    Log("%d", MXUser_TryAcquireRecLock(lock) && MXUser_IsCurThreadHoldingRecLock(lock) &&
+                  static_cast<void *>(MXUser_GetRecLockVmm(lock)) == names.data());
+    MXUser_ReleaseRecLock(lock);
+    MXUser_DestroyRecLock(lock);
+    Log("%s %d", bind(1)->name.get(), NumLocks() == before);
+  };
   std::ostringstream name;
-  name << std::hex << std::uppercase << reinterpret_cast<uintptr_t>(&nameless);
-  EXPECT_EQ("MX_" + name.str() +
-                "\nPanic: MXUserCreateCondVar: native lock initialization routine failed\n",
-            FatalText([&] { bindAndUse(kHooks); }));
+  name << "MX_" << std::hex << std::uppercase << reinterpret_cast<uintptr_t>(&names[1]);
+  const std::string used = "acquire\ntry\nheld?\n1release\nunbind\n" + name.str() + " 1";
+  EXPECT_EQ(used + RecDump(" *; rank 0x1; serial number *; reference count 1; vmmLock *\ndump\n") +
+                "Panic: MXUserWaitCondVar: invalid use of lock R * with condVar (0x*; E)\n",
+            Masked(FatalText([&] {
+              use();
+              MXUserExclLock *const other = MXUser_CreateExclLock("E", 0);
+              MXUser_WaitCondVarRecLock(bind(0), MXUser_CreateCondVarExclLock(other));
+            })));
+  EXPECT_EQ(used + "Panic: MXUserCreateCondVar: native lock initialization routine failed\n",
+            FatalText([&] { use(), std::ignore = MXUser_CreateCondVarRecLock(bind(0)); }));
+  const ChildResult result = RunInChild([&] {
+    MXUserMxHooks incomplete = kHooks;
+    incomplete.isHeld = nullptr;
+    MXUser_InstallMxHooks(incomplete);
+    if (bind(0) == nullptr) Log("none");
+  });
+  EXPECT_EQ("none", WithoutStamps(result.output));
 }
 
 // Each failure exits, and each exit runs the next handler.
 TEST(LockMisuse, TheSixthFailureIsAPanicOfTheOtherSystemToo) {
-  const std::string text = FatalText([] {
-    MXUser_InstallMxHooks(kHooks);
-    const auto fail = [] {
-      if (MXUser_InPanic()) Log("in panic\n");
-      MXUser_ReleaseExclLock(MXUser_CreateExclLock("E", 0xFF000000));
-    };
-    for (int i = 0; i < 6; i++) atexit(fail);
-    fail();
-  });
-  const std::string failure =
-      ExclDump(0) + "Panic: MXUser_ReleaseExclLock: Release of an unacquired exclusive lock\n";
   std::string expected;
   for (int i = 1; i <= 7; i++) {
-    expected += i == 7 ? "in panic\n" : "in panic?\n";
+    expected += i < 7 ? "in panic?\n" : "in panic\n";
     if (i >= 6) expected += "panic\n";
-    expected += failure;
+    expected +=
+        ExclDump(0) + "Panic: MXUser_ReleaseExclLock: Release of an unacquired exclusive lock\n";
   }
-  EXPECT_EQ(expected, Masked(text));
+  EXPECT_EQ(expected, Masked(FatalText([] {
+              MXUser_InstallMxHooks(kHooks);
+              const auto fail = [] {
+                if (MXUser_InPanic()) Log("in panic\n");
+                MXUser_ReleaseExclLock(MXUser_CreateExclLock("E", 0xFF000000));
+              };
+              for (int i = 0; i < 6; i++) atexit(fail);
+              fail();
+            })));
 }
 
 }  // namespace
