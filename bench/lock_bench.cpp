@@ -84,8 +84,7 @@ void AddFree(const std::string &row, const std::string &engine) {
 template <typename Lock>
 void AddNested(const std::string &row, const std::string &engine) {
   const auto lock = std::make_shared<Lock>();
-  lock->lock();
-  Ratios::Add(row, engine, [lock] {
+  Ratios::Add(row, engine, [lock, hold = std::make_shared<std::lock_guard<Lock>>(*lock)] {
     lock->lock();
     lock->unlock();
     return 0;

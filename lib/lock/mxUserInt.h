@@ -16,10 +16,13 @@
 #include <atomic>
 #include <bit>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <new>
 #include <utility>
 
+#include "fatal.h"
 #include "heap.h"
 #include "mxUser.h"
 #include "threadSelf.h"
@@ -37,10 +40,22 @@ struct MXUserDeleter {
 template <typename T>
 using MXUserPtr = std::unique_ptr<T, MXUserDeleter>;
 
+// Room for a T; never null.
+template <typename T>
+[[nodiscard]] void *MXUserAllocate() {
+  if constexpr (alignof(T) <= alignof(std::max_align_t)) {
+    return Heap_SafeMalloc(sizeof(T));
+  } else {
+    void *p = nullptr;
+    if (posix_memalign(&p, alignof(T), sizeof(T)) != 0) Fatal_MemAlloc();
+    return p;
+  }
+}
+
 // A new object, zeroed but for what its type sets; never null.
 template <typename T>
 [[nodiscard]] MXUserPtr<T> MXUserNew() {
-  return MXUserPtr<T>(new (Heap_SafeMalloc(sizeof(T))) T{});
+  return MXUserPtr<T>(new (MXUserAllocate<T>()) T{});
 }
 
 // Puts `fresh` into the empty slot, or gives it up when another thread was first; what is in the
@@ -95,8 +110,13 @@ inline pthread_t MXUserNobody() {
   return std::bit_cast<pthread_t>(UINTPTR_MAX);
 }
 
+constexpr size_t kMXUserCacheLine = 64;
+
 // A mutex that its owner may acquire again.  Between release and acquisition the count is 0.
-struct MXUserNativeLock {
+//
+// It begins a cache line: where the mutex is small enough, two processors that fight for the lock
+// pass one line to and fro, and never two.
+struct alignas(kMXUserCacheLine) MXUserNativeLock {
   pthread_mutex_t mutex;
   MXUserShared<int32_t> count;
   MXUserShared<pthread_t> owner{MXUserNobody()};

@@ -2,8 +2,8 @@
 //
 // A procedure that fails appends what went wrong for the user here and returns its result; the
 // caller decides whether the messages are shown, logged or dropped.  They belong to the thread
-// that appended them and are freed when it ends.  errno is unchanged.  Any thread.  Exhausted memory
-// is fatal.
+// that appended them and are freed when it ends; those of the main thread, with the process.
+// errno is unchanged.  Any thread.  Exhausted memory is fatal.
 #pragma once
 
 #include <cstdarg>

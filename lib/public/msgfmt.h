@@ -49,8 +49,8 @@ struct MsgFmt_Arg {
   int32_t errorNumber;  // of MSGFMT_ARG_ERRNO
 };
 
-// Captures every argument that `format` (not null) refers to; of a string no more is read than the
-// format would print.  `args` is used up.
+// Captures every argument that `format` (not null) refers to; of a string no more units are read than
+// its widest precision allows.  `args` is used up.
 //
 // True with *numArgs records in a new array in *argsOut (null when there are none), which the
 // caller frees with MsgFmt_FreeArgs.  False with *argsOut null, *numArgs 0 and in *error a new text

@@ -174,8 +174,9 @@ void MXUser_DestroyCondVar(MXUserCondVar *condVar);
 //                                          100 a decade begins at MIN * 10^(B / 100); empty ones
 //                                          are left out, and so are those without room in the line
 
-// Receives one line with its end, or as much of it as there was room for.  It may use locks, but
-// not create or destroy any, nor call what is below.
+// Receives one line with its end, or as much of it as there was room for.  The list of locks is held
+// meanwhile: the function creates and destroys no lock, acquires none under which others do so, and
+// calls nothing of what is below.
 using MXUserStatsFunc = void (*)(void *context, const char *line);
 
 // Where MXUser_PerLockData writes; a null function switches it off.  A line with its NUL has
@@ -185,7 +186,8 @@ void MXUser_SetStatsFunc(void *context, size_t maxLineLength, bool trackHeldTime
                          MXUserStatsFunc outputFunction);
 
 // Writes a line for each lock that is new since the last call, and the statistics of all locks that
-// have some.  Does nothing without an output function, or when another thread is at it.
+// have some.  Does nothing without an output function, or when another thread has the list of
+// locks, be it for a pass or to create or destroy a lock: it never waits.
 void MXUser_PerLockData();
 
 // From when on a lock counts as contended, for locks that are created from now on; all 0 at first.

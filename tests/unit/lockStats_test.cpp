@@ -74,7 +74,7 @@ TEST_F(LockStats, LinesAreAsDocumented) {
   MXUserAcquisitionSample(acquire, false, true, 2000);
   EXPECT_NE(std::string::npos, Pass().find("MXUser: ce l=L a=1 s=0 sc=0 sct=0 t=2000\n"));
   MXUserAcquisitionSample(acquire, true, true, 99);  // too short to count
-  MXUserAcquisitionSample(acquire, true, true, 101);
+  MXUserAcquisitionSample(acquire, true, true, 100);
   MXUserAcquisitionSample(acquire, true, false, 102);
   for (const uint64_t time : {1000U, 2000U, 4000U}) {
     MXUserBasicStatsSample(&lock_->heldStats.Get()->basic, time);
@@ -82,7 +82,7 @@ TEST_F(LockStats, LinesAreAsDocumented) {
   const std::string lines =
       "MXUser: e l=L t=h c=3 min=1000 max=4000 mean=2333 sd=1528\n"
       "MXUser: e l=L t=a c=3 min=99 max=102 mean=100 sd=2\n"
-      "MXUser: ce l=L a=4 s=3 sc=1 sct=101 t=2101\n";
+      "MXUser: ce l=L a=4 s=3 sc=1 sct=100 t=2100\n";
   EXPECT_EQ(lines, Pass());  // one in three contended, one in four failed
 
   // A third of the acquisitions was contended, and that must exceed the floor.

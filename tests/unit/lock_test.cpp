@@ -100,12 +100,13 @@ void InThreads(Body body) {
   for (std::thread &thread : threads) thread.join();
 }
 
-size_t NumLocks() {
-  static size_t count;
-  count = 0;
+// The names of all locks, in the order of their list.
+std::string Listed() {
+  static std::string names;
+  names.clear();
   const MXUserListHolder list(MXUserListHolder::Mode::wait);
-  MXUserForEachLock([](MXUserHeader *) { count++; });
-  return count;
+  MXUserForEachLock([](MXUserHeader *header) { names += header->name.get() + std::string(" "); });
+  return names;
 }
 
 // ---- owners, depth, waiting ------------------------------------------------------------------
@@ -182,14 +183,13 @@ TYPED_TEST(LockTest, SignalWakesAWaiterAndBroadcastAll) {
 
 TYPED_TEST(LockTest, AllThreadsGetTheOneLockOfASlot) {
   for (int round = 0; round < 100; round++) {
-    const size_t before = NumLocks();
     std::atomic<typename TypeParam::Lock *> slot = nullptr;
     std::array<typename TypeParam::Lock *, kThreads> got = {};
     InThreads([&](size_t me) { got[me] = TypeParam::CreateSingleton(&slot, "single", 7); });
-    EXPECT_EQ(before + 1, NumLocks());
+    EXPECT_EQ("test single ", Listed());
     for (const auto *one : got) EXPECT_EQ(slot, one);
     TypeParam::Destroy(slot);
-    EXPECT_EQ(before, NumLocks());
+    EXPECT_EQ("test ", Listed());
   }
 }
 
@@ -215,12 +215,24 @@ TEST(RecLock, LivesAsLongAsItHasReferences) {
   MXUser_DestroyRecLock(lock);
   EXPECT_EQ(0xFEFFFFFF, MXUser_GetRecLockRank(lock));
   EXPECT_EQ(nullptr, MXUser_GetRecLockVmm(lock));
-  const size_t before = NumLocks();
+  EXPECT_EQ("counted ", Listed());
   MXUser_DecRefRecLock(lock);
-  EXPECT_EQ(before - 1, NumLocks());
+  EXPECT_EQ("", Listed());
   MXUser_DestroyRecLock(nullptr);
   MXUser_DestroyExclLock(nullptr);
   MXUser_DestroyCondVar(nullptr);
+}
+
+// New locks come behind the head, and the last one follows a head that goes.
+TEST(LockList, Order) {
+  MXUserExclLock *const a = MXUser_CreateExclLock("a", 0);
+  MXUserRecLock *const b = MXUser_CreateRecLock("b", 0);
+  MXUserExclLock *const c = MXUser_CreateExclLock("c", 0);
+  EXPECT_EQ("a c b ", Listed());
+  MXUser_DestroyExclLock(a);
+  EXPECT_EQ("b c ", Listed());
+  MXUser_DestroyExclLock(c);
+  MXUser_DestroyRecLock(b);
 }
 
 // ---- misuse ----------------------------------------------------------------------------------
@@ -269,7 +281,6 @@ TEST(LockMisuse, EndsTheProcessWithTheStateOfTheLock) {
   MXUserCondVar *const recVar = MXUser_CreateCondVarRecLock(rec);
   const std::string error = std::to_string(EINVAL);
   const std::string noInit = ": native lock initialization routine failed\n";
-  const auto exclTwice = [&] { MXUser_AcquireExclLock(excl), MXUser_AcquireExclLock(excl); };
   const auto recTwice = [&] { MXUser_AcquireRecLock(rec), MXUser_AcquireRecLock(rec); };
   const struct {
     const char *failing;
@@ -277,9 +288,9 @@ TEST(LockMisuse, EndsTheProcessWithTheStateOfTheLock) {
     std::string dump;
     std::string message;
   } rows[] = {
-      {"", [&] { exclTwice(), MXUser_DestroyExclLock(excl); }, ExclDump(2),
+      {"", [&] { MXUser_AcquireExclLock(excl), MXUser_DestroyExclLock(excl); }, ExclDump(1),
        "MXUser_DestroyExclLock: Destroy of an acquired exclusive lock\n"},
-      {"", [&] { recTwice(), MXUser_DestroyRecLock(rec); }, RecDump(0, 2),
+      {"", [&] { MXUser_AcquireRecLock(rec), MXUser_DestroyRecLock(rec); }, RecDump(0, 1),
        "MXUserCondDestroyRecLock: Destroy of an acquired recursive lock\n"},
       {"", [&] { MXUser_ReleaseExclLock(excl); }, ExclDump(0),
        "MXUser_ReleaseExclLock: Release of an unacquired exclusive lock\n"},
@@ -344,18 +355,17 @@ TEST(BoundLock, ForwardsToTheHooksInstalledFirst) {
          {MXUserMxHooks{}, kHooks, MXUserMxHooks{.name = [](auto) { return "late"; }}}) {
       MXUser_InstallMxHooks(hooks);
     }
-    const size_t before = NumLocks();
     MXUserRecLock *const lock = bind(0);
     MXUser_AcquireRecLock(lock);
     Log("%d", MXUser_TryAcquireRecLock(lock) && MXUser_IsCurThreadHoldingRecLock(lock) &&
                   static_cast<void *>(MXUser_GetRecLockVmm(lock)) == names.data());
     MXUser_ReleaseRecLock(lock);
     MXUser_DestroyRecLock(lock);
-    Log("%s %d", bind(1)->name.get(), NumLocks() == before);
+    Log("%s <%s>", bind(1)->name.get(), Listed().c_str());
   };
   std::ostringstream name;
   name << "MX_" << std::hex << std::uppercase << reinterpret_cast<uintptr_t>(&names[1]);
-  const std::string used = "acquire\ntry\nheld?\n1release\nunbind\n" + name.str() + " 1";
+  const std::string used = "acquire\ntry\nheld?\n1release\nunbind\n" + name.str() + " <>";
   EXPECT_EQ(used + RecDump(" *; rank 0x1; serial number *; reference count 1; vmmLock *\ndump\n") +
                 "Panic: MXUserWaitCondVar: invalid use of lock R * with condVar (0x*; E)\n",
             Masked(FatalText([&] {
