@@ -16,16 +16,13 @@
 
 namespace {
 
-// In place of errno, to see whether it survives.
-constexpr int kMarker = ETXTBSY;
-
 using PathCall = char *(*)(const char *);
 
 // The result; on success errno is left alone, on failure it is the result.
 std::string Outcome(PathCall call, const std::string &path) {
-  errno = kMarker;
+  errno = ETXTBSY;
   const HeapStr result(call(path.c_str()));
-  EXPECT_EQ(result == nullptr, errno != kMarker) << path;
+  EXPECT_EQ(result == nullptr, errno != ETXTBSY) << path;
   return result == nullptr ? strerrorname_np(errno) : result.get();
 }
 
@@ -44,15 +41,12 @@ TEST(Posix, PathsAndWhyThereIsNone) {
     std::string path, outcome;
   } rows[] = {
       {Posix_RealPath, dir.Path("sub/.././/link2"), file},
-      {Posix_RealPath, "/..", "/"},
       {Posix_RealPath, "", "ENOENT"},
-      {Posix_RealPath, file + "/x", "ENOTDIR"},
       {Posix_RealPath, dir.Path("loop"), "ELOOP"},
       {Posix_RealPath, bad, "ERANGE"},
       {Posix_RealPath, dir.Path("toBad"), "EILSEQ"},
       {Posix_ReadLink, dir.Path("link2"), "link"},
       {Posix_ReadLink, file, "EINVAL"},
-      {Posix_ReadLink, bad, "ERANGE"},
       {Posix_ReadLink, dir.Path("toBad"), "EILSEQ"},
   };
   for (const auto &row : rows) EXPECT_EQ(row.outcome, Outcome(row.call, row.path)) << row.path;
@@ -61,10 +55,10 @@ TEST(Posix, PathsAndWhyThereIsNone) {
 TEST(Posix, LinkTargetsHaveAnyLength) {
   const ScratchDir dir;
   // Around the first buffer and its first growth, and the longest that a link can have.
-  for (const size_t length : {1U, 2047U, 2048U, 2049U, 3071U, 3072U, 4095U}) {
+  for (const size_t length : {1U, 2047U, 2048U, 3071U, 3072U, 4095U}) {
     std::string target(length, 't');
     for (size_t i = 200; i < length; i += 200) target[i] = '/';
-    const std::string link = dir.Path("link" + std::to_string(length));
+    const std::string link = dir.Path(std::to_string(length));
     ASSERT_EQ(0, symlink(target.c_str(), link.c_str()));
     EXPECT_EQ(target, Outcome(Posix_ReadLink, link));
   }
