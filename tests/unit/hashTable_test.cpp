@@ -1,26 +1,26 @@
-// hashTable_test.cpp -- hash tables of every kind against a model built on the C++ library's maps.
+// hashTable_test.cpp -- hash tables of every kind against a model built on the C++ library's maps,
+// and many threads in one atomic table, where ThreadSanitizer sees the data races.
 
 #include "hashTable.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cctype>
+#include <functional>
+#include <latch>
 #include <map>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "heap.h"
 #include "tests/support/capture.h"
 
 namespace {
-
-std::vector<const void *> Keys(const HashTable *table) {
-  size_t count = 0;
-  const HeapArray<const void *> keys(HashTable_KeyArray(table, &count));
-  return std::vector<const void *>(keys.get(), keys.get() + count);
-}
 
 std::string Lower(std::string text) {
   for (char &c : text) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
@@ -70,6 +70,8 @@ class ModelRun {
     if (value != nullptr) toBeFreed_[static_cast<size_t>(value - freed.data())]++;
   }
 
+  uint64_t Bucket(const void *key) const { return Fold(HashOf(key, keyType_), numBuckets_); }
+
   // What the model calls the key.
   std::string Name(const void *key) const {
     if (keyType_ == HASHTABLE_INT_KEY) return std::to_string(reinterpret_cast<uintptr_t>(key));
@@ -88,57 +90,41 @@ class ModelRun {
     const bool there = model_.contains(name);
     int *const old = there ? model_[name] : nullptr;
     void *found = old;
-    switch (random_() % 8) {
-      case 0:
-        EXPECT_EQ(!there, HashTable_Insert(table, key, value));
-        model_.emplace(name, value);
-        break;
-      case 1:
-        EXPECT_EQ(there ? old : value, HashTable_LookupOrInsert(table, key, value));
-        model_.emplace(name, value);
-        break;
-      case 2:
-        EXPECT_EQ(there, HashTable_ReplaceOrInsert(table, key, value));
-        model_[name] = value;
-        GivesUp(old);
-        break;
-      case 3:
-        EXPECT_EQ(there, HashTable_ReplaceIfEqual(table, key, old, value));
-        if (there) model_[name] = value;
-        GivesUp(old);
-        break;
-      case 4:
-        EXPECT_FALSE(HashTable_ReplaceIfEqual(table, key, &found, value));
-        break;
-      case 5:
-        EXPECT_EQ(there, HashTable_Delete(table, key));
-        model_.erase(name);
-        GivesUp(old);
-        break;
-      case 6:
-        found = nullptr;
-        EXPECT_EQ(there, HashTable_LookupAndDelete(table, key, &found));
-        model_.erase(name);
-        break;
-      default:
-        found = nullptr;
-        EXPECT_EQ(there, HashTable_Lookup(table, key, &found));
+    const unsigned choice = random_() % 8;
+    if (choice == 0) {
+      EXPECT_EQ(!there, HashTable_Insert(table, key, value));
+    } else if (choice == 1) {
+      EXPECT_EQ(there ? old : value, HashTable_LookupOrInsert(table, key, value));
+    } else if (choice == 2) {
+      EXPECT_EQ(there, HashTable_ReplaceOrInsert(table, key, value));
+    } else if (choice == 3) {
+      EXPECT_EQ(there, HashTable_ReplaceIfEqual(table, key, old, value));
+    } else if (choice == 4) {
+      EXPECT_FALSE(HashTable_ReplaceIfEqual(table, key, &found, value));
+    } else if (choice == 5) {
+      EXPECT_EQ(there, HashTable_Delete(table, key));
+    } else {
+      found = nullptr;
+      EXPECT_EQ(there, choice == 6 ? HashTable_LookupAndDelete(table, key, &found)
+                                   : HashTable_Lookup(table, key, &found));
     }
     EXPECT_EQ(old, found);
+    const bool sets = choice == 2 || (choice == 3 && there);
+    if (sets || choice == 5) GivesUp(old);
+    if (choice == 5 || choice == 6) model_.erase(name);
+    if (sets || (choice < 2 && !there)) model_[name] = value;
   }
 
   void CheckContent() const {
-    const std::vector<const void *> keys = Keys(table_.get());
-    size_t count = 0;
+    size_t count = 0, keyCount = 0;
     const HeapArray<void *> values(HashTable_ValueArray(table_.get(), &count));
+    const HeapArray<const void *> keys(HashTable_KeyArray(table_.get(), &keyCount));
     ASSERT_EQ(model_.size(), count);
-    ASSERT_EQ(model_.size(), keys.size());
+    ASSERT_EQ(model_.size(), keyCount);
     EXPECT_EQ(model_.size(), HashTable_GetNumElements(table_.get()));
     for (size_t i = 0; i < count; i++) EXPECT_EQ(model_.at(Name(keys[i])), values[i]);
-    const auto bucket = [this](const void *key) {
-      return Fold(HashOf(key, keyType_), numBuckets_);
-    };
-    EXPECT_TRUE(std::ranges::is_sorted(keys, {}, bucket));
+    EXPECT_TRUE(std::is_sorted(keys.get(), keys.get() + count,
+                               [this](auto *a, auto *b) { return Bucket(a) < Bucket(b); }));
   }
 
   void EmptyModel() {
@@ -204,15 +190,84 @@ TEST(HashTable, AWalkEndsAtTheFirstResultButZero) {
 }
 
 TEST(HashTable, RefusesOtherBucketCountsAndKeyTypes) {
-  for (const uint32_t numBuckets : {3u, 0xffffffffu}) {
-    EXPECT_EQ("Panic: HashTable_Alloc only takes powers of 2 \n", FatalText([numBuckets] {
-                const HashTableOwner table(HashTable_Alloc(numBuckets, 0, nullptr));
-              }));
-  }
+  EXPECT_EQ("Panic: HashTable_Alloc only takes powers of 2 \n",
+            FatalText([] { const HashTableOwner table(HashTable_Alloc(3, 0, nullptr)); }));
   EXPECT_EQ("Panic: NOT_REACHED lib/misc/hashTable:142\n", FatalText([] {
               const HashTableOwner table(HashTable_Alloc(2, 3, nullptr));
               HashTable_Lookup(table.get(), "key", nullptr);
             }));
+}
+
+// ---- threads ---------------------------------------------------------------------------------
+
+constexpr size_t kThreads = 8;
+
+// Runs body(thread number) in all threads at once.
+void InThreads(const std::function<void(size_t me)> &body) {
+  std::latch start(kThreads);
+  std::vector<std::jthread> threads;
+  for (size_t i = 0; i < kThreads; i++) {
+    threads.emplace_back([&, i] {
+      start.arrive_and_wait();
+      body(i);
+    });
+  }
+}
+
+struct Value {
+  size_t key = 0;  // plain: written before the hand-over, read by whoever looks the value up
+  bool kept = false;
+  std::atomic<int> freed = 0;
+};
+
+TEST(HashTableThreads, EveryKeyGoesInOnceAndEveryValueTakenIsFreedOnce) {
+  constexpr size_t kRounds = 2000, kKeys = 500;
+  const HashTableOwner table(
+      HashTable_Alloc(128, HASHTABLE_ATOMIC | HASHTABLE_COPY_KEY,
+                      [](void *value) { static_cast<Value *>(value)->freed++; }));
+  std::array<std::vector<Value>, kThreads> values;
+  for (auto &mine : values) mine = std::vector<Value>(kRounds);
+  InThreads([&](size_t me) {
+    for (size_t i = 0; i < kRounds; i++) {
+      Value &mine = values[me][i];
+      mine.key = me % 4 < 2 ? i % kKeys : kKeys - 1 - i % kKeys;
+      const std::string name = std::to_string(mine.key);  // gone after the insertion
+      const char *const key = name.c_str();
+      void *old = nullptr;
+      if (i < kKeys && me % 2 == 0) {
+        mine.kept = !HashTable_Insert(table.get(), key, &mine);
+      } else if (i < kKeys) {
+        mine.kept = HashTable_LookupOrInsert(table.get(), key, &mine) != &mine;
+      } else if (me % 2 == 0) {
+        HashTable_ReplaceOrInsert(table.get(), key, &mine);
+      } else {
+        ASSERT_TRUE(HashTable_Lookup(table.get(), key, &old));
+        EXPECT_EQ(mine.key, static_cast<Value *>(old)->key);
+        mine.kept = !HashTable_ReplaceIfEqual(table.get(), key, old, &mine);
+      }
+    }
+  });
+  // The array is complete, whatever the advisory count has missed.
+  size_t count = 0;
+  HeapArray<void *>(HashTable_ValueArray(table.get(), &count)).reset();
+  EXPECT_EQ(kKeys, count);
+  HashTable_Clear(table.get());
+  for (const auto &mine : values) {
+    for (const Value &value : mine) EXPECT_EQ(value.kept ? 0 : 1, value.freed);
+  }
+}
+
+TEST(HashTableThreads, AllThreadsGetTheOneTableOfASlot) {
+  for (int round = 0; round < 100; round++) {
+    std::atomic<HashTable *> slot = nullptr;
+    std::array<HashTable *, kThreads> got = {};
+    InThreads([&](size_t me) {
+      // Many buckets keep the threads at it while the others come.
+      got[me] = HashTable_AllocOnce(&slot, 8192, HASHTABLE_INT_KEY | HASHTABLE_ATOMIC, nullptr);
+    });
+    const HashTableOwner table(slot);
+    for (const HashTable *one : got) EXPECT_EQ(table.get(), one);
+  }
 }
 
 }  // namespace
