@@ -2,16 +2,22 @@
 // agree.
 //
 // Not compared, for they differ by design: %p, %a, null and wide strings, unknown conversions, the
-// flag 0 for strings.  These have tables.  Floating point: formatFloat_test.cpp.
+// flag 0 for strings, halves without decimals.  These have tables.  Random formats:
+// fuzz/format_fuzz.cpp.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <bit>
 #include <cerrno>
+#include <cfloat>
 #include <climits>
 #include <clocale>
+#include <cmath>
 #include <cstdint>
+#include <random>
 #include <utility>
+#include <vector>
 
 #include "tests/support/allocFault.h"
 #include "tests/support/capture.h"
@@ -43,18 +49,43 @@ TEST(Format, IntegersAgreeWithTheHost) {
     IntegerGrid<int64_t>(size);
 }
 
-// Random formats: fuzz/format_fuzz.cpp.
-TEST(Format, TextAndCountsFromArgumentsAgreeWithTheHost) {
-  for (const int width : {0, 5, -5, 40}) {
-    Agree("<%-*c|%*c|%c%%>", width, 'a', width, 0xe9, 0);
-    for (const int precision : {-1, 0, 3, 60, INT_MIN}) {
-      Agree("<%*.*d|%0*d|%.*f>", width, precision, 42, width, 7, precision, 1.0625);
-      for (const char *const text : {"", "four", "more than thirty-two letters make a long piece"})
-        Agree("<%-*.*s|%*.*s>", width, precision, text, width, precision, text);
+// Doubles that are hard to print: powers, halves, the ends of the range, any bits.
+std::vector<double> HardDoubles() {
+  std::vector<double> values = {0.0,       0.1,       1.0 / 3,  0.5,     1.5,
+                                9.995,     99999.5,   999999.5, 5e-5,    1e22,
+                                9.9999e-5, 9.9999995, 0.006,    1e100,   0x1p63,
+                                INFINITY,  NAN,       DBL_MAX,  DBL_MIN, DBL_TRUE_MIN};
+  std::mt19937_64 random(20240305);
+  for (int i = 0; i < 300; ++i) {
+    values.push_back(std::bit_cast<double>(random()));
+    const int exponent = static_cast<int>(random() % 140);
+    values.push_back(std::ldexp(static_cast<double>(random() >> 11), -exponent));
+  }
+  for (size_t i = values.size(); i-- > 0;) values.push_back(-values[i]);
+  return values;
+}
+
+TEST(Format, FloatingPointAgreesWithTheHost) {
+  const std::vector<double> values = HardDoubles();
+  for (const char *const precision : {"", ".1", ".3", ".16", ".17", ".19", ".20", ".40", ".1100"}) {
+    for (const char conversion : {'e', 'E', 'f', 'F', 'g', 'G'}) {
+      for (const double value : values) Agree(string("%") + precision + conversion, value);
+      if (HasFatalFailure()) return;
     }
   }
-  const char unterminated[] = {'a', 'b', 'c'};
-  EXPECT_EQ("abc", Ours("%.3s", unterminated));
+  for (const string &flags : FlagSets("-+ #0")) {
+    for (const char *const size : {"", "14", "14.0", ".0", "12.2"}) {
+      for (const char conversion : {'e', 'g', 'F', 'G'}) {
+        for (const double value : {0.0, -0.0, 3.0, -1234567.875, 1e-7, 1e100, HUGE_VAL, -HUGE_VAL})
+          Agree("<%" + flags + size + conversion + ">", value);
+        if (HasFatalFailure()) return;
+      }
+    }
+  }
+  // Without decimals halves are rounded away from zero.
+  for (const double value : values) {
+    ASSERT_EQ(Host("%.0f", std::round(value)), Ours("%.0f", value));
+  }
 }
 
 TEST(Format, OwnForms) {
@@ -75,8 +106,7 @@ TEST(Format, OwnForms) {
       {"5000000000|5000000000|7", Ours("%I64d|%Iu|%I32d", 5000000000LL, size_t{5000000000}, 7)},
       {"00abc|0000a", Ours("%05s|%05c", "abc", 'a')},
       {"k|  \xe9|!|   %|1", Ours("%k|%3l\xe9|%!|%4%|%d", 1)},
-      {"a|A", Ours("%a|%A", 1.0, 1.0)},
-      {"0.1|0.1", Ours("%Lg|%llg", 0.1L, 0.1L)},
+      {"a|A|0.1", Ours("%a|%A|%Lg", 1.0, 1.0, 0.1L)},
       {" 7 |3  |-3|1", Ours("%3 -d|%h3-d|%.1.0hhd|%d%-05.3l", 7, 3, -3, 1)},
   };
   for (const auto &[expected, actual] : rows) EXPECT_EQ(expected, actual);
@@ -98,23 +128,17 @@ TEST(Format, WideCharactersDependOnTheLocale) {
   EXPECT_EQ("a\xef\xbf\xbd", Ours("%.4ls", illegal));
 }
 
-TEST(Format, StoresTheCount) {
+TEST(Format, StoresTheCountInNoMoreThanItsSize) {
   signed char c[2] = {-1, -1};
   short h[2] = {-1, -1};
-  int i[2] = {-1, -1};
-  int64_t l[2] = {-1, -1};
+  int64_t l = -1;
   char buffer[4];
-  EXPECT_EQ(10, OursInto(buffer, sizeof buffer, "%hhna%hnbcdefghij%n%ln", c, h, i, l));
-  EXPECT_EQ(0, c[0]);
-  EXPECT_EQ(1, h[0]);
-  EXPECT_EQ(10, i[0]);
-  EXPECT_EQ(10, l[0]);
-  EXPECT_TRUE(c[1] == -1 && h[1] == -1 && i[1] == -1 && l[1] == -1);
+  EXPECT_EQ(10, OursInto(buffer, sizeof buffer, "%hhna%hnbcdefghij%ln", c, h, &l));
+  EXPECT_TRUE(c[0] == 0 && h[0] == 1 && l == 10 && c[1] == -1 && h[1] == -1);
 }
 
 TEST(Format, Positions) {
   Agree("%1$s%1$s %3$*2$d|%3$-*2$.*4$d", "a", 6, 42, 4);
-  Agree("%4$g %3$lld %2$c %1$Lg", 0.5L, 'x', 1LL << 40, 2.25);
   // More positions than the tables have at first, in any order.
   Agree("%12$d %11$s %10$g %9$d %8$d %7$lld %6$d %5$d %4$d %3$d %2$s %1$d", 1, "b", 3, 4, 5, 6, 7LL,
         8, 9, 1.5, "k", 12);
@@ -123,8 +147,6 @@ TEST(Format, Positions) {
   EXPECT_EQ("a|   5|4", Ours("%s|%*3$d|%d", "a", 5, 4));
   // Positions that no conversion names, and one that is none.
   EXPECT_EQ("3 1", Ours("%3$s %1$s", "1", 2, "3"));
-  EXPECT_EQ("20",
-            Ours("%20$d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20));
   EXPECT_EQ("000$", Ours("%*0$", 4));
 }
 
@@ -157,8 +179,7 @@ string Core(const char *grouping, const char *format, ...) {
 TEST(Format, NumeralsOfTheCaller) {
   struct {
     const char *grouping, *format, *expected;
-  } const rows[] = {{"\3", "%'lld", "1,234,567"},           {"\3\2", "%'lld", "12,34,567"},
-                    {"\2\177", "%'lld", "12345,67"},        {"", "%'lld", "1234567"},
+  } const rows[] = {{"\3\2", "%'lld", "12,34,567"},         {"\2\177", "%'lld", "12345,67"},
                     {nullptr, "%'lld", "1234567"},          {"\3", "%'x", "12d687"},
                     {"\3", "%'+015lld", "+000001,234,567"}, {"\3", "%'-12llu|", "1,234,567   |"}};
   for (const auto &row : rows) EXPECT_EQ(row.expected, Core(row.grouping, row.format, 1234567LL));
@@ -187,25 +208,20 @@ TEST(Format, ExhaustedMemoryIsAFailureAtEveryPlace) {
     return Ours("%1$70s %2$ls %3$.30e %3$.9f %12$d %4$s", "a", wide, 0.1, "d", 5, 6, 7, 8, 9, 10,
                 11, 12);
   };
-  const string expected = print();
-  int aborts = 0;
-  for (int nth = 1;; ++nth) {
+  int aborts = 0, nth = 1;
+  for (bool fired = true; fired; ++nth) {
     AllocFault fault(nth);
     // Without room for the types at all positions the process ends.
-    if (RunInChild(print).signal == SIGABRT) {
-      ++aborts;
-      continue;
-    }
+    const bool abortsHere = RunInChild(print).signal == SIGABRT;
+    aborts += abortsHere ? 1 : 0;
+    if (abortsHere) continue;
     const string text = print();
-    if (!fault.Fired()) {
-      EXPECT_EQ(expected, text);
-      EXPECT_GT(nth, 5);
-      break;
-    }
-    EXPECT_EQ(kPeerFailed, text) << nth;
-    EXPECT_EQ(ENOMEM, errno);
+    fired = fault.Fired();
+    EXPECT_EQ(fired, text == kPeerFailed) << nth;
+    EXPECT_TRUE(!fired || errno == ENOMEM);
   }
   EXPECT_EQ(1, aborts);
+  EXPECT_GT(nth, 6);
 }
 
 }  // namespace
