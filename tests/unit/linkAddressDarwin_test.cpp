@@ -17,11 +17,10 @@
 namespace {
 
 TEST(LinkAddressDarwin, TakesWhatTheRecordHolds) {
-  struct {
+  const struct {
     uint8_t length, nameLength, addressLength;
     PlatformLinkAddress expected;
-  } const rows[] = {
-      {20, 3, 6, {1, 2, 3, 4, 5, 6}},   // en0
+  } rows[] = {
       {40, 15, 8, {1, 2, 3, 4, 5, 6}},  // longer than the declared structure, and a longer address
       {20, 3, 4, {1, 2, 3, 4, 0, 0}},   // a shorter address
       {14, 3, 6, {1, 2, 3, 0, 0, 0}},   // the record ends inside the address
@@ -29,11 +28,7 @@ TEST(LinkAddressDarwin, TakesWhatTheRecordHolds) {
       {2, 3, 6, {}},                    // ... before the lengths
   };
   for (const auto &row : rows) {
-    std::array<uint8_t, 256> whole{};
-    whole[offsetof(sockaddr_dl, sdl_len)] = row.length;
-    whole[offsetof(sockaddr_dl, sdl_family)] = AF_LINK;
-    whole[offsetof(sockaddr_dl, sdl_nlen)] = row.nameLength;
-    whole[offsetof(sockaddr_dl, sdl_alen)] = row.addressLength;
+    std::array<uint8_t, 256> whole{row.length, AF_LINK, 0, 0, 0, row.nameLength, row.addressLength};
     std::iota(whole.begin() + offsetof(sockaddr_dl, sdl_data) + row.nameLength, whole.end(), 1);
     // In a block of its own length, so that reading past the end is seen.
     const HeapArray<uint8_t> record = Heap_Array<uint8_t>(row.length);
@@ -44,7 +39,7 @@ TEST(LinkAddressDarwin, TakesWhatTheRecordHolds) {
     entry.ifa_addr = reinterpret_cast<sockaddr *>(record.get());
     EXPECT_TRUE(Platform_LinkAddress(entry, &address));
     EXPECT_EQ(row.expected, address) << int{row.length} << ' ' << int{row.nameLength};
-    record[offsetof(sockaddr_dl, sdl_family)] = AF_INET;
+    record[1] = AF_INET;
     EXPECT_FALSE(Platform_LinkAddress(entry, &address));
   }
 }

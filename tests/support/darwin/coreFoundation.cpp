@@ -15,23 +15,12 @@
 #include "tests/support/darwin/cfObject.h"
 
 struct __CFString : CfObject {
-  explicit __CFString(std::u16string text) : units(std::move(text)) {}
-  std::u16string units;
+  explicit __CFString(std::string utf8) : text(std::move(utf8)) {}
+  std::string text;
 };
-
-struct __CFURL : CfObject {
-  explicit __CFURL(std::u16string text) : path(std::move(text)) {}
-  std::u16string path;
-};
-
+struct __CFURL : CfObject {};
 struct __CFBundle : CfObject {
-  explicit __CFBundle(CFStringRef text) : identifier(text) {}
-  __CFBundle(const __CFBundle &) = delete;
-  __CFBundle &operator=(const __CFBundle &) = delete;
-  ~__CFBundle() override {
-    if (identifier != nullptr) CFRelease(identifier);
-  }
-  CFStringRef identifier;
+  std::unique_ptr<__CFString> identifier;
 };
 
 namespace {
@@ -41,12 +30,12 @@ int callsToFailure;
 const char *bundleIdentifier;
 const char *directPointer;
 
-std::u16string FromUtf8(const char *bytes, UErrorCode *error) {
-  std::u16string units(std::string(bytes).size(), u'\0');
+// How many UTF-16 units the text has; negative when it is not UTF-8.
+CFIndex UnitCount(const std::string &text) {
+  UErrorCode error = U_ZERO_ERROR;
   int32_t length = 0;
-  u_strFromUTF8(units.data(), static_cast<int32_t>(units.size()), &length, bytes, -1, error);
-  units.resize(static_cast<size_t>(length));
-  return units;
+  u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), &error);
+  return error == U_BUFFER_OVERFLOW_ERROR || U_SUCCESS(error) ? length : -1;
 }
 
 }  // namespace
@@ -76,12 +65,15 @@ void CoreFoundation_SetBundle(const char *identifier, const char *direct) {
   directPointer = direct;
 }
 
+std::string CoreFoundation_Text(CFStringRef string) {
+  return string->text;
+}
+
 CFStringRef CoreFoundation_Constant(const char *text) {
   static std::map<std::string, std::unique_ptr<__CFString>> constants;
   auto &constant = constants[text];
   if (constant == nullptr) {
-    UErrorCode error = U_ZERO_ERROR;
-    constant = std::make_unique<__CFString>(FromUtf8(text, &error));
+    constant = std::make_unique<__CFString>(text);
     liveObjects--;  // it is never released
   }
   return constant.get();
@@ -92,9 +84,7 @@ void CFRelease(CFTypeRef object) {
 }
 
 CFStringRef CFStringCreateWithCString(CFAllocatorRef, const char *bytes, CFStringEncoding) {
-  UErrorCode error = U_ZERO_ERROR;
-  const std::u16string units = FromUtf8(bytes, &error);
-  return CoreFoundation_CallFails() || U_FAILURE(error) ? nullptr : new __CFString(units);
+  return CoreFoundation_CallFails() || UnitCount(bytes) < 0 ? nullptr : new __CFString(bytes);
 }
 
 CFStringRef CFStringCreateWithFormat(CFAllocatorRef, CFDictionaryRef, CFStringRef format, ...) {
@@ -102,14 +92,13 @@ CFStringRef CFStringCreateWithFormat(CFAllocatorRef, CFDictionaryRef, CFStringRe
   char text[1024];
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(text, sizeof text, CoreFoundation_Text(format).c_str(), arguments);
+  vsnprintf(text, sizeof text, format->text.c_str(), arguments);
   va_end(arguments);
-  UErrorCode error = U_ZERO_ERROR;
-  return new __CFString(FromUtf8(text, &error));
+  return new __CFString(text);
 }
 
 CFMutableStringRef CFStringCreateMutableCopy(CFAllocatorRef, CFIndex, CFStringRef string) {
-  return CoreFoundation_CallFails() ? nullptr : new __CFString(string->units);
+  return CoreFoundation_CallFails() ? nullptr : new __CFString(string->text);
 }
 
 void CFStringNormalize(CFMutableStringRef string, CFStringNormalizationForm form) {
@@ -117,15 +106,16 @@ void CFStringNormalize(CFMutableStringRef string, CFStringNormalizationForm form
   const auto *const normalizer = form == kCFStringNormalizationFormC
                                      ? unorm2_getNFCInstance(&error)
                                      : unorm2_getNFDInstance(&error);
-  std::u16string result(string->units.size() * 4 + 1, u'\0');
-  const auto length =
-      unorm2_normalize(normalizer, string->units.data(), static_cast<int32_t>(string->units.size()),
-                       result.data(), static_cast<int32_t>(result.size()), &error);
-  string->units = result.substr(0, static_cast<size_t>(length));
+  char16_t units[256], normal[1024];
+  char bytes[1024];
+  int32_t length = 0;
+  u_strFromUTF8(units, 256, &length, string->text.c_str(), -1, &error);
+  length = unorm2_normalize(normalizer, units, length, normal, 1024, &error);
+  string->text = u_strToUTF8(bytes, 1024, nullptr, normal, length, &error);
 }
 
 CFIndex CFStringGetLength(CFStringRef string) {
-  return static_cast<CFIndex>(string->units.size());
+  return UnitCount(string->text);
 }
 
 CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) {
@@ -133,41 +123,29 @@ CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) {
 }
 
 Boolean CFStringGetCString(CFStringRef string, char *buffer, CFIndex size, CFStringEncoding) {
-  if (CoreFoundation_CallFails()) return false;
-  UErrorCode error = U_ZERO_ERROR;
-  u_strToUTF8(buffer, static_cast<int32_t>(size), nullptr, string->units.data(),
-              static_cast<int32_t>(string->units.size()), &error);
-  return error == U_ZERO_ERROR;
+  if (CoreFoundation_CallFails() || std::ssize(string->text) >= size) return false;
+  buffer[string->text.copy(buffer, std::string::npos)] = '\0';
+  return true;
 }
 
 const char *CFStringGetCStringPtr(CFStringRef, CFStringEncoding) {
   return directPointer;
 }
 
-std::string CoreFoundation_Text(CFStringRef string) {
-  std::string text(3 * string->units.size() + 1, '\0');
-  int32_t length = 0;
-  UErrorCode error = U_ZERO_ERROR;
-  u_strToUTF8(text.data(), static_cast<int32_t>(text.size()), &length, string->units.data(),
-              static_cast<int32_t>(string->units.size()), &error);
-  return text.substr(0, static_cast<size_t>(length));
-}
-
-// ---- bundles -----------------------------------------------------------------------------------
-
-CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef path, CFURLPathStyle style,
+CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef, CFURLPathStyle style,
                                        Boolean isDirectory) {
   const bool asMeant = style == kCFURLPOSIXPathStyle && !isDirectory;
-  return CoreFoundation_CallFails() || !asMeant ? nullptr : new __CFURL(path->units);
+  return CoreFoundation_CallFails() || !asMeant ? nullptr : new __CFURL;
 }
 
 CFBundleRef CFBundleCreate(CFAllocatorRef, CFURLRef) {
   if (CoreFoundation_CallFails()) return nullptr;
-  UErrorCode error = U_ZERO_ERROR;
-  return new __CFBundle(
-      bundleIdentifier == nullptr ? nullptr : new __CFString(FromUtf8(bundleIdentifier, &error)));
+  auto bundle = std::make_unique<__CFBundle>();
+  if (bundleIdentifier != nullptr)
+    bundle->identifier = std::make_unique<__CFString>(bundleIdentifier);
+  return bundle.release();
 }
 
 CFStringRef CFBundleGetIdentifier(CFBundleRef bundle) {
-  return CoreFoundation_CallFails() ? nullptr : bundle->identifier;
+  return CoreFoundation_CallFails() ? nullptr : bundle->identifier.get();
 }

@@ -25,23 +25,24 @@ std::string Security_Calls() {
   return std::exchange(calls, "");
 }
 
-// A failing call leaves an object behind now and then: each of these has two ways to fail.
+// A failing call leaves an object behind now and then: creating has three ways to fail.
+template <typename Object, typename Ref>
+static OSStatus Create(Ref *object, OSStatus error) {
+  if (CoreFoundation_CallFails()) return error;
+  const bool odd = CoreFoundation_CallFails();
+  *object = CoreFoundation_CallFails() ? nullptr : new Object;
+  return odd ? error : OSStatus{errSecSuccess};
+}
 
 OSStatus SecStaticCodeCreateWithPath(CFURLRef, SecCSFlags flags, SecStaticCodeRef *code) {
   Note("code", flags);
-  if (CoreFoundation_CallFails()) return errSecCSStaticCodeNotFound;
-  const bool odd = CoreFoundation_CallFails();
-  *code = CoreFoundation_CallFails() ? nullptr : new __SecCode;
-  return odd ? errSecCSStaticCodeNotFound : errSecSuccess;
+  return Create<__SecCode>(code, errSecCSStaticCodeNotFound);
 }
 
 OSStatus SecRequirementCreateWithString(CFStringRef text, SecCSFlags flags,
                                         SecRequirementRef *requirement) {
   Note("requirement " + CoreFoundation_Text(text), flags);
-  if (CoreFoundation_CallFails()) return errSecCSReqInvalid;
-  const bool odd = CoreFoundation_CallFails();
-  *requirement = CoreFoundation_CallFails() ? nullptr : new __SecRequirement;
-  return odd ? errSecCSReqInvalid : errSecSuccess;
+  return Create<__SecRequirement>(requirement, errSecCSReqInvalid);
 }
 
 OSStatus SecStaticCodeCheckValidity(SecStaticCodeRef code, SecCSFlags flags,
