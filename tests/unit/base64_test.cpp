@@ -13,23 +13,22 @@ namespace {
 
 TEST(Base64, AgreesWithOpenSslAndStaysInItsRoom) {
   std::mt19937 random(64);
-  std::string bytes;
-  for (; bytes.size() < 300; bytes += static_cast<char>(random())) {
-    std::string expected((bytes.size() + 2) / 3 * 4 + 1, '\0');
+  std::string bytes(300, '\0');
+  for (char &byte : bytes) byte = static_cast<char>(random());
+  for (size_t size = 0; size < bytes.size(); size++) {
+    std::string expected((size + 2) / 3 * 4 + 1, '\0');
     EVP_EncodeBlock(reinterpret_cast<unsigned char *>(expected.data()),
-                    reinterpret_cast<const unsigned char *>(bytes.data()),
-                    static_cast<int>(bytes.size()));
-    std::string out(expected.size() + 1, '#'), back(bytes.size() + 1, '#');
+                    reinterpret_cast<const unsigned char *>(bytes.data()), static_cast<int>(size));
+    std::string out(expected.size() + 1, '#'), back(size + 1, '#');
     size_t length = 0;
-    ASSERT_TRUE(Base64_Encode(bytes.data(), bytes.size(), out.data(), expected.size(), &length));
+    ASSERT_TRUE(Base64_Encode(bytes.data(), size, out.data(), expected.size(), &length));
     EXPECT_EQ(expected + '#', out);
     EXPECT_EQ(expected.size() - 1, length);
-    EXPECT_FALSE(Base64_Encode("x", bytes.size(), out.data(), expected.size() - 1, &length));
-    EXPECT_EQ(0U, length);
-    ASSERT_TRUE(Base64_Decode(out.substr(0, out.size() - 2).c_str(), back.data(), bytes.size(), &length));
-    EXPECT_EQ(bytes.size(), length);
-    EXPECT_EQ(bytes + '#', back);
-    EXPECT_EQ(bytes.empty(), Base64_Decode(out.c_str(), back.data(), bytes.size() - 1, &length));
+    EXPECT_FALSE(Base64_Encode("x", size, out.data(), expected.size() - 1, &length));
+    ASSERT_TRUE(Base64_Decode(expected.c_str(), back.data(), size, &length));
+    EXPECT_EQ(size, length);
+    EXPECT_EQ(bytes.substr(0, size) + '#', back);
+    EXPECT_EQ(size == 0, Base64_Decode(expected.c_str(), back.data(), size - 1, &length));
   }
 }
 
@@ -39,7 +38,8 @@ TEST(Base64, RefusesWhatHasNoTextAndTextsThatAreNone) {
   for (const size_t size : {SIZE_MAX, SIZE_MAX - 1, SIZE_MAX - 2}) {
     EXPECT_FALSE(Base64_Encode("x", size, out, SIZE_MAX, nullptr));
   }
-  for (const char *text : {"QUI", "QUI=QUI=", "=QUI", "QQ=Q", "Q===", "QUJ=", "QR==", "QU I", "QU-I"}) {
+  for (const char *text :
+       {"QUI", "QUI=QUI=", "=QUI", "QQ=Q", "Q===", "QUJ=", "QR==", "QU I", "QU-I"}) {
     EXPECT_FALSE(Base64_Decode(text, out, sizeof out, &length)) << text;
     EXPECT_EQ(0U, length);
   }

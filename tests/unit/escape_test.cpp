@@ -38,12 +38,17 @@ constexpr Operation kDo = [](auto text, size_t *outLength) {
 constexpr Operation kUndo = [](auto text, size_t *outLength) {
   return Escape_Undo('%', text.data(), text.size(), outLength);
 };
+constexpr Operation kUndoFixed = [](auto text, size_t *outLength) -> char * {
+  char out[8];
+  if (!Escape_UndoFixed('%', text.data(), text.size(), out, sizeof out)) return nullptr;
+  *outLength = strlen(out);
+  return strdup(out);
+};
 constexpr Operation kAnsi = [](auto text, size_t *outLength) {
   return Escape_AnsiToUnix(text.data(), text.size(), outLength);
 };
-constexpr Operation kUnescape = Measured<[](const char *text) {
-  return Escape_Unescape('\\', text);
-}>;
+constexpr Operation kUnescape =
+    Measured<[](const char *text) { return Escape_Unescape('\\', text); }>;
 constexpr Operation kComma = Measured<Escape_Comma>;
 constexpr Operation kCString = Measured<[](const char *text) {
   char *const copy = strdup(text);
@@ -60,6 +65,7 @@ const struct {
     {kUndo, "%4142%00%4a%af%", "A42\0J\xaf%"sv},
     {kUndo, "%%%41%4%41", "%%A%4%41"},
     {kUndo, "%:0%/0%@0%G0%`0%g0", "%:0%/0%@0%G0%`0%g0"},
+    {kUndoFixed, "a%20b", "a b"},
     {kAnsi, "a\r\n\r\nb\rc\r\r\n\r", "a\n\nb\rc\r\n\r"},
     {kUnescape, "a\\,b\\\\, and no byte after\\", "a,b\\, and no byte after"},
     {kComma, "a,b\\,", "a\\,b\\\\\\,"},
