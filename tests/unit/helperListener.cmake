@@ -23,8 +23,7 @@ if(LUMEN_BLOCKS)
   target_sources(helperListener_test
                  PRIVATE ${PROJECT_SOURCE_DIR}/opener/helperListener.cpp
                          ${PROJECT_SOURCE_DIR}/opener/helperListenerEvents.cpp
-                         ${PROJECT_SOURCE_DIR}/tests/support/darwin/xpc.cpp
-                         ${PROJECT_SOURCE_DIR}/tests/support/darwin/xpcConnections.cpp)
+                         ${PROJECT_SOURCE_DIR}/tests/support/darwin/xpc.cpp)
   target_compile_options(helperListener_test PRIVATE -fblocks)
   target_include_directories(helperListener_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/darwin)
 else()

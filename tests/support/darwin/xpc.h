@@ -17,14 +17,3 @@ struct XpcObject {
 
 // The process that has exited; every other one runs "/bin/PID".
 constexpr pid_t kExitedProcess = 321;
-
-#ifdef __BLOCKS__
-// Hands the event to the connection's handler.  Any thread.
-void Xpc_Deliver(xpc_connection_t connection, xpc_object_t event);
-
-// Gives up the connection's handler, as XPC does after the last event.
-void Xpc_Drop(xpc_connection_t connection);
-
-// The one listener.
-xpc_connection_t Xpc_Listener();
-#endif

@@ -1,4 +1,4 @@
-// dispatch.h -- see ../xpcConnections.cpp.
+// dispatch.h -- see tests/unit/helperListener_test.cpp.
 #pragma once
 
 [[noreturn]] void dispatch_main();
