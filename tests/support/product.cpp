@@ -65,6 +65,7 @@ int Rounds() {
 void InstallBundle() {
   MakeTemplate();
   TrustAuthority();
+  fs::create_directories(fs::path(kInstallRoot).parent_path());
   fs::remove_all(kBundle);
   RunTool({"/bin/cp", "-a", kTemplate, kBundle});
 }
@@ -179,6 +180,5 @@ void ProductTest::Reset() {
   for (const std::string &path : {kSocketPath, kLockPath, kServiceLogPath, kProbeReport})
     fs::remove(path);
   fs::remove_all(kInstallRoot);
-  fs::create_directories(fs::path(kInstallRoot).parent_path());
   InstallBundle();
 }

@@ -40,7 +40,8 @@ void InstallProgram(const char *which, const std::string &path, mode_t mode = 07
 void Sign(const std::string &path, const std::string &identifier,
           const std::string &signer = "valid");
 
-// Puts the bundle in its place, as it was made, and this machine's trust in its signer.
+// As the installer does: the bundle in its place, as it was made, the folder that the install root is
+// made in, and this machine's trust in the signer.
 void InstallBundle();
 
 // Makes the program that `which` names the bundle's daemon, signed.

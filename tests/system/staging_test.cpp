@@ -362,7 +362,8 @@ TEST_F(Staging, WhoeverOwnsTheFoldersGetsNothingIn) {
       ExpectStaged();
       StopServices();
     } else {
-      ExpectClosed();
+      // Of the folder's owner the opener may know before it stages.
+      ExpectClosed(true);
     }
     EXPECT_EQ(before, Witnesses());
   }
