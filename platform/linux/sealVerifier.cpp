@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 
 #include "fd.h"
@@ -37,6 +38,20 @@ Fd ImageFile() {
     rest.remove_prefix(static_cast<size_t>(n));
   }
   return Raised(fd.Get());
+}
+
+// The same file for all checks of this process: each write of the image costs as much as a check.
+// -1 on failure.
+int KeptImage() {
+  static constinit std::atomic<int> kept = -1;
+  int fd = kept.load(std::memory_order_acquire);
+  if (fd >= 0) return fd;
+  Fd made = ImageFile();
+  // Of two threads that come at once, one keeps its own.
+  if (made && kept.compare_exchange_strong(fd, made.Get(), std::memory_order_acq_rel)) {
+    fd = made.Release();
+  }
+  return fd;
 }
 
 // In the child.
@@ -68,14 +83,14 @@ bool SealVerifierAccepts(int item, const char *identifier) {
   if (pipe2(ends, O_CLOEXEC) != 0) return false;
   const Fd in(ends[0]);
   Fd out(ends[1]);
-  const Fd image = ImageFile();
+  const int image = KeptImage();
   const Fd raisedItem = Raised(item);
   Fd raisedOut = Raised(out.Get());
-  if (!image || !raisedItem || !raisedOut) return false;
+  if (image < 0 || !raisedItem || !raisedOut) return false;
 
   const pid_t pid = fork();
   if (pid < 0) return false;
-  if (pid == 0) Become(image.Get(), raisedItem.Get(), raisedOut.Get(), identifier);
+  if (pid == 0) Become(image, raisedItem.Get(), raisedOut.Get(), identifier);
   // The child's is the only one left, so that its end is seen.
   out.Reset();
   raisedOut.Reset();
