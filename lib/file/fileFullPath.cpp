@@ -88,9 +88,12 @@ char *File_Cwd(const char *drive) {
 }
 
 char *File_FullPath(const char *path) {
+  ErrnoKeeper keeper;
   HeapStr full = FromRoot(path);
-  if (full == nullptr) return nullptr;
-  const ErrnoKeeper keeper;
+  if (full == nullptr) {
+    keeper.Set(errno);
+    return nullptr;
+  }
   char *const resolved = Posix_RealPath(full.get());
   if (resolved != nullptr) return resolved;
   char *const partly = ResolveBeginning(full.get());

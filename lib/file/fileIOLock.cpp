@@ -49,6 +49,10 @@ FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access) {
     return FILEIO_LOCK_FAILED;
   }
   if ((wanted & FILEIO_FLAG_LOCK_PORTABLE) == 0) return FILEIO_SUCCESS;
+  if (fd->fileName == nullptr || fd->lockToken != nullptr) {
+    errno = fd->fileName == nullptr ? EFAULT : EDEADLK;
+    return FILEIO_ERROR;
+  }
   int error = 0;
   const bool readOnly = (wanted & FILEIO_ACCESS_WRITE) == 0;
   fd->lockToken = FileLock_Lock(fd->fileName, readOnly, kMaxWaitMs, &error, nullptr);

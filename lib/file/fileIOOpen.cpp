@@ -136,8 +136,8 @@ FileIOResult FileIO_Open(FileIODescriptor *fd, const char *path, uint32_t access
 FileIOResult FileIOCreate(FileIODescriptor *fd, const char *path, uint32_t access,
                           FileIOOpenAction action, int mode) {
   FileIO_Invalidate(fd);
-  if (path == nullptr) {
-    errno = EFAULT;
+  if (path == nullptr || action < FILEIO_OPEN || action > FILEIO_OPEN_CREATE_EMPTY) {
+    errno = path == nullptr ? EFAULT : EINVAL;
     return FILEIO_ERROR;
   }
   fd->flags = FileIONormalizeAccess(access);

@@ -116,8 +116,13 @@ bool RequireSource(const char *srcName) {
   return false;
 }
 
-bool CreateDestination(const char *dstName) {
-  if (File_CreateDirectoryHierarchyEx(dstName, 0777, nullptr)) return true;
+// *created: what somebody else made meanwhile is not to be removed again.
+bool CreateDestination(const char *dstName, bool *created) {
+  char *topmost;
+  const bool ok = File_CreateDirectoryHierarchyEx(dstName, 0777, &topmost);
+  const HeapStr owner(topmost);
+  *created = topmost != nullptr;
+  if (ok) return true;
   const ErrnoKeeper keeper;
   Msg_Append("@&!*@*@(msg.File.MoveTree.dst.couldntCreate)Could not create '%s'.\n\n", dstName);
   return false;
@@ -142,9 +147,7 @@ bool PrepareDestination(const char *srcName, const char *dstName, bool *created)
                keeper.Get(), dstName);
     return false;
   }
-  if (!CreateDestination(dstName)) return false;
-  *created = true;
-  return HasRoom(srcName, dstName);
+  return CreateDestination(dstName, created) && HasRoom(srcName, dstName);
 }
 
 bool CopyOver(const char *srcName, const char *dstName, bool overwriteExisting, bool created) {

@@ -160,8 +160,8 @@ void File_GetPathName(const char *path, char **pathName, char **base);
 // links are made anew with the same text, and never replace anything (EEXIST); with followSymlinks
 // what they lead to is copied, and a cycle ends only at the limits of paths.  Without it a link below
 // dstName that is in the way stops the copy (ELOOP), and a FIFO gives only what is in it.  The first
-// failure ends the copy, and what was copied stays.  A directory that cannot be made fails at its first entry, and
-// unnoticed when it has none.
+// failure ends the copy, and what was copied stays.  A directory that cannot be made fails at its
+// first entry, and unnoticed when it has none.
 [[nodiscard]] bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
                                  bool followSymlinks);
 

@@ -86,9 +86,9 @@ void FileIO_Invalidate(FileIODescriptor *fd);
 
 // Opens `path` and fills *fd, whose old content does not matter; after a failure *fd is invalid.
 // `access` is a set of FileIOAccess; `mode` is that of a new file, less the umask.  A null path is
-// EFAULT.  With FILEIO_FLAG_PRIVILEGED an action that creates or empties is EACCES.  A lock is taken
-// before the file is touched.  A file that was created stays when a later step fails.  FILEIO_ERROR
-// is logged.
+// EFAULT, an unknown action EINVAL.  With FILEIO_FLAG_PRIVILEGED an action that creates or empties
+// is EACCES.  A lock is taken before the file is touched.  A file that was created stays when a later
+// step fails.  FILEIO_ERROR of a system call is logged.
 [[nodiscard]] FileIOResult FileIOCreate(FileIODescriptor *fd, const char *path, uint32_t access,
                                         FileIOOpenAction action, int mode);
 
@@ -161,7 +161,7 @@ void FileIO_SetConfigStore(FileIOConfigFn read);
 // for none.  A shared lock without FILEIO_ACCESS_WRITE, an exclusive one with it.  Waits for others
 // for about 3.5 s: FILEIO_ERROR with EAGAIN when that was not enough.  FILEIO_LOCK_FAILED: there is
 // no such lock here (ENOTSUP), or no exclusive one on read-only media (EROFS).  A failure of the
-// portable lock is logged.
+// portable lock is logged.  A descriptor without a name is EFAULT, one that holds a lock EDEADLK.
 [[nodiscard]] FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access);
 
 // Releases the lock, if there is one; *fd has none afterwards, also after FILEIO_ERROR, which is
@@ -172,7 +172,7 @@ FileIOResult FileIO_Unlock(FileIODescriptor *fd);
 
 // Puts the complete new file *fresh in the place of the file *current, both open by name and in one
 // file system: whoever opens the name of `current` finds the old file or the whole new one, also
-// after a crash.  Afterwards *current is the new file under its old name, with its own lock, and
-// *fresh is invalid; nothing is left under the name of `fresh`.  The new file keeps its own mode and
-// owner.  After a failure both are as before; FILEIO_ERROR is logged.
+// after a crash, and on Linux after a loss of power.  Afterwards *current is the new file under its
+// old name, with its own lock, and *fresh is invalid; nothing is left under the name of `fresh`.  The
+// new file keeps its own mode and owner.  After a failure both are as before; FILEIO_ERROR is logged.
 [[nodiscard]] FileIOResult FileIO_Replace(FileIODescriptor *current, FileIODescriptor *fresh);

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 
 namespace {
 
@@ -32,14 +33,19 @@ struct Ids {
 
 }  // namespace
 
-// The user first: root may then choose the group.
+// The user first: root may then choose the group.  A process of another user keeps its group, too:
+// nobody would take back what a set-group-ID program gained here.
 int Platform_DropThreadIdentity() {
   Ids user, group;
   if (getresuid(&user.real, &user.effective, &user.saved) != 0 ||
-      getresgid(&group.real, &group.effective, &group.saved) != 0 ||
-      SetEffective(SYS_setresuid, user.saved) != 0) {
+      getresgid(&group.real, &group.effective, &group.saved) != 0) {
     return -1;
   }
+  if (user.saved != 0) {
+    errno = EPERM;
+    return -1;
+  }
+  if (SetEffective(SYS_setresuid, user.saved) != 0) return -1;
   return SetEffective(SYS_setresgid, group.saved);
 }
 
