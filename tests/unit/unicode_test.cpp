@@ -143,7 +143,7 @@ TEST(UnicodeAlloc, ReadsToTheTerminatorOfTheEncoding) {
   using enum StringEncoding;
   const std::string utf16 = "xa\0\0\1z\0\0\0z\0"s;  // unaligned, and U+0100 has a zero byte
   EXPECT_EQ("a\xC4\x80z", Owned(Unicode_Alloc(utf16.data() + 1, Utf16Le)));
-  EXPECT_EQ("a\xEF\xBF\xBD", Owned(Unicode_AllocWithLength("a\xFF"
+  EXPECT_EQ("a\xEF\xBF\xBD", Owned(Unicode_AllocWithLength("a\x80"
                                                            "b",
                                                            2, UsAscii)));
   EXPECT_EQ("(null)", Owned(Unicode_Alloc(nullptr, Utf8)));
