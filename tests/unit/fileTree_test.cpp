@@ -304,6 +304,15 @@ TEST(Rename, IsACopyWhereItCannotBeARename) {
   EXPECT_EQ(0, errno);
   EXPECT_FALSE(fs::exists(old));
   EXPECT_EQ("content", ReadFile(dir.Path("new")));
+  // A directory made for a copy that then fails goes again.
+  MakeTree(dir);
+  const SysFault again("rename", 1, EXDEV);
+  dir.Write("from/sub/bad\xFF", "");
+  CaptureOutput([&] {
+    EXPECT_FALSE(File_MoveTree(dir.Path("from").c_str(), dir.Path("made").c_str(), true, nullptr));
+  });
+  EXPECT_NE("", Messages());
+  EXPECT_TRUE(again.Fired() && !fs::exists(dir.Path("made")));
 }
 
 TEST(FileTree, AFullFileSystem) {

@@ -42,7 +42,8 @@ TEST(SuperUser, BracketChangesTheCallingThreadOnlyAndNests) {
   if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
   const ChildResult result = RunInChild([] {
     // As the opener between its raises: the user's, but for the saved user id.
-    REQUIRE(!Id_IsSetUGid() && setresuid(kUser, kUser, 0) == 0 && Id_IsSetUGid());
+    REQUIRE(!Id_IsSetUGid() && setresgid(kUser, kUser, 0) == 0);
+    REQUIRE(setresuid(kUser, kUser, 0) == 0 && Id_IsSetUGid());
     const std::string lowered = "Uid:\t4321\t4321\t0\t4321", raised = "Uid:\t4321\t0\t0\t0";
     std::thread thread([&] {
       const auto self = static_cast<pid_t>(syscall(SYS_gettid));
