@@ -4,36 +4,31 @@
 //            that stands; afterwards to who has the member file.
 //         2. The lock directory, and what is in it, goes as soon as it is empty; so any step may
 //            find it gone, and then begins again.
-//         3. The directories are for everybody, whatever the umask.  The mode is set on the open
-//            directory afterwards: setting the umask to 0 for a moment would be felt by all threads,
-//            and two that do it at once may leave it so.  Until the mode is set, others may be
-//            refused; they ask again for a while.
+//         3. The directories are for everybody, whatever the umask, from their first moment: who is
+//            refused one would take it for read-only media, and a shared lock for granted.  So the
+//            umask is 0 while one is made, and a mode set afterwards would not do.  The umask is the
+//            process's: a lock keeps two threads from restoring each other's 0.
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "err.h"
 #include "errnoKeeper.h"
-#include "fd.h"
 #include "fileIO.h"
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
 #include "log.h"
+#include "mxUser.h"
 #include "str.h"
 
 namespace {
 
 constexpr uint64_t kMaxEntryMs = 8000;
-
-// How long being refused may be due to a directory that is just being made, and how long to wait
-// before asking again.
-constexpr uint64_t kSettleMs = 50;
-constexpr uint32_t kSettleStepMs = 5;
 
 constexpr mode_t kDirectoryMode = 0777;
 constexpr int kEntryFileMode = 0644;
@@ -41,16 +36,21 @@ constexpr int kEntryFileMode = 0644;
 // Not an errno: something changed, look again.
 constexpr int kAgain = -1;
 
+constexpr MX_Rank kUmaskRank = 0xFF000000;
+constinit std::atomic<MXUserExclLock *> umaskLock{nullptr};
+
 // ---- directories -------------------------------------------------------------------------------
 
 // Errno-style.
 int MakeDirectory(const char *path) {
-  if (mkdir(path, kDirectoryMode) != 0) return errno;
-  // Not by path: it may name something else by now.  A file system without modes refuses; what it
-  // gave the directory must do, then.
-  const Fd dir(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (dir) static_cast<void>(fchmod(dir.Get(), kDirectoryMode));
-  return 0;
+  MXUserExclLock *const lock =
+      MXUser_CreateSingletonExclLock(&umaskLock, "fileLockUmaskLock", kUmaskRank);
+  MXUser_AcquireExclLock(lock);
+  const mode_t before = umask(0);
+  const int error = mkdir(path, kDirectoryMode) == 0 ? 0 : errno;
+  umask(before);
+  MXUser_ReleaseExclLock(lock);
+  return error;
 }
 
 // Logs a failure of FileLockCreateEntryDirectory and returns it: `format` takes its name, the path
@@ -96,34 +96,41 @@ void DrawNumber(const char *lockDir, FileLockPlaces *places) {
 }
 
 // Errno-style, or kAgain when the number is taken, or the lock directory has gone.
-int MakeEntryDirectory(const FileLockRequest &request, const FileLockPlaces &places) {
+int MakeEntryDirectory(const FileLockPlaces &places) {
   const char *const path = places.entryDir.get();
   const int error = MakeDirectory(path);
   if (error == EEXIST || error == ENOENT) return kAgain;
-  if (error == EACCES && FileLockNowMs() - request.startMs < kSettleMs) {
-    FileSleeper(1, kSettleStepMs);
-    return kAgain;
-  }
   if (error != 0) return Report("FILE: %s creation failure on '%s': %s\n", path, error);
-  if (FileAttributes(places.memberFile.get(), nullptr) != 0) return 0;
+  // A member file that cannot be looked at may be there, and a rename would replace it.
+  if (FileAttributes(places.memberFile.get(), nullptr) == ENOENT) return 0;
   if (File_DeleteEmptyDirectory(path)) return kAgain;
   return Report("FILE: %s unable to remove '%s': %s\n", path, errno);
 }
 
 // ---- the member file ---------------------------------------------------------------------------
 
-// What is left in the lock directory by somebody who gives up.  errno stays.
+// Who gives up removes what is his, and errno stays.  Without an entry file of his own that is the
+// directory.
 void WithdrawEntryDirectory(const FileLockRequest &request, const FileLockPlaces &places) {
   const ErrnoKeeper keeper;
   File_DeleteEmptyDirectory(places.entryDir.get());
   File_DeleteEmptyDirectory(request.lockDir);
 }
 
-void Withdraw(const FileLockRequest &request, const FileLockPlaces &places) {
+// The directory goes last: while it stands, all that has the number is his.
+void WithdrawChooser(const FileLockRequest &request, const FileLockPlaces &places) {
   const ErrnoKeeper keeper;
   FileDeletePath(places.entryFile.get(), false);
   FileDeletePath(places.memberFile.get(), false);
   WithdrawEntryDirectory(request, places);
+}
+
+// Afterwards it is the member file alone: as soon as that has gone, the other names may be those of
+// somebody else who has drawn the number.
+void WithdrawMember(const FileLockRequest &request, const FileLockPlaces &places) {
+  const ErrnoKeeper keeper;
+  FileDeletePath(places.memberFile.get(), false);
+  File_DeleteEmptyDirectory(request.lockDir);
 }
 
 int ReportMember(const char *format, const char *path) {
@@ -179,18 +186,21 @@ int RenameEntry(const FileLockPlaces &places) {
   return keeper.Get();
 }
 
-// Errno-style: from the open entry file to the member file.  The entry directory goes last: then
-// others look at the number.
-int JoinQueue(FileLockRequest *request, const FileLockPlaces &places, FileIODescriptor *file) {
+// Errno-style: from the open entry file, which is closed in any case, to the member file.
+int MakeMemberFile(FileLockRequest *request, const FileLockPlaces &places, FileIODescriptor *file) {
   int error = ChooseNumber(request);
   if (error != 0) {
     FileIO_Close(file);
     return error;
   }
   error = WriteRecord(*request, file, places.entryFile.get());
-  if (error == 0) error = RenameEntry(places);
-  if (error == 0 && !File_DeleteEmptyDirectory(places.entryDir.get())) error = errno;
-  return error;
+  return error != 0 ? error : RenameEntry(places);
+}
+
+// Errno-style: lets the others look at the number, and waits for those with lower ones.
+int AwaitTurn(FileLockRequest *request, const FileLockPlaces &places) {
+  if (!File_DeleteEmptyDirectory(places.entryDir.get())) return errno;
+  return FileLockScanner(request->lockDir, FileLockWaitForPossession, request, true);
 }
 
 }  // namespace
@@ -205,7 +215,7 @@ int FileLockCreateEntryDirectory(const FileLockRequest &request, FileLockPlaces 
     error = EnsureLockDirectory(request.lockDir);
     if (error == 0) {
       DrawNumber(request.lockDir, places);
-      error = MakeEntryDirectory(request, *places);
+      error = MakeEntryDirectory(*places);
     }
     if (error == kAgain && FileLockNowMs() - request.startMs > kMaxEntryMs) {
       Log("FILE: %s lack of progress on '%s'\n", "FileLockCreateEntryDirectory", request.lockDir);
@@ -223,10 +233,12 @@ int FileLockCreateMemberFile(FileLockRequest *request, const FileLockPlaces &pla
     WithdrawEntryDirectory(*request, places);
     return error;
   }
-  int error = JoinQueue(request, places, &file);
-  if (error == 0) {
-    error = FileLockScanner(request->lockDir, FileLockWaitForPossession, request, true);
+  int error = MakeMemberFile(request, places, &file);
+  if (error != 0) {
+    WithdrawChooser(*request, places);
+    return error;
   }
-  if (error != 0) Withdraw(*request, places);
+  error = AwaitTurn(request, places);
+  if (error != 0) WithdrawMember(*request, places);
   return error;
 }

@@ -2,8 +2,9 @@
 //
 // Format: docs/lock-format.md
 // Holds:  whoever can write to the lock directory can put anything there, and this may run as root.
-//         So what is opened must be a regular file under its own name, and what is logged of it has
-//         no control characters.
+//         So what is opened must be a file and no symbolic link, what is logged of it has no control
+//         characters, and of a file that has other names, which may be somebody's secret, nothing is
+//         logged.
 
 #include <sys/stat.h>
 
@@ -123,15 +124,16 @@ bool IsGone(int error) {
   return error == ENOENT || error == ESTALE;
 }
 
-// Errno-style: the size must be that of a record.
-int CheckSize(FileIODescriptor *fd, const char *path) {
-  const int64_t size = FileIO_GetSize(fd);
-  if (size < 0) {
+// Errno-style: the size must be that of a record.  *onlyName: the file has no other name.
+int CheckFile(const FileIODescriptor &fd, const char *path, bool *onlyName) {
+  struct stat info;
+  if (fstat(fd.posix, &info) != 0) {
     return IsGone(errno) ? ENOENT : Report("FILE: %s file size failure on '%s': %s\n", path);
   }
-  if (size == int64_t{kFileLockRecordSize}) return 0;
+  *onlyName = info.st_nlink <= 1;
+  if (info.st_size == off_t{kFileLockRecordSize}) return 0;
   Log("FILE: %s file '%s': size %llu, required size %zd\n", kSelf, path,
-      static_cast<unsigned long long>(size), static_cast<ssize_t>(kFileLockRecordSize));
+      static_cast<unsigned long long>(info.st_size), static_cast<ssize_t>(kFileLockRecordSize));
   return RemoveProblematic(path);
 }
 
@@ -180,10 +182,13 @@ int FileLockMemberValues(const char *lockDir, const char *name, FileLockRecord *
     if (errno == ELOOP) return RemoveProblematic(path.get());
     return Report("FILE: %s open failure on '%s': %s\n", path.get());
   }
-  int error = CheckSize(file.Get(), path.get());
+  bool onlyName = true;
+  int error = CheckFile(*file.Get(), path.get(), &onlyName);
   if (error == 0) error = ReadRecord(file.Get(), path.get(), buffer->text);
   if (error != 0) return error;
-  if (!FileLockParseRecord(buffer, values)) return RemoveProblematic(path.get(), buffer);
+  if (!FileLockParseRecord(buffer, values)) {
+    return RemoveProblematic(path.get(), onlyName ? buffer : nullptr);
+  }
   values->memberName = name;
   return 0;
 }

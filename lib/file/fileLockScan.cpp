@@ -8,7 +8,13 @@
 //            In a longer one, an entry that changes its name from E to M meanwhile may be missed
 //            under both names, and its entry directory may be gone by then.  So the members are
 //            taken from a second listing, which has all of those that left the first one's sight.
-//         3. Everything may vanish at any time; that is never an error.
+//         3. What is removed has the name of an entry, or is in a directory of the lock's own name: who
+//            can put a link there must not have other directories emptied by root.
+//         4. Everything may vanish at any time; that is never an error.
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,6 +25,7 @@
 
 #include "err.h"
 #include "errnoKeeper.h"
+#include "fd.h"
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
 #include "log.h"
@@ -41,7 +48,7 @@ bool IsDigit(char c) {
 // ---- who is choosing a number ------------------------------------------------------------------
 
 struct Chooser {
-  char name[256];
+  char name[sizeof(dirent::d_name)];
   uint32_t waitedMs;
 };
 
@@ -167,6 +174,13 @@ int ScanMember(const char *lockDir, const char *name, FileLockScanFn callback,
   return FileLockRemoveLockingFile(lockDir, name);
 }
 
+// Errno-style.
+int RemoveName(const char *lockDir, const char *name, const char *path) {
+  if (FileLockIsEntryName(name)) return FileDeletePath(path, false);
+  const Fd dir(open(lockDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return dir && unlinkat(dir.Get(), name, 0) == 0 ? 0 : errno;
+}
+
 }  // namespace
 
 bool FileLockIsEntryName(const char *name) {
@@ -178,7 +192,7 @@ bool FileLockIsEntryName(const char *name) {
 
 int FileLockRemoveLockingFile(const char *lockDir, const char *name) {
   const HeapStr path(Str_SafeAsprintf(nullptr, "%s/%s", lockDir, name));
-  const int error = FileDeletePath(path.get(), false);
+  const int error = RemoveName(lockDir, name, path.get());
   if (error == 0 || error == ENOENT) return 0;
   Log("FILE: %s of '%s' failed: %s\n", "FileLockRemoveLockingFile", path.get(),
       Err_ErrnoToString(error));

@@ -31,7 +31,7 @@ struct Generator {
 struct SleeperState {
   std::atomic<MXUserExclLock *> lock;
   Generator generator;
-  bool seeded;
+  pid_t seededFor;  // a child must not draw what its parent draws
 };
 constinit SleeperState chance{};
 
@@ -45,9 +45,10 @@ uint32_t FileSimpleRandom() {
   MXUserExclLock *const lock =
       MXUser_CreateSingletonExclLock(&chance.lock, "fileSimpleRandomLock", kRandomRank);
   MXUser_AcquireExclLock(lock);
-  if (!chance.seeded) {
-    chance.seeded = true;
-    chance.generator.state = static_cast<uint64_t>(getpid());
+  const pid_t self = getpid();
+  if (chance.seededFor != self) {
+    chance.seededFor = self;
+    chance.generator.state = static_cast<uint64_t>(self);
     chance.generator.Next();  // neighbours begin with neighbouring states
   }
   const uint32_t number = chance.generator.Next();

@@ -8,6 +8,9 @@
 //   A lock is exclusive or shared.  Who comes first goes first, but shared locks go together.
 //   The lock belongs to its token, not to a thread or a process: a thread that already holds one on
 //     the file waits like any other, and another thread may release it.
+//   A child of fork(2) holds nothing: its parent's locks last as long as the parent.  It can release
+//     a token that it has inherited, but then the lock is free for others, too.  After exec(3) a lock
+//     stays until the process ends.
 //   A lock whose process has died is broken by the next who wants it, on the same machine; on other
 //     machines nobody can know, and it stays until somebody removes it.
 //   A process that dies while it queues up holds the others up for a bit more than 8 seconds,
@@ -16,7 +19,9 @@
 // Machines that share a directory must have different names or network cards.
 //
 // Paths are UTF-8.  A bare file name counts from the current directory, which must then stay the
-// same until the lock is released.  Exhausted memory is fatal.  Any thread, at any time.
+// same until the lock is released.  Exhausted memory is fatal.  Any thread, at any time; but the
+// directory is for everybody, and while it is made the umask of the whole process is 0: files that
+// other threads create just then, without a mode of their own, and children, may get more than meant.
 #pragma once
 
 #include <cstdint>
