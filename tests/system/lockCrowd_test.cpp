@@ -58,11 +58,12 @@ int Rounds() {
 
 // Shared by all processes.
 struct Witness {
-  std::atomic<int> writers, readers;
-  std::atomic<int> violations, failures, exclusive, shared;
+  std::atomic<int> writers, readers, violations, failures, holders;
 };
 
-class LockCrowd : public testing::Test {
+using Clock = std::chrono::steady_clock;
+
+class LockCrowd : public testing::TestWithParam<bool> {
  protected:
   ScratchDir dir_;
   const std::string file_ = dir_.Path("file");
@@ -70,6 +71,7 @@ class LockCrowd : public testing::Test {
                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Witness{};
   const int numProcesses_ = Rounds() > 10 ? 32 : 6;
   const int numThreads_ = Rounds() > 10 ? 8 : 3;
+  const Clock::time_point end_ = Clock::now() + Rounds() * std::chrono::milliseconds(1500);
 
   ~LockCrowd() override { munmap(seen_, sizeof *seen_); }
 
@@ -82,12 +84,12 @@ class LockCrowd : public testing::Test {
       sched_yield();
     }
     mine--;
-    (readOnly ? seen_->shared : seen_->exclusive)++;
+    seen_->holders++;
   }
 
-  void TakeOften(unsigned seed, std::chrono::steady_clock::time_point end) {
-    std::mt19937 random(seed);
-    while (std::chrono::steady_clock::now() < end) {
+  void TakeOften(int seed) {
+    std::mt19937 random(static_cast<unsigned>(seed));
+    while (Clock::now() < end_) {
       const bool readOnly = random() % 2 == 0;
       int error;
       FileLockToken *const token =
@@ -98,46 +100,38 @@ class LockCrowd : public testing::Test {
     }
   }
 
-  // A process with threads that take the lock until `end`.
-  pid_t Start(int number, std::chrono::steady_clock::time_point end) {
+  // A process with threads that take the lock.
+  pid_t Start(int number) {
     const pid_t pid = fork();
     if (pid != 0) return pid;
     std::vector<std::jthread> threads;
     for (int i = 0; i < numThreads_; i++) {
-      threads.emplace_back([=, this] { TakeOften(static_cast<unsigned>(100 * number + i), end); });
+      threads.emplace_back(&LockCrowd::TakeOften, this, 100 * number + i);
     }
     threads.clear();
     _exit(0);
   }
-
-  // Starts the crowd; every second one on another machine, if so told.
-  void Run(bool twoMachines) {
-    const auto end = std::chrono::steady_clock::now() + Rounds() * std::chrono::milliseconds(1500);
-    std::vector<pid_t> crowd;
-    for (int i = 0; i < numProcesses_; i++) {
-      machine = twoMachines && i % 2 == 1 ? "another machine" : nullptr;
-      crowd.push_back(Start(i, end));
-    }
-    for (const pid_t pid : crowd) {
-      int status = -1;
-      waitpid(pid, &status, 0);
-      EXPECT_EQ(0, status);
-    }
-    printf("%d exclusive and %d shared holders of %d processes with %d threads\n",
-           seen_->exclusive.load(), seen_->shared.load(), numProcesses_, numThreads_);
-    EXPECT_EQ(0, seen_->violations);
-    EXPECT_EQ(0, seen_->failures);
-    EXPECT_LT(numProcesses_, seen_->exclusive + seen_->shared);
-    EXPECT_FALSE(std::filesystem::exists(file_ + ".lck"));
-  }
 };
 
-TEST_F(LockCrowd, OneWriterOrManyReaders) {
-  Run(false);
+// With the parameter, every second process is on another machine.
+TEST_P(LockCrowd, OneWriterOrManyReaders) {
+  std::vector<pid_t> crowd;
+  for (int i = 0; i < numProcesses_; i++) {
+    machine = GetParam() && i % 2 == 1 ? "another machine" : nullptr;
+    crowd.push_back(Start(i));
+  }
+  for (const pid_t pid : crowd) {
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(0, status);
+  }
+  printf("%d holders of %d processes with %d threads\n", seen_->holders.load(), numProcesses_,
+         numThreads_);
+  EXPECT_EQ(0, seen_->violations);
+  EXPECT_EQ(0, seen_->failures);
+  EXPECT_LT(numProcesses_, seen_->holders);
+  EXPECT_FALSE(std::filesystem::exists(file_ + ".lck"));
 }
-
-TEST_F(LockCrowd, OneWriterOrManyReadersOnTwoMachines) {
-  Run(true);
-}
+INSTANTIATE_TEST_SUITE_P(OnOneAndTwoMachines, LockCrowd, testing::Bool());
 
 }  // namespace

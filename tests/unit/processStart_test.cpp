@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <tuple>
 
 #include "tests/support/darwin/sys/sysctl.h"
 #include "tests/support/sysFault.h"
@@ -49,35 +50,29 @@ TEST(ProcessStart, IsTheSameForAllWhoAsk) {
   waitpid(child, nullptr, 0);
   for (const pid_t gone : {child, 0, -1}) {
     errno = 0;
-    EXPECT_FALSE(Platform_ProcessStartTime(gone, &start));
-    EXPECT_EQ(ESRCH, errno);
+    EXPECT_TRUE(!Platform_ProcessStartTime(gone, &start) && errno == ESRCH);
   }
   // As where /proc is not there, or not all of it.
   for (int n = 1; n <= 2; n++) {
     const SysFault fault("open", n, ENOENT);
-    EXPECT_TRUE(Platform_ProcessStartTime(getpid(), &start));
-    EXPECT_TRUE(fault.Fired() && start == 0);
+    EXPECT_TRUE(Platform_ProcessStartTime(getpid(), &start) && fault.Fired() && start == 0);
   }
 }
 
 // The table of macOS says "none" by an empty answer, and "no" in a sandbox.
 TEST(ProcessStart, OnDarwinOnlyWhoExistsHasOne) {
   constexpr pid_t kNobody = 0x7FFFFFF0;
-  struct Row {
-    Answer answer;
-    pid_t pid;
-    bool exists;
-    uint64_t start;
-  };
-  for (const Row &row :
-       {Row{Answer::Entry, getpid(), true, 1600000000000007},
-        Row{Answer::Nothing, kNobody, false, 0}, Row{Answer::Refusal, getpid(), true, 0},
-        Row{Answer::Refusal, kNobody, false, 0}, Row{Answer::Entry, 0, false, 0}}) {
-    answer = row.answer;
+  constexpr uint64_t kStart = 1600000000000007;
+  for (const auto &[given, pid, exists, expected] :
+       {std::tuple(Answer::Entry, getpid(), true, kStart),
+        std::tuple(Answer::Nothing, kNobody, false, uint64_t{0}),
+        std::tuple(Answer::Refusal, getpid(), true, uint64_t{0}),
+        std::tuple(Answer::Refusal, kNobody, false, uint64_t{0}),
+        std::tuple(Answer::Entry, 0, false, uint64_t{0})}) {
+    answer = given;
     uint64_t start = 1;
-    EXPECT_EQ(row.exists, DarwinProcessStartTime(row.pid, &start));
-    EXPECT_EQ(row.start, start);
-    EXPECT_TRUE(row.exists || errno == ESRCH);
+    EXPECT_EQ(exists, DarwinProcessStartTime(pid, &start));
+    EXPECT_TRUE(start == expected && (exists || errno == ESRCH));
   }
 }
 
