@@ -180,7 +180,7 @@ TEST_F(FileLockTest, LeavesARecordForOtherPrograms) {
   EXPECT_TRUE(DirectoryIsGone());
   // A child writes its own, with numbers of its own.
   const ChildResult child = RunInChild([&] {
-    printf("%u\n", FileSimpleRandom());
+    dprintf(STDOUT_FILENO, "%u\n", FileSimpleRandom());
     const Taken other(file_, true);
     const std::string own = ReadFile(lockDir_ + "/" + *Names().begin());
     if (own.find(" " + IdOf(getpid()) + " 1 S ") == std::string::npos) _exit(1);
