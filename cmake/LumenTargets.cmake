@@ -14,6 +14,8 @@ if(APPLE)
   set(LUMEN_XPC ON)
 else()
   set(LUMEN_HOST linux)
+  # For code in which a jump through the procedure linkage table is felt.
+  set(LUMEN_DIRECT_CALLS -fno-plt)
 endif()
 
 add_library(lumen_common INTERFACE)
