@@ -390,7 +390,11 @@ TEST_F(Staging, ASystemCallThatFailsLeavesNothingHalfDone) {
   ASSERT_EQ(0, access(kStrace.c_str(), X_OK)) << "strace is needed";
   fs::create_directories(kStaged + "/Old/Tree");
   ASSERT_EQ(0, Process(Traced({})).Wait());
-  const std::vector<Position> calls = Trace(ReadFile(kTracePath)).staging;
+  std::vector<Position> calls = Trace(ReadFile(kTracePath)).staging;
+  // Without memory a sanitizer ends the process in its own way.
+  std::erase_if(calls, [](const Position &call) {
+    return call.first == "mmap" || call.first == "munmap" || call.first == "mprotect";
+  });
   ASSERT_LT(100U, calls.size());
   // A prime: the calls of the ten checks are alike.
   const size_t stride = Rounds() > 10 ? 1 : 29;
