@@ -72,13 +72,9 @@ void AddTree(Ratios *ratios, const fs::path &dir) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  const char *const folder = getenv("TMPDIR");
-  std::string name = std::string(folder == nullptr ? "/dev/shm" : folder) + "/lumen-XXXXXX";
-  Require(mkdtemp(name.data()) != nullptr, name);
+  const BenchFolder folder;
   Ratios ratios;
-  AddFile(&ratios, name);
-  AddTree(&ratios, name);
-  const int result = ratios.Main(argc, argv);
-  fs::remove_all(name);
-  return result;
+  AddFile(&ratios, folder.Path());
+  AddTree(&ratios, folder.Path());
+  return ratios.Main(argc, argv);
 }

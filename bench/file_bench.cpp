@@ -77,13 +77,9 @@ void AddList(Ratios *ratios, const fs::path &dir, int count) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  const char *const folder = getenv("TMPDIR");
-  std::string name = std::string(folder == nullptr ? "/dev/shm" : folder) + "/lumen-XXXXXX";
-  Require(mkdtemp(name.data()) != nullptr, name);
+  const BenchFolder folder;
   Ratios ratios;
-  AddDelete(&ratios, name);
-  for (const int count : {1'000, 10'000, 100'000}) AddList(&ratios, name, count);
-  const int result = ratios.Main(argc, argv);
-  fs::remove_all(name);
-  return result;
+  AddDelete(&ratios, folder.Path());
+  for (const int count : {1'000, 10'000, 100'000}) AddList(&ratios, folder.Path(), count);
+  return ratios.Main(argc, argv);
 }

@@ -1,13 +1,10 @@
 // hashTable_bench.cpp -- hash tables against std::unordered_map with the same keys.
 //
 // Rows:  look-ups of names, as C strings on both sides, in a table that copies its keys and has as
-// many
-//        buckets as keys; and insertion of copied keys, by one thread and by two, where the peer of
-//        an atomic table is the map behind a mutex.  Two threads insert halves of the keys, or all
-//        of them each.
-// Goals: look-ups no slower, insertion by two threads faster.  At the end stands a table of ratios,
-// from
-//        the fastest repetition of each side, since other work on the machine only adds time.
+//        many buckets as keys; and insertion of copied keys, by one thread and by two, where the
+//        peer of an atomic table is the map behind a mutex.  Two threads insert halves of the keys,
+//        or all of them each.
+// Goals: look-ups no slower, insertion by two threads faster.
 //
 //   hashTable_bench [options of Google Benchmark]
 
@@ -16,10 +13,8 @@
 #include <algorithm>
 #include <bit>
 #include <chrono>
-#include <cstdio>
 #include <functional>
 #include <latch>
-#include <map>
 #include <mutex>
 #include <random>
 #include <string>
@@ -28,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "bench/ratios.h"
 #include "hashTable.h"
 
 namespace {
@@ -43,6 +39,7 @@ using PeerMap = std::unordered_map<std::string, void *, TransparentHash, std::eq
 
 constexpr std::string_view kLumen = "/lumen";
 constexpr std::string_view kPeer = "/std";
+const std::vector<Peer> kPeers = {{"std", 1}};
 
 // Names like those of a directory scan; different `kind`s have no key in common.
 Keys MakeKeys(size_t count, const char *kind) {
@@ -58,11 +55,6 @@ uint32_t BucketsFor(const Keys &keys) {
 
 HashTableOwner NewTable(const Keys &keys, uint32_t flags) {
   return HashTableOwner(HashTable_Alloc(BucketsFor(keys), flags, nullptr));
-}
-
-std::vector<std::string> &RowNames() {
-  static std::vector<std::string> names;
-  return names;
 }
 
 benchmark::internal::Benchmark *Add(const std::string &row, std::string_view side,
@@ -85,8 +77,8 @@ void AskForAll(benchmark::State &state, Keys asked, Ask ask) {
   }
 }
 
-void AddLookUp(const std::string &row, const Keys &keys, const Keys &asked) {
-  RowNames().push_back(row);
+void AddLookUp(Ratios *ratios, const std::string &row, const Keys &keys, const Keys &asked) {
+  ratios->AddRow(row, kPeers);
   Add(row, kLumen, [=](benchmark::State &state) {
     const HashTableOwner table = NewTable(keys, HASHTABLE_COPY_KEY);
     for (const std::string &key : keys) HashTable_Insert(table.get(), key.c_str(), nullptr);
@@ -122,9 +114,9 @@ double TimeOfThreads(size_t numThreads, Body body) {
 }
 
 // Each thread inserts keys [i * step, i * step + share).
-void AddInsertion(const std::string &row, const Keys &keys, size_t numThreads, size_t share,
-                  size_t step) {
-  RowNames().push_back(row);
+void AddInsertion(Ratios *ratios, const std::string &row, const Keys &keys, size_t numThreads,
+                  size_t share, size_t step) {
+  ratios->AddRow(row, kPeers);
   const auto each = [share, step](const Keys &all, size_t thread, auto insert) {
     for (size_t i = 0; i < share; i++) insert(all[thread * step + i]);
   };
@@ -158,59 +150,23 @@ void AddInsertion(const std::string &row, const Keys &keys, size_t numThreads, s
       ->MinTime(0.1);
 }
 
-void AddRows() {
+void AddRows(Ratios *ratios) {
   for (const size_t count : {128, 2048, 32768}) {
     const Keys keys = MakeKeys(count, ".txt");
     const std::string size = std::to_string(count);
-    AddLookUp("found of " + size, keys, keys);
-    AddLookUp("missed of " + size, keys, MakeKeys(count, ".dat"));
+    AddLookUp(ratios, "found of " + size, keys, keys);
+    AddLookUp(ratios, "missed of " + size, keys, MakeKeys(count, ".dat"));
   }
   const Keys keys = MakeKeys(32768, ".txt");
-  AddInsertion("1 thread inserts", keys, 1, keys.size(), 0);
-  AddInsertion("2 insert halves", keys, 2, keys.size() / 2, keys.size() / 2);
-  AddInsertion("2 insert the same", keys, 2, keys.size(), 0);
+  AddInsertion(ratios, "1 thread inserts", keys, 1, keys.size(), 0);
+  AddInsertion(ratios, "2 insert halves", keys, 2, keys.size() / 2, keys.size() / 2);
+  AddInsertion(ratios, "2 insert the same", keys, 2, keys.size(), 0);
 }
-
-// Keeps the fastest repetition of every row and side.
-class RatioReporter : public benchmark::ConsoleReporter {
-  std::map<std::string, double> fastest_;
-
- public:
-  RatioReporter() : ConsoleReporter(OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      // Threads are timed by the clock on the wall.
-      const double time =
-          run.run_name.time_type.empty() ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime();
-      const auto [at, isNew] = fastest_.emplace(run.run_name.function_name, time);
-      if (!isNew) at->second = std::min(at->second, time);
-    }
-  }
-
-  void PrintRatios() const {
-    printf("%-20s %12s %12s %10s\n", "", "lumen ns", "std ns", "lumen/std");
-    for (const std::string &row : RowNames()) {
-      const auto lumen = fastest_.find(row + std::string(kLumen));
-      const auto peer = fastest_.find(row + std::string(kPeer));
-      if (lumen == fastest_.end() || peer == fastest_.end()) continue;
-      const double ratio = lumen->second / peer->second;
-      printf("%-20s %12.1f %12.1f %10.2f%s\n", row.c_str(), lumen->second, peer->second, ratio,
-             ratio > 1 ? "  over" : "");
-    }
-  }
-};
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  AddRows();
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatios();
-  benchmark::Shutdown();
-  return 0;
+  Ratios ratios;
+  AddRows(&ratios);
+  return ratios.Main(argc, argv);
 }

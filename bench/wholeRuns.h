@@ -6,9 +6,11 @@
 
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -21,6 +23,23 @@ inline void Require(bool ok, const std::string &what) {
 inline void Shell(const std::string &command) {
   Require(system(command.c_str()) == 0, command);  // NOLINT(cert-env33-c): paths of our own
 }
+
+// A new folder in memory, or below TMPDIR if that is set, which goes with its contents.
+class BenchFolder {
+  std::string path_;
+
+ public:
+  BenchFolder() {
+    const char *const parent = getenv("TMPDIR");
+    path_ = std::string(parent == nullptr ? "/dev/shm" : parent) + "/lumen-XXXXXX";
+    Require(mkdtemp(path_.data()) != nullptr, path_);
+  }
+  BenchFolder(const BenchFolder &) = delete;
+  BenchFolder &operator=(const BenchFolder &) = delete;
+  ~BenchFolder() { std::filesystem::remove_all(path_); }
+
+  const std::string &Path() const { return path_; }
+};
 
 // The processor's time of this process and of those it has waited for, in seconds.
 inline double ProcessorTime() {
