@@ -11,6 +11,7 @@
 #include "lib/file/fileIOInt.h"
 #include "lib/file/fileLockInt.h"
 #include "log.h"
+#include "msg.h"
 
 namespace {
 
@@ -54,9 +55,11 @@ FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access) {
     return FILEIO_ERROR;
   }
   int error = 0;
+  MsgList *messages = nullptr;
   const bool readOnly = (wanted & FILEIO_ACCESS_WRITE) == 0;
-  fd->lockToken = FileLock_Lock(fd->fileName, readOnly, kMaxWaitMs, &error, nullptr);
+  fd->lockToken = FileLock_Lock(fd->fileName, readOnly, kMaxWaitMs, &error, &messages);
   if (fd->lockToken != nullptr) return FILEIO_SUCCESS;
+  Msg_AppendMsgList(messages);
   Log("FILE: %s on '%s' failed: %s\n", "FileIO_Lock", fd->fileName,
       error == 0 ? "Lock timed out" : Err_ErrnoToString(error));
   errno = error == 0 ? EAGAIN : error;
@@ -67,7 +70,9 @@ FileIOResult FileIO_Unlock(FileIODescriptor *fd) {
   FileLockToken *const token = std::exchange(fd->lockToken, nullptr);
   if (token == nullptr) return FILEIO_SUCCESS;
   int error = 0;
-  if (FileLock_Unlock(token, &error, nullptr)) return FILEIO_SUCCESS;
+  MsgList *messages = nullptr;
+  if (FileLock_Unlock(token, &error, &messages)) return FILEIO_SUCCESS;
+  Msg_AppendMsgList(messages);
   Log("FILE: %s on '%s' failed: %s\n", "FileIO_Unlock", fd->fileName, Err_ErrnoToString(error));
   errno = error;
   return FILEIO_ERROR;

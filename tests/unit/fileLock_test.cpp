@@ -28,6 +28,7 @@
 #include "heap.h"
 #include "hostinfo.h"
 #include "lib/file/fileLockInt.h"
+#include "msg.h"
 #include "msgList.h"
 #include "platform/processStart.h"
 #include "tests/support/capture.h"
@@ -449,6 +450,9 @@ TEST_F(FileLockTest, AFileIsOpenedUnderItsLock) {
   });
   EXPECT_TRUE(
       log.ends_with("FILE: FileIO_Lock on '" + file_ + "' failed: " + strerror(EAGAIN) + "\n"));
+  const MsgListOwner pending(Msg_TakePending());
+  ASSERT_NE(nullptr, pending.get());
+  EXPECT_STREQ("msg.fileLock.posix", pending->id);
   EXPECT_TRUE(SleptMs() - before >= 3450 && SleptMs() - before <= 3850) << SleptMs() - before;
   EXPECT_EQ(FILEIO_SUCCESS, FileIO_Close(&fd));
   EXPECT_TRUE(DirectoryIsGone());
