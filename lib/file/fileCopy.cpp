@@ -15,16 +15,12 @@
 #include "err.h"
 #include "errnoKeeper.h"
 #include "file.h"
-#include "fileInt.h"
+#include "lib/file/fileInt.h"
 #include "msg.h"
 
 namespace {
 
 constexpr size_t kBufferSize = 8192;
-
-bool IsSameFile(const struct stat &a, const struct stat &b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
 
 bool TellReadError() {
   const ErrnoKeeper keeper;
@@ -52,7 +48,7 @@ bool CanBeCopied(const FileIODescriptor &src, const char *dstName) {
     errno = EISDIR;
     return TellReadError();
   }
-  if (stat(dstName, &to) == 0 && IsSameFile(from, to)) {
+  if (stat(dstName, &to) == 0 && FileIdentity::Of(from) == FileIdentity::Of(to)) {
     errno = EEXIST;
     return TellCreateError(dstName, FILEIO_OPEN_ERROR_EXIST);
   }

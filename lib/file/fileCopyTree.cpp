@@ -16,7 +16,7 @@
 #include "err.h"
 #include "errnoKeeper.h"
 #include "file.h"
-#include "fileInt.h"
+#include "lib/file/fileInt.h"
 #include "msg.h"
 #include "posix.h"
 
@@ -28,15 +28,6 @@ struct CopyOptions {
 };
 
 bool FileCopyTreeWorker(const char *src, const char *dst, CopyOptions options);
-
-// Whether `path` is a directory; if not, errno says why.
-bool RequireDirectory(const char *path) {
-  FileData data;
-  if (FileAttributes(path, &data) != 0) return false;
-  if (data.fileType == FILE_TYPE_DIRECTORY) return true;
-  errno = ENOTDIR;
-  return false;
-}
 
 // The type bits of an entry; 0, with a message, when they cannot be had.
 mode_t TypeOf(const char *path, bool followSymlinks) {
@@ -97,9 +88,7 @@ bool CopyEntry(const char *src, const char *dst, CopyOptions options) {
 
 // An existing destination is the normal case, and another failure shows at the first entry.
 void MakeDestination(const char *dst) {
-  FileData data;
-  if (FileCreateDirectory(dst, 0777) != EEXIST || FileAttributes(dst, &data) != 0) return;
-  if (data.fileType != FILE_TYPE_DIRECTORY) errno = ENOTDIR;
+  if (FileCreateDirectory(dst, 0777) == EEXIST) static_cast<void>(FileRequireDirectory(dst));
 }
 
 bool FileCopyTreeWorker(const char *src, const char *dst, CopyOptions options) {
@@ -124,13 +113,13 @@ bool FileCopyTreeWorker(const char *src, const char *dst, CopyOptions options) {
 
 bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
                    bool followSymlinks) {
-  if (!RequireDirectory(srcName)) {
+  if (FileRequireDirectory(srcName) != 0) {
     const ErrnoKeeper keeper;
     Msg_Append("@&!*@*@(msg.File.CopyTree.source.notDirectory)Source path '%s' is not a directory.",
                srcName);
     return false;
   }
-  if (!RequireDirectory(dstName)) {
+  if (FileRequireDirectory(dstName) != 0) {
     const ErrnoKeeper keeper;
     Msg_Append(
         "@&!*@*@(msg.File.CopyTree.dest.notDirectory)Destination path '%s' is not a directory.",

@@ -25,32 +25,24 @@
 #include "dynbuf.h"
 #include "fd.h"
 #include "file.h"
-#include "fileInt.h"
+#include "lib/file/fileInt.h"
 #include "log.h"
 
 namespace {
 
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
-// Which directory it is, whatever it is called.
-struct Identity {
-  dev_t device;
-  ino_t inode;
-
-  bool operator==(const Identity &) const = default;
-};
-
-bool IdentityOf(int fd, Identity *identity) {
+bool IdentityOf(int fd, FileIdentity *identity) {
   struct stat status;
   if (fstat(fd, &status) != 0) return false;
-  *identity = {status.st_dev, status.st_ino};
+  *identity = FileIdentity::Of(status);
   return true;
 }
 
 // A directory on the way from the top to the one at hand.
 struct Level {
   Level *above;
-  Identity identity;
+  FileIdentity identity;
   size_t pathLength;
   FileNames names;
   int next = 0;   // in names
@@ -146,7 +138,7 @@ int TreeDeletion::Ascend() {
     return 0;
   }
   Fd parent(openat(here_.Get(), "..", kOpenDirectory));
-  Identity identity;
+  FileIdentity identity;
   if (!parent || !IdentityOf(parent.Get(), &identity)) return errno;
   if (identity != level_->above->identity) return ESTALE;
   here_ = std::move(parent);

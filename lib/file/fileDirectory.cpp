@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "file.h"
-#include "fileInt.h"
+#include "lib/file/fileInt.h"
 #include "log.h"
 
 namespace {
@@ -17,11 +17,7 @@ constexpr int kDefaultMode = 0777;
 int MakeOrAccept(const char *path, int mode, bool *created) {
   const int made = FileCreateDirectory(path, mode);
   *created = made == 0;
-  if (made != EEXIST) return made;
-  FileData data;
-  const int error = FileAttributes(path, &data);
-  if (error != 0) return error;
-  return data.fileType == FILE_TYPE_DIRECTORY ? 0 : errno = ENOTDIR;
+  return made == EEXIST ? FileRequireDirectory(path) : made;
 }
 
 // The end of the next longer beginning of `path` that is to be a directory; null after the last.

@@ -7,7 +7,7 @@
 
 #include "err.h"
 #include "file.h"
-#include "fileInt.h"
+#include "lib/file/fileInt.h"
 #include "log.h"
 #include "msg.h"
 #include "posix.h"

@@ -17,8 +17,8 @@
 #include "errnoKeeper.h"
 #include "fatal.h"
 #include "file.h"
-#include "fileIOInt.h"
 #include "heap.h"
+#include "lib/file/fileIOInt.h"
 #include "log.h"
 
 namespace {

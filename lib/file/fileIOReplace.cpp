@@ -13,7 +13,7 @@
 
 #include "fd.h"
 #include "fileIO.h"
-#include "fileIOInt.h"
+#include "lib/file/fileIOInt.h"
 
 FileIOResult FileIO_Replace(FileIODescriptor *current, FileIODescriptor *fresh) {
   if (fsync(fresh->posix) != 0) {

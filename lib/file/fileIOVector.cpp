@@ -18,8 +18,8 @@
 
 #include "fatal.h"
 #include "fileIO.h"
-#include "fileIOInt.h"
 #include "heap.h"
+#include "lib/file/fileIOInt.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 // failed, which then is in errno, too.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -26,6 +27,18 @@ struct FileData {
 
 // Errno-style.  Follows links; `out` may be null.  A null path is EFAULT.
 [[nodiscard]] int FileAttributes(const char *path, FileData *out);
+
+// Which file it is, whatever it is called.
+struct FileIdentity {
+  dev_t device;
+  ino_t inode;
+
+  static FileIdentity Of(const struct stat &status) { return {status.st_dev, status.st_ino}; }
+  bool operator==(const FileIdentity &) const = default;
+};
+
+// Errno-style: whether `path` is a directory, links followed; ENOTDIR for anything else.
+[[nodiscard]] int FileRequireDirectory(const char *path);
 
 // Errno-style: mkdir(2), with the process's umask.  A null path is EFAULT.
 [[nodiscard]] int FileCreateDirectory(const char *path, int mode);

@@ -13,7 +13,7 @@
 
 #include "errnoKeeper.h"
 #include "file.h"
-#include "fileInt.h"
+#include "lib/file/fileInt.h"
 #include "msg.h"
 #include "platform/freeSpace.h"
 #include "str.h"
@@ -22,10 +22,6 @@ namespace {
 
 void Tell(bool *asRename, bool value) {
   if (asRename != nullptr) *asRename = value;
-}
-
-bool IsSameFile(const struct stat &a, const struct stat &b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 // ---- moves that would lose what they move ------------------------------------------------------
@@ -37,11 +33,11 @@ const char *NameBelow(const char *inner, const char *outer) {
 }
 
 // Whether the full path `path` leads through the directory `dir`, under whatever name.
-bool LeadsThrough(char *path, const struct stat &dir) {
+bool LeadsThrough(char *path, const FileIdentity &dir) {
   for (char *end = strchr(path + 1, '/');; end = strchr(end + 1, '/')) {
     if (end != nullptr) *end = '\0';
     struct stat status;
-    const bool same = stat(path, &status) == 0 && IsSameFile(status, dir);
+    const bool same = stat(path, &status) == 0 && FileIdentity::Of(status) == dir;
     if (end == nullptr || same) return same;
     *end = '/';
   }
@@ -64,7 +60,8 @@ bool CanStandAlone(const char *src, const char *dst) {
   const HeapStr fullDst(File_FullPath(dst));
   struct stat status;
   if (fullSrc == nullptr || fullDst == nullptr || stat(src, &status) != 0) return false;
-  if (!LeadsThrough(fullDst.get(), status) && !CoversItself(fullSrc.get(), fullDst.get())) {
+  if (!LeadsThrough(fullDst.get(), FileIdentity::Of(status)) &&
+      !CoversItself(fullSrc.get(), fullDst.get())) {
     return true;
   }
   errno = EINVAL;
@@ -105,11 +102,7 @@ bool HasRoom(const char *src, const char *dst) {
 // ---- steps of a move by copy -----------------------------------------------------------------------
 
 bool RequireSource(const char *srcName) {
-  FileData data;
-  if (FileAttributes(srcName, &data) == 0) {
-    if (data.fileType == FILE_TYPE_DIRECTORY) return true;
-    errno = ENOTDIR;
-  }
+  if (FileRequireDirectory(srcName) == 0) return true;
   const ErrnoKeeper keeper;
   Msg_Append("@&!*@*@(msg.File.MoveTree.source.notDirectory)Source path '%s' is not a directory.",
              srcName);

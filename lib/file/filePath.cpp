@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "file.h"
-#include "fileInt.h"
+#include "lib/file/fileInt.h"
 #include "str.h"
 
 namespace {

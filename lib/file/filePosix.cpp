@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "file.h"
-#include "fileInt.h"
+#include "lib/file/fileInt.h"
 #include "posix.h"
 
 namespace {
@@ -62,6 +62,13 @@ int FileAttributes(const char *path, FileData *out) {
   out->fileOwner = status.st_uid;
   out->fileGroup = status.st_gid;
   return 0;
+}
+
+int FileRequireDirectory(const char *path) {
+  FileData data;
+  const int error = FileAttributes(path, &data);
+  if (error != 0) return error;
+  return data.fileType == FILE_TYPE_DIRECTORY ? 0 : errno = ENOTDIR;
 }
 
 int FileDeletePath(const char *path, bool handleLink) {

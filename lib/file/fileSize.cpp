@@ -11,21 +11,18 @@
 
 #include "errnoKeeper.h"
 #include "file.h"
-#include "fileInt.h"
+#include "lib/file/fileInt.h"
 
 namespace {
 
 // A directory that is being added up, and those above it.
 struct Level {
   const Level *above;
-  dev_t device;
-  ino_t inode;
+  FileIdentity identity;
 };
 
-bool IsOpenLevel(const Level *level, const struct stat &status) {
-  while (level != nullptr && (level->device != status.st_dev || level->inode != status.st_ino)) {
-    level = level->above;
-  }
+bool IsOpenLevel(const Level *level, const FileIdentity &identity) {
+  while (level != nullptr && level->identity != identity) level = level->above;
   return level != nullptr;
 }
 
@@ -60,8 +57,9 @@ int64_t SizeOf(const char *path, const Level *above) {
   struct stat status;
   if (stat(path, &status) != 0) return -1;
   if (!S_ISDIR(status.st_mode)) return SizeOfFile(path);
-  if (IsOpenLevel(above, status)) return 0;
-  return SizeOfDirectory(path, {above, status.st_dev, status.st_ino});
+  const FileIdentity identity = FileIdentity::Of(status);
+  if (IsOpenLevel(above, identity)) return 0;
+  return SizeOfDirectory(path, {above, identity});
 }
 
 }  // namespace

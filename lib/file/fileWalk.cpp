@@ -16,8 +16,8 @@
 #include "codeset.h"
 #include "fd.h"
 #include "file.h"
-#include "fileInt.h"
 #include "hashTable.h"
+#include "lib/file/fileInt.h"
 #include "log.h"
 #include "unicode.h"
 

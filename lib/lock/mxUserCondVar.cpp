@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "mxUserInt.h"
+#include "lib/lock/mxUserInt.h"
 
 struct MXUserCondVar {
   MXUserShared<uint32_t> signature;

@@ -1,8 +1,8 @@
 // mxUserExclLock.cpp -- exclusive locks: one owner, who destroys the lock.
 
+#include "lib/lock/mxUserInt.h"
+#include "lib/lock/mxUserStats.h"
 #include "log.h"
-#include "mxUserInt.h"
-#include "mxUserStats.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 
 #include <ctime>
 
+#include "lib/lock/mxUserInt.h"
+#include "lib/lock/mxUserStats.h"
 #include "log.h"
-#include "mxUserInt.h"
-#include "mxUserStats.h"
 #include "str.h"
 
 namespace {

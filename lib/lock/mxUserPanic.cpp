@@ -1,8 +1,8 @@
 // mxUserPanic.cpp -- the end of the process because of a lock, and the hooks of the other system
 // that takes part in it.
 
+#include "lib/lock/mxUserInt.h"
 #include "log.h"
-#include "mxUserInt.h"
 #include "str.h"
 
 namespace {

@@ -1,8 +1,8 @@
 // mxUserRecLock.cpp -- recursive locks: counted references, and locks that stand for external ones.
 
+#include "lib/lock/mxUserInt.h"
+#include "lib/lock/mxUserStats.h"
 #include "log.h"
-#include "mxUserInt.h"
-#include "mxUserStats.h"
 #include "str.h"
 
 namespace {

@@ -1,12 +1,12 @@
 // mxUserStats.cpp -- the records of statistics, from creation to the check for contention.
 
-#include "mxUserStats.h"
+#include "lib/lock/mxUserStats.h"
 
 #include <algorithm>
 #include <memory>
 
+#include "lib/lock/mxUserLog10.h"
 #include "log.h"
-#include "mxUserLog10.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 // they are.
 #pragma once
 
-#include "mxUserInt.h"
+#include "lib/lock/mxUserInt.h"
 
 // ---- histograms ------------------------------------------------------------------------------
 

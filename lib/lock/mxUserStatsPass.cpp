@@ -6,8 +6,8 @@
 #include <cstdarg>
 #include <utility>
 
+#include "lib/lock/mxUserStats.h"
 #include "log.h"
-#include "mxUserStats.h"
 #include "str.h"
 
 namespace {
