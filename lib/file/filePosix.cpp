@@ -65,7 +65,7 @@ int FileAttributes(const char *path, FileData *out) {
 }
 
 int FileRequireDirectory(const char *path) {
-  FileData data;
+  FileData data{};
   const int error = FileAttributes(path, &data);
   if (error != 0) return error;
   return data.fileType == FILE_TYPE_DIRECTORY ? 0 : errno = ENOTDIR;
