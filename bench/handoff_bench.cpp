@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/report.h"
 #include "bench/sandboxed.h"
 #include "tests/support/product.h"
 
@@ -125,10 +126,6 @@ auto AsUser(rlim_t limit, F measure) {
   return result;
 }
 
-void PrintRow(const char *what, const char *unit, double ours, double theirs) {
-  printf("%-34s %10.0f %10.0f  %-4s %6.2f\n", what, ours, theirs, unit, ours / theirs);
-}
-
 void CompareHandOffs(int runs) {
   struct Medians {
     double opener, minimal;
@@ -141,11 +138,11 @@ void CompareHandOffs(int runs) {
     }
     return Medians{Median(&opener), Median(&minimal)};
   });
-  printf("%-34s %10s %10s  %-4s %6s\n", "hand-off, a service running", "opener", "minimal", "",
-         "ratio");
-  PrintRow("  wall time, median", "us", medians.opener, medians.minimal);
-  PrintRow("  peak memory", "KiB", static_cast<double>(PeakMemoryOf(kOpenerPath)),
-           static_cast<double>(PeakMemoryOf(kMinimalPath)));
+  ReportRatio("hand-off, warm", "us", medians.opener, {"minimal client", 1.1}, medians.minimal);
+  const auto peak = static_cast<double>(PeakMemoryOf(kOpenerPath));
+  ReportRatio("peak memory", "KiB", peak, {"minimal client", 1.1},
+              static_cast<double>(PeakMemoryOf(kMinimalPath)));
+  ReportRatio("peak memory", "KiB", peak, {"4 MB", 1}, 4e6 / 1024);
 }
 
 double StartTime(rlim_t limit) {
@@ -169,13 +166,13 @@ void CompareStarts(int runs) {
     withSmall.push_back(StartTime(kSmallLimit));
     withLarge.push_back(StartTime(large));
   }
-  printf("\n%-34s %10lu %10lu  %-4s %6s\n", "start of the service, at a limit of",
-         static_cast<unsigned long>(large), static_cast<unsigned long>(kSmallLimit), "", "ratio");
-  PrintRow("  wall time, median", "us", Median(&withLarge), Median(&withSmall));
+  ReportRatio("start, many descriptors", "us", Median(&withLarge),
+              {"limit of " + std::to_string(kSmallLimit), 1.1}, Median(&withSmall));
+  printf("  (many: a limit of %lu", static_cast<unsigned long>(large));
   if (large != kLargeLimit) {
-    printf("  (the host lets nobody have a limit of %lu)\n",
-           static_cast<unsigned long>(kLargeLimit));
+    printf("; the host allows no limit of %lu", static_cast<unsigned long>(kLargeLimit));
   }
+  printf(")\n");
 }
 
 }  // namespace

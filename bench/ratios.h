@@ -1,24 +1,17 @@
-// ratios.h -- one line for each thing measured: our time, and its ratio to each peer's.
+// ratios.h -- Google Benchmark's results as ratios: one line for each thing measured and each peer.
 //
 // Benchmarks are named ROW/ENGINE.  The fastest repetition of each counts, since other work on the
-// machine only adds time.  At the end stands the geometric mean of the ratios to each peer.
+// machine only adds time.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <cmath>
-#include <cstdio>
 #include <map>
-#include <numeric>
 #include <string>
 #include <vector>
 
-// How a peer is named, and the most that our time may be, divided by the peer's.
-struct Peer {
-  std::string name;
-  double goal;
-};
+#include "bench/report.h"
 
 class Ratios : public benchmark::ConsoleReporter {
   static constexpr const char *kOurs = "lumen";
@@ -60,27 +53,14 @@ class Ratios : public benchmark::ConsoleReporter {
   }
 
   void Print() const {
-    std::map<std::string, std::vector<double>> logarithms;
     for (const auto &[row, peers] : rows_) {
       const auto ours = fastest_.find(row + "/" + kOurs);
       if (ours == fastest_.end()) continue;
-      std::printf("%-24s %9.1f ns ", row.c_str(), ours->second);
       for (const Peer &peer : peers) {
         const auto other = fastest_.find(row + "/" + peer.name);
-        if (other == fastest_.end()) continue;
-        const double ratio = ours->second / other->second;
-        logarithms[peer.name].push_back(std::log(ratio));
-        std::printf("  %5.2f of %s%s", ratio, peer.name.c_str(),
-                    ratio > peer.goal ? " (over)" : "");
+        if (other != fastest_.end()) ReportRatio(row, "ns", ours->second, peer, other->second);
       }
-      std::printf("\n");
     }
-    std::printf("%-24s %12s ", "geometric mean", "");
-    for (const auto &[peer, all] : logarithms) {
-      const double sum = std::accumulate(all.begin(), all.end(), 0.0);
-      std::printf("  %5.2f of %s", std::exp(sum / static_cast<double>(all.size())), peer.c_str());
-    }
-    std::printf("\n");
   }
 
   // Runs everything that was added, with the program's options, and prints the table.

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <fstream>
 
+#include "bench/report.h"
 #include "bench/sandboxed.h"
 #include "tests/support/product.h"
 
@@ -19,7 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr double kGoal = 1.5;
 const std::string kKext = kBundleLibrary + "/kexts/zioplug.kext";
 
 constexpr char kPeer[] = R"sh(
@@ -75,9 +75,7 @@ int main(int argc, char *argv[]) {
     StopServices();
     peers.push_back(TimeOf(peer));
   }
-  const double ours = Median(&starts);
-  const double theirs = Median(&peers);
-  printf("start of the service, 25 MiB: %.1f ms; copies and digests: %.1f ms; ratio %.2f%s\n", ours,
-         theirs, ours / theirs, ours / theirs > kGoal ? " (over)" : "");
+  ReportRatio("start, 25 MiB staged", "ms", Median(&starts), {"copies, digests", 1.5},
+              Median(&peers));
   return 0;
 }
