@@ -32,6 +32,16 @@ if(LUMEN_SANITIZE)
   target_link_options(lumen_common INTERFACE -fsanitize=${LUMEN_SANITIZE})
 endif()
 
+if(LUMEN_COVERAGE)
+  # %c: each process counts in a mapped file.  So what ends by _exit or a signal, or execs, counts
+  # like the rest, and needs no environment to find the file.  %m: one file a program.
+  set(_profiles ${PROJECT_BINARY_DIR}/profiles)
+  target_compile_options(lumen_common INTERFACE -fprofile-instr-generate=${_profiles}/%c%m.profraw
+                                                -fcoverage-mapping
+                                                "SHELL:-mllvm -runtime-counter-relocation")
+  target_link_options(lumen_common INTERFACE -fprofile-instr-generate)
+endif()
+
 if(LUMEN_FUZZ)
   # What the fuzz targets run into is counted everywhere.
   target_compile_options(lumen_common INTERFACE -fsanitize=fuzzer-no-link)
@@ -59,6 +69,7 @@ endfunction()
 #
 # On Linux they are static position-independent executables: a set-user-ID program is better off
 # without the dynamic loader and its environment, and starts faster.  Sanitizers need the loader.
+# Counters keep the compiler from proving that std::string_view has no reason to throw.
 function(lumen_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE lumen_product)
@@ -72,11 +83,13 @@ function(lumen_program name)
     target_link_options(${name} PRIVATE -pie)
     return()
   endif()
-  set_target_properties(${name} PROPERTIES LINKER_LANGUAGE C)
   target_link_options(${name} PRIVATE -static-pie)
+  if(NOT LUMEN_COVERAGE)
+    set_target_properties(${name} PROPERTIES LINKER_LANGUAGE C)
+  endif()
 endfunction()
 
-if(NOT APPLE AND NOT LUMEN_SANITIZE)
+if(NOT APPLE AND NOT LUMEN_SANITIZE AND NOT LUMEN_COVERAGE)
   # See lumen_program.  Tests and tools are linked by the C++ driver, which adds its library itself.
   set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
   # The C driver leaves out the mathematical library, too; macOS has it in libSystem.

@@ -1,0 +1,123 @@
+#!/usr/bin/env python3
+"""unreached.py -- line coverage of the product, and the lines that no test reaches.
+
+    tools/unreached.py BUILD
+
+BUILD is the folder of preset coverage, after its tests have run.  Prints lines, lines reached and
+their share per folder, and the lines not reached.
+
+A line is known by its file, its function and its text, so that it may move.  Lines of nothing but
+braces and `else` go with their neighbours and do not count.
+"""
+import collections
+import glob
+import os
+import re
+import subprocess
+import sys
+
+# Of tools/, what is installed.
+PRODUCT = ['lib/*.cpp', 'lib/*.h', 'opener/*.cpp', 'opener/*.h', 'platform/*.cpp', 'platform/*.h',
+           'service/*.cpp', 'service/*.h', 'tools/codeseal.cpp', 'tools/lumenLocks.cpp',
+           'tools/sealMaker.cpp', 'tools/sealMaker.h']
+NO_CODE = re.compile(r'\W*(else)?\W*')
+# What stands at the margin and may begin a function or a class.
+BEGINNING = re.compile(r'(?!namespace|using|extern "C"|static_assert|typedef)[A-Za-z_\[]')
+NAME = re.compile(r'(?:class|struct|union) (?:\[\[\w+\]\] )?(\w+)(?! *\()|'
+                  r'((?!__attribute__|alignas|decltype)[\w:~]+|operator\S+)\(')
+WHOLE = 'all of it'
+
+
+def output_of(*command):
+    return os.fsdecode(subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                      check=True).stdout)
+
+
+def programs(build):
+    """Everything that was linked and counts."""
+    for folder, _, names in os.walk(build):
+        for path in (os.path.join(folder, name) for name in names):
+            if os.access(path, os.X_OK) and 'CMakeFiles' not in path and not os.path.islink(path):
+                with open(path, 'rb') as f:
+                    if f.read(4) == b'\x7fELF':
+                        yield path
+
+
+def counts(build, sources):
+    """{file: {line number: how often it ran}} of the files that any program has code of."""
+    merged = os.path.join(build, 'coverage.profdata')
+    output_of('llvm-profdata-14', 'merge', '-o', merged,
+              *glob.glob(os.path.join(build, 'profiles', '*.profraw')))
+    first, *others = sorted(programs(build))
+    report = output_of('llvm-cov-14', 'export', '-format=lcov', f'-instr-profile={merged}', first,
+                       *(f'-object={path}' for path in others),
+                       *(os.path.abspath(source) for source in sources))
+    found, lines = {}, None
+    for row in report.splitlines():
+        kind, _, value = row.partition(':')
+        if kind == 'SF':
+            lines = found.setdefault(os.path.relpath(value), {})
+        elif kind == 'DA':
+            number, count = map(int, value.split(',')[:2])
+            lines[number] = max(count, lines.get(number, 0))
+    return found
+
+
+def functions(text):
+    """For each line, the name of the function, or the class, that it stands in."""
+    name = ''
+    for line in text:
+        if BEGINNING.match(line):
+            match = NAME.search(line)
+            name = (match[1] or match[2]) if match else name
+        yield name
+
+
+def examine(path, ran):
+    """The number of lines, and a row for each one that was not reached or function all of which."""
+    with open(path, encoding='utf-8') as f:
+        text = f.read().splitlines()
+    names = list(functions(text))
+    code = [n for n in sorted(ran) if not NO_CODE.fullmatch(text[n - 1])]
+    alive = {names[n - 1] for n in code if ran[n]}
+    rows = []
+    for n in code:
+        name = names[n - 1]
+        row = f'{path} | {name} | {text[n - 1].strip() if name in alive else WHOLE}'
+        if not ran[n] and (name in alive or row not in rows):
+            rows.append(row)
+    return len(code), sum(ran[n] == 0 for n in code), rows
+
+
+def print_table(folders):
+    print(f'{"folder":20} {"lines":>7} {"reached":>7} {"percent":>8}')
+    folders['all'] = tuple(map(sum, zip(*folders.values())))
+    for folder, (total, missed) in folders.items():
+        print(f'{folder:20} {total:7} {total - missed:7} {100 - 100 * missed / total:8.2f}')
+
+
+def main():
+    if len(sys.argv) != 2:
+        sys.exit(__doc__)
+    sources = output_of('git', 'ls-files', '--', *PRODUCT).splitlines()
+    found = counts(sys.argv[1], sources)
+    folders = {}
+    rows = collections.Counter()
+    for path in sorted(found):
+        total, missed, new = examine(path, found[path])
+        old = folders.get(os.path.dirname(path), (0, 0))
+        folders[os.path.dirname(path)] = (old[0] + total, old[1] + missed)
+        rows.update(new)
+    print_table(folders)
+    print('no code here:', *(s for s in sources if s.endswith('.cpp') and s not in found))
+
+    for row in rows.elements():
+        print(f'not reached: {row}')
+    return 0
+
+
+if __name__ == '__main__':
+    try:
+        sys.exit(main())
+    except subprocess.CalledProcessError as failure:
+        sys.exit(f'{failure.cmd[0]}: {os.fsdecode(failure.stderr)[-2000:]}')
