@@ -11,30 +11,6 @@
 
 namespace {
 
-// Texts of a host for numbers from kFirstMade on, and what is kept of them.
-constexpr unsigned kFirstMade = 1'000'000;
-const char *const kMade[][2] = {{"caf\xc3\xa9", "caf\xc3\xa9"},
-                                {"caf\xc3", "caf"},
-                                {"x\xe2\x82", "x"},
-                                {"\xf0\x9f\x98", ""},
-                                {"\x82\x82\x82\x82", "\x82\x82\x82\x82"},
-                                {"", ""}};
-
-}  // namespace
-
-extern "C" {
-char *__real_strerror_r(int error, char *buffer, size_t size);
-char *__wrap_strerror_r(int error, char *buffer, size_t size);
-char *__wrap_strerror_r(int error, char *buffer, size_t size) {
-  const auto made = static_cast<unsigned>(error) - kFirstMade;
-  errno = EBADF;
-  if (made >= std::size(kMade)) return __real_strerror_r(error, buffer, size);
-  return const_cast<char *>(kMade[made][0]);
-}
-}
-
-namespace {
-
 TEST(Err, TextsAreTheHostsAndTellTheirValue) {
   for (int number = 0; number < 140; ++number) {
     errno = number;
@@ -51,12 +27,6 @@ TEST(Err, TextsAreTheHostsAndTellTheirValue) {
     EXPECT_EQ(number, Err_StringToErrno(text));
   }
   EXPECT_EQ(-1, Err_StringToErrno(nullptr));
-}
-
-TEST(Err, NoTextEndsWithinACharacter) {
-  for (unsigned i = 0; i < std::size(kMade); ++i) {
-    EXPECT_STREQ(kMade[i][1], Err_ErrnoToString(static_cast<int>(kFirstMade + i)));
-  }
 }
 
 }  // namespace
