@@ -27,10 +27,6 @@ string Text(const MsgList *list) {
   return text == nullptr ? "<null>" : text.get();
 }
 
-string Logged(const MsgList *list) {
-  return WithoutStamps(CaptureOutput([=] { MsgList_Log(list); }));
-}
-
 // By MsgList_Create with an argument, and by MsgList_CreateStr.
 TEST(MsgList, IdsAndFormats) {
   struct {
@@ -42,7 +38,7 @@ TEST(MsgList, IdsAndFormats) {
       {"@&!*@*@()", "", "\n", "\n"},
       {"@&!*@*@a.b)%s", "msg.literal", "@&!*@*@a.b)%s\n", "@&!*@*@a.b)%s\n"},
       {"@&!*@*@(a.b", "msg.literal", "@&!*@*@(a.b\n", "@&!*@*@(a.b\n"},
-      {" @&!*@*@(a.b)", "msg.literal", " @&!*@*@(a.b)\n", " @&!*@*@(a.b)\n"},
+      {"100% sure, %d %n%", "msg.literal", "100% sure, %d %n%\n", "100% sure, %d %n%\n"},
   };
   for (const auto &row : rows) {
     errno = EXDEV;
@@ -53,12 +49,7 @@ TEST(MsgList, IdsAndFormats) {
     EXPECT_EQ(row.text, Text(list.get()));
     EXPECT_EQ(row.textAsItIs, Text(asItIs.get()));
     EXPECT_EQ(EXDEV, errno);
-    EXPECT_EQ(string("[") + row.id + "] " + row.text, Logged(list.get()));
   }
-  for (const string text : {"100% sure, %d %n%", "100% yes", "5%"}) {
-    EXPECT_EQ(text + "\n", Text(List(MsgList_CreateStr(("@&!*@*@(msg.a)" + text).c_str())).get()));
-  }
-  EXPECT_EQ(ENOENT, List(MsgList_CreateStr(Err_ErrnoToString(ENOENT)))->args[0].errorNumber);
 }
 
 TEST(MsgList, NewMessagesComeFirst) {
@@ -70,22 +61,17 @@ TEST(MsgList, NewMessagesComeFirst) {
   MsgList_AppendMsgList(&list, others);
   MsgList_AppendMsgList(&list, nullptr);
   const List copy(MsgList_Copy(list));
-  const string text = "D \xe2\x82\xac\nC\nB\nA 1\n";
-  EXPECT_EQ(text, Text(list));
   MsgList_Free(list);
-  EXPECT_EQ(text, Text(copy.get()));
+  EXPECT_EQ("D \xe2\x82\xac\nC\nB\nA 1\n", Text(copy.get()));
   EXPECT_EQ("[msg.d] D \xe2\x82\xac\n[msg.c] C\n[msg.literal] B\n[msg.a] A 1\n",
-            Logged(copy.get()));
+            WithoutStamps(CaptureOutput([&] { MsgList_Log(copy.get()); })));
 }
 
 TEST(MsgList, NoList) {
   MsgList_Append(nullptr, string("@&!*@*@(msg.a)%y %n").c_str());
   MsgList_AppendStr(nullptr, "a");
   MsgList_AppendMsgList(nullptr, MsgList_Create("@&!*@*@(msg.a)%s", "freed"));
-  EXPECT_EQ(nullptr, MsgList_Copy(nullptr));
-  EXPECT_EQ("<null>", Text(nullptr));
-  EXPECT_EQ("", Logged(nullptr));
-  MsgList_Free(nullptr);
+  EXPECT_EQ("<null>", Text(List(MsgList_Copy(nullptr)).get()));
 }
 
 TEST(MsgList, AFormatThatCannotBeCapturedIsFatal) {
@@ -105,10 +91,6 @@ TEST(Msg, PendingMessages) {
   Msg_AppendMsgList(MsgList_Create("@&!*@*@(msg.c)C"));
   EXPECT_EQ(EXDEV, errno);
   EXPECT_EQ("[msg.c] C\n[msg.literal] B\n[msg.a] A\n", pending());
-  const List taken(Msg_TakePending());
-  EXPECT_EQ("C\nB\nA\n", Text(taken.get()));
-  EXPECT_EQ("", pending());
-  Msg_AppendStr("D");
   Msg_Reset();
   EXPECT_EQ(nullptr, Msg_TakePending());
 }
@@ -124,8 +106,8 @@ TEST(Msg, ThreadsAreApart) {
       Msg_Append("@&!*@*@(msg.a)%d.%d", me, round);
       Msg_AppendStr(error);
       const List taken(Msg_TakePending());
-      const string id = std::to_string(me) + "." + std::to_string(round);
-      ASSERT_EQ(string(error) + "\n" + id + "\n", Text(taken.get()));
+      ASSERT_EQ(error + ("\n" + std::to_string(me)) + "." + std::to_string(round) + "\n",
+                Text(taken.get()));
     }
     Msg_AppendStr("left behind");
   };
@@ -134,7 +116,6 @@ TEST(Msg, ThreadsAreApart) {
     for (int i = 0; i < 4; ++i) threads.emplace_back(work, i);
     for (std::thread &thread : threads) thread.join();
   }
-  EXPECT_EQ(nullptr, Msg_TakePending());
 }
 
 }  // namespace

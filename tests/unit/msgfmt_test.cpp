@@ -73,9 +73,7 @@ void Grid(const std::vector<string> &sizes, const string &conversions, T value) 
     for (const string &size : sizes) {
       for (const char conversion : conversions) {
         const string end = size + conversion + ">";
-        for (const char *const extent : {"", "12", ".", ".3", "14.2"}) {
-          Same("<%" + flags + extent + end, value);
-        }
+        for (const char *const extent : {"", ".", "14.2"}) Same("<%" + flags + extent + end, value);
         for (const auto &[width, precision] : {std::pair{9, 3}, {-9, -1}, {0, 0}}) {
           Same("%%<%" + flags + "*.*" + end + " %d", width, precision, value, 4);
           Same("%3$" + flags + "*1$.*2$" + end + " %1$i %d", width, precision, value);
@@ -94,24 +92,19 @@ TEST(MsgFmt, PrintsAsWithoutCapture) {
   Grid({"", "l", "h", "t", "z"}, "eEfFgGaA", -31.4159);
   Grid({"", "h", "t", "z"}, "s", "a text");
   Grid({"l", "ll", "L", "j"}, "s", L"w\u20ac\U0001f600 text");
-  Grid({""}, "S", L"wide");
   Grid({"", "l"}, "p", reinterpret_cast<void *>(0x1234abcd));
-  Same("%s|%ls|%p", nullptr, nullptr, nullptr);
-  Same("%lc", 0x20ac);
   Same("no argument, 100%%");
+  Same("%s|%ls|%S|%lc", nullptr, nullptr, L"wide", 0x20ac);
   // More of each kind than a host passes in registers, and more than an array has at first.
-  Same("%d%g%s%d%g%s%d%g%d%g%d%g%d%g%g%g%g", 1, .1, "a", 2, .2, "b", 3, .3, 4, .4, 5, .5, 6, .6, .7,
-       .8, .9);
-  Same("%9$d %8$s %7$g %6$lld %5$d %4$d %3$d %2$s %1$g", 1.0, "b", 3, 4, 5, 6LL, 7.0, "h", 9);
+  Same("%9$d %8$s %7$g %6$lld %5$d %4$d %3$d %2$s %1$g|%10$g%g%g%g%g%g%g", 1.0, "b", 3, 4, 5, 6LL, 7.0,
+       "h", 9, .2, .3, .4, .5, .6, .7, .8);
 }
 
 TEST(MsgFmt, ReadsNoMoreOfAStringThanIsPrinted) {
   const std::unique_ptr<char[]> bytes(new char[3]{'a', 'b', 'c'});
   const std::unique_ptr<wchar_t[]> wide(new wchar_t[2]{0x20ac, 'x'});
-  Same("%.3s|%.2s", bytes.get(), bytes.get());
-  Same("%.*s %.*ls", 3, bytes.get(), 2, wide.get());
-  Same("%1$.*2$s %3$.*4$S", bytes.get(), 2, wide.get(), 1);
-  Same("%1$.1s|%1$.*2$s|%1$.2s", bytes.get(), 3);
+  Same("%.3s|%.*ls", bytes.get(), 2, wide.get());
+  Same("%1$.1s|%1$.*2$s|%3$.*4$S", bytes.get(), 3, wide.get(), 1);
   for (const char *const format : {"%1$.1s%1$s", "%1$s%1$.1s", "%1$.1s%1$.*2$s"}) {
     Same(format, "to its end", -5);
   }
@@ -120,21 +113,13 @@ TEST(MsgFmt, ReadsNoMoreOfAStringThanIsPrinted) {
 TEST(MsgFmt, TypesOfRecords) {
   const char *const error = Err_ErrnoToString(ENOTDIR);
   const string copy = error;
-  const std::pair<const char *, string> rows[] = {{"%%", ""},
-                                                  {"%s%s%c%lc%I32x%*.*g", "96111115"},
-                                                  {"%.3s%hs%ld%qi%jo%tu%zx%I64X%U%p", "9622222224"},
-                                                  {"%s%ts%a%hG%le%tf%zg%C%5.3S%js", "9655555188"}};
-  for (const auto &[format, types] : rows) {
-    const Captured captured(Captured::kHeap, format, error, copy.c_str(), nullptr, nullptr, nullptr,
-                            nullptr, nullptr, nullptr, nullptr, nullptr, .0, .0, .0, .0, .0);
-    string actual;
-    for (int i = 0; i < captured.count; ++i) actual += std::to_string(captured.args[i].type);
-    EXPECT_EQ(types, actual) << format;
-    if (captured.count == 0) continue;
-    EXPECT_EQ(ENOTDIR, captured.args[0].errorNumber);
-    EXPECT_EQ(MSGFMT_ERROR_ERRNO, captured.args[0].errorKind);
-  }
-  Same("%s %.3s", error, error);
+  const Captured captured(Captured::kHeap, "%s%s%c%jd%p%hG%ls", error, copy.c_str(), 'c', 1LL,
+                          nullptr, .5, L"w");
+  string types;
+  for (int i = 0; i < captured.count; ++i) types += std::to_string(captured.args[i].type);
+  EXPECT_EQ("9612458", types);
+  EXPECT_EQ(ENOTDIR, captured.args[0].errorNumber);
+  EXPECT_EQ(MSGFMT_ERROR_ERRNO, captured.args[0].errorKind);
 }
 
 TEST(MsgFmt, ErrorsInFormats) {
@@ -145,7 +130,6 @@ TEST(MsgFmt, ErrorsInFormats) {
        "pos \"1$\", type \"s\""},
       {"%d%n.", "MsgFmtGetArg1: %n not supported, pos \"\", type \"n\""},
       {"%1$5.2llf", "MsgFmtGetArg1: %Lf not supported, pos \"1$\", type \"5.2llf\""},
-      {"%jA", "MsgFmtGetArg1: %jA not supported, pos \"\", type \"jA\""},
       {"%s %-5.3l", "MsgFmt_GetArgs: error in format string"},
       {"%99999999999$d",
        "MsgFmtGetArg1: bad specifier, status 3, pos \"99999999999$\", type \"d\""},
@@ -156,40 +140,28 @@ TEST(MsgFmt, ErrorsInFormats) {
     EXPECT_EQ(error, buffer.error);
     EXPECT_EQ(error.size() + 1, buffer.used);
   }
-}
-
-TEST(MsgFmt, UnknownConversionsAreFatal) {
-  for (const char *const format : {"%y", "%2$-5.3lk", "%$d", "%0$d", "%%%!"}) {
+  for (const char *const format : {"%y", "%2$-5.3lk", "%$d"}) {
     EXPECT_EQ("Panic: NOT_REACHED lib/misc/msgfmt:1345\n",
               FatalText([&] { Captured(Captured::kHeap, format, 1, 2, 3); }));
   }
 }
 
-TEST(MsgFmt, ABufferIsTooSmallByOneByte) {
-  const char *const format = "%s %d %ls %3$ls %.2s";
-  const auto capture = [&](size_t size) {
-    return Captured(size, format, "four", 5, L"wide", "abc");
-  };
-  const size_t needed = capture(1000).used;
-  EXPECT_LE(needed, 7 + 4 * sizeof(MsgFmt_Arg) + 5 + 3 + 5 * sizeof(wchar_t) + 3);
-  EXPECT_EQ("four 5 wide wide ab", capture(needed).Print(format));
-  for (size_t size = 1; size < needed; ++size) {
-    const string records = "MsgFmtGetArg1: out of memory at arg ";
-    const string error = capture(size).error;
-    EXPECT_TRUE(records.starts_with(error.substr(0, records.size())) ||
-                error == "MsgFmt_GetArgs: out of memory");
-  }
-}
-
+// In a buffer that is too small, and on the heap.
 TEST(MsgFmt, ExhaustedMemory) {
-  const char *const expected[] = {"MsgFmtGetArg1: out of memory at arg 1",
-                                  "MsgFmtGetArg1: out of memory at arg 5",
-                                  "MsgFmt_GetArgs: out of memory", "MsgFmt_GetArgs: out of memory"};
-  for (size_t i = 0; i <= std::size(expected); ++i) {
-    AllocFault fault(static_cast<int>(i) + 1);
-    const Captured captured(Captured::kHeap, "%s%d%d%d%ls", "a", 2, 3, 4, L"e");
-    EXPECT_EQ(i < std::size(expected) ? expected[i] : "", captured.error);
+  const char *const format = "%s%d%d%d%ls";
+  const auto capture = [=](size_t size) { return Captured(size, format, "a", 2, 3, 4, L"e"); };
+  const size_t needed = capture(1000).used;
+  EXPECT_EQ("a234e", capture(needed).Print(format));
+  for (size_t size = 1; size < needed; ++size) EXPECT_EQ(nullptr, capture(size).args) << size;
+  string errors;
+  for (int nth = 1; nth <= 5; ++nth) {
+    AllocFault fault(nth);
+    errors += capture(Captured::kHeap).error + "\n";
   }
+  EXPECT_EQ(
+      "MsgFmtGetArg1: out of memory at arg 1\nMsgFmtGetArg1: out of memory at arg 5\n"
+      "MsgFmt_GetArgs: out of memory\nMsgFmt_GetArgs: out of memory\n\n",
+      errors);
   EXPECT_EQ("Panic: VERIFY lib/misc/msgfmt:1580\n", FatalText([] {
               AllocFault fault(1);
               Captured(Captured::kHeap, "%");
@@ -197,16 +169,10 @@ TEST(MsgFmt, ExhaustedMemory) {
 }
 
 TEST(MsgFmt, PrintsOnlyWhatWasCaptured) {
-  const Captured captured(Captured::kHeap, "%d %s %f %lld", 7, "text", .5, 8LL);
-  EXPECT_EQ("8 0.5 text 7 %", captured.Print("%4$zd %3$g %2$s %1$x %%"));
-  const char *const format = "<%s> <%s> <%.20s>";
-  EXPECT_EQ("<inner: %d> <@&!*@*@(msg.a> <012345>",
-            Captured(Captured::kHeap, format, "@&!*@*@(msg.a)inner: %d", "@&!*@*@(msg.a",
-                     "@&!*@*@(msg.a)0123456789")
-                .Print(format));
-  for (const char *const wrong :
-       {"%s", "%ld", "%1$s", "%2$d", "%2$ls", "%2$p", "%3$Lf", "%3$d", "%4$g", "%4$c", "%5$d",
-        "%*2$d", "%1$.*4$d", "%d%s%f%lld%d", "%1$n", "%4$n", "%y", "%1$d %"}) {
+  const Captured captured(Captured::kHeap, "%d %s %f %lld", 7, "@&!*@*@(msg.a)inner: %d", .5, 8LL);
+  EXPECT_EQ("8 0.5 inne 7 %", captured.Print("%4$zd %3$g %2$.4s %1$x %%"));
+  for (const char *const wrong : {"%s", "%ld", "%1$s", "%2$d", "%2$ls", "%2$p", "%3$Lf", "%4$g",
+                                  "%5$d", "%*2$d", "%1$.*4$d", "%4$n", "%y", "%1$d %"}) {
     errno = 0;
     EXPECT_EQ(kPeerFailed, captured.Print(wrong)) << wrong;
     EXPECT_EQ(EINVAL, errno);
