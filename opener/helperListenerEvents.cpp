@@ -1,6 +1,6 @@
 // helperListenerEvents.cpp -- events of the listener and of its peers: one record each, but for
 // messages.
-// Tests: tests/unit/helperListenerEvents_test.cpp
+// Tests: tests/unit/helperListener_test.cpp
 
 #include "opener/helperListenerEvents.h"
 

@@ -1,24 +1,112 @@
-// helperListener_test.cpp -- the listener, its peers, and every reference to their Blocks.
+// helperListener_test.cpp -- what the helper listener makes of each event; and, where the compiler has
+// Blocks, several peers at a time and every reference to the Blocks.
 
-#include "opener/helperListener.h"
+#include <gtest/gtest.h>
+#include <libproc.h>
 
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "opener/helperListenerEvents.h"
+#include "tests/support/capture.h"
+
+// ---- a stand-in for XPC, as far as events go ---------------------------------------------------
+
+struct _xpc_type_s {
+  int unused;
+};
+const _xpc_type_s _xpc_type_connection{}, _xpc_type_error{}, _xpc_type_dictionary{};
+
+struct XpcObject {
+  xpc_type_t type;
+  const char *description = nullptr;  // an error's
+  pid_t pid = 0;                      // a connection's, like all below
+  const void *handler = nullptr;      // a Block
+  bool resumed = false;
+};
+
+XpcObject _xpc_error_connection_invalid{XPC_TYPE_ERROR, "Connection invalid"};
+
+xpc_type_t xpc_get_type(xpc_object_t object) {
+  return static_cast<XpcObject *>(object)->type;
+}
+
+const char *xpc_dictionary_get_string(xpc_object_t dictionary, const char *key) {
+  EXPECT_STREQ(XPC_ERROR_KEY_DESCRIPTION, key);
+  return static_cast<XpcObject *>(dictionary)->description;
+}
+
+pid_t xpc_connection_get_pid(xpc_connection_t connection) {
+  EXPECT_EQ(XPC_TYPE_CONNECTION, connection->type);
+  return connection->pid;
+}
+
+// Process 321 has exited.
+int proc_pidpath(int pid, void *buffer, uint32_t size) {
+  EXPECT_EQ(4096U, size);  // what macOS takes at most
+  memset(buffer, '?', size);
+  return pid == 321 ? 0 : snprintf(static_cast<char *>(buffer), size, "/bin/%d", pid);
+}
+
+namespace {
+
+XpcObject interrupted{XPC_TYPE_ERROR, "Connection interrupted"};
+XpcObject message{XPC_TYPE_DICTIONARY};
+XpcObject number{nullptr};  // a type that nobody expects
+
+TEST(HelperListenerEvents, ConnectionsAreAdmittedAndDictionariesAreMessages) {
+  XpcObject connection{XPC_TYPE_CONNECTION, nullptr, 7};
+  XpcObject exited{XPC_TYPE_CONNECTION, nullptr, 321};
+  const std::string unexpected = "Warning:    42: Connection received unexpected event type.\n";
+  const struct {
+    XpcObject *event;
+    std::string atListener, atPeer;
+  } rows[] = {
+      {XPC_ERROR_CONNECTION_INVALID,
+       "Warning: Listener received unexpected XPC Error: Connection invalid\n",
+       "   42: Connection closed by client.\n"},
+      {&interrupted, "Warning: Listener received unexpected XPC Error: Connection interrupted\n",
+       "Warning:    42: Connection received unexpected XPC Error: Connection interrupted\n"},
+      {&message, "Warning: Listener received unexpected event type.\n", ""},
+      {&number, "Warning: Listener received unexpected event type.\n", unexpected},
+      {&connection, "    7: Received connection from /bin/7\n", unexpected},
+      {&exited, "  321: Received connection from unknown process\n", unexpected},
+  };
+  for (const auto &row : rows) {
+    std::optional<HelperPeer> peer;
+    EXPECT_EQ(row.atListener,
+              WithoutStamps(CaptureOutput([&] { peer = HelperListenerAdmit(row.event); })));
+    ASSERT_EQ(row.event->type == XPC_TYPE_CONNECTION, peer.has_value()) << row.atListener;
+    EXPECT_TRUE(!peer || (peer->connection == row.event && peer->pid == row.event->pid));
+    EXPECT_EQ(row.atPeer, WithoutStamps(CaptureOutput([&] {
+                EXPECT_EQ(row.event == &message, HelperListenerIsMessage(row.event, 42));
+              })));
+  }
+}
+
+}  // namespace
+
+#ifndef __BLOCKS__
+TEST(HelperListener, ServesPeersAndGivesUpEveryReference) {
+  GTEST_SKIP() << "this compiler has no Blocks";
+}
+#else
 #include <Block.h>
 #include <dispatch/dispatch.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <atomic>
 #include <memory>
-#include <string>
 #include <thread>
+#include <vector>
 
-#include "tests/support/capture.h"
-#include "tests/support/darwin/xpc.h"
+#include "opener/helperListener.h"
 
 namespace {
 
 XpcObject listener;
-XpcObject message{XPC_TYPE_DICTIONARY};
 
 void Deliver(const XpcObject &connection, xpc_object_t event) {
   ASSERT_TRUE(connection.resumed);
@@ -54,7 +142,7 @@ void dispatch_main() {
 
 namespace {
 
-using Tally = std::shared_ptr<std::atomic<int>>;  // its owners are those who hold the handler
+using Tally = std::shared_ptr<std::atomic<int> >;  // its owners are those who hold the handler
 
 [[noreturn]] void Serve(const Tally &borrowed) {
   const Tally tally = borrowed;
@@ -64,30 +152,41 @@ using Tally = std::shared_ptr<std::atomic<int>>;  // its owners are those who ho
 }
 
 TEST(HelperListener, ServesPeersAndGivesUpEveryReference) {
-  const Tally tally = std::make_shared<std::atomic<int>>(0);
-  XpcObject peers[] = {{XPC_TYPE_CONNECTION, nullptr, 1001}, {XPC_TYPE_CONNECTION, nullptr, 1002}};
+  const Tally tally = std::make_shared<std::atomic<int> >(0);
+  XpcObject peers[] = {{XPC_TYPE_CONNECTION, nullptr, 1001},
+                       {XPC_TYPE_CONNECTION, nullptr, 123456}};
   const std::string records = WithoutStamps(CaptureOutput([&] {
     std::thread([&] { Serve(tally); }).join();
     // The listener's copy has it; the caller's Block has gone with its stack.
     EXPECT_EQ(2, tally.use_count());
+    Deliver(listener, &interrupted);
     for (XpcObject &peer : peers) Deliver(listener, &peer);
     // Peers go on without the listener: each holds the handler by itself.
     Block_release(listener.handler);
-    for (XpcObject &peer : peers) {
-      Deliver(peer, &message);
+    EXPECT_EQ(2, tally.use_count());
+    std::vector<std::thread> clients;
+    for (const XpcObject &peer : peers) {
+      clients.emplace_back([&peer] {
+        for (int i = 0; i < 100; i++) Deliver(peer, &message);
+      });
+    }
+    for (std::thread &client : clients) client.join();
+    for (const XpcObject &peer : peers) {
       Deliver(peer, XPC_ERROR_CONNECTION_INVALID);
       Block_release(peer.handler);
     }
   }));
-  EXPECT_EQ(2, *tally);
+  EXPECT_EQ(200, *tally);
   EXPECT_EQ(1, tally.use_count());
   EXPECT_EQ(
       "Starting service: com.zephrin.helper\n"
+      "Warning: Listener received unexpected XPC Error: Connection interrupted\n"
       " 1001: Received connection from /bin/1001\n"
-      " 1002: Received connection from /bin/1002\n"
+      "123456: Received connection from /bin/123456\n"
       " 1001: Connection closed by client.\n"
-      " 1002: Connection closed by client.\n",
+      "123456: Connection closed by client.\n",
       records);
 }
 
 }  // namespace
+#endif

@@ -6,19 +6,19 @@
 #include <string>
 
 #include "platform/unicodeNormalize.h"
-#include "tests/support/darwin/coreFoundation.h"
+#include "tests/support/darwin/frameworks.h"
 
 namespace {
 
 TEST(NormalizeDarwin, LeaksNothingWhateverFails) {
   constexpr int kCalls = 4;
   for (int nth = 1; nth <= kCalls + 1; nth++) {
-    CoreFoundation_FailCall(nth);
+    frameworks = {.callsToFailure = nth};
     const HeapStr result = Platform_NormalizeUnicode("e\xCC\x81", true);
     EXPECT_EQ(nth > kCalls ? "\xC3\xA9" : "", std::string(result == nullptr ? "" : result.get()));
-    EXPECT_EQ(0, CoreFoundation_LiveObjects());
+    EXPECT_EQ(0, frameworks.liveObjects);
   }
-  CoreFoundation_FailCall(0);
+  frameworks = {};
 }
 
 }  // namespace

@@ -1,3 +1,3 @@
-/* Security.h -- the declarations that the cross-build uses; security.cpp stands in for the
+/* Security.h -- the declarations that the cross-build uses; frameworks.cpp stands in for the
  * framework. */
 #include "cross/darwin/stubs/System/Library/Frameworks/Security.framework/Headers/Security.h"

@@ -1,0 +1,150 @@
+// frameworks.cpp -- a stand-in for CoreFoundation and Security, as far as darwin code uses them.
+//
+// Every object is a counted text.  Texts are normalised by the other host's code.
+
+#include "tests/support/darwin/frameworks.h"
+
+#include <Security/Security.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <utility>
+
+#include "heap.h"
+
+// platform/linux/unicodeNormalize.cpp by another name: null for what is not UTF-8.
+HeapStr LinuxNormalizeUnicode(const char *string, bool precomposed);
+
+struct FrameworkObject {
+  std::string text;
+
+  explicit FrameworkObject(std::string utf8 = "") : text(std::move(utf8)) {
+    frameworks.liveObjects++;
+  }
+  FrameworkObject(const FrameworkObject &) = delete;
+  FrameworkObject &operator=(const FrameworkObject &) = delete;
+  virtual ~FrameworkObject() { frameworks.liveObjects--; }
+};
+struct __CFString : FrameworkObject {
+  using FrameworkObject::FrameworkObject;
+};
+struct __CFURL : FrameworkObject {};
+struct __CFBundle : FrameworkObject {
+  __CFString identifier{kFrameworksBundle};
+};
+struct __SecCode : FrameworkObject {};
+struct __SecRequirement : FrameworkObject {};
+
+namespace {
+
+bool CallFails() {
+  return frameworks.callsToFailure > 0 && --frameworks.callsToFailure == 0;
+}
+
+// Creating a code object or a requirement has three ways to fail: with an error, with an error and
+// an object, without either.
+template <typename Object, typename Ref>
+OSStatus Create(Ref *object, OSStatus error) {
+  if (CallFails()) return error;
+  const bool odd = CallFails();
+  *object = CallFails() ? nullptr : new Object;
+  return odd ? error : OSStatus{errSecSuccess};
+}
+
+void Note(const std::string &call, SecCSFlags flags) {
+  frameworks.securityCalls += call + " " + std::to_string(flags) + "\n";
+}
+
+}  // namespace
+
+// ---- CoreFoundation ----------------------------------------------------------------------------
+
+void CFRelease(CFTypeRef object) {
+  delete static_cast<const FrameworkObject *>(object);
+}
+
+CFStringRef CoreFoundation_Constant(const char *text) {
+  static std::map<std::string, __CFString> constants;
+  const auto [constant, isNew] = constants.try_emplace(text, text);
+  if (isNew) frameworks.liveObjects--;  // it is never released
+  return &constant->second;
+}
+
+CFStringRef CFStringCreateWithCString(CFAllocatorRef, const char *bytes, CFStringEncoding) {
+  return CallFails() || LinuxNormalizeUnicode(bytes, true) == nullptr ? nullptr
+                                                                      : new __CFString(bytes);
+}
+
+CFStringRef CFStringCreateWithFormat(CFAllocatorRef, CFDictionaryRef, CFStringRef format, ...) {
+  if (CallFails()) return nullptr;
+  char text[1024];
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(text, sizeof text, format->text.c_str(), arguments);
+  va_end(arguments);
+  return new __CFString(text);
+}
+
+CFMutableStringRef CFStringCreateMutableCopy(CFAllocatorRef, CFIndex, CFStringRef string) {
+  return CallFails() ? nullptr : new __CFString(string->text);
+}
+
+void CFStringNormalize(CFMutableStringRef string, CFStringNormalizationForm form) {
+  string->text =
+      LinuxNormalizeUnicode(string->text.c_str(), form == kCFStringNormalizationFormC).get();
+}
+
+// In UTF-16: one unit for each lead byte, and another for each of four bytes.
+CFIndex CFStringGetLength(CFStringRef string) {
+  return std::ranges::count_if(string->text, [](char c) { return (c & 0xC0) != 0x80; }) +
+         std::ranges::count_if(string->text, [](char c) { return (c & 0xF8) == 0xF0; });
+}
+
+CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) {
+  return CallFails() ? CFIndex{kCFNotFound} : 3 * length;
+}
+
+Boolean CFStringGetCString(CFStringRef string, char *buffer, CFIndex size, CFStringEncoding) {
+  if (CallFails() || std::ssize(string->text) >= size) return false;
+  buffer[string->text.copy(buffer, std::string::npos)] = '\0';
+  return true;
+}
+
+const char *CFStringGetCStringPtr(CFStringRef, CFStringEncoding) {
+  return frameworks.direct;
+}
+
+CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef, CFURLPathStyle style,
+                                       Boolean isDirectory) {
+  const bool asMeant = style == kCFURLPOSIXPathStyle && !isDirectory;
+  return CallFails() || !asMeant ? nullptr : new __CFURL;
+}
+
+CFBundleRef CFBundleCreate(CFAllocatorRef, CFURLRef) {
+  return CallFails() ? nullptr : new __CFBundle;
+}
+
+CFStringRef CFBundleGetIdentifier(CFBundleRef bundle) {
+  return CallFails() ? nullptr : &bundle->identifier;
+}
+
+// ---- Security ----------------------------------------------------------------------------------
+
+OSStatus SecStaticCodeCreateWithPath(CFURLRef, SecCSFlags flags, SecStaticCodeRef *code) {
+  Note("code", flags);
+  return Create<__SecCode>(code, errSecCSStaticCodeNotFound);
+}
+
+OSStatus SecRequirementCreateWithString(CFStringRef text, SecCSFlags flags,
+                                        SecRequirementRef *requirement) {
+  Note("requirement " + text->text, flags);
+  return Create<__SecRequirement>(requirement, errSecCSReqInvalid);
+}
+
+OSStatus SecStaticCodeCheckValidity(SecStaticCodeRef code, SecCSFlags flags,
+                                    SecRequirementRef requirement) {
+  Note(code != nullptr && requirement != nullptr ? "check" : "check nothing", flags);
+  return CallFails() ? errSecCSReqFailed : errSecSuccess;
+}
