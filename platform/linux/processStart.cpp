@@ -4,7 +4,7 @@
 //         of the machine in wall time ("btime") is no identity: that moves whenever the clock is
 //         set, and a live process would look like another one.  The sum with a number made of the
 //         machine's boot id stays, and is another one after a restart.
-// Tests:  tests/unit/processStart_test.cpp
+// Tests:  tests/unit/fileLock_test.cpp
 
 #include "platform/processStart.h"
 

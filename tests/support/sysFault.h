@@ -24,10 +24,10 @@ class SysFault {
       const std::string &call, int nth, int error, std::function<void()> before = [] {});
   SysFault(const SysFault &) = delete;
   SysFault &operator=(const SysFault &) = delete;
-  ~SysFault();
+  ~SysFault() { Disarm(); }
 
   // Whether there were that many.
-  bool Fired() const;
+  bool Fired() const { return !Call().empty(); }
   // The name of the call that failed; empty before.
   std::string Call() const;
   // No more faults from here.
