@@ -4,11 +4,10 @@
 //
 //   handoff_bench [RUNS]
 //
-// Runs inside lumen-sandbox, which it starts itself.  The programs compared are both set-user-ID
+// Runs inside the sandbox, which it starts itself.  The programs compared are both set-user-ID
 // root, run by the same user, in turns.
 
 #include <fcntl.h>
-#include <grp.h>
 #include <spawn.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
@@ -33,13 +32,6 @@ constexpr rlim_t kSmallLimit = 1024;
 constexpr rlim_t kLargeLimit = 1'000'000;
 constexpr int kDescriptor = 7;
 const std::string kMinimalPath = kBundleLibrary + "/minimalHandoff";
-
-void BecomeUser() {
-  if (setgroups(0, nullptr) != 0 || setresgid(kUser, kUser, kUser) != 0 ||
-      setresuid(kUser, kUser, kUser) != 0) {
-    Die("setresuid");
-  }
-}
 
 std::vector<char *> Arguments(const std::string &program) {
   static std::string number = std::to_string(kDescriptor);
@@ -82,7 +74,7 @@ long PeakMemoryOf(const std::string &program) {
   if (pid == 0) {
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     raise(SIGSTOP);
-    BecomeUser();
+    BecomeUser(kUser);
     dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
     execv(program.c_str(), Arguments(program).data());
     _exit(127);
@@ -114,7 +106,7 @@ auto AsUser(rlim_t limit, F measure) {
   if (pid == 0) {
     const rlimit both = {limit, limit};
     if (limit != 0 && setrlimit(RLIMIT_NOFILE, &both) != 0) Die("setrlimit");
-    BecomeUser();
+    BecomeUser(kUser);
     result = measure();
     _exit(write(pipe.write.Get(), &result, sizeof result) == sizeof result ? 0 : 1);
   }
@@ -181,8 +173,7 @@ int main(int argc, char *argv[]) {
   EnterSandbox(argv, LUMEN_SUPPORT);
   const int runs = argc > 1 ? std::max(1, atoi(argv[1])) : 2000;
   InstallBundle();
-  setenv("LUMEN_MINIMAL", (BuildFolder() / "bench/peers/minimalHandoff").c_str(), 1);
-  InstallProgram("LUMEN_MINIMAL", kMinimalPath, 04755);
+  Shell(R"(install -m 4755 "$LUMEN_BUILD/bench/peers/minimalHandoff" .)");
 
   const int null = open("/dev/null", O_RDWR);
   if (dup2(null, kDescriptor) < 0) Die("/dev/null");

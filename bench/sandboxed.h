@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/sandboxRoot.h"
+#include "tests/support/product.h"
 
 [[noreturn]] inline void Die(const char *what) {
   perror(what);
@@ -21,13 +21,13 @@ inline std::filesystem::path BuildFolder() {
   return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
 }
 
-// Starts the program over inside lumen-sandbox unless it is there already, with what product.h asks
+// Starts the program over inside the sandbox unless it is there already, with what product.h asks
 // for in its environment.
 inline void EnterSandbox(char *argv[], const char *supportFolder) {
   setenv("LUMEN_BUILD", BuildFolder().c_str(), 1);
   setenv("LUMEN_SUPPORT", supportFolder, 1);
   if (access(kSandboxMark, F_OK) == 0) return;
-  const std::string sandbox = BuildFolder() / "tests/support/lumen-sandbox";
+  const std::string sandbox = std::string(supportFolder) + "/sandbox";
   std::vector<char *> words = {const_cast<char *>(sandbox.c_str())};
   for (; *argv != nullptr; argv++) words.push_back(*argv);
   words.push_back(nullptr);

@@ -7,7 +7,7 @@
 //
 //   staging_bench [RUNS]
 //
-// Runs inside lumen-sandbox, which it starts itself.  The two take turns.
+// Runs inside the sandbox, which it starts itself.  The two take turns.
 
 #include <chrono>
 #include <fstream>
@@ -43,9 +43,8 @@ void MakeRealistic() {
     std::ofstream{path};
     Enlarge(path, size_t{16} << 10);
   }
-  Sign(kBundleDaemon, fs::path(kBundleDaemon).filename());
-  Sign(kBundleLibrary + "/zephrin-usbarbitrator", "zephrin-usbarbitrator");
-  Sign(kKext, "com.zephrin.kext.zioplug");
+  Shell(R"(sign "$daemon" "$daemon"; sign zephrin-usbarbitrator zephrin-usbarbitrator
+           sign com.zephrin.kext.zioplug kexts/zioplug.kext)");
 }
 
 // Milliseconds.
@@ -68,10 +67,9 @@ int main(int argc, char *argv[]) {
   MakeRealistic();
   const Launch peer = {.argv = {"/bin/sh", "-ec", kPeer, kBundleLibrary},
                        .env = {"PATH=/usr/bin:/bin"}};
-  const Fd file = FileWith("");
   std::vector<double> starts, peers;
   for (int i = 0; i < runs; i++) {
-    starts.push_back(TimeOf(OpenerLaunch(file.Get())));
+    starts.push_back(TimeOf(OpenerLaunch(FileWith(""))));
     StopServices();
     peers.push_back(TimeOf(peer));
   }

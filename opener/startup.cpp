@@ -1,5 +1,5 @@
 // startup.cpp -- the environment scrub and the ownership check.
-// Tests: tests/system/refusals_test.cpp
+// Tests: tests/system/caller_test.cpp, staging_test.cpp
 
 #include "opener/startup.h"
 

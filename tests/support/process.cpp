@@ -15,10 +15,12 @@
 #include <filesystem>
 #include <system_error>
 
+#include "tests/support/scratchDir.h"
+
 namespace {
 
-[[noreturn]] void Fail(const char *call) {
-  throw std::system_error(errno, std::generic_category(), call);
+void Check(bool ok, const char *call) {
+  if (!ok) throw std::system_error(errno, std::generic_category(), call);
 }
 
 std::vector<char *> Pointers(const std::vector<std::string> &words) {
@@ -28,47 +30,33 @@ std::vector<char *> Pointers(const std::vector<std::string> &words) {
   return pointers;
 }
 
-[[noreturn]] void Become(const Launch &launch, int output) {
-  dup2(output, STDOUT_FILENO);
-  dup2(output, STDERR_FILENO);
-  if (launch.user != 0 &&
-      (setgroups(0, nullptr) != 0 || setresgid(launch.user, launch.user, launch.user) != 0 ||
-       setresuid(launch.user, launch.user, launch.user) != 0)) {
-    _exit(126);
-  }
+[[noreturn]] void Become(const Launch &launch, const Fd &output) {
+  dup2(output.Get(), STDOUT_FILENO);
+  dup2(output.Get(), STDERR_FILENO);
+  if (launch.user != 0) BecomeUser(launch.user);
   launch.adjust();
-  const auto argv = Pointers(launch.argv);
-  const auto env = Pointers(launch.env);
-  execve(argv[0], argv.data(), env.data());
+  execve(launch.argv[0].c_str(), Pointers(launch.argv).data(), Pointers(launch.env).data());
   _exit(127);
 }
 
 }  // namespace
 
 // The order of writes to standard output and error is kept by their sharing one open file.
-Process::Process(const Launch &launch) : output_(memfd_create("output", MFD_CLOEXEC)) {
-  if (!output_) Fail("memfd_create");
+Process::Process(const Launch &launch) : output_(FileWith("")) {
   fflush(nullptr);
   pid_ = fork();
-  if (pid_ < 0) Fail("fork");
-  if (pid_ == 0) Become(launch, output_.Get());
+  Check(pid_ >= 0, "fork");
+  if (pid_ == 0) Become(launch, output_);
 }
 
 Process::~Process() {
   if (pid_ < 0) return;
   Signal(SIGKILL);
-  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-  }
+  Wait();
 }
 
 std::string Process::Output() const {
-  std::string text;
-  char piece[4096];
-  for (ssize_t got;
-       (got = pread(output_.Get(), piece, sizeof piece, static_cast<off_t>(text.size()))) > 0;) {
-    text.append(piece, static_cast<size_t>(got));
-  }
-  return text;
+  return ContentOf(output_);
 }
 
 bool Process::Running() const {
@@ -79,7 +67,7 @@ bool Process::Running() const {
 }
 
 void Process::Signal(int signal) const {
-  if (kill(pid_, signal) != 0) Fail("kill");
+  Check(kill(pid_, signal) == 0, "kill");
 }
 
 int Process::Wait() {
@@ -88,11 +76,16 @@ int Process::Wait() {
     Signal(SIGKILL);
   }
   int status = 0;
-  while (waitpid(pid_, &status, 0) < 0) {
-    if (errno != EINTR) Fail("waitpid");
-  }
+  while (waitpid(pid_, &status, 0) < 0) Check(errno == EINTR, "waitpid");
   pid_ = -1;
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+void BecomeUser(uid_t user) {
+  if (setgroups(0, nullptr) != 0 || setresgid(user, user, user) != 0 ||
+      setresuid(user, user, user) != 0) {
+    _exit(126);
+  }
 }
 
 bool Eventually(const std::function<bool()> &condition) {
@@ -107,7 +100,7 @@ bool Eventually(const std::function<bool()> &condition) {
 
 Pipe::Pipe() {
   int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) Fail("pipe2");
+  Check(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
   read.Reset(ends[0]);
   write.Reset(ends[1]);
 }
@@ -119,10 +112,10 @@ size_t OpenDescriptors() {
 
 Fd FileWith(const std::string &content) {
   Fd file(memfd_create("content", MFD_CLOEXEC));
-  if (!file ||
-      write(file.Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
-      lseek(file.Get(), 0, SEEK_SET) != 0) {
-    Fail("memfd_create");
-  }
+  Check(pwrite(file.Get(), content.data(), content.size(), 0) >= 0, "memfd_create");
   return file;
+}
+
+std::string ContentOf(const Fd &fd) {
+  return ReadFile("/proc/self/fd/" + std::to_string(fd.Get()));
 }

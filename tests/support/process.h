@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "fd.h"
@@ -21,18 +20,17 @@ struct Launch {
 
 class Process {
   Fd output_;
-  pid_t pid_ = -1;  // -1 once it has been waited for
+  pid_t pid_;  // -1 once it has been waited for
 
  public:
   static constexpr int kTimeoutMs = 30'000;
 
   explicit Process(const Launch &launch);
-  Process(Process &&other) noexcept
-      : output_(std::move(other.output_)), pid_(std::exchange(other.pid_, -1)) {}
+  Process(const Process &) = delete;
+  Process &operator=(const Process &) = delete;
   // A process that still runs is killed.
   ~Process();
 
-  pid_t Pid() const { return pid_; }
   // Standard output and standard error so far.
   std::string Output() const;
   bool Running() const;
@@ -41,6 +39,9 @@ class Process {
   // end within kTimeoutMs is a failure of the test, and killed.
   int Wait();
 };
+
+// Makes this process the user's for good, without other groups.
+void BecomeUser(uid_t user);
 
 // Waits until `condition` holds, looking again and again; false when it never does within
 // Process::kTimeoutMs.
@@ -58,3 +59,6 @@ size_t OpenDescriptors();
 
 // A file without a name that holds `content`, at its beginning.
 Fd FileWith(const std::string &content);
+
+// What is in the file that is open as `fd`, from its first byte.
+std::string ContentOf(const Fd &fd);

@@ -4,56 +4,50 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cinttypes>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
+#include <memory>
 #include <ostream>
 #include <regex>
 
 #include "tests/support/capture.h"
-#include "tests/support/sandboxRoot.h"
 #include "tests/support/scratchDir.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// Outside of what tests take for the product.
-const std::string kAuthority = "/run/authority";
+constexpr char kPrelude[] = R"sh(
+  set -e
+  app='/Applications/Zephrin Lumen Client.app'
+  daemon='Zephrin Lumen Client Services'
+  root='/Library/Application Support/Zephrin/Zephrin Calder Lumen'
+  anchors=/etc/zephrin/code-signing-anchors.pem
+  authority=/run/authority # outside of what tests take for the product
+  sign() {
+    "$LUMEN_BUILD/tools/codeseal" sign --key "$authority/${3-valid}.key" \
+      --cert "$authority/${3-valid}.pem" --identifier "$1" "$2"
+  }
+  mkdir -p "$app/Contents/Library"
+  cd "$app/Contents/Library"
+)sh";
 
-std::string Given(const char *variable) {
-  const char *const value = getenv(variable);
-  EXPECT_NE(nullptr, value) << variable << " is not set";
-  return value == nullptr ? "" : value;
-}
-
-void RunTool(const std::vector<std::string> &command) {
-  Launch launch;
-  launch.argv = command;
-  launch.env = {"PATH=/usr/bin:/bin"};
-  Process process(launch);
-  EXPECT_EQ(0, process.Wait()) << command[0] << ": " << process.Output();
-}
-
-// The bundle to copy, and an authority; both are made once.
-void MakeTemplate() {
-  if (fs::exists(kTemplate)) return;
-  const std::string support = Given("LUMEN_SUPPORT") + "/";
-  RunTool({support + "makeAuthority", kAuthority});
-  RunTool({support + "makeBundle", Given("LUMEN_BUILD"), kAuthority, kTemplate});
-}
-
-void TrustAuthority() {
-  fs::remove(kAnchors);
-  fs::copy_file(kAuthority + "/root.pem", kAnchors);
-  ASSERT_EQ(0, chmod(kAnchors.c_str(), 0644));
-}
+// The authority and the bundle to copy are made once.
+constexpr char kInstall[] = R"sh(
+  if ! test -d /run/bundle; then
+    "$LUMEN_SUPPORT/makeAuthority" "$authority"
+    "$LUMEN_SUPPORT/makeBundle" "$LUMEN_BUILD" "$authority" /run/bundle
+  fi
+  rm -f "$anchors"
+  install -m 644 "$authority/root.pem" "$anchors"
+  mkdir -p "${root%/*}"
+  rm -rf "$app"
+  cp -a /run/bundle "$app"
+)sh";
 
 }  // namespace
 
@@ -62,32 +56,16 @@ int Rounds() {
   return rounds == nullptr ? 1 : std::max(1, atoi(rounds));
 }
 
+void Shell(const std::string &commands) {
+  EXPECT_EQ(0, system((kPrelude + commands).c_str())) << commands;
+}
+
 void InstallBundle() {
-  MakeTemplate();
-  TrustAuthority();
-  fs::create_directories(fs::path(kInstallRoot).parent_path());
-  fs::remove_all(kBundle);
-  RunTool({"/bin/cp", "-a", kTemplate, kBundle});
+  Shell(kInstall);
 }
 
-void InstallProgram(const char *which, const std::string &path, mode_t mode) {
-  const std::string source = Given(which);
-  fs::create_directories(fs::path(path).parent_path());
-  fs::remove(path);
-  fs::copy_file(source, path);
-  ASSERT_EQ(0, chown(path.c_str(), 0, 0));
-  ASSERT_EQ(0, chmod(path.c_str(), mode));
-}
-
-void Sign(const std::string &path, const std::string &identifier, const std::string &signer) {
-  const std::string key = kAuthority + "/" + signer;
-  RunTool({Given("LUMEN_BUILD") + "/tools/codeseal", "sign", "--key", key + ".key", "--cert",
-           key + ".pem", "--identifier", identifier, path});
-}
-
-void InstallDaemon(const char *which) {
-  InstallProgram(which, kBundleDaemon);
-  Sign(kBundleDaemon, kBundleDaemon.substr(kBundleLibrary.size() + 1));
+void InstallProbe() {
+  Shell(R"(install "$LUMEN_PROBE" "$daemon"; sign "$daemon" "$daemon")");
 }
 
 std::vector<pid_t> Services() {
@@ -133,20 +111,19 @@ size_t Count(const std::string &text, const std::string &part) {
   return count;
 }
 
-Launch OpenerLaunch(int fd, int number) {
-  Launch launch;
-  launch.argv = {kOpenerPath};
-  launch.user = kUser;
+Launch OpenerLaunch(Fd file, const std::function<void()> &adjust, int number) {
   // The leak checker of a sanitizer build attaches to its own process, which a set-user-ID program
   // may not do.
-  launch.env = {"ASAN_OPTIONS=detect_leaks=0"};
-  if (fd >= 0) {
-    launch.argv.push_back(std::to_string(number));
-    launch.adjust = [fd, number] {
-      dup2(fd, number);
+  Launch launch = {{kOpenerPath}, kUser, {"ASAN_OPTIONS=detect_leaks=0"}};
+  if (file) launch.argv.push_back(std::to_string(number));
+  const auto shared = std::make_shared<Fd>(std::move(file));
+  launch.adjust = [=] {
+    if (*shared) {
+      dup2(shared->Get(), number);
       fcntl(number, F_SETFD, 0);  // which dup2 has not done if the two are one
-    };
-  }
+    }
+    adjust();
+  };
   return launch;
 }
 
@@ -167,7 +144,7 @@ std::ostream &operator<<(std::ostream &out, const Outcome &outcome) {
 }
 
 void ProductTest::SetUp() {
-  ASSERT_EQ(0, access(kSandboxMark, F_OK)) << "run this program through lumen-sandbox";
+  ASSERT_EQ(0, access(kSandboxMark, F_OK)) << "run this program through tests/support/sandbox";
   Reset();
 }
 
@@ -177,8 +154,6 @@ void ProductTest::TearDown() {
 
 void ProductTest::Reset() {
   StopServices();
-  for (const std::string &path : {kSocketPath, kLockPath, kServiceLogPath, kProbeReport})
-    fs::remove(path);
-  fs::remove_all(kInstallRoot);
+  Shell(R"(rm -rf /var/run/Zephrin* /var/run/probe.report "$root")");
   InstallBundle();
 }

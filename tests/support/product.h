@@ -1,7 +1,7 @@
 // product.h -- the product installed in a sandbox, ready to run.
 //
-// CTest tells where the build has put the programs: LUMEN_OPENER, LUMEN_SERVICE, LUMEN_PROBE; and the
-// build folder, LUMEN_BUILD, and the folder of makeAuthority and makeBundle, LUMEN_SUPPORT.
+// CTest gives in the environment the probe's path, LUMEN_PROBE, the build folder, LUMEN_BUILD, and the
+// folder of makeAuthority and makeBundle, LUMEN_SUPPORT.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,40 +12,37 @@
 
 #include "tests/support/process.h"
 
+inline constexpr char kSandboxMark[] = "/.lumen-sandbox";
 inline const std::string kSocketPath = "/var/run/Zephrin Lumen Client Services.sock";
 inline const std::string kLockPath = "/var/run/Zephrin Lumen Client Services.lock";
 inline const std::string kServiceLogPath = "/var/run/Zephrin Lumen Client Services.log";
 inline const std::string kBundle = "/Applications/Zephrin Lumen Client.app";
 inline const std::string kBundleLibrary = kBundle + "/Contents/Library";
 inline const std::string kOpenerPath = kBundleLibrary + "/lumenClient-opener";
-inline const std::string kBundleDaemon = kBundleLibrary + "/Zephrin Lumen Client Services";
+inline const std::string kDaemonName = "Zephrin Lumen Client Services";
+inline const std::string kBundleDaemon = kBundleLibrary + "/" + kDaemonName;
 // Where the bundle is copied from for each test.
 inline const std::string kTemplate = "/run/bundle";
 inline const std::string kInstallRoot = "/Library/Application Support/Zephrin/Zephrin Calder Lumen";
 inline const std::string kStaged = kInstallRoot + "/Services";
-inline const std::string kStagedDaemon =
-    kStaged + "/Contents/Library/Zephrin Lumen Client Services";
-inline const std::string kAnchors = "/etc/zephrin/code-signing-anchors.pem";
+inline const std::string kStagedDaemon = kStaged + "/Contents/Library/" + kDaemonName;
 inline const std::string kProbeReport = "/var/run/probe.report";  // of tests/system/probeDaemon.cpp
 inline constexpr uid_t kUser = 12345;
 
 // How often to repeat what chance decides: LUMEN_ROUNDS, or 1.
 int Rounds();
 
-// Copies the program that the build has put at the place which the environment variable `which`
-// names to `path`, with its folders; root's.
-void InstallProgram(const char *which, const std::string &path, mode_t mode = 0755);
-
-// Signs an item of the bundle, in the name of a signer of makeAuthority.
-void Sign(const std::string &path, const std::string &identifier,
-          const std::string &signer = "valid");
+// Runs shell commands as root in the folder of the bundle's daemon.  They may use
+//   sign IDENTIFIER PATH [SIGNER]   signs an item, in the name of a signer of makeAuthority
+//   $daemon, $root, $anchors        kDaemonName; the install root; the file of trusted anchors
+void Shell(const std::string &commands);
 
 // As the installer does: the bundle in its place, as it was made, the folder that the install root is
 // made in, and this machine's trust in the signer.
 void InstallBundle();
 
-// Makes the program that `which` names the bundle's daemon, signed.
-void InstallDaemon(const char *which);
+// Makes the probe the bundle's daemon, signed.
+void InstallProbe();
 
 // The processes of the staged daemon; ending them all.
 std::vector<pid_t> Services();
@@ -61,9 +58,10 @@ bool ServiceRead(const std::string &content);
 bool ServiceLogged(const std::string &text);
 size_t Count(const std::string &text, const std::string &part);
 
-// How to run the opener as an ordinary user.  `fd`, if not -1, is open in it as descriptor
-// `number`, which is its argument.
-Launch OpenerLaunch(int fd = -1, int number = 7);
+// How to run the opener as an ordinary user.  A file is open in it as descriptor `number`, which is
+// its argument; `adjust` is done last.
+Launch OpenerLaunch(
+    Fd file = Fd(), const std::function<void()> &adjust = [] {}, int number = 7);
 
 // Runs it to its end.
 struct Outcome {

@@ -3,11 +3,11 @@
 #include "tests/support/trace.h"
 
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <regex>
 #include <sstream>
+
+#include "tests/support/scratchDir.h"
 
 Trace::Trace(const std::string &text) {
   static const std::regex call(R"(^(\w+)\(([^,)]*).*)");
@@ -34,30 +34,28 @@ Trace::Trace(const std::string &text) {
   }
 }
 
-int Trace::Absolute(const Position &position) const {
-  const auto call = calls.find(position);
-  return call == calls.end() ? position.second : call->second.absolute;
-}
-
 // strace must itself be root to leave the set-user-ID bit in force.
 Launch Traced(const std::vector<std::string> &options) {
-  static const Fd file = FileWith("traced");
-  lseek(file.Get(), 0, SEEK_SET);
-  Launch launch = OpenerLaunch(file.Get());
-  launch.user = 0;
   // Closing one by one all that there may be takes long when each call is traced.
-  launch.adjust = [openArgument = launch.adjust] {
-    openArgument();
+  Launch launch = OpenerLaunch(FileWith("traced"), [] {
     const rlimit few = {512, 512};
     setrlimit(RLIMIT_NOFILE, &few);
-  };
-  std::vector<std::string> command = {kStrace, "-u", "nobody", "-o", kTracePath};
+  });
+  launch.user = 0;
+  std::vector<std::string> command = {"/usr/bin/strace", "-u", "nobody", "-o", kTracePath};
   command.insert(command.end(), options.begin(), options.end());
   launch.argv.insert(launch.argv.begin(), command.begin(), command.end());
   return launch;
 }
 
-std::string Injection(const Position &absolute, int error) {
-  return "inject=" + absolute.first + ":error=" + strerrorname_np(error) +
-         ":when=" + std::to_string(absolute.second);
+Outcome OutcomeWithFault(const std::string &call, const std::string &number,
+                         const std::string &error, std::string *trace,
+                         std::vector<std::string> options) {
+  std::string injection = "inject=" + call;
+  injection += ":error=" + error + ":when=" + number;
+  options.insert(options.end(), {"-e", injection});
+  const Outcome outcome = OutcomeOf(Traced(options));
+  *trace = ReadFile(kTracePath);
+  EXPECT_NE(trace->npos, trace->find("(INJECTED)")) << "the fault did not come";
+  return outcome;
 }

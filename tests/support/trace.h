@@ -9,7 +9,6 @@
 #include "tests/support/product.h"
 
 inline const std::string kTracePath = "/run/trace";
-inline const std::string kStrace = "/usr/bin/strace";
 
 // The name of a system call, and its number among those of its name.
 using Position = std::pair<std::string, int>;
@@ -27,13 +26,13 @@ struct Trace {
   std::vector<Position> staging;  // numbered in the process from its beginning
 
   explicit Trace(const std::string &text);
-
-  // For a call that is not in `calls`, the position counts in its process from the beginning.
-  int Absolute(const Position &position) const;
 };
 
 // The opener under strace with these options; it delivers a file that holds "traced".
-Launch Traced(const std::vector<std::string> &options);
+Launch Traced(const std::vector<std::string> &options = {});
 
-// The option that makes one call fail.
-std::string Injection(const Position &absolute, int error);
+// The same with one failing call, whose number is counted in its process; strace's own syntax goes,
+// "3" or "3+".  What it becomes, and the trace; a fault that does not come fails the test.
+Outcome OutcomeWithFault(const std::string &call, const std::string &number,
+                         const std::string &error, std::string *trace,
+                         std::vector<std::string> options = {});

@@ -3,25 +3,26 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
-#include <vector>
 
-#include "tests/support/fakeService.h"
+#include "tests/support/peer.h"
 #include "tests/support/product.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-// '\0' at the end of file.
-char ReadByte(const Fd &sock) {
-  char byte = '\0';
-  return recv(sock.Get(), &byte, 1, 0) == 1 ? byte : '\0';
+// The user has left it little room, enough to stage.  Only soft limits: the hosts differ in whether
+// root may raise hard ones.
+void Starve() {
+  for (const auto &[resource, soft] : {std::pair{RLIMIT_NOFILE, 16}, {RLIMIT_FSIZE, 100'000'000}}) {
+    rlimit limit = {};
+    getrlimit(resource, &limit);
+    limit.rlim_cur = static_cast<rlim_t>(soft);
+    setrlimit(resource, &limit);
+  }
 }
 
 class ServiceTest : public ProductTest {
@@ -39,51 +40,32 @@ class ServiceTest : public ProductTest {
 
   // An ordinary opener is served.
   static void ExpectService(const std::string &token) {
-    EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith(token).Get())));
+    EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith(token), Starve)));
     EXPECT_TRUE(ServiceRead(token));
   }
   long OpenFiles() const {
-    const fs::directory_iterator files("/proc/" + std::to_string(service_) + "/fd");
+    const std::filesystem::directory_iterator files("/proc/" + std::to_string(service_) + "/fd");
     return std::distance(begin(files), end(files));
   }
 };
 
-struct BadPeer {
-  const char *name;
-  void (*behave)(const Fd &sock);
-};
-
 // How one message of the service decides is tested in wire_test.cpp.
-const BadPeer kBadPeers[] = {
-    {"leaves at once", [](const Fd &) {}},
-    {"has nothing to say",
-     [](const Fd &sock) {
-       ReadByte(sock);
-       shutdown(sock.Get(), SHUT_WR);
-       EXPECT_EQ('\0', ReadByte(sock));
-     }},
-    {"sends garbage before it is greeted",
-     [](const Fd &sock) {
-       const std::string garbage(5000, 'x');
-       send(sock.Get(), garbage.data(), garbage.size(), MSG_NOSIGNAL);
-     }},
-    {"sends another byte than it got",
-     [](const Fd &sock) {
-       const auto other = static_cast<char>(ReadByte(sock) + 1);
-       SendFds(sock.Get(), {&other, 1}, FileWith("other byte").Get(), 1);
-       EXPECT_EQ('0', ReadByte(sock));
-     }},
-    {"sends what cannot be read",
-     [](const Fd &sock) {
-       const char greeting = ReadByte(sock);
-       SendFds(sock.Get(), {&greeting, 1}, Pipe().write.Get(), 1);
-       EXPECT_EQ('0', ReadByte(sock));
-     }},
-    {"delivers a folder",
-     [](const Fd &) {
-       const Fd folder(open("/etc", O_RDONLY | O_CLOEXEC));
-       EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(folder.Get())));
-     }},
+void (*const kBadPeers[])(const Fd &) = {
+    [](const Fd &) {},  // leaves at once
+    [](const Fd &sock) { SendFds(sock, std::string(5000, 'x'), -1, 0); },
+    [](const Fd &sock) {
+      const char other = static_cast<char>(Receive(sock).byte + 1);
+      SendFds(sock, {&other, 1}, FileWith("other byte").Get(), 1);
+      EXPECT_EQ('0', Receive(sock).byte);
+    },
+    [](const Fd &sock) {
+      const char greeting = Receive(sock).byte;
+      SendFds(sock, {&greeting, 1}, Pipe().write.Get(), 1);  // cannot be read
+      EXPECT_EQ('0', Receive(sock).byte);
+    },
+    [](const Fd &) {
+      EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(Fd(open("/etc", O_RDONLY | O_CLOEXEC)))));
+    },
 };
 
 // All the while a connection says nothing, and a delivered pipe has nothing to read.  Its open file
@@ -92,12 +74,11 @@ TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
   const long filesBefore = OpenFiles();
   Pipe pipe;
   const int flags = fcntl(pipe.read.Get(), F_GETFL);
-  EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(pipe.read.Get())));
-  for (const BadPeer &peer : kBadPeers) {
-    SCOPED_TRACE(peer.name);
+  EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(Fd(dup(pipe.read.Get())))));
+  for (const auto behave : kBadPeers) {
     const Fd silent = ConnectTo(kSocketPath);
-    peer.behave(ConnectTo(kSocketPath));
-    ExpectService(peer.name);
+    behave(ConnectTo(kSocketPath));
+    ExpectService("another");
   }
   EXPECT_EQ(flags, fcntl(pipe.read.Get(), F_GETFL));
   EXPECT_EQ(4, write(pipe.write.Get(), "last", 4));
@@ -107,49 +88,23 @@ TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
   EXPECT_EQ(std::vector<pid_t>{service_}, Services());
 }
 
-TEST_F(ServiceTest, StopsOnSigtermAndLeavesItsPlaceToTheNext) {
-  const Fd silent = ConnectTo(kSocketPath);
-  ReadByte(silent);
-  ASSERT_EQ(0, kill(service_, SIGTERM));
-  EXPECT_TRUE(ServiceLogged("Stopped with 1 connections open.\n"));
-  EXPECT_EQ('\0', ReadByte(silent));
-  EXPECT_TRUE(Eventually([] { return Services().empty(); }));
-  ExpectService("the next");
-  EXPECT_TRUE(ServiceRead("the first")) << "the log goes on";
-}
-
-TEST_F(ServiceTest, TheUserWhoStartedItHasNoPowerOverIt) {
-  Launch killer = OpenerLaunch();
-  killer.adjust = [this] { _exit(kill(service_, SIGKILL) == -1 && errno == EPERM ? 0 : 1); };
-  EXPECT_EQ(0, OutcomeOf(killer).status);
-
-  Reset();
-  const Fd file = FileWith("little");
-  Launch starved = OpenerLaunch(file.Get());
-  const auto openArgument = starved.adjust;
-  starved.adjust = [&] {
-    openArgument();
-    // Only soft limits: the hosts differ in whether root may raise hard ones.  Enough to stage.
-    rlimit files = {}, size = {};
-    getrlimit(RLIMIT_NOFILE, &files);
-    getrlimit(RLIMIT_FSIZE, &size);
-    files.rlim_cur = 16;
-    size.rlim_cur = 100'000'000;
-    setrlimit(RLIMIT_NOFILE, &files);
-    setrlimit(RLIMIT_FSIZE, &size);
-  };
-  EXPECT_EQ(0, OutcomeOf(starved).status);
-  EXPECT_TRUE(ServiceRead("little"));
+TEST_F(ServiceTest, IsOutOfTheUsersPowerAndStopsForRoot) {
+  const auto end = [this] { _exit(kill(service_, SIGKILL) == -1 && errno == EPERM ? 0 : 1); };
+  EXPECT_EQ(0, OutcomeOf(OpenerLaunch(Fd(), end)).status);
   rlimit size = {};
-  const auto services = Services();
-  ASSERT_EQ(1U, services.size());
-  ASSERT_EQ(0, prlimit(services[0], RLIMIT_FSIZE, nullptr, &size));
+  ASSERT_EQ(0, prlimit(service_, RLIMIT_FSIZE, nullptr, &size));
   EXPECT_EQ(size.rlim_max, size.rlim_cur);
   std::vector<Fd> silent;
   for (int i = 0; i < 30; i++) {
     silent.push_back(ConnectTo(kSocketPath));
-    EXPECT_NE('\0', ReadByte(silent.back()));
+    EXPECT_NE('\0', Receive(silent.back()).byte);
   }
+  ASSERT_EQ(0, kill(service_, SIGTERM));
+  EXPECT_TRUE(ServiceLogged("Stopped with 30 connections open.\n"));
+  EXPECT_EQ('\0', Receive(silent[0]).byte);
+  EXPECT_TRUE(Eventually([] { return Services().empty(); }));
+  ExpectService("the next");
+  EXPECT_TRUE(ServiceRead("the first")) << "the log goes on";
 }
 
 }  // namespace

@@ -1,27 +1,21 @@
 // staging_test.cpp -- what the opener puts where only root can write, and what it refuses; with
 // somebody who owns the bundle's folders and exchanges what lies in them; with system calls that
-// fail, and disks that are full.  LUMEN_ROUNDS makes the chances more, and the faults all there are.
+// fail.  LUMEN_ROUNDS makes the chances more, and the faults all there are.
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
 #include <regex>
 #include <set>
-#include <span>
 
 #include "tests/support/product.h"
 #include "tests/support/scratchDir.h"
@@ -35,33 +29,9 @@ namespace {
 
 const std::string kKext = "/Contents/Library/kexts/zioplug.kext";
 
-constexpr const char *kAccessLists[] = {"system.posix_acl_access", "system.posix_acl_default"};
-
 // Paths below a root; what is there, in words.  The group is named only where it is root's: folders
 // have the caller's, and it may not write.
 using Tree = std::map<std::string, std::string>;
-
-const Tree kStagedTree = {
-    {"", "folder 755 0"},
-    {"/Contents", "folder 755 0"},
-    {"/Contents/Library", "folder 755 0"},
-    {"/Contents/Library/Zephrin Lumen Client Services", "file 755 0:0"},
-    {"/Contents/Library/kexts", "folder 755 0"},
-    {kKext, "folder 755 0"},
-    {kKext + "/Contents", "folder 755 0"},
-    {kKext + "/Contents/Info.plist", "file 600 0"},
-    {kKext + "/Contents/MacOS", "folder 755 0"},
-    {kKext + "/Contents/MacOS/zioplug", "file 600 0"},
-    {kKext + "/Contents/Resources", "folder 755 0"},
-    {kKext + "/Contents/Resources/English.lproj", "link 0 to en.lproj"},
-    {kKext + "/Contents/Resources/en.lproj", "folder 755 0"},
-    {kKext + "/Contents/Resources/en.lproj/InfoPlist.strings", "file 600 0"},
-    {kKext + "/Contents/_CodeSignature", "folder 755 0"},
-    {kKext + "/Contents/_CodeSignature/CodeSeal", "file 600 0"},
-    {"/Contents/Library/productInfo", "file 644 0:0"},
-    {"/Contents/Library/services.sh", "file 755 0:0"},
-    {"/Contents/Library/zephrin-usbarbitrator", "file 755 0:0"},
-};
 
 std::string InWords(const fs::path &path) {
   struct stat info;
@@ -69,13 +39,13 @@ std::string InWords(const fs::path &path) {
   char mode[20];
   snprintf(mode, sizeof mode, " %o ", info.st_mode & ALLPERMS);
   const std::string owner = std::to_string(info.st_uid) + (info.st_gid == 0 ? ":0" : "");
-  std::string lists;
-  for (const char *name : kAccessLists) {
-    if (lgetxattr(path.c_str(), name, nullptr, 0) > 0) lists += std::string(" ") + name;
+  std::string words = (S_ISREG(info.st_mode) ? "file" : "other") + (mode + owner);
+  if (S_ISLNK(info.st_mode)) words = "link " + owner + " to " + fs::read_symlink(path).native();
+  if (S_ISDIR(info.st_mode)) words = "folder" + (mode + owner);
+  for (const char *list : {"system.posix_acl_access", "system.posix_acl_default"}) {
+    if (lgetxattr(path.c_str(), list, nullptr, 0) > 0) words += std::string(" ") + list;
   }
-  if (S_ISLNK(info.st_mode)) return "link " + owner + " to " + fs::read_symlink(path).native();
-  if (S_ISDIR(info.st_mode)) return "folder" + (mode + owner) + lists;
-  return (S_ISREG(info.st_mode) ? "file" : "other") + (mode + owner) + lists;
+  return words;
 }
 
 Tree TreeAt(const std::string &root) {
@@ -86,13 +56,27 @@ Tree TreeAt(const std::string &root) {
   return tree;
 }
 
+// What becomes of the bundle.
+Tree StagedTree() {
+  Tree tree = TreeAt(kTemplate);
+  tree.erase("/Contents/Library/lumenClient-opener");
+  for (auto &[path, words] : tree) {
+    if (words.starts_with("folder")) words = "folder 755 0";
+    if (words.starts_with("link")) words = "link 0 to en.lproj";
+    if (words.starts_with("file")) words = path.starts_with(kKext) ? "file 600 0" : "file 755 0:0";
+  }
+  tree["/Contents/Library/productInfo"] = "file 644 0:0";
+  return tree;
+}
+
 bool IsCopy(const std::string &path) {
   return ReadFile(kTemplate + path) == ReadFile(kStaged + path);
 }
 
 void ExpectStaged() {
-  EXPECT_EQ(kStagedTree, TreeAt(kStaged));
-  for (const auto &[path, words] : kStagedTree) {
+  const Tree tree = TreeAt(kStaged);
+  EXPECT_EQ(StagedTree(), tree);
+  for (const auto &[path, words] : tree) {
     EXPECT_TRUE(!words.starts_with("file") || IsCopy(path)) << path;
   }
 }
@@ -107,14 +91,8 @@ void ExpectClosed(bool mayBeOld = false) {
   for (const auto &[path, words] : tree) EXPECT_TRUE(words.starts_with("folder") || IsCopy(path));
 }
 
-Launch Hello() {
-  static const Fd file = FileWith("hello");
-  lseek(file.Get(), 0, SEEK_SET);
-  return OpenerLaunch(file.Get());
-}
-
 void ExpectStart() {
-  EXPECT_EQ(kDelivered, OutcomeOf(Hello()));
+  EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith(""))));
   EXPECT_EQ(1U, Services().size());
   ExpectStaged();
 }
@@ -127,48 +105,39 @@ using Staging = ProductTest;
 constexpr uint32_t kList[] = {2, 0x7'0001, 0, 0x7'0002, kUser, 0x5'0004,
                               0, 0x7'0010, 0, 0x5'0020, 0};
 
-void MakeOdd(const std::string &path, bool folder) {
-  for (const char *name : std::span(kAccessLists, folder ? 2 : 1)) {
-    ASSERT_EQ(0, setxattr(path.c_str(), name, kList, sizeof kList, 0)) << strerrorname_np(errno);
-  }
-  ASSERT_EQ(0, setxattr(path.c_str(), "user.odd", "odd", 3, 0));
-  ASSERT_EQ(0, chmod(path.c_str(), folder ? 03777 : 06717));
-}
-
 TEST_F(Staging, TheTreeIsTheSameWhateverItsSourcesAre) {
-  fs::create_directories(kStaged + "/Contents/Old");
-  std::ofstream(kStaged + "/Contents/Old/daemon") << "old";
-  ASSERT_EQ(0, symlink(kBundle.c_str(), (kStaged + "/Contents/Library").c_str()));
-  const std::string oddest = kBundleLibrary + "/productInfo";
-  ASSERT_EQ(0, lchown(oddest.c_str(), kUser, kUser));
-  for (const auto &[path, words] : kStagedTree) {
+  Shell(R"(mkdir -p "$root/Services/Contents/Old"; ln -s "$app" "$root/Services/Contents/Library"
+           chown 12345:12345 productInfo)");
+  for (const auto &[path, words] : StagedTree()) {
     const std::string source = kBundle + path;
     if (!path.starts_with("/Contents/Library/") || words.starts_with("link")) continue;
-    MakeOdd(source, words.starts_with("folder"));
+    const bool folder = words.starts_with("folder");
+    ASSERT_EQ(0, setxattr(source.c_str(), "system.posix_acl_access", kList, sizeof kList, 0));
+    ASSERT_EQ(0, folder
+                     ? setxattr(source.c_str(), "system.posix_acl_default", kList, sizeof kList, 0)
+                     : setxattr(source.c_str(), "user.odd", "odd", 3, 0));
+    ASSERT_EQ(0, chmod(source.c_str(), folder ? 03777 : 06717));
   }
-  Launch launch = Hello();
-  const auto openArgument = launch.adjust;
-  launch.adjust = [&] {
-    openArgument();
-    umask(077);
-  };
-  Process opener(launch);
+  Process opener(OpenerLaunch(FileWith(""), [] { umask(077); }));
   EXPECT_EQ(0, opener.Wait());
-  const std::string kexts = kStaged + "/Contents/Library/kexts";
-  EXPECT_EQ(1U,
-            Count(opener.Output(), " constructWorkingDir: " + kexts + " construction complete.\n"))
+  EXPECT_NE(std::string::npos,
+            opener.Output().find(" constructWorkingDir: " + kStaged +
+                                 "/Contents/Library/kexts construction complete.\n"))
       << opener.Output();
   ExpectStaged();
 }
 
 // ---- what is refused ----------------------------------------------------------------------------
 
-const std::string kScript = kBundleLibrary + "/services.sh";
-const std::string kDaemonName = fs::path(kBundleDaemon).filename();
+struct Refusal {
+  const char *spoil;  // shell commands
+  std::string records;
+  bool early = false;  // before any file is made
+};
 
 std::string NotSigned(const std::string &path, int code = 7) {
-  return "PrivilegedHelper: Failed to verify the code signature of " + path + " due to " +
-         std::to_string(code);
+  return "PrivilegedHelper: Failed to verify the code signature of " + kBundleLibrary + path +
+         " due to " + std::to_string(code);
 }
 
 std::string NoIdentifier(int code) {
@@ -176,65 +145,46 @@ std::string NoIdentifier(int code) {
          " due to (" + std::to_string(code) + ").\n";
 }
 
-struct Refusal {
-  const char *name;
-  void (*spoil)();
-  std::string records;
-};
-
+// How signatures are judged is tested in seal_test.cpp.
 const Refusal kRefusals[] = {
-    {"another byte in the daemon",
-     [] {
-       std::fstream daemon(kBundleDaemon, std::ios::in | std::ios::out | std::ios::binary);
-       daemon.seekp(5000);
-       const int byte = daemon.get();
-       daemon.seekp(5000);
-       daemon.put(static_cast<char>(byte ^ 1));
-     },
-     NotSigned(kBundleDaemon)},
-    {"a daemon under another name", [] { Sign(kBundleDaemon, "services"); },
-     NotSigned(kBundleDaemon)},
-    {"another maker", [] { Sign(kBundleDaemon, kDaemonName, "wrongName"); },
-     NotSigned(kBundleDaemon)},
-    {"an expired certificate", [] { Sign(kBundleDaemon, kDaemonName, "expired"); },
-     NotSigned(kBundleDaemon)},
-    {"a certificate for servers", [] { Sign(kBundleDaemon, kDaemonName, "wrongUse"); },
-     NotSigned(kBundleDaemon)},
-    {"a certificate of another authority", [] { Sign(kBundleDaemon, kDaemonName, "stranger"); },
-     NotSigned(kBundleDaemon)},
-    {"no seal", [] { InstallProgram("LUMEN_SERVICE", kBundleDaemon); }, NotSigned(kBundleDaemon)},
-    {"a file more in the extension",
-     [] { std::ofstream(kBundle + kKext + "/Contents/MacOS/more") << "more"; },
-     NotSigned(kBundle + kKext)},
-    {"an extension without Info.plist",
-     [] { fs::remove(kBundle + kKext + "/Contents/Info.plist"); }, NoIdentifier(4)},
-    {"no extension", [] { fs::remove_all(kBundle + kKext); }, NoIdentifier(3)},
-    {"the user's script", [] { ASSERT_EQ(0, chown(kScript.c_str(), kUser, 0)); }, ""},
-    {"no script", [] { fs::remove(kScript); }, ""},
-    {"no productInfo", [] { fs::remove(kBundleLibrary + "/productInfo"); },
-     NotSigned(kBundleLibrary + "/productInfo", 3)},
-    {"a file for the install root",
-     [] {
-       fs::remove_all(kInstallRoot);
-       std::ofstream(kInstallRoot) << "file";
-     },
-     ""},
-    {"no anchors", [] { fs::remove(kAnchors); }, NotSigned(kBundleLibrary + "/productInfo")},
-    {"anchors that everybody may write", [] { ASSERT_EQ(0, chmod(kAnchors.c_str(), 0666)); },
-     NotSigned(kBundleLibrary + "/productInfo")},
+    {"chgrp 20 \"$daemon\"", "", true},
+    {"chown 12345 \"$daemon\"", "", true},
+    {"rm \"$daemon\"; ln -s /Library/nothing \"$daemon\"", "", true},
+    {"cp -a \"$daemon\" /Library/own; chown 12345 /Library/own; ln -sf /Library/own \"$daemon\"",
+     "", true},
+    // A link of the user's to a file of root's, which cannot carry a signature.
+    {"mv \"$daemon\" /Library/root; ln -s /Library/root \"$daemon\"; chown -h 12345 \"$daemon\"",
+     NotSigned("/" + kDaemonName, 3)},
+    {"printf x | dd of=\"$daemon\" bs=1 seek=5000 conv=notrunc status=none",
+     NotSigned("/" + kDaemonName)},
+    {"sign services \"$daemon\"", NotSigned("/" + kDaemonName)},
+    {"sign zephrin-usbarbitrator zephrin-usbarbitrator wrongName",
+     NotSigned("/zephrin-usbarbitrator")},
+    {"echo more >kexts/zioplug.kext/Contents/MacOS/more", NotSigned("/kexts/zioplug.kext")},
+    {"rm kexts/zioplug.kext/Contents/Info.plist", NoIdentifier(4)},
+    {"rm -r kexts/zioplug.kext", NoIdentifier(3)},
+    {"chown 12345 services.sh", ""},
+    {"chgrp 20 zephrin-usbarbitrator", ""},
+    {"rm services.sh", ""},
+    {"rm productInfo", NotSigned("/productInfo", 3)},
+    {"rm -rf \"$root\"; echo a file >\"$root\"", ""},
+    {"rm \"$anchors\"", NotSigned("/productInfo")},
+    {"chmod 666 \"$anchors\"", NotSigned("/productInfo")},
 };
 
 TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
   for (const Refusal &refusal : kRefusals) {
-    SCOPED_TRACE(refusal.name);
-    refusal.spoil();
-    EXPECT_EQ((Outcome{1, refusal.records}), OutcomeOf(Hello()));
+    SCOPED_TRACE(refusal.spoil);
+    Reset();
+    Shell(refusal.spoil);
+    Process opener(OpenerLaunch(FileWith("")));
+    EXPECT_EQ((Outcome{1, refusal.records}), Finish(&opener));
+    EXPECT_TRUE(!refusal.early || opener.Output().empty()) << opener.Output();
+    EXPECT_EQ(!refusal.early, fs::exists(kLockPath));
     ExpectClosed();
-    InstallBundle();
-    if (!fs::is_directory(kInstallRoot)) fs::remove(kInstallRoot);
-    ExpectStart();
-    StopServices();
   }
+  Reset();
+  ExpectStart();
 }
 
 // ---- somebody who owns the folders --------------------------------------------------------------
@@ -257,8 +207,8 @@ constexpr char kMakeFalseItems[] = R"sh(
   mkdir -m 700 /Library/secrets
   echo only root may read this | tee /Library/secrets/x >/Library/secret
   chmod 600 /Library/secret
-  cd "$0/Contents" && mkdir own && cd Library
-  for victim; do
+  mkdir ../own
+  for victim in productInfo zephrin-usbarbitrator "$daemon" kexts/zioplug.kext kexts; do
     false=../own/${victim#*/}
     mkdir -p "$false/folder"
     ln -s /Library/secret "$false/linkToFile"
@@ -302,9 +252,10 @@ void Swap(Attack *attack) {
 
 // Also from a folder that was opened earlier.
 void Pry(Attack *attack) {
+  const Tree tree = StagedTree();
   for (Fd folder; !attack->over; attack->attempts++) {
     if (attack->attempts % 7 == 0) folder.Reset(open(kStaged.c_str(), O_PATH | O_DIRECTORY));
-    for (const auto &[path, words] : kStagedTree) {
+    for (const auto &[path, words] : tree) {
       const std::string name = "." + path;
       char text[24] = "";
       Fd file(openat(folder.Get(), name.c_str(), O_RDONLY | O_NONBLOCK));
@@ -322,10 +273,7 @@ void Pry(Attack *attack) {
 pid_t ForkAsUser(void (*act)(Attack *), Attack *attack) {
   const pid_t pid = fork();
   if (pid != 0) return pid;
-  if (setgroups(0, nullptr) != 0 || setresgid(kUser, kUser, kUser) != 0 ||
-      setresuid(kUser, kUser, kUser) != 0) {
-    _exit(2);
-  }
+  BecomeUser(kUser);
   act(attack);
   _exit(0);
 }
@@ -341,10 +289,7 @@ Tree Witnesses() {
 }
 
 TEST_F(Staging, WhoeverOwnsTheFoldersGetsNothingIn) {
-  Launch preparation = {.argv = {"/bin/sh", "-ec", kMakeFalseItems, kBundle}, .env = {"PATH=/bin"}};
-  preparation.argv.insert(preparation.argv.end(), kVictims.begin(), kVictims.end());
-  Process prepared(preparation);
-  ASSERT_EQ(0, prepared.Wait()) << prepared.Output();
+  Shell(kMakeFalseItems);
   ExpectStart();
   StopServices();
   const Tree before = Witnesses();
@@ -356,7 +301,7 @@ TEST_F(Staging, WhoeverOwnsTheFoldersGetsNothingIn) {
   const int rounds = 12 * Rounds();
   int started = 0;
   for (int round = 0; round < rounds; round++) {
-    const int status = OutcomeOf(Hello()).status;
+    const int status = OutcomeOf(OpenerLaunch(FileWith(""))).status;
     if (status == 0) {
       started++;
       EXPECT_EQ(1U, Services().size());
@@ -388,9 +333,8 @@ TEST_F(Staging, WhoeverOwnsTheFoldersGetsNothingIn) {
 // ---- when something fails ------------------------------------------------------------------------
 
 TEST_F(Staging, ASystemCallThatFailsLeavesNothingHalfDone) {
-  ASSERT_EQ(0, access(kStrace.c_str(), X_OK)) << "strace is needed";
-  fs::create_directories(kStaged + "/Old/Tree");
-  ASSERT_EQ(0, Process(Traced({})).Wait());
+  Shell(R"(mkdir -p "$root/Services/Old/Tree")");
+  ASSERT_EQ(kDelivered, OutcomeOf(Traced()));
   std::vector<Position> calls = Trace(ReadFile(kTracePath)).staging;
   // Without memory a sanitizer ends the process in its own way, without entropy the C library, to
   // which brk has no errors: it would take one for an address.
@@ -401,13 +345,13 @@ TEST_F(Staging, ASystemCallThatFailsLeavesNothingHalfDone) {
   const size_t stride = Rounds() > 10 ? 1 : 29;
   int failures = 0;
   for (size_t i = 0; i < calls.size(); i += stride) {
-    const int error = i % 2 == 0 ? EIO : ENOSPC;
-    SCOPED_TRACE(Injection(calls[i], error));
+    const std::string number = std::to_string(calls[i].second),
+                      error = i % 2 == 0 ? "EIO" : "ENOSPC";
+    SCOPED_TRACE(calls[i].first + " " + number + " " + error);
     StopServices();
-    fs::create_directories(kStaged + "/Old/Tree");
-    const int status = OutcomeOf(Traced({"-e", Injection(calls[i], error)})).status;
-    const std::string trace = ReadFile(kTracePath);
-    EXPECT_NE(trace.npos, trace.find("(INJECTED)")) << "the fault did not come";
+    Shell(R"(mkdir -p "$root/Services/Old/Tree")");
+    std::string trace;
+    const int status = OutcomeWithFault(calls[i].first, number, error, &trace).status;
     if (status == 0) {
       ExpectStaged();
     } else {
@@ -421,48 +365,6 @@ TEST_F(Staging, ASystemCallThatFailsLeavesNothingHalfDone) {
     ExpectStart();
   }
   printf("%d of %zu calls failed the start\n", failures, (calls.size() + stride - 1) / stride);
-}
-
-TEST_F(Staging, AFullDiskLeavesNothingHalfDone) {
-  const std::string parent = fs::path(kInstallRoot).parent_path();
-  const auto resize = [&](int kilobytes, unsigned long flags = MS_REMOUNT) {
-    const std::string size = "mode=755,size=" + std::to_string(kilobytes) + "k";
-    ASSERT_EQ(0, mount("small", parent.c_str(), "tmpfs", flags, size.c_str()));
-  };
-  resize(4, 0);
-  int failures = 0;
-  for (int kilobytes = 4; kilobytes < 1 << 20; kilobytes *= 2) {
-    resize(kilobytes);
-    const int status = OutcomeOf(Hello()).status;
-    if (status == 0) break;
-    EXPECT_EQ(1, status);
-    ExpectClosed();
-    failures++;
-  }
-  EXPECT_LT(3, failures);
-  EXPECT_EQ(1U, Services().size());
-  ExpectStaged();
-  StopServices();
-  EXPECT_EQ(0, umount2(parent.c_str(), MNT_DETACH));
-}
-
-TEST_F(Staging, ASecondOpenerWaitsForTheOneThatStages) {
-  Process first(OpenerLaunch(FileWith("first").Get()));
-  ASSERT_TRUE(Eventually([] { return fs::exists(kStaged + "/Contents/Library/kexts"); }));
-  first.Signal(SIGSTOP);
-  siginfo_t info;
-  ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(first.Pid()), &info, WSTOPPED | WNOWAIT));
-  ASSERT_EQ("folder 700 0", InWords(kStaged)) << "it was stopped too late";
-  Process second(OpenerLaunch(FileWith("second").Get()));
-  usleep(100'000);
-  EXPECT_TRUE(second.Running());
-  EXPECT_TRUE(Services().empty());
-  first.Signal(SIGCONT);
-  EXPECT_EQ(kDelivered, Finish(&first));
-  EXPECT_EQ(kDelivered, Finish(&second));
-  EXPECT_TRUE(ServiceRead("first"));
-  EXPECT_TRUE(ServiceRead("second"));
-  EXPECT_EQ(1U, Count(ServiceLog(), "Started: "));
 }
 
 }  // namespace

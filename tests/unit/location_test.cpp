@@ -24,34 +24,26 @@ void PrintRoot(const char *key) {
   dprintf(STDOUT_FILENO, "%s\n", path == nullptr ? "null" : path.get());
 }
 
-// What a copy of this program, made at `path`, prints.
-std::string LookUpFrom(const std::string &path, const char *tag, const char *key) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::filesystem::copy_file("/proc/self/exe", path);
-  const ChildResult result =
-      RunInChild([&] { execl(path.c_str(), path.c_str(), "--look-up", tag, key, nullptr); });
-  EXPECT_EQ(0, result.exitStatus) << path << ", signal " << result.signal;
-  return WithoutStamps(result.output);
-}
-
-// A link to the program, and a program elsewhere: tests/system/refusals_test.cpp.
+// A link to the program, and a program elsewhere: tests/system/caller_test.cpp.
 TEST(Location, FindsTheFilesOfItsBundle) {
   const ScratchDir dir;
-  const std::string root = std::filesystem::canonical(dir.Path()), bundle = root + "/1/2/3/4";
-  EXPECT_EQ(bundle + "\n", LookUpFrom(bundle + "/5/6/a", "lumenClient-daemon", "rootDir"));
-  EXPECT_EQ(bundle + "/Contents/Library/kexts/zioplug.kext\n",
-            LookUpFrom(bundle + "/5/6/b", "lumenClient-opener", "usbarbKext"));
-  EXPECT_EQ(root + "/1\n", LookUpFrom(bundle + "/5/6/c", "lumen-remotedisplay-bundle", "rootDir"));
-  EXPECT_EQ("null\n", LookUpFrom(bundle + "/5/6/d", "lumenClient-opener", "RootDir"));
-  // The module path has room for 1023 bytes.
-  std::string path = bundle;
-  while (path.size() < 800) path += "/" + std::string(50, 'd');
-  path += "/" + std::string(1023 - path.size() - 1, 'p');
-  EXPECT_TRUE(LookUpFrom(path, "lumenClient-opener", "sslDir").ends_with("/Frameworks\n"));
-  EXPECT_EQ(
-      "Warning: HOSTINFO: Hostinfo_GetModulePath: _NSGetExecutablePath failed.\n"
-      "Warning: LocationGetRoot: Unable to retrieve path to executable.null\n",
-      LookUpFrom(path + "p", "lumenClient-opener", "sslDir"));
+  const std::string bundle = dir.Path("1/2/3/4"), program = bundle + "/5/6/program";
+  std::filesystem::create_directories(bundle + "/5/6");
+  std::filesystem::copy_file("/proc/self/exe", program);
+  const struct {
+    const char *tag, *key;
+    std::string path;
+  } rows[] = {
+      {"lumenClient-daemon", "rootDir", bundle},
+      {"lumenClient-opener", "usbarbKext", bundle + "/Contents/Library/kexts/zioplug.kext"},
+      {"lumen-remotedisplay-bundle", "rootDir", dir.Path("1")},
+      {"lumenClient-opener", "RootDir", "null"},
+  };
+  for (const auto &row : rows) {
+    const ChildResult result = RunInChild(
+        [&] { execl(program.c_str(), program.c_str(), "--look-up", row.tag, row.key, nullptr); });
+    EXPECT_EQ(row.path + "\n", result.output);
+  }
 }
 
 TEST(Location, ASetUserIdProcessMustDeclareItselfOnce) {

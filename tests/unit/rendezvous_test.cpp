@@ -9,7 +9,7 @@
 #include "fd.h"
 #include "opener/serviceImpl.h"
 #include "tests/support/capture.h"
-#include "tests/support/fakeService.h"
+#include "tests/support/peer.h"
 #include "tests/support/process.h"
 #include "tests/support/sandboxSkip.h"
 #include "tests/support/scratchDir.h"

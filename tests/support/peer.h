@@ -1,0 +1,27 @@
+// peer.h -- the other side of an opener or of a service, played by the test: the pieces of the
+// protocol, written anew as a second opinion.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "fd.h"
+
+// A socket that listens at `path`, which is replaced, mode 0600; the next connection to it; one that
+// is connected to `path`.
+Fd ListenAt(const std::string &path);
+Fd Accept(const Fd &listener);
+Fd ConnectTo(const std::string &path);
+
+// Sends one byte: the greeting, or the answer.
+void Say(const Fd &connection, char byte);
+
+// One byte, '\0' at the end of file; and the descriptor that came with it.
+struct Received {
+  char byte = '\0';
+  Fd fd;
+};
+Received Receive(const Fd &connection);
+
+// Sends one message: `payload` with `count` copies of `fd`.
+void SendFds(const Fd &connection, std::string_view payload, int fd, size_t count);

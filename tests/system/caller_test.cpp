@@ -1,0 +1,124 @@
+// caller_test.cpp -- whoever starts the opener: what of theirs reaches the service, what is cleaned
+// before, and what they cannot choose.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <sstream>
+
+#include "tests/support/product.h"
+#include "tests/support/scratchDir.h"
+
+namespace {
+
+using Caller = ProductTest;
+
+// ---- what the service is started with ---------------------------------------------------------
+
+struct CallerState {
+  const char *name;
+  uid_t user;
+  void (*make)();
+};
+
+void CloseStandardDescriptors() {
+  for (int fd = 0; fd <= 2; fd++) close(fd);
+}
+
+void SpoilProcess() {
+  umask(077);
+  if (chdir("/tmp") != 0) _exit(126);
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, nullptr);
+  for (int number = 1; number < NSIG; number++) signal(number, SIG_IGN);
+}
+
+// The hosts fill the standard descriptors of a set-user-ID start, but not of one by root.
+constexpr CallerState kCallerStates[] = {
+    {"ordinary", kUser, [] {}},
+    {"root, standard descriptors closed", 0, CloseStandardDescriptors},
+    {"signals blocked and ignored, umask 077", kUser, SpoilProcess},
+};
+
+// Those to go stand side by side, most of them once: a walk that goes on after a removal without
+// beginning again would miss every other one.
+const std::vector<std::string> kRemoved = {
+    "f=() { :; }; reboot", "BASH_ENV=/x", "ENV=",     "SHELLOPTS=xtrace",
+    "BASH_FUNC_g%%=() {",  "ENV=twin",    "ENV=twin",
+};
+const std::vector<std::string> kKept = {
+    "PATH=/usr/bin:/bin", "MYENV=1",     "XBASH_ENV=1", "env=1",   "ENVIRON=1",
+    "a= () { :;}",        "b=x() { :;}", "c=()  {",     "d=(){ :", "e=k=() {",
+    "short=() ",          "EMPTY=",      "() {",        "ENV",     "BASH_ENV",
+    "SHELLOPTS",
+};
+
+// The report of probeDaemon.cpp for a service whose descriptors are `sock` and `status`.
+std::string ExpectedReport(const std::string &sock, const std::string &status, uid_t user) {
+  std::ostringstream text;
+  text << "argument " << kStagedDaemon << "\nargument " << sock << "\nargument " << status
+       << "\ndirectory /\nUid " << user << "\t0\t0\t0\nUmask 0022\n"
+       << "SigBlk 0000000000000000\nSigIgn 0000000000000000\nterminal none\n"
+       << "fd 0 /dev/null\nfd 1 /dev/null\nfd 2 /dev/null\n"
+       << "fd " << sock << " socket\nfd " << status << " pipe\nenv " << OpenerLaunch().env[0]
+       << "\n";
+  for (const std::string &entry : kKept) text << "env " << entry << "\n";
+  return text.str();
+}
+
+TEST_F(Caller, LeavesNothingToTheServiceButAnEnvironmentWithoutCode) {
+  for (const CallerState &state : kCallerStates) {
+    SCOPED_TRACE(state.name);
+    Reset();
+    InstallProbe();
+    Launch launch = OpenerLaunch(FileWith(state.name), state.make);
+    launch.user = state.user;
+    launch.env.insert(launch.env.end(), kKept.begin(), kKept.end());
+    launch.env.insert(launch.env.begin() + 5, kRemoved.begin(), kRemoved.end());
+    EXPECT_EQ(0, OutcomeOf(launch).status);
+    EXPECT_TRUE(ServiceRead(state.name));
+
+    const auto services = Services();
+    ASSERT_EQ(1U, services.size());
+    // Neither the opener's session, which is the test's, nor the leader of its own.
+    EXPECT_NE(getsid(0), getsid(services[0]));
+    EXPECT_NE(services[0], getsid(services[0]));
+    const std::string report = ReadFile(kProbeReport);
+    std::string sock, status;
+    std::istringstream(report.substr(report.find("argument ", 10))) >> sock >> sock >> status >>
+        status;
+    EXPECT_EQ(ExpectedReport(sock, status, state.user), report);
+  }
+}
+
+// unsetenv cannot remove a variable without a name.
+TEST_F(Caller, AnEntryThatCannotBeRemovedEndsTheOpener) {
+  Launch launch = OpenerLaunch(FileWith(""));
+  launch.env.push_back("=() { :; }");
+  Process opener(launch);
+  EXPECT_EQ(1, opener.Wait());
+  EXPECT_EQ("", opener.Output());
+}
+
+// ---- where the bundle is ----------------------------------------------------------------------
+
+TEST_F(Caller, CannotMoveTheBundle) {
+  // A link leads to the bundle in which the opener is, not to the one in which the link is.
+  Shell(R"(mkdir -p /Library/Own.app/Contents/Library
+           ln -s "$PWD/lumenClient-opener" /Library/Own.app/Contents/Library/opener)");
+  Launch launch = OpenerLaunch(FileWith(""));
+  launch.argv[0] = "/Library/Own.app/Contents/Library/opener";
+  EXPECT_EQ(kDelivered, OutcomeOf(launch));
+  StopServices();
+
+  launch.argv[0] = "/Library/opener";
+  Shell("install -m 4755 lumenClient-opener /Library/opener");
+  EXPECT_EQ(
+      (Outcome{1, "Warning: LocationGetRoot: sUpCount (3) is too large for /Library/opener\n"}),
+      OutcomeOf(launch));
+}
+
+}  // namespace
