@@ -5,7 +5,8 @@
 //
 // The program is installed set-user-ID root and started by anybody, with any environment, limits,
 // signal dispositions and descriptors.  FillStandardDescriptors sees to it that no socket or lock
-// file gets the number of the log.
+// file gets the number of the log, IgnoreSigpipe that a log whose reader has gone costs its records
+// and nothing else.
 //
 // Privileges: effective user 0 up to ServiceImpl_PrivLower; from there the caller's, but for the
 // brackets in serviceImpl.cpp and staging.cpp.
@@ -45,6 +46,7 @@ char *StagedDaemonPath() {
 int main(int argc, char *argv[]) {
   ScrubEnvironment();
   FillStandardDescriptors();
+  IgnoreSigpipe();
   Location_Init("lumenClient-opener");
   if (!BundleDaemonIsRootOwned()) return EXIT_FAILURE;
 

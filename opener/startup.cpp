@@ -1,4 +1,4 @@
-// startup.cpp -- the environment scrub and the ownership check.
+// startup.cpp -- the environment scrub, what is inherited besides, and the ownership check.
 // Tests: tests/system/caller_test.cpp, staging_test.cpp
 
 #include "opener/startup.h"
@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -66,6 +67,10 @@ void FillStandardDescriptors() {
     // The lowest free number is the one that open takes.
     if (fcntl(fd, F_GETFD) == -1 && open("/dev/null", O_RDWR) != fd) exit(EXIT_FAILURE);
   }
+}
+
+void IgnoreSigpipe() {
+  signal(SIGPIPE, SIG_IGN);
 }
 
 int CheckRootOwned(const char *path) {

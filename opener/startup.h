@@ -10,6 +10,10 @@ void ScrubEnvironment();
 // fails.  The hosts do it only for a set-user-ID start: not when the caller is root.
 void FillStandardDescriptors();
 
+// From now on writing to a pipe without a reader is an error and no signal.  A daemon that
+// Hostinfo_Daemonize starts has the default action again.
+void IgnoreSigpipe();
+
 // 0 when the file that `path` (not null) leads to, links followed, belongs to user 0 and group 0;
 // any other value when not, or when stat(2) fails.  Logs nothing.  Any thread.
 [[nodiscard]] int CheckRootOwned(const char *path);

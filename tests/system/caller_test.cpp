@@ -38,7 +38,6 @@ void SpoilProcess() {
 
 // The hosts fill the standard descriptors of a set-user-ID start, but not of one by root.
 constexpr CallerState kCallerStates[] = {
-    {"ordinary", kUser, [] {}},
     {"root, standard descriptors closed", 0, CloseStandardDescriptors},
     {"signals blocked and ignored, umask 077", kUser, SpoilProcess},
 };
@@ -60,8 +59,8 @@ const std::vector<std::string> kKept = {
 std::string ExpectedReport(const std::string &sock, const std::string &status, uid_t user) {
   std::ostringstream text;
   text << "argument " << kStagedDaemon << "\nargument " << sock << "\nargument " << status
-       << "\ndirectory /\nUid " << user << "\t0\t0\t0\nUmask 0022\n"
-       << "SigBlk 0000000000000000\nSigIgn 0000000000000000\nterminal none\n"
+       << "\ndirectory /\nUmask:\t0022\nUid:\t" << user << "\t0\t0\t0\n"
+       << "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\nterminal none\n"
        << "fd 0 /dev/null\nfd 1 /dev/null\nfd 2 /dev/null\n"
        << "fd " << sock << " socket\nfd " << status << " pipe\nenv " << OpenerLaunch().env[0]
        << "\n";
@@ -98,9 +97,15 @@ TEST_F(Caller, LeavesNothingToTheServiceButAnEnvironmentWithoutCode) {
 TEST_F(Caller, AnEntryThatCannotBeRemovedEndsTheOpener) {
   Launch launch = OpenerLaunch(FileWith(""));
   launch.env.push_back("=() { :; }");
-  Process opener(launch);
-  EXPECT_EQ(1, opener.Wait());
-  EXPECT_EQ("", opener.Output());
+  EXPECT_EQ((Outcome{1, ""}), OutcomeOf(launch));
+}
+
+TEST_F(Caller, WhoNoLongerReadsTheLogDoesNotEndTheOpener) {
+  Pipe log;
+  log.read.Reset();
+  const auto writeIntoIt = [&] { dup2(log.write.Get(), STDOUT_FILENO); };
+  EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("unheard"), writeIntoIt)));
+  EXPECT_TRUE(ServiceRead("unheard"));
 }
 
 // ---- where the bundle is ----------------------------------------------------------------------

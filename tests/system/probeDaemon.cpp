@@ -17,15 +17,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The rest of the line that begins with `name` in /proc/self/status.
-std::string StatusLine(const std::string &name) {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with(name + ":\t")) return line.substr(name.size() + 2);
-  }
-  return "?";
-}
-
 // Descriptors and what is behind them; only the kind of sockets and pipes.
 std::map<int, std::string> OpenFiles() {
   std::map<int, std::string> files;
@@ -46,8 +37,11 @@ int main(int argc, char *argv[], char *environment[]) {
     std::ofstream report(kProbeReport);
     for (int i = 0; i < argc; i++) report << "argument " << argv[i] << "\n";
     report << "directory " << fs::current_path().native() << "\n";
-    for (const char *name : {"Uid", "Umask", "SigBlk", "SigIgn"}) {
-      report << name << " " << StatusLine(name) << "\n";
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+      for (const char *name : {"Umask:", "Uid:", "SigBlk:", "SigIgn:"}) {
+        if (line.starts_with(name)) report << line << "\n";
+      }
     }
     report << "terminal " << (Fd(open("/dev/tty", O_RDWR)) ? "some" : "none") << "\n";
     for (const auto &[number, target] : files) report << "fd " << number << " " << target << "\n";
