@@ -29,6 +29,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fd.h"
 #include "hostinfo.h"
 #include "log.h"
 #include "opener/serviceImplWire.h"
@@ -111,17 +112,29 @@ Side ChooseUnderLock(int sock, const Meeting &meeting) {
   return ServiceImplClose(&lock, nullptr) ? side : Side::kNone;
 }
 
+// A peer that has gone is to give EPIPE, never a signal.  That is asked for while there is no peer
+// yet: macOS refuses it on a socket whose peer has gone already, and who meets a service that is
+// just stopping begins again.
+int MakeSocket() {
+  Fd sock(socket(AF_UNIX, SOCK_STREAM, 0));
+  if (!sock) {
+    Warning("%s: socket errno %d.\n", kPickSide, errno);
+    return -1;
+  }
+  if (!Platform_SetNoSigpipe(sock.Get())) {
+    Warning("%s: setsockopt errno %d.\n", "ServiceImplOpener", errno);
+    return -1;
+  }
+  return sock.Release();
+}
+
 // Fills `slots->sock` unless the result is kNone.
 Side ServiceImplPickSockSide(const Meeting &meeting, Slots *slots) {
   Side side = Side::kNone;
   // PRIV: lock file and socket file are root's, in a directory of root's.
   const bool ok = ServiceImplWithPrivileges([&] {
-    slots->sock = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (slots->sock < 0) {
-      Warning("%s: socket errno %d.\n", kPickSide, errno);
-      return false;
-    }
-    side = ChooseUnderLock(slots->sock, meeting);
+    slots->sock = MakeSocket();
+    if (slots->sock >= 0) side = ChooseUnderLock(slots->sock, meeting);
     return side != Side::kNone;
   });
   if (ok) return side;
@@ -190,10 +203,6 @@ Pass DeliverOnce(int fd, Slots *slots) {
 Pass ServiceImplPass(int fd, const Meeting &meeting, Slots *slots) {
   const Side side = ServiceImplPickSockSide(meeting, slots);
   if (side == Side::kNone) return Pass::kFailed;
-  if (!Platform_SetNoSigpipe(slots->sock)) {
-    Warning("%s: setsockopt errno %d.\n", "ServiceImplOpener", errno);
-    return Pass::kFailed;
-  }
   return side == Side::kServer ? ServeOnce(meeting, slots) : DeliverOnce(fd, slots);
 }
 
