@@ -51,9 +51,7 @@ Launch Traced(const std::vector<std::string> &options) {
 Outcome OutcomeWithFault(const std::string &call, const std::string &number,
                          const std::string &error, std::string *trace,
                          std::vector<std::string> options) {
-  std::string injection = "inject=" + call;
-  injection += ":error=" + error + ":when=" + number;
-  options.insert(options.end(), {"-e", injection});
+  options.insert(options.end(), {"-e", "inject=" + call + ":error=" + error + ":when=" + number});
   const Outcome outcome = OutcomeOf(Traced(options));
   *trace = ReadFile(kTracePath);
   EXPECT_NE(trace->npos, trace->find("(INJECTED)")) << "the fault did not come";

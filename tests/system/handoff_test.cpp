@@ -1,7 +1,6 @@
 // handoff_test.cpp -- one opener and one service, as installed: who starts whom, and what arrives.
 
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,21 +12,12 @@
 
 namespace {
 
-const Outcome kRefused = {1, ""};  // not the opener's failure, so it has nothing to log
-
 using Handoff = ProductTest;
-
-void ExpectRootOnly(const std::string &path, mode_t type) {
-  struct stat info = {};
-  EXPECT_EQ(0, lstat(path.c_str(), &info)) << path;
-  EXPECT_EQ(type | 0600, info.st_mode) << path;
-  EXPECT_EQ(0U, info.st_uid) << path;
-}
 
 TEST_F(Handoff, TheFirstOpenerStartsTheServiceAndTheNextOneUsesIt) {
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("first"))));
-  ExpectRootOnly(kSocketPath, S_IFSOCK);
-  ExpectRootOnly(kLockPath, S_IFREG);
+  Shell(R"(stat -c '%F %a %u' "/var/run/$daemon.sock" | grep -x 'socket 600 0'
+           stat -c '%F %a %u' "/var/run/$daemon.lock" | grep -x 'regular empty file 600 0')");
   EXPECT_TRUE(ServiceRead("first"));
   EXPECT_TRUE(ServiceLogged("The opener that started this service has finished.\n"));
   const auto services = Services();
@@ -70,7 +60,8 @@ TEST_F(Handoff, AnyAnswerButOneIsARefusal) {
       if (row.takesDescriptor) Receive(connection);
       if (!row.answer.empty()) Say(connection, row.answer[0]);
       connection.Reset();
-      EXPECT_EQ(kRefused, Finish(&opener)) << row.takesDescriptor << row.answer;
+      // Not the opener's failure, so it has nothing to log.
+      EXPECT_EQ((Outcome{1, ""}), Finish(&opener)) << row.takesDescriptor << row.answer;
     }
   }
 }
@@ -104,8 +95,6 @@ TEST_F(Handoff, InShellModeTheServiceSeesTheEndOnlyWhenTheOpenerDies) {
   EXPECT_TRUE(ServiceLogged("#1: accepted"));
   Process second(OpenerLaunch());
   EXPECT_TRUE(ServiceLogged("#2: accepted"));
-  // The rendezvous is over long before the process.
-  EXPECT_TRUE(ServiceLogged("The opener that started this service has finished."));
   // Whatever the service has seen up to this delivery's end is in the log.
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("between"))));
   EXPECT_TRUE(ServiceRead("between"));

@@ -1,15 +1,12 @@
 // rendezvous_test.cpp -- the loop of passes: what each one leaves open, and when the hook runs.
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <string>
 
-#include "fd.h"
 #include "opener/serviceImpl.h"
 #include "tests/support/capture.h"
-#include "tests/support/peer.h"
 #include "tests/support/process.h"
 #include "tests/support/sandboxSkip.h"
 #include "tests/support/scratchDir.h"
@@ -33,10 +30,6 @@ TEST(Rendezvous, AsksTheHookAsTheCallerBeforeEachStartAndLeavesNothingOpen) {
     alarm(20);  // without the hook there is no end
     if (setresuid(kCaller, 0, 0) != 0) _exit(3);
     ServiceImpl_SetPreStartHook(ThirdCallFails);
-    {
-      const Fd listener = ListenAt(dir.Path("sock"));
-      if (fork() == 0) _exit(accept(listener.Get(), nullptr, nullptr) < 0 ? 1 : 0);  // no greeting
-    }
     EXPECT_TRUE(ServiceImpl_PrivLower());
     const size_t before = OpenDescriptors();
     std::string program = "opener", fd = "0";

@@ -3,7 +3,6 @@
 
 #include "opener/serviceImplWire.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -59,15 +58,6 @@ TEST_F(Wire, SaysNothingOfAPeerThatHasGone) {
   EXPECT_EQ("", Failure([&] { return ServiceImplWriteOne(b.Get(), '1'); }));
   signal(SIGPIPE, SIG_DFL);  // which would end the test
   EXPECT_EQ("", Failure([&] { return ServiceImplSendFd(b.Get(), STDIN_FILENO); }));
-}
-
-TEST_F(Wire, ChangesOneFlag) {
-  ASSERT_EQ(0, fcntl(a.Get(), F_SETFL, O_APPEND));  // meaningless here, but a flag
-  const int before = fcntl(a.Get(), F_GETFL);
-  for (const bool blocking : {false, true}) {
-    EXPECT_TRUE(ServiceImplSetBlockingState(a.Get(), blocking));
-    EXPECT_EQ(before | (blocking ? 0 : O_NONBLOCK), fcntl(a.Get(), F_GETFL));
-  }
 }
 
 }  // namespace
