@@ -2,7 +2,7 @@
 //
 // Holds: size <= allocated, and allocated is 0 when data is null; but the size of a detached buffer
 //        outlives its block.
-// Tests: tests/unit/dynbuf_test.cpp
+// Tests: tests/unit/containers_test.cpp
 
 #include "dynbuf.h"
 

@@ -23,13 +23,6 @@ inline std::string PeerTake(char *text, int length) {
 }
 
 template <typename... Args>
-std::string Host(const std::string &format, Args... args) {
-  char *text = nullptr;
-  const int length = asprintf(&text, format.c_str(), args...);
-  return PeerTake(text, length);
-}
-
-template <typename... Args>
 std::string Ours(const std::string &format, Args... args) {
   size_t length = 0;
   char *const text = Str_Asprintf(&length, format.c_str(), args...);
@@ -48,15 +41,14 @@ inline int OursInto(char *buffer, size_t size, const char *format, ...) {
 // Both print the same: as a new string, and in a buffer that holds only a part.
 template <typename... Args>
 void Agree(const std::string &format, Args... args) {
-  const std::string expected = Host(format, args...);
+  char *host = nullptr;
+  const int length = asprintf(&host, format.c_str(), args...);
+  const std::string expected = PeerTake(host, length);
   ASSERT_EQ(expected, Ours(format, args...)) << format;
-  std::vector<char> half(expected.size() / 2 + 2, '#');
+  std::string half(expected.size() / 2 + 2, '#');
   const size_t size = half.size() - 1;
-  ASSERT_EQ(static_cast<int>(expected.size()), OursInto(half.data(), size, format.c_str(), args...))
-      << format;
-  ASSERT_EQ(expected.substr(0, size - 1), std::string(half.data(), size - 1)) << format;
-  ASSERT_EQ('\0', half[size - 1]) << format;
-  ASSERT_EQ('#', half[size]) << format;
+  ASSERT_EQ(length, OursInto(half.data(), size, format.c_str(), args...)) << format;
+  ASSERT_EQ(expected.substr(0, size - 1) + '\0' + '#', half) << format;
 }
 
 // All sets of the flags in `of`.

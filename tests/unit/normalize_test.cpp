@@ -28,9 +28,9 @@ TEST(Normalize, GoesToBothForms) {
     EXPECT_EQ(row.composed, std::string(out.data, out.size));
     ASSERT_TRUE(CodeSet_Utf8Normalize(row.in.c_str(), false, &out));
     EXPECT_EQ(row.composed + row.decomposed, std::string(out.data, out.size));
-    EXPECT_FALSE(CodeSet_Utf8Normalize("a\xC3", true, &out));
-    EXPECT_EQ(row.composed + row.decomposed, std::string(out.data, out.size));
   }
+  ScopedDynBuf out;
+  EXPECT_FALSE(CodeSet_Utf8Normalize("a\xC3", true, &out));
 }
 
 }  // namespace

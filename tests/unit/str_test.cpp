@@ -24,22 +24,18 @@ TEST(Str, CutsBetweenCharactersAtEverySize) {
     EXPECT_EQ(size == 0 ? "#" : text.substr(0, kept[size]), buffer.c_str()) << size;
     EXPECT_EQ('#', buffer[size]);
   }
-}
-
-TEST(Str, CutsMalformedTextAtItsLastLeadByte) {
-  struct {
-    string text, expected;  // in 6 bytes
-  } const rows[] = {
+  // Malformed text is cut at its last lead byte.
+  const char *const rows[][2] = {
       {"abcd\x80xx", "abcd\x80"},                          // ASCII is always whole
       {"\x80\x80\x80\x80\x80\x80", ""},                    // no lead byte at all
       {"ab\xc3\xa9\xa9xx", "ab"},                          // too long for its lead
       {"abcd\xffxx", "abcd"},                              // no lead byte has eight bits
       {"\xf8\x80\x80\x80\x80xx", "\xf8\x80\x80\x80\x80"},  // its own length says five
   };
-  for (const auto &row : rows) {
-    char buffer[7] = "######";
-    EXPECT_EQ(-1, Str_Snprintf(buffer, 6, "%s", row.text.c_str()));
-    EXPECT_EQ(row.expected, buffer);
+  for (const auto &[malformed, expected] : rows) {
+    char buffer[6];
+    EXPECT_EQ(-1, Str_Snprintf(buffer, sizeof buffer, "%s", malformed));
+    EXPECT_STREQ(expected, buffer);
   }
 }
 
