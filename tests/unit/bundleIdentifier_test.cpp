@@ -32,11 +32,8 @@ std::string Binary(const std::string &identifier, int others) {
 }
 
 TEST(BundleIdentifier, ComesFromThePropertyList) {
-  const std::string head =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST "
-      "1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist "
-      "version=\"1.0\"><dict>";
-  const std::string end = "</dict></plist>\n", key = "<key>CFBundleIdentifier</key>";
+  const std::string head = "<?xml version=\"1.0\"?>\n<plist><dict>", end = "</dict></plist>\n";
+  const std::string key = "<key>CFBundleIdentifier</key>";
   const std::string inner = "<key>A</key><dict>" + key + "<string>inner</string></dict>";
   const std::pair<std::string, std::string> kRows[] = {
       // The list, and the identifier; empty for none.

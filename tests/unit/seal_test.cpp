@@ -16,17 +16,19 @@
 
 namespace {
 
-std::string Written(const char *identifier, const std::vector<SealItem> &items) {
+using std::string;
+
+string Written(const char *identifier, const std::vector<SealItem> &items) {
   size_t size = 0;
   const HeapArray<char> text = SealWrite(identifier, items, &size);
   return {text.get(), size};
 }
 
 TEST(SealText, KeepsEveryByteOfNamesAndTargets) {
-  std::string odd;
+  string odd;
   for (int c = 1; c < 256; c++) odd += static_cast<char>(c);
   SealText parsed;
-  const std::string text =
+  const string text =
       Written(odd.c_str(), {{odd.c_str(), "t%41 \n", {}}, {"a", nullptr, {{0xAB, 0x01}}}});
   ASSERT_TRUE(SealParse(text, &parsed));
   EXPECT_EQ(odd, parsed.identifier);
@@ -37,39 +39,34 @@ TEST(SealText, KeepsEveryByteOfNamesAndTargets) {
 
 // That what is read has one form: fuzz/seal_fuzz.cpp.
 TEST(SealText, HasOneFormOnly) {
-  const std::string head = "zephrin-codeseal 1\nidentifier i\n", hex(64, '0');
+  const string head = "zephrin-codeseal 1\nidentifier i\n", hex(64, '0');
   SealText parsed;
   EXPECT_TRUE(SealParse(head + "sha256 " + hex + " a\nlink t%0A b\n", &parsed));
-  const std::string rows[] = {"\n",
-                              "link t a",
-                              "sha256 " + hex + "0 a\n",
-                              "link t a\nlink t a\n",
-                              "link t b\nlink t a\n",
-                              "link  a\n",
-                              "link t a%0a\n",
-                              "link t a%41\n",
-                              "link t a%00\n",
-                              {"link t a\0\n", 10}};
-  for (const std::string &lines : rows) EXPECT_FALSE(SealParse(head + lines, &parsed)) << lines;
+  for (const string &lines :
+       {string("\n"), string("link t a"), "sha256 " + hex + "0 a\n", string("link t a\nlink t a\n"),
+        string("link t b\nlink t a\n"), string("link  a\n"), string("link t a%0a\n"),
+        string("link t a%41\n"), string("link t a%00\n"), string("link t a\0\n", 10)}) {
+    EXPECT_FALSE(SealParse(head + lines, &parsed)) << lines;
+  }
   EXPECT_FALSE(SealParse("zephrin-codeseal 2\nidentifier i\n", &parsed));
 }
 
 TEST(Seal, NoChangedByteMakesItSaySomethingElse) {
   const ScratchDir dir;
-  const std::string text = "zephrin-codeseal 1\n";
-  const std::string command =
+  const string text = "zephrin-codeseal 1\n";
+  const string command =
       "cd " + dir.Path() +
       " && " LUMEN_MAKE_AUTHORITY
       " . && openssl cms -sign -binary -nodetach -outform DER -in text -out out -signer valid.pem "
       "-inkey valid.key";
   dir.Write("text", text);
   ASSERT_EQ(0, system(command.c_str()));  // NOLINT(cert-env33-c): made of this test's own paths
-  const std::string seal = ReadFile(dir.Path("out")), anchors = ReadFile(dir.Path("root.pem"));
+  const string seal = ReadFile(dir.Path("out")), anchors = ReadFile(dir.Path("root.pem"));
   SmallFileBytes said;
   ASSERT_EQ(SealVerdict::Valid, SealOpen(seal, anchors, &said));
   const size_t step = getenv("LUMEN_ROUNDS") == nullptr ? 3 : 1;
   for (size_t i = 0; i < seal.size(); i += step) {
-    std::string changed = seal;
+    string changed = seal;
     changed[i] = static_cast<char>(changed[i] ^ 1 << i % 8);
     EXPECT_TRUE(SealOpen(changed, anchors, &said) != SealVerdict::Valid || said.View() == text)
         << i;
@@ -79,11 +76,10 @@ TEST(Seal, NoChangedByteMakesItSaySomethingElse) {
 TEST(Seal, AnchorsAreRootsAlone) {
   if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
   const ScratchDir dir;
-  const std::string fresh =
-      "cd " + dir.Path() +
-      " && chown 0 . && rm -rf etc real && mkdir -m 755 etc && printf anchors "
-      ">etc/pem && chmod 644 etc/pem && ";
-  for (const std::string change :
+  const string fresh = "cd " + dir.Path() +
+                       " && chown 0 . && rm -rf etc real && mkdir -m 755 etc && printf anchors "
+                       ">etc/pem && chmod 644 etc/pem && ";
+  for (const string change :
        {"true", "chmod 664 etc/pem", "chmod 646 etc/pem", "chown 12345 etc/pem",
         "chmod 757 etc",  // who may rename it can put another file in its place
         "chown 12345 etc", "chown 12345 .", "mv etc/pem etc/real; ln -s real etc/pem",
