@@ -17,8 +17,8 @@
 #include <mutex>
 #include <thread>
 
+#include "bench/ratios.h"
 #include "mxUser.h"
-#include "ratios.h"
 
 namespace {
 

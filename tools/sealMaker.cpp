@@ -89,13 +89,15 @@ Key ReadKey(const std::string &path) {
   return key;
 }
 
+// All of a file: one that ends within a certificate, or has something else for one, is refused.
 std::vector<X509Owner> ReadCertificates(const std::string &path) {
   std::vector<X509Owner> all;
   const Bio bio = OpenPem(path);
   while (X509 *const one = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)) {
     all.emplace_back(one);
   }
-  if (all.empty()) throw std::runtime_error(path + ": no certificate");
+  const bool atEnd = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+  if (all.empty() || !atEnd) ThrowOpenssl(path + ": not certificates");
   ERR_clear_error();
   return all;
 }
