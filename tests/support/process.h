@@ -31,6 +31,7 @@ class Process {
   // A process that still runs is killed.
   ~Process();
 
+  pid_t Pid() const { return pid_; }
   // Standard output and standard error so far.
   std::string Output() const;
   bool Running() const;
