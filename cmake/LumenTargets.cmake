@@ -48,11 +48,13 @@ if(LUMEN_FUZZ)
   target_link_options(lumen_common INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# Product code: no exceptions, no RTTI; unused sections are dropped at link.
+# Product code: no exceptions, no RTTI; unused sections are dropped at link.  Everything is hidden: what
+# macOS's loader sees of inline functions and variables it replaces by those of other libraries.
 add_library(lumen_product INTERFACE)
 target_link_libraries(lumen_product INTERFACE lumen_common)
 target_compile_options(lumen_product INTERFACE -fno-exceptions -fno-rtti -fstack-protector-strong
-                                               -ffunction-sections -fdata-sections)
+                                               -ffunction-sections -fdata-sections
+                                               -fvisibility=hidden -fvisibility-inlines-hidden)
 if(NOT LUMEN_SANITIZE)
   target_compile_options(lumen_product INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
                                                  $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
