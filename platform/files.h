@@ -14,7 +14,7 @@
 // reading and for writing, both at offset 0; the offsets afterwards are left open.  False with
 // errno set when the data or the attributes cannot be copied, ENOTSUP for another kind of file; the
 // target is then neither one thing nor the other.  A mode, owner or times that cannot be set are
-// left as they are.
+// left as they are.  A lock against change and removal (file flags of macOS) does not come along.
 [[nodiscard]] bool Platform_CopyFileWithMetadata(int from, int to);
 
 // Takes away the access control list of the open file, so that its mode alone says who may do what.

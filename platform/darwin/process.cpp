@@ -2,11 +2,13 @@
 
 #include "platform/process.h"
 
+#include <limits.h>
 #include <mach-o/dyld.h>
 #include <sys/sysctl.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <iterator>
 
 namespace {
 
@@ -17,15 +19,13 @@ bool IsKept(const int *keep, size_t count, int fd) {
   return false;
 }
 
-// One past the highest descriptor the process can have.  sysconf answers -1 for an unlimited soft
-// limit; the kernel's own limit per process holds then.
+// One past the highest descriptor that can be open.  That is the kernel's limit per process; the soft
+// limit may have been lowered below a descriptor that was open already.
 int DescriptorLimit() {
-  const long limit = sysconf(_SC_OPEN_MAX);
-  if (limit >= 0 && limit <= INT32_MAX) return static_cast<int>(limit);
-  int perProcess = 0;
-  size_t size = sizeof perProcess;
-  if (sysctlbyname("kern.maxfilesperproc", &perProcess, &size, nullptr, 0) == 0) return perProcess;
-  return getdtablesize();
+  int mib[] = {CTL_KERN, KERN_MAXFILESPERPROC};
+  int limit = 0;
+  size_t size = sizeof limit;
+  return sysctl(mib, std::size(mib), &limit, &size, nullptr, 0) == 0 ? limit : OPEN_MAX;
 }
 
 }  // namespace

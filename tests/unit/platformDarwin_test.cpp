@@ -1,12 +1,21 @@
 // platformDarwin_test.cpp -- small pieces of the macOS platform code, against fakes of its calls.
 
+#include <copyfile.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
+#include <mach-o/dyld.h>
 #include <net/if_dl.h>
 #include <sched.h>
+#include <sys/acl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/sysctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -18,7 +27,9 @@
 
 #include "heap.h"
 #include "platform/decimalDigits.h"
+#include "platform/files.h"
 #include "platform/linkAddress.h"
+#include "platform/process.h"
 
 namespace {
 
@@ -81,7 +92,92 @@ TEST(DecimalDigitsDarwin, ThreadsDoNotShareDigits) {
   }
 }
 
+// A locked copy could not be made root's, nor be removed the next time; a compressed file without its
+// flag is an empty one.
+
+unsigned fileFlags;
+int failure;  // of fchflags and of acl_set_fd_np
+int lists;
+
+TEST(FileCopyDarwin, IsNotLockedButStoredAsItsSource) {
+  fileFlags = UF_IMMUTABLE | UF_APPEND | UF_COMPRESSED | SF_IMMUTABLE | SF_APPEND;
+  EXPECT_TRUE(Platform_CopyFileWithMetadata(3, 4));
+  EXPECT_EQ(UF_COMPRESSED, fileFlags);
+  failure = EPERM;
+  EXPECT_TRUE(Platform_CopyFileWithMetadata(3, 4)) << "there is nothing to unlock now";
+  fileFlags = UF_IMMUTABLE;
+  EXPECT_FALSE(Platform_CopyFileWithMetadata(3, 4));
+}
+
+TEST(FileCopyDarwin, AFileSystemWithoutAccessListsIsFine) {
+  for (const int error : {0, ENOTSUP, EPERM}) {
+    failure = error;
+    EXPECT_EQ(error != EPERM, Platform_RemoveAccessList(4));
+    EXPECT_TRUE(error != EPERM || errno == EPERM);
+  }
+  EXPECT_EQ(0, lists);
+}
+
+// The soft limit may have been lowered below a descriptor that was open already.
+
+constexpr int kPerProcess = 300;
+
+TEST(ProcessDarwin, ADescriptorAboveALoweredLimitIsClosed) {
+  const pid_t child = fork();
+  if (child == 0) {
+    for (const int fd : {5, 6, kPerProcess - 2, kPerProcess - 1}) dup2(STDERR_FILENO, fd);
+    const rlimit low = {10, 10};
+    setrlimit(RLIMIT_NOFILE, &low);
+    const int keep[] = {kPerProcess - 2, 5};
+    Platform_CloseDescriptorsExcept(keep, 2);
+    std::string open;
+    for (int fd = 0; fd < kPerProcess; fd++) {
+      if (fcntl(fd, F_GETFD) != -1) open += std::to_string(fd) + " ";
+    }
+    _exit(open == "0 1 2 5 298 " ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(0, status);
+}
+
+int Answer(int error) {
+  errno = error;
+  return error == 0 ? 0 : -1;
+}
+
 }  // namespace
+
+int fcopyfile(int, int, void *, unsigned) {
+  return 0;
+}
+int fakeFstat(int, struct stat *status) noexcept {
+  *status = {};
+  status->st_flags = fileFlags;
+  return 0;
+}
+int fchflags(int, unsigned flags) {
+  fileFlags = flags;
+  return Answer(failure);
+}
+acl_t acl_init(int) {
+  return reinterpret_cast<acl_t>(&++lists);
+}
+int acl_free(void *) {
+  lists--;
+  return Answer(EINTR);
+}
+int acl_set_fd_np(int, acl_t, acl_type_t) {
+  return Answer(failure);
+}
+int sysctl(int *mib, unsigned, void *old, size_t *, void *, size_t) {
+  EXPECT_TRUE(mib[0] == CTL_KERN && mib[1] == KERN_MAXFILESPERPROC);
+  *static_cast<int *>(old) = kPerProcess;
+  return 0;
+}
+int _NSGetExecutablePath(char *, uint32_t *) {
+  return -1;
+}
 
 extern "C" {
 char *fakeEcvt(double value, int, int *point, int *) noexcept {
