@@ -69,13 +69,12 @@ int DescriptorArgument(const char *text) {
   return static_cast<int>(number);
 }
 
+// A second listen is the one question that every host answers (macOS has no SO_ACCEPTCONN), and has a
+// use: the opener listens with a queue of the smallest length.  Openers connect under their lock, so
+// one that finds the queue full holds up all others.
 int ListenerArgument(const char *text) {
   const int fd = DescriptorArgument(text);
-  int listens = 0;
-  socklen_t size = sizeof listens;
-  if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0 || listens == 0) {
-    RefuseArguments("not a listening socket: ", text);
-  }
+  if (listen(fd, SOMAXCONN) != 0) RefuseArguments("not a listening socket: ", text);
   return fd;
 }
 

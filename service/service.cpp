@@ -99,11 +99,7 @@ void Service::Stop() {
 }
 
 bool Service::Run() {
-  // The opener listens with a queue of the smallest length.  Openers connect under their lock, so
-  // one that finds the queue full holds up all others.
   if (!ServiceImplSetBlockingState(listener_.Get(), false)) return false;
-  if (listen(listener_.Get(), SOMAXCONN) != 0) Warning("listen errno %d.\n", errno);
-
   while (Wait()) {
     for (size_t i = 0; i < numWatched_; i++) {
       if (watched_[i].revents == 0) continue;
