@@ -31,6 +31,8 @@
 #include "log.h"
 #include "msgList.h"
 
+extern char **environ;
+
 namespace fs = std::filesystem;
 
 namespace {
