@@ -70,7 +70,9 @@ void FillStandardDescriptors() {
 }
 
 void IgnoreSigpipe() {
-  signal(SIGPIPE, SIG_IGN);
+  struct sigaction action = {};
+  action.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &action, nullptr);
 }
 
 int CheckRootOwned(const char *path) {
