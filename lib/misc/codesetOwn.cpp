@@ -3,7 +3,7 @@
 // A converter reserves the most that its output can take, writes without looking at the room again,
 // and gives the buffer its size at the end.  Runs of ASCII are converted by the word, other text
 // character by character.
-// Tests: tests/unit/codeset_test.cpp, and against ICU tests/unit/icu_test.cpp
+// Tests: tests/unit/codeset_test.cpp, fuzz/codeset_fuzz.cpp
 // Speed: bench/codeset_bench.cpp
 
 #include <algorithm>

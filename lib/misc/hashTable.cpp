@@ -19,7 +19,7 @@
 //            to is seen as its writer left it, also by the free function.
 //         Tables without HASHTABLE_ATOMIC share this code; but for the head's compare-and-swap, the
 //         orders cost them nothing that matters.
-// Tests:  tests/unit/hashTable_test.cpp
+// Tests:  tests/unit/containers_test.cpp
 //         Measured against the C++ library's table: bench/hashTable_bench.cpp
 
 #include "hashTable.h"

@@ -22,18 +22,15 @@ void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *block, size_t size);
 
-void *__wrap_malloc(size_t size);
 void *__wrap_malloc(size_t size) {
   return MustFail(size) ? nullptr : __real_malloc(size);
 }
 
-void *__wrap_calloc(size_t count, size_t size);
 void *__wrap_calloc(size_t count, size_t size) {
   const bool isHuge = size != 0 && count > PTRDIFF_MAX / size;
   return MustFail(isHuge ? SIZE_MAX : count * size) ? nullptr : __real_calloc(count, size);
 }
 
-void *__wrap_realloc(void *block, size_t size);
 void *__wrap_realloc(void *block, size_t size) {
   return MustFail(size) ? nullptr : __real_realloc(block, size);
 }

@@ -6,56 +6,51 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <regex>
 
 #include "fd.h"
 
 namespace {
 
-// Everything in the unlinked file behind `fd`.
-std::string Contents(int fd) {
-  std::string text;
-  char piece[4096];
-  off_t at = 0;
-  for (ssize_t got; (got = pread(fd, piece, sizeof piece, at)) > 0; at += got) {
-    text.append(piece, static_cast<size_t>(got));
-  }
-  return text;
+using Scratch = std::unique_ptr<FILE, int (*)(FILE *)>;
+
+// From now on what goes to standard output goes to the file.
+void Redirect(const Scratch &file) {
+  fflush(stdout);
+  if (file == nullptr || dup2(fileno(file.get()), STDOUT_FILENO) < 0) abort();
 }
 
-Fd ScratchFile() {
-  FILE *const file = tmpfile();
-  Fd fd(file == nullptr ? -1 : dup(fileno(file)));
-  if (file != nullptr) fclose(file);
-  if (!fd) abort();
-  return fd;
+std::string Contents(const Scratch &file) {
+  const int fd = fileno(file.get());
+  std::string text(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
+  return pread(fd, text.data(), text.size(), 0) == std::ssize(text) ? text : "(not to be read)";
 }
 
 }  // namespace
 
 std::string CaptureOutput(const std::function<void()> &body) {
-  fflush(stdout);
   const Fd saved(dup(STDOUT_FILENO));
-  const Fd file = ScratchFile();
-  dup2(file.Get(), STDOUT_FILENO);
+  const Scratch file(tmpfile(), fclose);
+  Redirect(file);
   body();
   dup2(saved.Get(), STDOUT_FILENO);
-  return Contents(file.Get());
+  return Contents(file);
 }
 
 ChildResult RunInChild(const std::function<void()> &body) {
   fflush(nullptr);
-  const Fd file = ScratchFile();
+  const Scratch file(tmpfile(), fclose);
   const pid_t child = fork();
   if (child == 0) {
-    dup2(file.Get(), STDOUT_FILENO);
+    Redirect(file);
     body();
     _exit(42);
   }
   int status = 0;
   if (child < 0 || waitpid(child, &status, 0) != child) abort();
   ChildResult result;
-  result.output = Contents(file.Get());
+  result.output = Contents(file);
   if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
   return result;

@@ -51,11 +51,6 @@ constexpr char kInstall[] = R"sh(
 
 }  // namespace
 
-int Rounds() {
-  const char *const rounds = getenv("LUMEN_ROUNDS");
-  return rounds == nullptr ? 1 : std::max(1, atoi(rounds));
-}
-
 void Shell(const std::string &commands) {
   EXPECT_EQ(0, system((kPrelude + commands).c_str())) << commands;
 }

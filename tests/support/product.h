@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/process.h"
+#include "tests/support/rounds.h"
 
 inline constexpr char kSandboxMark[] = "/.lumen-sandbox";
 inline const std::string kSocketPath = "/var/run/Zephrin Lumen Client Services.sock";
@@ -28,9 +29,6 @@ inline const std::string kStaged = kInstallRoot + "/Services";
 inline const std::string kStagedDaemon = kStaged + "/Contents/Library/" + kDaemonName;
 inline const std::string kProbeReport = "/var/run/probe.report";  // of tests/system/probeDaemon.cpp
 inline constexpr uid_t kUser = 12345;
-
-// How often to repeat what chance decides: LUMEN_ROUNDS, or 1.
-int Rounds();
 
 // Runs shell commands as root in the folder of the bundle's daemon.  They may use
 //   sign IDENTIFIER PATH [SIGNER]   signs an item, in the name of a signer of makeAuthority

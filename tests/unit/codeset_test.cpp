@@ -1,23 +1,39 @@
-// codeset_test.cpp -- UTF-8 against a second opinion, and the library's own converters.
+// codeset_test.cpp -- UTF-8 against ICU, the names of encodings, the library's own converters, and how
+// ICU takes over.
 //
-// Linked with --wrap=malloc,--wrap=realloc for AllocFault.  What each pair of encodings makes of
-// which text: icu_test.cpp, fuzz/codeset_fuzz.cpp.
+// ICU never leaves a process that it has entered, so whoever lets it in does so in a child.
+// Conversions of any bytes: fuzz/codeset_fuzz.cpp; the look-up of any name: fuzz/encoding_fuzz.cpp.
+// Linked with --wrap=malloc,--wrap=realloc for AllocFault.
 
 #include "codeset.h"
 
 #include <gtest/gtest.h>
+#include <unicode/putil.h>
 #include <unicode/ustring.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
+#include <vector>
 
+#include "encoding.h"
 #include "heap.h"
+#include "lib/unicode/encodingTable.h"
+#include "productDir.h"
 #include "tests/support/allocFault.h"
 #include "tests/support/capture.h"
 #include "tests/support/rounds.h"
+#include "tests/support/scratchDir.h"
+#include "unicode.h"
 #include "utf8.h"
 
 namespace {
@@ -74,26 +90,78 @@ TEST(Utf8, LongTextsWithOneWrongByteAreTreatedAlike) {
   }
 }
 
-TEST(Utf32, EveryCharacterGoesThereAndBack) {
+std::u32string AllCharacters() {
   std::u32string all;
   for (char32_t c = 1; c <= 0x10FFFF; c++) {
     if (c < 0xD800 || c > 0xDFFF) all += c;
   }
+  return all;
+}
+
+TEST(Utf32, EveryCharacterGoesThereAndBack) {
+  const std::u32string all = AllCharacters();
   char32_t *units = nullptr;
   char *bytes = nullptr;
   ASSERT_TRUE(CodeSet_UTF32ToUTF8(all.c_str(), &bytes));
   const HeapStr bytesOwner(bytes);
   ASSERT_TRUE(CodeSet_UTF8ToUTF32(bytes, &units));
   EXPECT_TRUE(all == HeapArray<char32_t>(units).get() && IsValid(bytes));
-  for (const char32_t bad : {char32_t{0xDFFF}, char32_t{0x110000}}) {
-    EXPECT_FALSE(CodeSet_UTF32ToUTF8(std::u32string{U'a', bad}.c_str(), &bytes));
-  }
+  const char32_t surrogate[] = {0xDFFF, 0}, tooLarge[] = {0x110000, 0};
+  EXPECT_FALSE(CodeSet_UTF32ToUTF8(surrogate, &bytes) || CodeSet_UTF32ToUTF8(tooLarge, &bytes));
   EXPECT_FALSE(CodeSet_UTF8ToUTF32("a\xED\xA0\x80", &units));
-  EXPECT_TRUE(CodeSet_UTF8ToUTF32(nullptr, &units) && units == nullptr);
-  EXPECT_TRUE(CodeSet_UTF32ToUTF8(nullptr, &bytes) && bytes == nullptr);
 }
 
-// ---- pairs of encodings ----------------------------------------------------------------------
+// ---- names of encodings ----------------------------------------------------------------------
+
+constexpr auto kUnknown = StringEncoding::Unknown;
+
+// The counts are those of the sources that encodings.inc names: a slip in editing shows here.
+TEST(Encodings, HaveTheNamesOfTheirSourcesAndAreFoundByEach) {
+  size_t usable = 0, count = 0;
+  std::set<std::string> names;
+  for (const EncodingRow &row : EncodingTableRows()) {
+    usable += row.usable ? 1 : 0;
+    const auto expected = row.usable ? StringEncoding{row.encoding} : kUnknown;
+    for (const char *name = EncodingTableFirstName(row); *name != '\0';
+         name = EncodingTableNextName(name), count++) {
+      EXPECT_TRUE(names.insert(name).second) << name << " stands twice";
+      EXPECT_EQ(expected, Unicode_EncodingNameToEnum(name)) << name;
+    }
+    const char *const preferred = Unicode_EncodingEnumToName(StringEncoding{row.encoding});
+    EXPECT_EQ(expected, Unicode_EncodingNameToEnum(preferred));
+  }
+  EXPECT_TRUE(usable == 77 && count == 1490);
+}
+
+TEST(Encodings, ThatNobodyKnowsAreLoggedEachTimeAndOthersRemembered) {
+  for (int round = 0; round < 2; round++) {
+    EXPECT_EQ("UnicodeIANALookup: Did not find an IANA match for encoding \"windows-1252x\"\n",
+              WithoutStamps(CaptureOutput(
+                  [] { EXPECT_EQ(kUnknown, Unicode_EncodingNameToEnum("windows-1252x")); })));
+  }
+  // Only what is remembered knows it in capitals: the rule for code pages does not.
+  // (The zero keeps the name from what other tests ask for.)
+  EXPECT_EQ(kUnknown, Unicode_EncodingNameToEnum("WINDOWS-028592"));
+  EXPECT_NE(kUnknown, Unicode_EncodingNameToEnum("windows-028592"));
+  EXPECT_NE(kUnknown, Unicode_EncodingNameToEnum("WINDOWS-028592"));
+  EXPECT_EQ(
+      "Unicode_EncodingEnumToName: Unknown encoding -2.\n"
+      "Panic: NOT_REACHED lib/unicode/unicodeSimpleTypes:2588\n",
+      FatalText([] { (void)Unicode_EncodingEnumToName(StringEncoding{-2}); }));
+}
+
+// ---- conversion ------------------------------------------------------------------------------
+
+// The result of a conversion; none when it fails.
+std::optional<std::string> Convert(const char *from, const std::string &text, const char *to,
+                                   int flags) {
+  char *out = nullptr;
+  size_t length = 0;
+  if (!CodeSet_GenericToGeneric(from, text.data(), text.size(), to, flags, &out, &length))
+    return {};
+  const HeapStr owner(out);
+  return std::string(out, length);
+}
 
 TEST(FixedPairs, ConvertFromAndToWhatTheirNamesSay) {
   const std::string utf8 = "a\0\xC3\xA9"s, little = "a\0\0\0\xE9\0"s, big = "\0a\0\0\0\xE9"s;
@@ -111,19 +179,124 @@ TEST(FixedPairs, ConvertFromAndToWhatTheirNamesSay) {
     ASSERT_TRUE(row.convert(row.in.data(), row.in.size(), &out, &length));
     const HeapStr owner(std::exchange(out, nullptr));
     EXPECT_EQ(row.out + std::string(4, '\0'), std::string(owner.get(), length + 4)) << "any unit";
-    EXPECT_FALSE(row.convert("\xD8\0\xED", 3, &out, nullptr));
     const AllocFault fault(1);
     EXPECT_FALSE(row.convert(row.in.data(), row.in.size(), &out, &length));
     EXPECT_TRUE(fault.Fired() && out == nullptr && length == row.out.size());
   }
+  EXPECT_FALSE(CodeSet_Validate("\xD8\0\xD8\0", 4, "UTF-16BE"));
+  EXPECT_EQ("Panic: VERIFY lib/misc/codeset:1700\n",
+            FatalText([] { (void)CodeSet_Validate("", size_t{1} << 31, "UTF-8"); }));
 }
 
-TEST(OwnConverters, ValidateWhatTheyCanConvert) {
-  EXPECT_FALSE(CodeSet_Validate("\xD8\0\xD8\0", 4, "UTF-16BE"));
-  EXPECT_FALSE(CodeSet_Validate("a", 1, "Shift_JIS"));
-  EXPECT_TRUE(CodeSet_Validate(nullptr, 0, "no such name"));
-  EXPECT_EQ("Panic: VERIFY lib/misc/codeset:1700\n",
-            FatalText([] { static_cast<void>(CodeSet_Validate("", size_t{1} << 31, "UTF-8")); }));
+// ---- ICU -------------------------------------------------------------------------------------
+
+bool IcuIsIn() {
+  return Convert("UTF-8", "a", "ISO-8859-1", CODESET_STOP).has_value();
+}
+
+// Runs the body in a child; failures in there are failures here.
+void InChild(const std::function<void()> &body) {
+  const ChildResult child = RunInChild([&] {
+    body();
+    fflush(stdout);
+    if (testing::Test::HasFailure()) _exit(1);
+  });
+  EXPECT_EQ(42, child.exitStatus) << child.output;
+}
+
+// A folder with ICU's data file.  What is in it does not matter: this host's ICU has its data in a
+// library of its own, and never opens the file.
+class Icu : public testing::Test {
+ protected:
+  const ScratchDir dir_;
+  const std::string folder_ = dir_.Path(), file_ = dir_.Write("icudt44l.dat", "data");
+};
+
+const char *lookedUp;
+std::atomic<int> lookups;
+
+char *LookUp(const char *key) {
+  lookups++;
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_STREQ("icuDir", key);
+  return lookedUp == nullptr ? nullptr : strdup(lookedUp);
+}
+
+TEST_F(Icu, IsLetInOnceByManyThreadsWhereItsDataFileIs) {
+  const auto letIn = [&](const char *given, const std::string &found, bool comesIn) {
+    InChild([&] {
+      ProductDir_InstallLookup(LookUp);
+      lookedUp = found.c_str();
+      std::vector<std::jthread> threads;
+      for (int i = 0; i < 4; i++) {
+        threads.emplace_back([&] {
+          Unicode_Init(given);
+          EXPECT_EQ(comesIn, IcuIsIn()) << "nobody comes back too early";
+        });
+      }
+      threads.clear();
+      EXPECT_EQ(given == nullptr ? 1 : 0, lookups);
+      EXPECT_EQ(comesIn, file_ == u_getDataDirectory());
+      EXPECT_TRUE(CodeSet_Init("/nowhere") && comesIn == IcuIsIn()) << "it never leaves";
+    });
+  };
+  letIn(folder_.c_str(), "/nowhere", true);
+  letIn("/nowhere", folder_, false);
+  letIn(nullptr, folder_, true);
+  std::filesystem::create_directories(dir_.Path("folderInstead/icudt44l.dat"));
+  letIn(dir_.Path("folderInstead").c_str(), "/nowhere", false);
+}
+
+// With ICU, and without it but in ASCII only.
+void ExpectFlagsHeeded(bool isIcu) {
+  const struct {
+    const char *from, *to;
+    std::string in, substituted, skipped;
+  } rows[] = {
+      {"UTF-8", "US-ASCII", "\xC3\xA9-\xF0\x9F\x98\x80-\x81", "\x1A-\x1A-\x1A", "--"},
+      {"US-ASCII", "UTF-8", "a\x80z", "a\xEF\xBF\xBDz", "az"},
+      {"UTF-8", "UTF-8", "a\x80z", "a\xEF\xBF\xBDz", "az"},
+      {"UTF-8", "UTF-16LE", "a\xFF", "a\0\xFD\xFF"s, "a\0"s},
+      {"UTF-16LE", "UTF-8", "a\0\0\xD8z\0"s, "a\xEF\xBF\xBDz", "az"},
+      {"UTF-16BE", "UTF-16BE", "\xD8\x3D\xDE"s, "\xFF\xFD"s, ""},
+      {"UTF-8", "ISO-8859-1", "\xC3\xA9\xE3\x81\x84", "\xE9\x1A", "\xE9"},
+  };
+  for (size_t i = 0; i < std::size(rows); i++) {
+    const auto &[from, to, in, substituted, skipped] = rows[i];
+    const bool heeds = isIcu || i < 2;
+    EXPECT_EQ(std::nullopt, Convert(from, in, to, CODESET_STOP)) << from << " to " << to;
+    EXPECT_EQ(heeds ? std::optional(substituted) : std::nullopt,
+              Convert(from, in, to, CODESET_SUBSTITUTE));
+    EXPECT_EQ(heeds ? std::optional(skipped) : std::nullopt, Convert(from, in, to, CODESET_SKIP));
+  }
+  EXPECT_FALSE(Convert("no such name", "a", "UTF-8", CODESET_STOP).has_value());
+  EXPECT_EQ("", Convert("no such name", "", "UTF-8", CODESET_STOP));
+}
+
+TEST_F(Icu, TakesOver) {
+  ExpectFlagsHeeded(false);
+  char *all = nullptr;
+  ASSERT_TRUE(CodeSet_UTF32ToUTF8(AllCharacters().c_str(), &all));
+  const HeapStr owner(all);
+  const std::string utf16 = Convert("UTF-8", all, "UTF-16LE", CODESET_STOP).value_or("");
+  EXPECT_TRUE(Convert("UTF-16LE", utf16, "UTF-8", CODESET_STOP) == all);
+  InChild([&] {
+    ASSERT_TRUE(CodeSet_Init(folder_.c_str()) && IcuIsIn());
+    EXPECT_TRUE(Convert("UTF-8", all, "UTF-16LE", CODESET_STOP) == utf16);
+    ExpectFlagsHeeded(true);
+    for (const EncodingRow &row : EncodingTableRows()) {
+      if (!row.usable) continue;
+      const char *const name = EncodingTablePreferredName(row);
+      const std::string bytes = Convert("UTF-8", "Az 09", name, CODESET_STOP).value_or("");
+      EXPECT_EQ("Az 09", Convert(name, bytes, "UTF-8", CODESET_STOP)) << name;
+      EXPECT_TRUE(CodeSet_Validate(bytes.data(), bytes.size(), name)) << name;
+    }
+    EXPECT_FALSE(CodeSet_Validate("\x82", 1, "Shift_JIS"));
+    EXPECT_EQ("Panic: NOT_IMPLEMENTED lib/misc/codeset:988\n",
+              FatalText([] { Convert("UTF-8", "a", "UTF-8", 3); }));
+    EXPECT_EQ("Panic: VERIFY lib/misc/codeset:1723\n",
+              FatalText([] { (void)CodeSet_Validate("a", 1, "no such name"); }));
+  });
 }
 
 }  // namespace

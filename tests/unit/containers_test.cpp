@@ -1,23 +1,35 @@
-// containers_test.cpp -- byte buffers, and texts and what escaping makes of them; hash tables have a
-// program of their own.
+// containers_test.cpp -- byte buffers; texts and what escaping makes of them; hash tables of every kind
+// against a map of the C++ library, and many threads in one, where ThreadSanitizer sees the data
+// races.
 //
-// Properties of random bytes, UndoFixed and Strchr: fuzz/escape_fuzz.cpp.
+// Properties of random bytes, UndoFixed and what protects single bytes: fuzz/escape_fuzz.cpp.
 // Linked with --wrap=malloc,--wrap=realloc for AllocFault.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <functional>
+#include <latch>
+#include <map>
+#include <random>
+#include <span>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <vector>
 
 #include "dynbuf.h"
 #include "escape.h"
+#include "hashTable.h"
 #include "heap.h"
 #include "tests/support/allocFault.h"
 #include "tests/support/capture.h"
+#include "tests/support/rounds.h"
 
 namespace {
 
@@ -82,10 +94,6 @@ constexpr Operation kUndo = [](auto text, size_t *length) {
 constexpr Operation kAnsi = [](auto text, size_t *length) {
   return Escape_AnsiToUnix(text.data(), text.size(), length);
 };
-constexpr Operation kUnescape = [](auto text, size_t *) {
-  return Escape_Unescape('\\', text.data());
-};
-constexpr Operation kComma = [](auto text, size_t *) { return Escape_Comma(text.data()); };
 constexpr Operation kCString = [](auto text, size_t *) {
   char *const copy = strdup(text.data());
   Escape_UnescapeCString(copy);
@@ -101,8 +109,6 @@ const struct {
     {kUndo, "%4142%00%4a%af%", "A42\0J\xaf%"sv},
     {kUndo, "%%%41%4%41%:0%/0%@0%G0%`0%g0", "%%A%4%41%:0%/0%@0%G0%`0%g0"},
     {kAnsi, "a\r\n\r\nb\rc\r\r\n\r", "a\n\nb\rc\r\n\r"},
-    {kUnescape, "a\\,b\\\\, and no byte after\\", "a,b\\, and no byte after"},
-    {kComma, "a,b\\,", "a\\,b\\\\\\,"},
     {kCString, "a\\nb\\\\n\\\\101\\377\\", "a\nb\\n\\101\xff\\"},
     {kCString, "\\12\\1 1\\ 12\\+12\\-12\\128\\812\\t\\N\\x41",
      "\\12\\1 1\\ 12\\+12\\-12\\128\\812\\t\\N\\x41"},
@@ -133,6 +139,149 @@ TEST(Escape, AShellReadsTheQuotedTextBack) {
   const ChildResult shell =
       RunInChild([&] { execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); });
   EXPECT_TRUE(shell.exitStatus == 0 && shell.output == text) << shell.output;
+}
+
+// ---- hash tables -----------------------------------------------------------------------------
+
+struct Value {
+  size_t key = 0;        // plain: written before the hand-over, read by whoever looks the value up
+  bool isFreed = false;  // should be, in the end
+  std::atomic<int> freed = 0;
+};
+
+void Free(void *value) {
+  static_cast<Value *>(value)->freed++;
+}
+
+// One operation with a key and a value; the model is a map from what the keys stand for.
+void Step(unsigned choice, HashTable *table, std::map<size_t, Value *> *model, const void *key,
+          Value *value) {
+  const bool there = model->contains(value->key);
+  Value *const old = there ? model->at(value->key) : nullptr;
+  void *found = nullptr;
+  const std::function<bool()> operations[] = {
+      [&] { return HashTable_Insert(table, key, value) == !there; },
+      [&] { return HashTable_LookupOrInsert(table, key, value) == (there ? old : value); },
+      [&] { return HashTable_ReplaceOrInsert(table, key, value) == there; },
+      [&] { return HashTable_ReplaceIfEqual(table, key, old, value) == there; },
+      [&] { return !HashTable_ReplaceIfEqual(table, key, &found, value); },
+      [&] { return HashTable_Delete(table, key) == there; },
+      [&] { return HashTable_LookupAndDelete(table, key, &found) == there && found == old; },
+      [&] { return HashTable_Lookup(table, key, &found) == there && found == old; },
+  };
+  ASSERT_TRUE(operations[choice]()) << choice;
+  if (choice == 6 && there) old->isFreed = false;
+  if (choice == 5 || choice == 6) model->erase(value->key);
+  if (choice == 2 || (choice < 4 && there == (choice == 3))) {
+    (*model)[value->key] = value;
+    value->isFreed = true;
+  }
+}
+
+TEST(HashTable, RandomOperationsAgreeWithAMap) {
+  std::vector<std::string> strings;  // what uncopied keys point to
+  for (const char *key : {"Key\xE9 number ", "kEY\xE9 number "}) {
+    for (int i = 0; i < 40; i++) strings.push_back(key + std::to_string(i));
+  }
+  std::mt19937 random(11);
+  for (uint32_t kind = 0; kind < 4 * 4 * 3; kind++) {
+    const uint32_t flags = kind / 3 % 4 * HASHTABLE_ATOMIC | kind % 3;
+    std::vector<Value> values(1000);
+    std::map<size_t, Value *> model;
+    HashTableOwner table(HashTable_Alloc(std::array{0U, 1U, 2U, 128U}[kind / 12], flags, Free));
+    for (Value &value : values) {
+      const size_t place = random() % strings.size();
+      const std::string passing = strings[place];  // gone after the step
+      const void *key = ((flags & HASHTABLE_COPY_KEY) != 0 ? passing : strings[place]).c_str();
+      if (kind % 3 == HASHTABLE_INT_KEY) key = HashTable_IntKey(place << place / 2);
+      value.key = kind % 3 == HASHTABLE_ISTRING_KEY ? place % 40 : place;
+      Step(random() % 8, table.get(), &model, key, &value);
+      if (HasFatalFailure()) return;
+      if (random() % 400 != 0) continue;
+      size_t count = 0;
+      const HeapArray<void *> content(HashTable_ValueArray(table.get(), &count));
+      ASSERT_TRUE(model.size() == count && count == HashTable_GetNumElements(table.get()));
+      for (size_t i = 0; i < count; i++) {
+        EXPECT_EQ(content[i], model[static_cast<Value *>(content[i])->key]);
+      }
+      HashTable_Clear(table.get());
+      model.clear();
+    }
+    table.reset();
+    for (const Value &value : values) EXPECT_EQ(value.isFreed ? 1 : 0, value.freed);
+  }
+}
+
+TEST(HashTable, WalksInBucketOrderAndRefusesOtherBucketCountsAndKeyTypes) {
+  const HashTableOwner table(HashTable_Alloc(128, HASHTABLE_STRING_KEY, nullptr));
+  for (const char *key : {"/dev/null", "ab", "UTF-16LE", "a", "", "lumenClient-opener", "UTF-8"}) {
+    HashTable_Insert(table.get(), key, nullptr);
+  }
+  std::string met;
+  const auto stopAtAb = [](const void *key, void *, void *all) {
+    const std::string text = static_cast<const char *>(key);
+    *static_cast<std::string *>(all) += text + " ";
+    return text == "ab" ? -5 : 0;
+  };
+  EXPECT_EQ(-5, HashTable_ForEach(table.get(), stopAtAb, &met));
+  EXPECT_EQ(" UTF-8 UTF-16LE lumenClient-opener a ab ", met);  // buckets 0 25 35 37 56 86 of 128
+
+  EXPECT_EQ("Panic: HashTable_Alloc only takes powers of 2 \n",
+            FatalText([] { (void)HashTable_Alloc(3, 0, nullptr); }));
+  EXPECT_EQ("Panic: NOT_REACHED lib/misc/hashTable:142\n",
+            FatalText([] { HashTable_Insert(HashTable_Alloc(2, 3, nullptr), "", nullptr); }));
+}
+
+constexpr size_t kThreads = 8, kKeys = 500;
+
+// What each thread does with its values, in a table that the first of them makes.  Many buckets keep
+// it at that while the others come.
+void UseTable(std::atomic<HashTable *> *slot, size_t me, std::span<Value> values) {
+  HashTable *const table =
+      HashTable_AllocOnce(slot, 8192, HASHTABLE_ATOMIC | HASHTABLE_COPY_KEY, Free);
+  EXPECT_EQ(table, *slot);
+  for (size_t i = 0; i < values.size(); i++) {
+    Value &mine = values[i];
+    mine.key = (me < 4 ? i : values.size() - i) % kKeys;
+    const std::string name = std::to_string(mine.key);  // gone after the insertion
+    const char *const key = name.c_str();
+    void *old = nullptr;
+    if (me % 4 == 0) {
+      mine.isFreed = HashTable_Insert(table, key, &mine);
+    } else if (me % 4 == 1) {
+      mine.isFreed = HashTable_LookupOrInsert(table, key, &mine) == &mine;
+    } else if (me % 4 == 2) {
+      HashTable_ReplaceOrInsert(table, key, &mine);
+      mine.isFreed = true;
+    } else if (HashTable_Lookup(table, key, &old)) {
+      EXPECT_EQ(mine.key, static_cast<Value *>(old)->key);
+      mine.isFreed = HashTable_ReplaceIfEqual(table, key, old, &mine);
+    }
+  }
+}
+
+TEST(HashTable, EveryKeyGoesInOnceAndEveryValueTakenIsFreedOnceByManyThreads) {
+  constexpr size_t kEach = 1000;
+  for (int round = Rounds(20); round > 0; round--) {
+    std::atomic<HashTable *> slot = nullptr;
+    std::vector<Value> values(kThreads * kEach);
+    std::latch start(kThreads);
+    std::vector<std::jthread> threads;
+    for (size_t me = 0; me < kThreads; me++) {
+      threads.emplace_back([&, me] {
+        start.arrive_and_wait();
+        UseTable(&slot, me, std::span(values).subspan(me * kEach, kEach));
+      });
+    }
+    threads.clear();
+    // The array is complete, whatever the advisory count has missed.
+    HashTableOwner table(slot);
+    size_t count = 0;
+    HeapArray<void *>(HashTable_ValueArray(table.get(), &count)).reset();
+    EXPECT_EQ(kKeys, count);
+    table.reset();
+    for (const Value &value : values) ASSERT_EQ(value.isFreed ? 1 : 0, value.freed);
+  }
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // daemonize_test.cpp -- what a daemon inherits, and what its starter learns of its start.
 //
-// The program is its own daemon: started as "daemonize_test --daemon REPORT [linger]" it writes
-// what it finds about itself to the file REPORT.  What an opener's daemon inherits is tested as
-// installed, in tests/system/handoff_test.cpp; failing calls in tests/system/faults_test.cpp.
+// The daemon is a shell that writes what it finds about itself to a file.  What an opener's daemon
+// inherits is tested as installed, in tests/system/handoff_test.cpp; failing calls in
+// tests/system/faults_test.cpp.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,7 +15,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,50 +27,32 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// ---- the daemon's side ----------------------------------------------------------------------
-
-// Before anything else is opened; what it finds goes into the report.
-int DaemonMain(const std::string &report, bool linger) {
-  std::ostringstream files;
-  for (int fd = 0; fd < 1000; fd++) {
-    std::error_code gone;
-    const fs::path target = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), gone);
-    if (!gone)
-      files << fd << '=' << target.native() << ':' << (fcntl(fd, F_GETFL) & O_ACCMODE) << ' ';
-  }
-  rlimit space;
-  getrlimit(RLIMIT_AS, &space);
-  std::ofstream(report + ".new") << getpid() << ' ' << getsid(0) << ' '
-                                 << (space.rlim_cur == space.rlim_max) << ' '
-                                 << fs::current_path().native() << ' ' << files.str();
-  fs::rename(report + ".new", report);
-  if (linger) pause();
-  return 0;
-}
-
-// ---- the starter's side ---------------------------------------------------------------------
+// In the end its descriptors, by a process of their own: the shell opens none for that.
+constexpr char kDaemon[] = R"(
+  echo $$ $(cut -d" " -f6 /proc/$$/stat) $(ulimit -v) $(pwd -P) >"$0.new"
+  grep -h flags /proc/$$/fdinfo/[012] | tr "\n" " " >>"$0.new"
+  (find /proc/$$/fd -type l -printf " %f=%l" >>"$0.new")
+  mv "$0.new" "$0"
+  ${1:+exec sleep 1000})";
 
 class Daemonize : public testing::Test {
  protected:
   const ScratchDir dir_;
   const std::string report_ = dir_.Path("report"), pidPath_ = dir_.Path("pid");
-  const std::string self_ = fs::read_symlink("/proc/self/exe");
   // What the daemon has found.
   pid_t pid_ = 0, session_ = 0;
-  int hasSpace_ = 0;
-  std::string folder_, files_;
+  std::string space_, folder_, files_;
 
-  bool Start(const std::string &program, int flags, const std::vector<int> &keep = {},
+  bool Start(const char *program, int flags, const std::vector<int> &keep = {},
              const char *linger = nullptr) {
-    const char *const argv[] = {"x", "--daemon", report_.c_str(), linger, nullptr};
-    return Hostinfo_Daemonize(program.c_str(), argv, flags, pidPath_.c_str(), keep.data(),
-                              keep.size());
+    const char *const argv[] = {"x", "-c", kDaemon, report_.c_str(), linger, nullptr};
+    return Hostinfo_Daemonize(program, argv, flags, pidPath_.c_str(), keep.data(), keep.size());
   }
 
   void AwaitReport() {
     for (int i = 0; i < 2000 && !fs::exists(report_); i++) usleep(10000);
     std::ifstream in(report_);
-    in >> pid_ >> session_ >> hasSpace_ >> folder_;
+    in >> pid_ >> session_ >> space_ >> folder_ >> std::ws;
     std::getline(in, files_);
     fs::remove(report_);
   }
@@ -95,13 +76,15 @@ TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
     // More than any program has, so that it does not get in the way of a sanitizer.
     const rlimit space = {rlim_t{1} << 47, RLIM_INFINITY};
     setrlimit(RLIMIT_AS, &space);
-    _exit(Start(self_, 0, {300, 17}, "linger") ? 0 : 1);
+    _exit(Start("/bin/sh", 0, {300, 17}, "linger") ? 0 : 1);
   });
   ASSERT_EQ(0, starter.exitStatus) << starter.output;
   AwaitReport();
-  EXPECT_EQ(" 0=/dev/null:0 1=/dev/null:1 2=/dev/null:1 17=" + kept + ":2 300=" + kept + ":2 ",
-            files_);
-  EXPECT_TRUE(hasSpace_ == 1 && folder_ == "/" && session_ != pid_ && session_ != getsid(0));
+  EXPECT_EQ(
+      "flags:\t0100000 flags:\t0100001 flags:\t0100001  0=/dev/null 1=/dev/null 2=/dev/null 17=" +
+          kept + " 300=" + kept,
+      files_);
+  EXPECT_TRUE(space_ == "unlimited" && folder_ == "/" && session_ != pid_ && session_ != getsid(0));
   // Without its flag the PID file is no lock.
   EXPECT_EQ(std::to_string(pid_) + "\n", ReadFile(pidPath_));
   EXPECT_EQ(fs::perms{0644}, fs::status(pidPath_).permissions());
@@ -111,21 +94,23 @@ TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
 
 // The PID file and the pipe for reports must not be what /dev/null replaces in the daemon.
 TEST_F(Daemonize, StartsFromAProcessWithoutStandardDescriptors) {
-  for (const std::string &program : {std::string("/missing/x"), self_}) {
+  for (const int error : {ENOENT, 0}) {
     const ChildResult starter = RunInChild([&] {
       for (const int number : {0, 1, 2}) close(number);
+      const char *const program = error == 0 ? "/bin/sh" : "/missing/x";
       _exit(Start(program, HOSTINFO_DAEMONIZE_LOCKPID) ? 0 : errno);
     });
-    EXPECT_EQ(program == self_ ? 0 : ENOENT, starter.exitStatus);
-    if (program == self_) AwaitReport();
-    EXPECT_EQ(program == self_ ? std::to_string(pid_) + "\n" : "", ReadFile(pidPath_));
+    EXPECT_EQ(error, starter.exitStatus);
+    EXPECT_EQ(error == 0, fs::exists(pidPath_));
   }
+  AwaitReport();
+  EXPECT_EQ(std::to_string(pid_) + "\n", ReadFile(pidPath_));
 }
 
 TEST_F(Daemonize, FlagsKeepDirectorySessionAndStandardDescriptorsAndEndTheStarter) {
   const int flags =
       HOSTINFO_DAEMONIZE_NOCHDIR | HOSTINFO_DAEMONIZE_NOCLOSE | HOSTINFO_DAEMONIZE_EXIT;
-  EXPECT_EQ(0, RunInChild([&] { (void)Start(self_, flags); }).exitStatus);
+  EXPECT_EQ(0, RunInChild([&] { (void)Start("/bin/sh", flags); }).exitStatus);
   AwaitReport();
   EXPECT_TRUE(folder_ == fs::current_path() && session_ == getsid(0)) << folder_;
   EXPECT_EQ(std::string::npos, files_.find("1=/dev/null")) << files_;
@@ -133,7 +118,7 @@ TEST_F(Daemonize, FlagsKeepDirectorySessionAndStandardDescriptorsAndEndTheStarte
 
 TEST_F(Daemonize, PidFileIsALockWhileTheDaemonLives) {
   dir_.Write("pid", "a much longer text of an earlier daemon\n");
-  const auto start = [&] { return Start(self_, HOSTINFO_DAEMONIZE_LOCKPID, {}, "linger"); };
+  const auto start = [&] { return Start("/bin/sh", HOSTINFO_DAEMONIZE_LOCKPID, {}, "linger"); };
   ASSERT_TRUE(start());
   EXPECT_EQ("Warning: Hostinfo_Daemonize: Lock held on PID path [" + pidPath_ + "], error " +
                 std::to_string(EWOULDBLOCK) + ", not daemonizing.\n",
@@ -149,7 +134,7 @@ TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
   const std::string who = "Warning: Hostinfo_Daemonize: ";
   EXPECT_EQ(
       who + "Child could not exec " + plain + ", read 4, error " + std::to_string(EACCES) + ".\n",
-      Failure(EACCES, [&] { return Start(plain, 0); }));
+      Failure(EACCES, [&] { return Start(plain.c_str(), 0); }));
   EXPECT_EQ(who + "Couldn't convert path [a\xc3] to default encoding.\n",
             Failure(EINVAL, [&] { return Start("a\xc3", 0); }));
   EXPECT_EQ(who + "Couldn't convert arguments to default encoding.\n", Failure(EINVAL, [&] {
@@ -159,9 +144,3 @@ TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
 }
 
 }  // namespace
-
-int main(int argc, char *argv[]) {
-  if (argc >= 3 && std::string(argv[1]) == "--daemon") return DaemonMain(argv[2], argc > 3);
-  testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}

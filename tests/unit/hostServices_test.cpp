@@ -1,13 +1,14 @@
-// hostServices_test.cpp -- the host's name and identity, paths that it knows, and Base64 against
-// OpenSSL.
+// hostServices_test.cpp -- the host's name and identity, paths that it knows, Base64,
+// and the super-user bracket, thread by thread.  The daemon's start has a program of its own.
 //
-// Linked with --wrap=uname,--wrap=getifaddrs,--wrap=freeifaddrs: the test decides what the host is
-// called and which interfaces it has.
+// Linked with --wrap=uname,--wrap=getifaddrs,--wrap=freeifaddrs,--wrap=geteuid: the test decides what
+// the host is called and which interfaces it has, and what an identity cannot be.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
 #include <netpacket/packet.h>
-#include <openssl/evp.h>
+#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -16,20 +17,26 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <random>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "base64.h"
+#include "fd.h"
 #include "heap.h"
 #include "hostinfo.h"
+#include "id.h"
 #include "posix.h"
 #include "tests/support/capture.h"
+#include "tests/support/sandboxSkip.h"
 #include "tests/support/scratchDir.h"
 #include "uuid.h"
 
 namespace {
+
+using std::string_literals::operator""s;
 
 // ---- identity --------------------------------------------------------------------------------
 
@@ -123,45 +130,101 @@ TEST(Posix, PathsAndLinkTargetsAndWhyThereIsNone) {
 
 // ---- Base64 ----------------------------------------------------------------------------------
 
-TEST(Base64, AgreesWithOpenSslAndStaysInItsRoom) {
-  std::mt19937 random(64);
-  std::string bytes;
-  for (size_t size = 0; size < 300; bytes += static_cast<char>(random()), size++) {
-    std::string expected((size + 2) / 3 * 4 + 1, '\0');
-    EVP_EncodeBlock(reinterpret_cast<unsigned char *>(expected.data()),
-                    reinterpret_cast<const unsigned char *>(bytes.data()), static_cast<int>(size));
-    std::string out(expected.size() + 1, '#'), back(size + 1, '#');
-    size_t length = 0;
-    ASSERT_TRUE(Base64_Encode(bytes.data(), size, out.data(), expected.size(), &length));
-    EXPECT_TRUE(expected + '#' == out && length == expected.size() - 1) << out;
-    EXPECT_FALSE(Base64_Encode("x", size, out.data(), expected.size() - 1, &length));
-    ASSERT_TRUE(Base64_Decode(expected.c_str(), back.data(), size, &length));
-    EXPECT_TRUE(bytes + '#' == back && length == size) << expected;
-    EXPECT_EQ(size == 0, Base64_Decode(expected.c_str(), back.data(), size - 1, &length));
+TEST(Base64, GoesThereAndBackWithinItsRoom) {
+  char text[17], bytes[16];
+  size_t length = 0;
+  for (const auto &[plain, expected] :
+       {std::pair<std::string, std::string>{"", ""},
+        {"f", "Zg=="},
+        {"fo", "Zm8="},
+        {"foobar", "Zm9vYmFy"},
+        {"\xFB\xEF\xBE\xFF\0\x10\x83\x10\x51\x87\x20\x92"s, "++++/wAQgxBRhyCS"}}) {
+    ASSERT_TRUE(Base64_Encode(plain.data(), plain.size(), text, expected.size() + 1, &length));
+    EXPECT_TRUE(text == expected && length == expected.size()) << text;
+    EXPECT_FALSE(Base64_Encode(plain.data(), plain.size(), text, expected.size(), &length));
+    ASSERT_TRUE(Base64_Decode(expected.c_str(), bytes, plain.size(), &length));
+    EXPECT_EQ(plain, std::string(bytes, length));
+    EXPECT_EQ(plain.empty(), Base64_Decode(expected.c_str(), bytes, plain.size() - 1, &length));
+  }
+  for (const size_t size : {SIZE_MAX, SIZE_MAX - 1, SIZE_MAX - 2}) {
+    EXPECT_FALSE(Base64_Encode("x", size, text, SIZE_MAX, nullptr));
+  }
+  for (const char *none : {"QUI", "QUI=QUI=", "=QUI", "QQ=Q", "Q===", "QUJ=", "QR==", "QU I"}) {
+    EXPECT_FALSE(Base64_Decode(none, bytes, sizeof bytes, &length)) << none;
   }
 }
 
-TEST(Base64, RefusesWhatHasNoTextAndTextsThatAreNone) {
-  char out[8];
-  size_t length;
-  for (const size_t size : {SIZE_MAX, SIZE_MAX - 1, SIZE_MAX - 2}) {
-    EXPECT_FALSE(Base64_Encode("x", size, out, SIZE_MAX, nullptr));
+// ---- the super-user bracket ------------------------------------------------------------------
+//
+// Everything that needs root runs in a child process, which ends with 42 (capture.h) when all is
+// well and otherwise with the line that was not.
+
+constexpr uid_t kUser = 4321;
+bool geteuidIsAllOnes = false;
+
+#define REQUIRE(condition) \
+  if (!(condition)) _exit(__LINE__ & 255)
+
+// The line "Uid:" of a thread: real, effective, saved and file-system user id.
+std::string UidsOf(pid_t thread) {
+  std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
+  std::string line;
+  while (std::getline(status, line) && !line.starts_with("Uid:")) {
   }
-  for (const char *text : {"QUI", "QUI=QUI=", "=QUI", "QQ=Q", "Q===", "QUJ=", "QR==", "QU I"}) {
-    EXPECT_FALSE(Base64_Decode(text, out, sizeof out, &length)) << text;
-  }
+  return line;
+}
+
+TEST(SuperUser, BracketChangesTheCallingThreadOnlyAndNests) {
+  if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
+  const ChildResult result = RunInChild([] {
+    // As the opener between its raises: the user's, but for the saved user id.
+    REQUIRE(!Id_IsSetUGid() && setresgid(kUser, kUser, 0) == 0);
+    REQUIRE(setresuid(kUser, kUser, 0) == 0 && Id_IsSetUGid());
+    const std::string lowered = "Uid:\t4321\t4321\t0\t4321", raised = "Uid:\t4321\t0\t0\t0";
+    std::thread thread([&] {
+      const auto self = static_cast<pid_t>(syscall(SYS_gettid));
+      const uid_t saved = Id_BeginSuperUser();
+      Id_EndSuperUser(Id_BeginSuperUser());
+      REQUIRE(saved == kUser && UidsOf(self) == raised && UidsOf(getpid()) == lowered);
+      REQUIRE(Fd(open("/etc/shadow", O_RDONLY)));
+      Id_EndSuperUser(saved);
+      Id_EndSuperUser(saved);  // is there already
+      REQUIRE(UidsOf(self) == lowered && getegid() == getgid());
+    });
+    thread.join();
+    // A bracket that was used leaves its mark.
+    REQUIRE(setresuid(0, 0, 0) == 0 && Id_IsSetUGid());
+  });
+  EXPECT_EQ(42, result.exitStatus);
+  EXPECT_EQ("", result.output);
+}
+
+TEST(SuperUser, WhatCannotBeChangedIsToldOrLeftAlone) {
+  if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
+  const ChildResult unprivileged = RunInChild([] {
+    // A set-group-ID program that has lowered itself: no bracket raises it.
+    REQUIRE(setresgid(kUser, kUser, 0) == 0 && setresuid(kUser, kUser, kUser) == 0);
+    REQUIRE(Id_BeginSuperUser() == kUser && geteuid() == kUser && getegid() == kUser);
+    Id_EndSuperUser(kUser);
+    Id_EndSuperUser(kUser + 1);
+    REQUIRE(geteuid() == kUser && Hostinfo_ProcessState(1) == HOSTINFO_PROCESS_EXISTS);
+  });
+  EXPECT_EQ(42, unprivileged.exitStatus);
+  EXPECT_EQ("Failed to release super user privileges.\n", WithoutStamps(unprivileged.output));
+  EXPECT_EQ("Panic: VERIFY lib/misc/idLinux:925\n", FatalText([] {
+              geteuidIsAllOnes = true;
+              (void)Id_BeginSuperUser();
+            }));
 }
 
 }  // namespace
 
 extern "C" {
-int __wrap_uname(utsname *names);
 int __wrap_uname(utsname *names) {
   strcpy(names->nodename, host->name.c_str());
   return 0;
 }
 
-int __wrap_getifaddrs(ifaddrs **list);
 int __wrap_getifaddrs(ifaddrs **list) {
   static ifaddrs entries[4];
   static sockaddr_ll addresses[4] = {};
@@ -178,6 +241,10 @@ int __wrap_getifaddrs(ifaddrs **list) {
   return count == 0 ? -1 : 0;
 }
 
-void __wrap_freeifaddrs(ifaddrs *list);
 void __wrap_freeifaddrs(ifaddrs *) {}
+
+uid_t __real_geteuid();
+uid_t __wrap_geteuid() {
+  return geteuidIsAllOnes ? static_cast<uid_t>(-1) : __real_geteuid();
+}
 }
