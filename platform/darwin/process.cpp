@@ -19,13 +19,16 @@ bool IsKept(const int *keep, size_t count, int fd) {
   return false;
 }
 
-// One past the highest descriptor that can be open.  That is the kernel's limit per process; the soft
-// limit may have been lowered below a descriptor that was open already.
+// One past the highest descriptor that can be open: the soft limit, or the kernel's limit per process
+// where that is higher.  The soft limit may be unlimited, which sysconf tells as -1, or have been
+// lowered below a descriptor that was open already; root's may be above the kernel's for all others.
 int DescriptorLimit() {
   int mib[] = {CTL_KERN, KERN_MAXFILESPERPROC};
-  int limit = 0;
-  size_t size = sizeof limit;
-  return sysctl(mib, std::size(mib), &limit, &size, nullptr, 0) == 0 ? limit : OPEN_MAX;
+  int perProcess = 0;
+  size_t size = sizeof perProcess;
+  if (sysctl(mib, std::size(mib), &perProcess, &size, nullptr, 0) != 0) perProcess = OPEN_MAX;
+  const long soft = sysconf(_SC_OPEN_MAX);
+  return soft > perProcess && soft <= INT32_MAX ? static_cast<int>(soft) : perProcess;
 }
 
 }  // namespace
