@@ -171,15 +171,20 @@ int BecomeDaemon(Plan *plan) {
     const int error = WritePidFile(plan);
     if (error != 0) return error;
   }
+  signal(SIGPIPE, SIG_DFL);  // as the daemon is to have it
   if (execv(plan->localPath.get(), plan->args.Get()) == -1) {
     const int error = errno;
+    signal(SIGPIPE, SIG_IGN);
     Warning("%s: Couldn't exec %s, error %d.\n", kWho, plan->path, error);
     return error;
   }
   Fatal_NotReached("lib/misc/hostinfoPosix", 3250);
 }
 
+// What is logged here may go to a pipe that nobody reads any more.  Dying of that would lose the
+// report, and the caller would take the silence for success.
 [[noreturn]] void SecondChild(Plan *plan) {
+  signal(SIGPIPE, SIG_IGN);
   const int error = BecomeDaemon(plan);
   if (write(plan->errorWrite.Get(), &error, sizeof error) != sizeof error) {
     Warning("%s: Couldn't write to parent pipe: %u, original error: %u.\n", kWho,

@@ -143,4 +143,14 @@ TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
   EXPECT_FALSE(fs::exists(pidPath_));
 }
 
+TEST_F(Daemonize, TellsThatItCannotWhenNobodyReadsTheLog) {
+  const ChildResult starter = RunInChild([&] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0 || close(ends[0]) != 0) _exit(1);
+    signal(SIGPIPE, SIG_IGN);
+    _exit(Start("/missing/x", HOSTINFO_DAEMONIZE_NOCLOSE) ? 0 : errno);
+  });
+  EXPECT_EQ(ENOENT, starter.exitStatus);
+}
+
 }  // namespace
