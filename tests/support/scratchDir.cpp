@@ -1,3 +1,5 @@
+// scratchDir.cpp -- see scratchDir.h.
+
 #include "tests/support/scratchDir.h"
 
 #include <cstdlib>

@@ -26,7 +26,7 @@ struct Row {
 // Those of one run.
 std::vector<Row> Rows(const std::string &run) {
   std::vector<Row> rows;
-  std::ifstream file(std::string(getenv("LUMEN_SUPPORT")) + "/../system/faults.txt");
+  std::ifstream file(LUMEN_FAULTS);
   for (std::string line; std::getline(file, line);) {
     Row row;
     if (line.starts_with("  ")) {
