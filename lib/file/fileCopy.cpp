@@ -8,6 +8,7 @@
 //         through (the copy of a tree is another source file, and so cannot inline it).
 // Tests:  tests/unit/fileTree_test.cpp
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -15,6 +16,7 @@
 #include "err.h"
 #include "errnoKeeper.h"
 #include "file.h"
+#include "lib/file/fileIOInt.h"
 #include "lib/file/fileInt.h"
 #include "msg.h"
 
@@ -99,6 +101,35 @@ bool CopyToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExis
   return ok;
 }
 
+bool TellOpenError(const char *srcName, FileIOResult result) {
+  const ErrnoKeeper keeper;
+  Msg_Append(
+      "@&!*@*@(msg.File.Copy.open.failure)Unable to open the '%s' file for read access: %s.\n\n",
+      srcName, FileIO_MsgError(result));
+  return false;
+}
+
+// `flags` are for opening the destination.
+bool CopyAndClose(FileIODescriptor *srcFd, const char *srcName, const char *dstName,
+                  bool overwriteExisting, uint32_t flags) {
+  const bool copied = CopyToName(srcFd, dstName, overwriteExisting, flags);
+  ErrnoKeeper cause;
+  if (FileIO_Close(srcFd) == FILEIO_SUCCESS) return copied;
+  const ErrnoKeeper keeper;
+  if (copied) cause.Set(keeper.Get());
+  Msg_Append("@&!*@*@(msg.File.Copy.close.failure)Unable to close the '%s' file: %s.\n\n", srcName,
+             Err_ErrnoToString(keeper.Get()));
+  return false;
+}
+
+FileIOResult OpenEntry(const FileEntry &entry, int flags, FileIODescriptor *fd) {
+  FileIO_Invalidate(fd);
+  fd->posix = openat(entry.dir, entry.name, O_RDONLY | O_CLOEXEC | flags);
+  if (!FileIO_IsValid(fd)) return FileIOReport("FILE:open error on %s: %s\n", entry.path);
+  fd->flags = FILEIO_ACCESS_READ;
+  return FILEIO_SUCCESS;
+}
+
 }  // namespace
 
 bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting) {
@@ -106,27 +137,17 @@ bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool ov
 }
 
 bool File_Copy(const char *srcName, const char *dstName, bool overwriteExisting) {
-  return FileCopyWith(srcName, dstName, overwriteExisting, 0);
+  FileIODescriptor srcFd;
+  const FileIOResult opened = FileIO_Open(&srcFd, srcName, FILEIO_ACCESS_READ, FILEIO_OPEN);
+  if (opened != FILEIO_SUCCESS) return TellOpenError(srcName, opened);
+  return CopyAndClose(&srcFd, srcName, dstName, overwriteExisting, 0);
 }
 
-bool FileCopyWith(const char *srcName, const char *dstName, bool overwriteExisting,
-                  uint32_t flags) {
+bool FileCopyEntry(const FileEntry &src, const char *dstName, bool overwriteExisting,
+                   bool followSymlinks) {
   FileIODescriptor srcFd;
-  const FileIOResult opened = FileIO_Open(&srcFd, srcName, FILEIO_ACCESS_READ | flags, FILEIO_OPEN);
-  if (opened != FILEIO_SUCCESS) {
-    const ErrnoKeeper keeper;
-    Msg_Append(
-        "@&!*@*@(msg.File.Copy.open.failure)Unable to open the '%s' file for read access: %s.\n\n",
-        srcName, FileIO_MsgError(opened));
-    return false;
-  }
-
-  const bool copied = CopyToName(&srcFd, dstName, overwriteExisting, flags);
-  ErrnoKeeper cause;
-  if (FileIO_Close(&srcFd) == FILEIO_SUCCESS) return copied;
-  const ErrnoKeeper keeper;
-  if (copied) cause.Set(keeper.Get());
-  Msg_Append("@&!*@*@(msg.File.Copy.close.failure)Unable to close the '%s' file: %s.\n\n", srcName,
-             Err_ErrnoToString(keeper.Get()));
-  return false;
+  const FileIOResult opened = OpenEntry(src, followSymlinks ? 0 : O_NOFOLLOW | O_NONBLOCK, &srcFd);
+  if (opened != FILEIO_SUCCESS) return TellOpenError(src.path, opened);
+  return CopyAndClose(&srcFd, src.path, dstName, overwriteExisting,
+                      followSymlinks ? 0U : FILEIO_FLAG_NOFOLLOW | FILEIO_FLAG_NONBLOCK);
 }

@@ -1,20 +1,29 @@
 // fileCopyTree.cpp -- copies of directory trees.
 //
 // Idea:   one level lists its names and copies entry by entry; a directory among them is the next
-//         level.  The first failure ends all levels.  A level's frame holds no more than a few paths,
-//         so that the depth ends at the system's limit for paths, where lstat(2) says so.
-// Holds:  without followSymlinks nothing is read or written through a link, and nothing waits for
-//         the other end of a FIFO, even if somebody changes the source meanwhile, or its listing has a
-//         name twice: once for a link, which is made, and once for what would go through it.
+//         level.  The first failure ends all levels.
+// Holds:  1. Without followSymlinks nothing is read through a link, even if somebody changes the
+//            source meanwhile: below the top, each step names one entry of a directory that is
+//            open, and a directory is entered only as one.
+//         2. Nor is anything written through a link that the copy meets, even if the listing has a
+//            name twice: once for a link, which is made, and once for what would go through it.
+//            The destination is looked up by path, though: nobody else may change it meanwhile.
+//         3. Without followSymlinks nothing waits for the other end of a FIFO.
+//         4. The depth ends where paths would become too long.  A level keeps a descriptor open, and
+//            in its frame little more than a few paths.
 // Tests:  tests/unit/fileTree_test.cpp
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstring>
 
 #include "err.h"
 #include "errnoKeeper.h"
+#include "fd.h"
 #include "file.h"
 #include "lib/file/fileInt.h"
 #include "msg.h"
@@ -22,29 +31,38 @@
 
 namespace {
 
+constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
 struct CopyOptions {
   bool overwriteExisting;
   bool followSymlinks;
 };
 
-bool FileCopyTreeWorker(const char *src, const char *dst, CopyOptions options);
+bool FileCopyTreeWorker(int dir, const char *src, const char *dst, CopyOptions options);
+
+// fstatat(2), but for the limit of the depth.
+int StatEntry(const FileEntry &entry, bool followSymlinks, struct stat *status) {
+  if (strlen(entry.path) < PATH_MAX) {
+    return fstatat(entry.dir, entry.name, status, followSymlinks ? 0 : AT_SYMLINK_NOFOLLOW);
+  }
+  errno = ENAMETOOLONG;
+  return -1;
+}
 
 // The type bits of an entry; 0, with a message, when they cannot be had.
-mode_t TypeOf(const char *path, bool followSymlinks) {
+mode_t TypeOf(const FileEntry &entry, bool followSymlinks) {
   struct stat status;
-  if ((followSymlinks ? stat(path, &status) : lstat(path, &status)) == 0) {
-    return status.st_mode & S_IFMT;
-  }
+  if (StatEntry(entry, followSymlinks, &status) == 0) return status.st_mode & S_IFMT;
   const ErrnoKeeper keeper;
   Msg_Append(
       "@&!*@*@(msg.File.CopyTree.stat.failure)"
       "Unable to get information on '%s' when copying files.\n\n",
-      path);
+      entry.path);
   return 0;
 }
 
-bool CopyLink(const char *src, const char *dst) {
-  const HeapStr target(Posix_ReadLink(src));
+bool CopyLink(const FileEntry &src, const char *dst) {
+  const HeapStr target(Posix_ReadLinkAt(src.dir, src.name));
   if (target != nullptr && symlink(target.get(), dst) == 0) return true;
   const ErrnoKeeper keeper;
   Msg_Append("@&!*@*@(msg.File.CopyTree.symlink.failure)Unable to symlink '%s' to '%s': %s\n\n",
@@ -59,9 +77,16 @@ bool TellCopyError(const char *src, const char *dst) {
   return false;
 }
 
-bool CopyContent(const char *src, const char *dst, CopyOptions options) {
-  const uint32_t flags = options.followSymlinks ? 0U : FILEIO_FLAG_NOFOLLOW | FILEIO_FLAG_NONBLOCK;
-  return FileCopyWith(src, dst, options.overwriteExisting, flags) || TellCopyError(src, dst);
+bool TellWalkError(const char *src) {
+  const ErrnoKeeper keeper;
+  Msg_Append("@&!*@*@(msg.File.CopyTree.walk.failure)Unable to access '%s' when copying files.\n\n",
+             src);
+  return false;
+}
+
+bool CopyContent(const FileEntry &src, const char *dst, CopyOptions options) {
+  return FileCopyEntry(src, dst, options.overwriteExisting, options.followSymlinks) ||
+         TellCopyError(src.path, dst);
 }
 
 // Whether nothing, or no link, is at `path`; if not, errno says why.
@@ -73,12 +98,14 @@ bool RequireNoLink(const char *path) {
   return false;
 }
 
-bool CopyDirectory(const char *src, const char *dst, CopyOptions options) {
-  if (!options.followSymlinks && !RequireNoLink(dst)) return TellCopyError(src, dst);
-  return FileCopyTreeWorker(src, dst, options);
+bool CopyDirectory(const FileEntry &src, const char *dst, CopyOptions options) {
+  if (!options.followSymlinks && !RequireNoLink(dst)) return TellCopyError(src.path, dst);
+  const int flags = options.followSymlinks ? 0 : O_NOFOLLOW;
+  const Fd dir(openat(src.dir, src.name, kOpenDirectory | flags));
+  return dir ? FileCopyTreeWorker(dir.Get(), src.path, dst, options) : TellWalkError(src.path);
 }
 
-bool CopyEntry(const char *src, const char *dst, CopyOptions options) {
+bool CopyEntry(const FileEntry &src, const char *dst, CopyOptions options) {
   const mode_t type = TypeOf(src, options.followSymlinks);
   if (type == 0) return false;
   if (S_ISLNK(type)) return CopyLink(src, dst);
@@ -91,20 +118,15 @@ void MakeDestination(const char *dst) {
   if (FileCreateDirectory(dst, 0777) == EEXIST) static_cast<void>(FileRequireDirectory(dst));
 }
 
-bool FileCopyTreeWorker(const char *src, const char *dst, CopyOptions options) {
+// Copies what is in the source, which is open as `dir`.
+bool FileCopyTreeWorker(int dir, const char *src, const char *dst, CopyOptions options) {
   FileNames names;
-  if (!names.List(src)) {
-    const ErrnoKeeper keeper;
-    Msg_Append(
-        "@&!*@*@(msg.File.CopyTree.walk.failure)Unable to access '%s' when copying files.\n\n",
-        src);
-    return false;
-  }
+  if (!names.ListAt(dir, src)) return TellWalkError(src);
   MakeDestination(dst);
   for (const char *const name : names) {
     const HeapStr from(File_PathJoin(src, name));
     const HeapStr to(File_PathJoin(dst, name));
-    if (!CopyEntry(from.get(), to.get(), options)) return false;
+    if (!CopyEntry({dir, name, from.get()}, to.get(), options)) return false;
   }
   return true;
 }
@@ -126,6 +148,9 @@ bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExist
         dstName);
     return false;
   }
+  const Fd top(open(srcName, kOpenDirectory));
+  if (!top) return TellWalkError(srcName);
   return FileCopyTreeWorker(
-      srcName, dstName, {.overwriteExisting = overwriteExisting, .followSymlinks = followSymlinks});
+      top.Get(), srcName, dstName,
+      {.overwriteExisting = overwriteExisting, .followSymlinks = followSymlinks});
 }

@@ -49,8 +49,17 @@ struct FileIdentity {
 // path is EFAULT.
 int FileDeletePath(const char *path, bool handleLink);
 
-// As File_Copy, with FileIOAccess flags for opening both files.
-bool FileCopyWith(const char *srcName, const char *dstName, bool overwriteExisting, uint32_t flags);
+// An entry of a directory that is open as `dir`; `path` is what messages call it.
+struct FileEntry {
+  int dir;
+  const char *name;
+  const char *path;
+};
+
+// As File_Copy, of a file that is given as an entry.  Unless followSymlinks, neither file is opened
+// through a link of its own, and no FIFO is waited for.
+bool FileCopyEntry(const FileEntry &src, const char *dstName, bool overwriteExisting,
+                   bool followSymlinks);
 
 // Removes what is below the directory `path` and, unless contentOnly, the directory; see
 // File_DeleteDirectoryTree.

@@ -5,6 +5,7 @@
 
 #include "posix.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -50,12 +51,16 @@ char *Posix_RealPath(const char *path) {
 }
 
 char *Posix_ReadLink(const char *path) {
+  return Posix_ReadLinkAt(AT_FDCWD, path);
+}
+
+char *Posix_ReadLinkAt(int dir, const char *path) {
   const HeapStr local = ToLocal(path);
   if (local == nullptr) return nullptr;
   // A target that fills the buffer may have been cut: only one that leaves room is whole.
   for (size_t size = kLinkSize;; size += kLinkSizeStep) {
     const HeapStr target(static_cast<char *>(Heap_SafeMalloc(size)));
-    const ssize_t length = readlink(local.get(), target.get(), size);
+    const ssize_t length = readlinkat(dir, local.get(), target.get(), size);
     if (length < 0) return nullptr;
     if (static_cast<size_t>(length) < size) {
       return FromLocal(target.get(), static_cast<size_t>(length));

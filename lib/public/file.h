@@ -158,10 +158,11 @@ void File_GetPathName(const char *path, char **pathName, char **base);
 
 // Copies what is in the directory srcName into the directory dstName; both must be there.  Symbolic
 // links are made anew with the same text, and never replace anything (EEXIST); with followSymlinks
-// what they lead to is copied, and a cycle ends only at the limits of paths.  Without it a link below
-// dstName that is in the way stops the copy (ELOOP), and a FIFO gives only what is in it.  The first
-// failure ends the copy, and what was copied stays.  A directory that cannot be made fails at its
-// first entry, and unnoticed when it has none.
+// what they lead to is copied, and a cycle ends only at the limits of paths or descriptors, of which
+// each level keeps one.  Without it nothing below srcName is read through a link, whatever is changed
+// there meanwhile, a link below dstName that is in the way stops the copy (ELOOP), and a FIFO gives
+// only what is in it.  The first failure ends the copy, and what was copied stays.  A directory that
+// cannot be made fails at its first entry, and unnoticed when it has none.
 [[nodiscard]] bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
                                  bool followSymlinks);
 

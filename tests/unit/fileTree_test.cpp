@@ -149,16 +149,16 @@ TEST(DeleteTree, IsNotLedElsewhereByWhoChangesTheTree) {
 }
 
 TEST(CopyTree, IsNotLedElsewhereByWhoChangesTheSource) {
-  const ScratchDir dir;
-  for (const char *name : {"from", "to"}) fs::create_directory(dir.Path(name));
-  dir.Write("from/x", "");
-  dir.Write("secret", "secret");
-  const SysFault swap("open", 1, 0,
-                      [&] { Shell("ln -sf ../secret '" + dir.Path("from/x") + "'"); });
-  CaptureOutput([&] {
-    EXPECT_FALSE(File_CopyTree(dir.Path("from").c_str(), dir.Path("to").c_str(), true, false));
-  });
-  EXPECT_TRUE(swap.Fired() && fs::is_empty(dir.Path("to")) && HadMessages());
+  for (const auto &[make, target] : {std::pair{">", "secret/y"}, {"mkdir ", "secret"}}) {
+    const ScratchDir dir;
+    const std::string in = "cd '" + dir.Path() + "' && ", link = std::string("ln -s ../") + target;
+    ASSERT_TRUE(Shell(in + "mkdir from to secret && >secret/y && " + make + "from/x"));
+    const SysFault swap("openat", 1, 0, [&] { Shell(in + "rm -r from/x && " + link + " from/x"); });
+    CaptureOutput([&] {
+      EXPECT_FALSE(File_CopyTree(dir.Path("from").c_str(), dir.Path("to").c_str(), true, false));
+    });
+    EXPECT_TRUE(swap.Fired() && fs::is_empty(dir.Path("to")) && HadMessages()) << target;
+  }
 }
 
 // ---- one case after the other ----------------------------------------------------------------
@@ -262,9 +262,9 @@ TEST(FileTree, NothingIsLostOrHiddenWhicheverCallFails) {
       const std::string big = ReadFile(to + "/big");
       EXPECT_TRUE(big.empty() || big == std::string(20'000, 'b')) << result.call;
       EXPECT_NE(result.ok && !(move && fs::exists(from)), HadMessages()) << result.call;
-      // Two answers do not matter: whether the destination exists, and that it does so already.
+      // Not what closes a directory, nor whether the destination exists, nor that it does so already.
       EXPECT_TRUE(move || !result.ok || result.call == "stat" || result.call == "mkdir" ||
-                  result.call.empty());
+                  result.call == "close" || result.call.empty());
     }
   }
 }
@@ -290,6 +290,11 @@ TEST(DeleteTree, GoesOnAndTellsWhicheverCallFails) {
 TEST(Rename, IsACopyWhereItCannotBeARename) {
   const ScratchDir dir;
   const std::string old = dir.Write("old", "content"), made = dir.Path("made");
+  for (const int n : {1, 2}) {
+    const SysFault fault("close", n, EIO);
+    EXPECT_FALSE(File_Copy(old.c_str(), made.c_str(), true)) << n;
+  }
+  fs::remove(made);
   const SysFault fault("rename", 1, EXDEV);
   EXPECT_TRUE(File_Rename(old.c_str(), dir.Path("new").c_str(), nullptr));
   EXPECT_TRUE(fault.Fired() && errno == 0 && !fs::exists(old));

