@@ -185,20 +185,20 @@ TEST(LockList, HasALockUntilItsLastReferenceGoes) {
 // A dump of exactly this form becomes one line of what may differ in it.
 std::string Masked(const std::string &text) {
   const std::regex dump(
-      "Warning: MXUserDump(.).*Lock: (\\w+) lock @ \\w+; signature 0x(\\w)\\w{7}; name \\1; rank "
+      "Warning: (MXUserDump\\w+): (\\w+) lock @ \\w+; signature 0x(\\w)\\w{7}; name (\\w); rank "
       "0xFF000000; serial number \\d+(; reference count \\d)?; lock count (\\d); address of owner "
       "data \\w+\n");
   const std::string joined = std::regex_replace(text, std::regex("\nWarning: \t"), "; ");
-  return std::regex_replace(std::regex_replace(joined, dump, "$2 $3$4; $5\n"),
+  return std::regex_replace(std::regex_replace(joined, dump, "$1 $2 $4 $3$5; $6\n"),
                             std::regex("\\(0x\\w+"), "(*");
 }
 
 std::string Excl(int count, const std::string &message) {
-  return "Exclusive 4; " + std::to_string(count) + "\nPanic: " + message;
+  return "MXUserDumpExclLock Exclusive E 4; " + std::to_string(count) + "\nPanic: " + message;
 }
 
 std::string Rec(int references, int count, const std::string &message) {
-  return "Recursive 2; reference count " + std::to_string(references) + "; " +
+  return "MXUserDumpRecLock Recursive R 2; reference count " + std::to_string(references) + "; " +
          std::to_string(count) + "\nPanic: " + message;
 }
 
