@@ -3,7 +3,7 @@
 
 // `value` is finite and not negative; `count` is at least 1.  The value is 0.DDD... times ten to
 // the power `*point`, where DDD... are the digits of the result: a new string that the caller
-// frees. Null with errno ENOMEM when there is no memory.  Any thread.
+// frees.  Null with errno ENOMEM when there is no memory.  Any thread.
 
 // `count` significant digits.  Of zero: zeros, with *point 1.
 [[nodiscard]] char *Platform_SignificantDigits(double value, int count, int *point);

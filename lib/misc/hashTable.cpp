@@ -1,26 +1,23 @@
 // hashTable.cpp -- a chained hash table whose insertions can be lock-free.
 //
-// Idea:   a bucket is the head of a singly linked list, and insertion only ever prepends.  With
-//         compare-and-swap on the head, that alone makes concurrent insertion safe: an insertion
-//         that loses sees the winners' entries at the front of its next walk, so a key cannot get
-//         in twice.
-// Holds:  1. `next` and `key` of an entry are fixed once the entry is in a chain; deletion, which
-// does
-//            change `next`, has the table for itself.
-//         2. An entry in a chain is freed with the table to itself, too.  So a head that is equal
-//         to
-//            the one read earlier stands for an unchanged chain (no ABA), and a reader's entry
-//            stays.
-//         3. A head is published with release and read with acquire.  Who inserts has acquired the
-//         head
-//            that becomes its `next`; therefore one acquire of the newest head makes the whole
-//            chain behind it visible.
-//         4. A value is exchanged with acquire and release and read with acquire, so what it points
-//            to is seen as its writer left it, also by the free function.
-//         Tables without HASHTABLE_ATOMIC share this code; but for the head's compare-and-swap, the
-//         orders cost them nothing that matters.
-// Tests:  tests/unit/containers_test.cpp
-//         Measured against the C++ library's table: bench/hashTable_bench.cpp
+// Idea:  a bucket is the head of a singly linked list, and insertion only ever prepends.  With
+//        compare-and-swap on the head, that alone makes concurrent insertion safe: an insertion
+//        that loses sees the winners' entries at the front of its next walk, so a key cannot get in
+//        twice.
+// Holds:
+//   1. `next` and `key` of an entry are fixed once the entry is in a chain; deletion, which does
+//      change `next`, has the table for itself.
+//   2. An entry in a chain is freed with the table to itself, too.  So a head that is equal to the
+//      one read earlier stands for an unchanged chain (no ABA), and a reader's entry stays.
+//   3. A head is published with release and read with acquire.  Who inserts has acquired the head
+//      that becomes its `next`; therefore one acquire of the newest head makes the whole chain
+//      behind it visible.
+//   4. A value is exchanged with acquire and release and read with acquire, so what it points to is
+//      seen as its writer left it, also by the free function.
+//   Tables without HASHTABLE_ATOMIC share this code; but for the head's compare-and-swap, the orders
+//   cost them nothing that matters.
+// Tests: tests/unit/containers_test.cpp
+// Speed: bench/hashTable_bench.cpp, against the C++ library's table
 
 #include "hashTable.h"
 
@@ -226,7 +223,7 @@ void FreeValue(const HashTable &table, void *value) {
 
 // ---- all entries ----------------------------------------------------------------------------
 
-// Calls visit(entry), which may free the entry, in bucket order up to the first result other than
+// Calls visit(entry), which may free the entry, in bucket order up to the first result that is not
 // 0.
 template <typename Visit>
 int VisitAll(const HashTable &table, Visit visit) {

@@ -6,7 +6,7 @@
 // are not NUL-terminated unless somebody appends the NUL or uses DynBuf_DetachString.
 //
 // Sizes are bytes.  The buffer of every procedure is not null and, but for DynBuf_Init*,
-// initialised. What returns a bool leaves the buffer as it was, with errno ENOMEM, when it returns
+// initialised.  What returns a bool leaves the buffer as it was, with errno ENOMEM, when it returns
 // false.  A buffer is used by one thread at a time.
 #pragma once
 
@@ -70,7 +70,7 @@ void DynBuf_SafeAppend(DynBuf *buf, const void *bytes, size_t length, const char
                        unsigned line);
 
 // The content as a string: as DynBuf_Detach, with a NUL behind the bytes, which `size` does not
-// count. Never null; having no room for the NUL is fatal.
+// count.  Never null; having no room for the NUL is fatal.
 [[nodiscard]] inline char *DynBuf_DetachString(DynBuf *buf) {
   if (buf->size == buf->allocated && !DynBuf_Enlarge(buf, buf->size + 1)) {
     Fatal_VerifyMemAlloc("lib/public/dynbuf", 145);

@@ -14,7 +14,7 @@
 using UnicodeIndex = ptrdiff_t;
 
 // Runs CodeSet_Init, once for the process: threads that come meanwhile wait, later calls do
-// nothing. Link lumen_unicodeInit.
+// nothing.  Link lumen_unicodeInit.
 void Unicode_Init(const char *icuDataDir);
 
 // ---- from and to other encodings -------------------------------------------------------------

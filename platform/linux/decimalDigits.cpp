@@ -50,7 +50,7 @@ constexpr auto kPowersOf10 = [] {
 }();
 
 // `value` times ten to the power `count`, rounded to the nearest whole number, halves to the even
-// one. False when the numbers are too large to be sure.
+// one.  False when the numbers are too large to be sure.
 bool Scale(double value, int count, uint64_t *scaled) {
   constexpr int kFractionBits = DBL_MANT_DIG - 1;
   const uint64_t bits = std::bit_cast<uint64_t>(value);
