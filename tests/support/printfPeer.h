@@ -6,7 +6,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <string>
-#include <vector>
 
 #include "bsd_vsnprintf.h"
 #include "heap.h"
@@ -49,13 +48,4 @@ void Agree(const std::string &format, Args... args) {
   const size_t size = half.size() - 1;
   ASSERT_EQ(length, OursInto(half.data(), size, format.c_str(), args...)) << format;
   ASSERT_EQ(expected.substr(0, size - 1) + '\0' + '#', half) << format;
-}
-
-// All sets of the flags in `of`.
-inline std::vector<std::string> FlagSets(const std::string &of) {
-  std::vector<std::string> sets{""};
-  for (const char flag : of) {
-    for (size_t i = sets.size(); i-- > 0;) sets.push_back(sets[i] + flag);
-  }
-  return sets;
 }

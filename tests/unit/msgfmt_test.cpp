@@ -67,7 +67,7 @@ void Same(const string &format, Args... args) {
 
 template <typename T>
 void Grid(const std::vector<string> &sizes, const string &conversions, T value) {
-  for (const string &flags : FlagSets("-+#0")) {
+  for (const string flags : {"", "-", "+", "#", "0", "-#", "+0", "#0", "+#", "-+#0"}) {
     for (const string &size : sizes) {
       for (const char conversion : conversions) {
         const string end = size + conversion + ">";
