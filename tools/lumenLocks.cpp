@@ -191,25 +191,38 @@ void PassOn(int signal) {
   if (child > 0) kill(child, signal);
 }
 
-// Waits for COMMAND; what is meant for both, such as the terminal's signals, is up to COMMAND.
-int RunCommand(char **command) {
-  for (const int number : {SIGINT, SIGQUIT}) signal(number, SIG_IGN);
-  for (const int number : {SIGTERM, SIGHUP}) signal(number, PassOn);
+// Starts COMMAND with the signals as they were before.  0, or the errno.
+int Start(char **command, const sigset_t &mask, pid_t *pid) {
   posix_spawnattr_t attributes;
   sigset_t defaults;
   sigemptyset(&defaults);
   for (const int number : {SIGINT, SIGQUIT}) sigaddset(&defaults, number);
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setsigdefault(&attributes, &defaults);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-  pid_t pid = 0;
-  const int error = posix_spawnp(&pid, command[0], nullptr, &attributes, command, environ);
+  posix_spawnattr_setsigmask(&attributes, &mask);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  const int error = posix_spawnp(pid, command[0], nullptr, &attributes, command, environ);
   posix_spawnattr_destroy(&attributes);
+  return error;
+}
+
+// Waits for COMMAND; what is meant for both, such as the terminal's signals, is up to COMMAND.
+int RunCommand(char **command) {
+  for (const int number : {SIGINT, SIGQUIT}) signal(number, SIG_IGN);
+  // What comes before there is somebody to pass it on to waits.
+  sigset_t passedOn, before;
+  sigemptyset(&passedOn);
+  for (const int number : {SIGTERM, SIGHUP}) sigaddset(&passedOn, number);
+  sigprocmask(SIG_BLOCK, &passedOn, &before);
+  for (const int number : {SIGTERM, SIGHUP}) signal(number, PassOn);
+  pid_t pid = 0;
+  const int error = Start(command, before, &pid);
+  if (error == 0) child = pid;
+  sigprocmask(SIG_SETMASK, &before, nullptr);
   if (error != 0) {
     return Complain(std::string(command[0]) + ": " + strerror(error),
                     error == ENOENT ? kNotFound : kNotExecutable);
   }
-  child = pid;
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }

@@ -9,6 +9,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <string_view>
@@ -24,7 +25,9 @@ bool WriteAll(int to, const char *data, size_t size, off_t offset) {
   while (size > 0) {
     const ssize_t n = pwrite(to, data, size, offset);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return false;
+    // What takes nothing and reports nothing has no room, and must not be asked for ever.
+    if (n == 0) errno = ENOSPC;
+    if (n <= 0) return false;
     data += n;
     size -= static_cast<size_t>(n);
     offset += n;
