@@ -193,22 +193,17 @@ TEST(Str, CutsBetweenCharactersAtEverySize) {
 
 TEST(Str, WhatDoesNotFitIsFatal) {
   static char buffer[8];
-  struct {
-    const char *line;  // of the message
-    std::function<void()> body;
-  } const rows[] = {
-      {"lib/string/str:214", [] { Str_Sprintf(buffer, 3, "%d", 123); }},
-      {"lib/string/str:177", [] { Str_SprintfPosixLocale(buffer, 3, "%d", 123); }},
-      {"lib/string/str:284", [] { Str_Strcpy(buffer, "abc", 3); }},
-      {"lib/string/str:322", [] { Str_Strncpy(buffer, 3, "abcd", 3); }},
-      {"lib/string/str:444", [] { Str_Strcat(strcpy(buffer, "ab"), "cd", 4); }},
-      {"lib/string/str:498", [] { Str_Strncat(strcpy(buffer, "ab"), 4, "cde", 2); }},
+  const std::pair<string, std::function<void()>> rows[] = {
+      {"lib/string/str:214 Buffer too small", [] { Str_Sprintf(buffer, 3, "%d", 123); }},
+      {"lib/string/str:177 Buffer too small", [] { Str_SprintfPosixLocale(buffer, 3, "%d", 123); }},
+      {"lib/string/str:284 Buffer too small", [] { Str_Strcpy(buffer, "abc", 3); }},
+      {"lib/string/str:322 Buffer too small", [] { Str_Strncpy(buffer, 3, "abcd", 3); }},
+      {"lib/string/str:444 Buffer too small", [] { Str_Strcat(strcpy(buffer, "ab"), "cd", 4); }},
+      {"lib/string/str:498 Buffer too small",
+       [] { Str_Strncat(strcpy(buffer, "ab"), 4, "cde", 2); }},
+      {"VERIFY lib/string/str:657", [] { free(Str_SafeAsprintf(nullptr, "%lc", 0x20ac)); }},
   };
-  for (const auto &row : rows) {
-    EXPECT_EQ(string("Panic: ") + row.line + " Buffer too small\n", FatalText(row.body));
-  }
-  EXPECT_EQ("Panic: VERIFY lib/string/str:657\n",
-            FatalText([] { free(Str_SafeAsprintf(nullptr, "%lc", 0x20ac)); }));
+  for (const auto &[text, body] : rows) EXPECT_EQ("Panic: " + text + "\n", FatalText(body));
 }
 
 TEST(Str, BoundedCopiesAndSearches) {
