@@ -264,6 +264,11 @@ void ExpectFlagsHeeded(bool isIcu) {
               Convert(from, in, to, CODESET_SUBSTITUTE));
     EXPECT_EQ(heeds ? std::optional(skipped) : std::nullopt, Convert(from, in, to, CODESET_SKIP));
   }
+  // All converters but those with rows here or in FixedPairs.
+  const std::string pair = "\xD8\x3D\xDE\0"s;
+  EXPECT_EQ(pair, Convert("UTF-16BE", pair, "UTF-16BE", CODESET_STOP));
+  EXPECT_EQ("ascii", Convert("US-ASCII", "ascii", "US-ASCII", CODESET_STOP));
+  EXPECT_EQ("a\xC3\xA9", Convert("ISO-8859-1", "a\xE9", "UTF-8", CODESET_STOP));
   EXPECT_FALSE(Convert("no such name", "a", "UTF-8", CODESET_STOP).has_value());
   EXPECT_EQ("", Convert("no such name", "", "UTF-8", CODESET_STOP));
 }

@@ -2,7 +2,7 @@
 // against a map of the C++ library, and many threads in one, where ThreadSanitizer sees the data
 // races.
 //
-// Properties of random bytes, UndoFixed and what protects single bytes: fuzz/escape_fuzz.cpp.
+// Properties of random bytes, and UndoFixed: fuzz/escape_fuzz.cpp.
 // Linked with --wrap=malloc,--wrap=realloc for AllocFault.
 
 #include <gtest/gtest.h>
@@ -94,6 +94,10 @@ constexpr Operation kUndo = [](auto text, size_t *length) {
 constexpr Operation kAnsi = [](auto text, size_t *length) {
   return Escape_AnsiToUnix(text.data(), text.size(), length);
 };
+constexpr Operation kUnescape = [](auto text, size_t *) {
+  return Escape_Unescape('\\', text.data());
+};
+constexpr Operation kComma = [](auto text, size_t *) { return Escape_Comma(text.data()); };
 constexpr Operation kCString = [](auto text, size_t *) {
   char *const copy = strdup(text.data());
   Escape_UnescapeCString(copy);
@@ -109,6 +113,8 @@ const struct {
     {kUndo, "%4142%00%4a%af%", "A42\0J\xaf%"sv},
     {kUndo, "%%%41%4%41%:0%/0%@0%G0%`0%g0", "%%A%4%41%:0%/0%@0%G0%`0%g0"},
     {kAnsi, "a\r\n\r\nb\rc\r\r\n\r", "a\n\nb\rc\r\n\r"},
+    {kUnescape, "a\\,b\\\\, and no byte after\\", "a,b\\, and no byte after"},
+    {kComma, "a,b\\,", "a\\,b\\\\\\,"},
     {kCString, "a\\nb\\\\n\\\\101\\377\\", "a\nb\\n\\101\xff\\"},
     {kCString, "\\12\\1 1\\ 12\\+12\\-12\\128\\812\\t\\N\\x41",
      "\\12\\1 1\\ 12\\+12\\-12\\128\\812\\t\\N\\x41"},

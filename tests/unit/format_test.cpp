@@ -208,6 +208,9 @@ TEST(Str, WhatDoesNotFitIsFatal) {
 
 TEST(Str, BoundedCopiesAndSearches) {
   char buffer[8];
+  EXPECT_STREQ("@AZ[", Str_Strcpy(buffer, "@AZ[", 5));
+  EXPECT_STREQ("@az[", Str_ToLower(buffer));
+  EXPECT_STREQ("@AZ[", Str_ToUpper(buffer));
   EXPECT_STREQ("ab", Str_Strncpy(buffer, 3, "abcd", 2));
   EXPECT_STREQ("abcd", Str_Strcat(strcpy(buffer, "ab"), "cd", 5));
   // Fits by the bytes asked for, or by the bytes that there are.
