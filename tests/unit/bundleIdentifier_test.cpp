@@ -13,14 +13,11 @@
 
 namespace {
 
-// As the library of the format's name writes it: a dictionary with the identifier among so many
-// other entries, or with none but in a dictionary further in.
-std::string Binary(const std::string &identifier, int others) {
+// As the library of the format's name writes it: a dictionary of so many entries, with the identifier
+// if there are any.
+std::string Binary(const std::string &identifier, int entries) {
   const plist_t top = plist_new_dict();
-  plist_t inner = plist_new_dict();
-  plist_dict_set_item(inner, "CFBundleIdentifier", plist_new_string("inner"));
-  plist_dict_set_item(top, "A", inner);
-  for (int i = 0; i < others; i++) {
+  for (int i = 0; i < entries; i++) {
     plist_dict_set_item(top, i == 0 ? "CFBundleIdentifier" : std::to_string(i).c_str(),
                         plist_new_string(identifier.c_str()));
   }
