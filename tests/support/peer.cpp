@@ -7,16 +7,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
-#include <system_error>
 #include <vector>
 
-namespace {
+#include "tests/support/process.h"
 
-void Check(bool ok, const char *call) {
-  if (!ok) throw std::system_error(errno, std::generic_category(), call);
-}
+namespace {
 
 // bind(2) or connect(2).
 template <typename Call>

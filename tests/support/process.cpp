@@ -19,10 +19,6 @@
 
 namespace {
 
-void Check(bool ok, const char *call) {
-  if (!ok) throw std::system_error(errno, std::generic_category(), call);
-}
-
 std::vector<char *> Pointers(const std::vector<std::string> &words) {
   std::vector<char *> pointers;
   for (const std::string &word : words) pointers.push_back(const_cast<char *>(word.c_str()));
@@ -79,6 +75,10 @@ int Process::Wait() {
   while (waitpid(pid_, &status, 0) < 0) Check(errno == EINTR, "waitpid");
   pid_ = -1;
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+void Check(bool ok, const char *call) {
+  if (!ok) throw std::system_error(errno, std::generic_category(), call);
 }
 
 void BecomeUser(uid_t user) {

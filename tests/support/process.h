@@ -41,6 +41,9 @@ class Process {
   int Wait();
 };
 
+// Throws std::system_error for errno, unless `ok`.
+void Check(bool ok, const char *call);
+
 // Makes this process the user's for good, without other groups.
 void BecomeUser(uid_t user);
 

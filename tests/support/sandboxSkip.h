@@ -4,17 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <string_view>
+#include <string>
 
-// Whether the run promises everything that tests may need (LUMEN_REQUIRE_SANDBOX=1).
-inline bool SandboxIsRequired() {
-  const char *const value = getenv("LUMEN_REQUIRE_SANDBOX");
-  return value != nullptr && std::string_view(value) == "1";
-}
-
-// Returns from the test: skipped with the reason, or failed when the run promised otherwise.
-#define SKIP_FOR_WANT_OF(what)                                      \
-  do {                                                              \
-    if (SandboxIsRequired()) FAIL() << "not to be had: " << (what); \
-    GTEST_SKIP() << "not to be had: " << (what);                    \
+// Returns from the test: skipped with the reason, or failed when the run promises everything that
+// tests may need (LUMEN_REQUIRE_SANDBOX=1).
+#define SKIP_FOR_WANT_OF(what)                                          \
+  do {                                                                  \
+    const char *const required = getenv("LUMEN_REQUIRE_SANDBOX");       \
+    const std::string reason = std::string("not to be had: ") + (what); \
+    if (required != nullptr && *required == '1') FAIL() << reason;      \
+    GTEST_SKIP() << reason;                                             \
   } while (false)

@@ -1,7 +1,6 @@
 // caller_test.cpp -- whoever starts the opener: what of theirs reaches the service, what is cleaned
 // before, and what they cannot choose.
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

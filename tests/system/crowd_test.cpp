@@ -1,7 +1,6 @@
 // crowd_test.cpp -- many openers at the same moment, with nobody listening; and the same while some
 // of them are being killed.  LUMEN_ROUNDS makes the crowds larger and the rounds more.
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>

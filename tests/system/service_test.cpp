@@ -63,10 +63,10 @@ TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
   Pipe pipe;
   const int flags = fcntl(pipe.read.Get(), F_GETFL);
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(Fd(dup(pipe.read.Get())))));
-  for (const auto behave : kBadPeers) {
+  for (size_t i = 0; i < std::size(kBadPeers); i++) {
     const Fd silent = ConnectTo(kSocketPath);
-    behave(ConnectTo(kSocketPath));
-    ExpectService("another");
+    kBadPeers[i](ConnectTo(kSocketPath));
+    ExpectService("after peer " + std::to_string(i));
   }
   EXPECT_EQ(flags, fcntl(pipe.read.Get(), F_GETFL));
   EXPECT_EQ(4, write(pipe.write.Get(), "last", 4));
