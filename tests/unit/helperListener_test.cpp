@@ -142,7 +142,8 @@ void dispatch_main() {
 
 namespace {
 
-using Tally = std::shared_ptr<std::atomic<int> >;  // its owners are those who hold the handler
+using Count = std::atomic<int>;
+using Tally = std::shared_ptr<Count>;  // its owners are those who hold the handler
 
 [[noreturn]] void Serve(const Tally &borrowed) {
   const Tally tally = borrowed;
@@ -152,7 +153,7 @@ using Tally = std::shared_ptr<std::atomic<int> >;  // its owners are those who h
 }
 
 TEST(HelperListener, ServesPeersAndGivesUpEveryReference) {
-  const Tally tally = std::make_shared<std::atomic<int> >(0);
+  const Tally tally = std::make_shared<Count>(0);
   XpcObject peers[] = {{XPC_TYPE_CONNECTION, nullptr, 1001},
                        {XPC_TYPE_CONNECTION, nullptr, 123456}};
   const std::string records = WithoutStamps(CaptureOutput([&] {
