@@ -95,6 +95,7 @@ class FormatMaker {
     format_ += '%';
     if (positional_) format_ += std::to_string(index + 1) + '$';
     const Type type = kTypes[index];
+    const size_t flags = format_.size();
     AddFlags(type == Type::String ? "-+ #'" : "-+ #'0");
     if (data_.ConsumeBool()) AddCount(1, 300);
     if (type == Type::Int || type == Type::Int64) {
@@ -106,6 +107,10 @@ class FormatMaker {
       format_ += data_.PickValueInArray({'d', 'i', 'u', 'o', 'x', 'X'});
     } else if (type == Type::Double) {
       const char conversion = data_.PickValueInArray({'e', 'E', 'f', 'F', 'g', 'G'});
+      // glibc drops the zeros of "#" when rounding adds a digit (%#g of 999999.5).
+      if (conversion == 'g' || conversion == 'G') {
+        std::replace(format_.begin() + static_cast<ptrdiff_t>(flags), format_.end(), '#', '+');
+      }
       // Without decimals halves are rounded another way than the host's.
       AddPrecision(conversion == 'f' || conversion == 'F' ? 1 : 0);
       format_ += conversion;
