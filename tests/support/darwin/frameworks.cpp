@@ -96,9 +96,10 @@ void CFStringNormalize(CFMutableStringRef string, CFStringNormalizationForm form
       LinuxNormalizeUnicode(string->text.c_str(), form == kCFStringNormalizationFormC).get();
 }
 
-// Of the basic plane, each character is one unit of UTF-16.
+// In UTF-16: one unit for each lead byte, and another for each of four bytes.
 CFIndex CFStringGetLength(CFStringRef string) {
-  return std::ranges::count_if(string->text, [](char c) { return (c & 0xC0) != 0x80; });
+  return std::ranges::count_if(string->text, [](char c) { return (c & 0xC0) != 0x80; }) +
+         std::ranges::count_if(string->text, [](char c) { return (c & 0xF8) == 0xF0; });
 }
 
 CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) {
