@@ -1,5 +1,5 @@
 # The helper listener against a stand-in for XPC: its events with any compiler, the rest with one
-# that has Blocks (clang, so the presets asan and tsan; the run-time is Debian's libblocksruntime-dev).
+# that has Blocks (clang, so not in dev and bench; the run-time is Debian's libblocksruntime-dev).
 include(CheckCXXSourceCompiles)
 
 lumen_unit_test(helperListener_test lumen_string)
