@@ -246,6 +246,25 @@ TEST(LockMisuse, EndsTheProcessWithTheStateOfTheLock) {
   MXUser_DestroyRecLock(rec);
 }
 
+// Each failure exits, and each exit runs the next handler.
+TEST(LockMisuse, TheSixthFailureIsAPanicOfTheOtherSystemToo) {
+  std::string expected;
+  for (int i = 1; i <= 7; i++) {
+    expected += i < 7 ? "calm\n" : "in panic\n";
+    if (i >= 6) expected += "panic\n";
+    expected += Excl(0, "MXUser_ReleaseExclLock: Release of an unacquired exclusive lock\n");
+  }
+  EXPECT_EQ(expected, Masked(FatalText([] {
+              MXUser_InstallMxHooks({.panic = [] { Log("panic\n"); }});
+              const auto fail = [] {
+                Log(MXUser_InPanic() ? "in panic\n" : "calm\n");
+                MXUser_ReleaseExclLock(MXUser_CreateExclLock("E", 0xFF000000));
+              };
+              for (int i = 0; i < 6; i++) atexit(fail);
+              fail();
+            })));
+}
+
 // ---- bound locks -----------------------------------------------------------------------------
 
 // The other system, which remembers what it was asked.
