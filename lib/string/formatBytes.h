@@ -33,10 +33,9 @@ inline constexpr size_t kFormatShort = 32;
 
 // Both return `to` behind the bytes.
 
+// Of kFormatShort bytes at most.
 inline char *FormatCopy(char *to, const char *from, size_t n) {
-  if (n > kFormatShort) {
-    memcpy(to, from, n);
-  } else if (n >= 16) {
+  if (n >= 16) {
     FormatCopyEnds<FormatBlock>(to, from, n);
   } else if (n >= 8) {
     FormatCopyEnds<uint64_t>(to, from, n);

@@ -2,6 +2,7 @@
 // happened to start it has no power over it.
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,6 +75,27 @@ TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
   EXPECT_TRUE(ServiceRead("last"));
   EXPECT_TRUE(Eventually([&] { return OpenFiles() == filesBefore; })) << OpenFiles();
   EXPECT_EQ(std::vector<pid_t>{service_}, Services());
+}
+
+TEST_F(ServiceTest, WithoutDescriptorsItWaitsForSome) {
+  rlimit before = {};
+  ASSERT_EQ(0, prlimit(service_, RLIMIT_NOFILE, nullptr, &before));
+  const rlimit none = {3, before.rlim_max};
+  ASSERT_EQ(0, prlimit(service_, RLIMIT_NOFILE, &none, nullptr));
+  const Fd waiting = ConnectTo(kSocketPath);
+  EXPECT_TRUE(ServiceLogged("accept errno " + std::to_string(EMFILE)));
+  ASSERT_EQ(0, prlimit(service_, RLIMIT_NOFILE, &before, nullptr));
+  EXPECT_NE('\0', Receive(waiting).byte);
+  EXPECT_EQ(1U, Count(ServiceLog(), "accept errno"));
+}
+
+TEST_F(ServiceTest, RefusesWhatIsNoListeningSocket) {
+  for (const char *const argument : {"x", "2", "1000000", "9"}) {
+    Launch launch;
+    launch.argv = {kBundleDaemon, argument, "9"};
+    launch.adjust = [] { dup2(STDOUT_FILENO, 9); };
+    EXPECT_EQ(2, Process(launch).Wait()) << argument;
+  }
 }
 
 TEST_F(ServiceTest, IsOutOfTheUsersPowerAndStopsForRoot) {

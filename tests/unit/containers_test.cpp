@@ -78,6 +78,8 @@ TEST(DynBuf, WhatIsAppendedIsCopiedTrimmedAndHandedOver) {
   EXPECT_TRUE(!fault.Fired() && !DynBuf_Enlarge(&buf, 0) && fault.Fired());
   EXPECT_EQ(ENOMEM, errno);
   EXPECT_EQ(model, std::string(buf.data, buf.size));
+  buf.size = 0;
+  EXPECT_TRUE(DynBuf_Trim(&buf) && buf.data == nullptr && buf.allocated == 0);
 }
 
 // ---- escaping --------------------------------------------------------------------------------

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "fd.h"
+#include "msg.h"
 #include "platform/files.h"
 #include "tests/support/capture.h"
 #include "tests/support/process.h"
@@ -110,6 +111,16 @@ TEST(FileIO, LocksHoldAndRefusalsTouchNothing) {
     EXPECT_EQ(ENOTSUP, Opened(file, FILEIO_FLAG_LOCK_MANDATORY, FILEIO_OPEN_CREATE_EMPTY).error);
     EXPECT_EQ(ELOOP, Opened(link, kRead | FILEIO_FLAG_NOFOLLOW).error);
   });
+  for (const auto &[error, result] : {std::pair{EROFS, FILEIO_LOCK_FAILED},
+                                      {EACCES, FILEIO_NO_PERMISSION},
+                                      {ENOENT, FILEIO_FILE_NOT_FOUND},
+                                      {ENAMETOOLONG, FILEIO_FILE_NAME_TOO_LONG}}) {
+    const SysFault fault("mkdir", 1, error);
+    LogOf([&, wanted = result] {
+      EXPECT_EQ(wanted, Opened(file, kWrite | FILEIO_FLAG_LOCK_PORTABLE).result);
+    });
+  }
+  Msg_Reset();
   EXPECT_EQ("content", ReadFile(file));
 }
 
@@ -233,6 +244,26 @@ TEST(FileVector, ArrivesWholeWithAnySettings) {
   }
   setting = -1;
   roundTrips();
+}
+
+// A pipe of packets, of which each read gives one.
+TEST(FileVector, GoesOnWithinAnEntryAndSaysWhereItsWritesEnded) {
+  int ends[2];
+  ASSERT_EQ(0, pipe2(ends, O_DIRECT | O_NONBLOCK));
+  FileIODescriptor reader = FileIO_FromPosix(ends[0]), writer = FileIO_FromPosix(ends[1]);
+  std::string got(12, '#'), much(200'000, 'x');
+  for (const std::string packet : {"012345", "67", "89ab"}) {
+    EXPECT_EQ(FILEIO_SUCCESS, FileIO_Write(&writer, packet.data(), packet.size(), nullptr));
+  }
+  const iovec to[] = {{got.data(), 4}, {&got[4], 4}, {&got[8], 4}};
+  EXPECT_EQ(FILEIO_SUCCESS, FileIO_Readv(&reader, to, 3, got.size(), nullptr));
+  EXPECT_EQ("0123456789ab", got);
+  const iovec from[] = {{much.data(), 1000}, {&much[1000], much.size() - 1000}};
+  size_t actual = 0;
+  EXPECT_EQ(FILEIO_WRITE_ERROR_NOSPC, FileIO_Writev(&writer, from, 2, much.size(), &actual));
+  EXPECT_TRUE(actual > 1000 && actual < much.size());
+  FileIO_Close(&reader);
+  FileIO_Close(&writer);
 }
 
 // ---- replacement and failures ------------------------------------------------------------------

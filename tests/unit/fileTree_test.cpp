@@ -181,6 +181,9 @@ bool MoveTree(const std::string &from, const std::string &to) {
 bool MoveIntoItself(const std::string &from, const std::string &) {
   return MoveTree(from, from + "/x");
 }
+bool MoveUp(const std::string &from, const std::string &) {
+  return MoveTree(from + "/x", from);
+}
 // $F and $T are directories made anew for each row.
 struct Row {
   const char *setUp;  // a shell command
@@ -199,9 +202,15 @@ constexpr Row kRows[] = {
     {"mkdir $F/x $T/../out; >$F/x/y; ln -s ../out $T/x", CopyTree, "ELOOP",
      "test ! -e $T/../out/y"},
     {">$F/x; echo old >$T/x", CopyNewX, "EEXIST", "grep -q old $T/x"},
+    {"mkdir $F/x; echo old >$T/x", CopyX, "EISDIR", "grep -q old $T/x"},
     {"echo 1 >$F/x; ln $F/x $T/x", CopyX, "EEXIST", "grep -q 1 $F/x"},
     {"echo 1 >$F/x; >$T/y", MoveTree, "ok", "test ! -e $F && grep -q 1 $T/x"},
+    {"rmdir $T; echo 1 >$F/x", MoveTree, "ok", "test ! -e $F && grep -q 1 $T/x"},
+    {"rmdir $T; >$T", MoveTree, "ENOTDIR", "test -d $F"},
     {"echo 1 >$F/y", MoveIntoItself, "EINVAL", "grep -q 1 $F/y"},
+    {"mkdir $F/x; echo 1 >$F/x/y", MoveUp, "ok", "grep -q 1 $F/y && test ! -e $F/x"},
+    // It would be copied over what it lies in.
+    {"mkdir -p $F/x/x; echo 1 >$F/x/x/y", MoveUp, "EINVAL", "grep -q 1 $F/x/x/y"},
 };
 
 TEST(FileTree, EveryCase) {

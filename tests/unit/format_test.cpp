@@ -90,8 +90,11 @@ TEST(Format, OwnForms) {
   for (const auto &[expected, actual] : rows) EXPECT_EQ(expected, actual);
   signed char c[2] = {-1, -1};
   short h[2] = {-1, -1};
-  EXPECT_EQ("ab", Ours("%hhna%hnb", c, h));
-  EXPECT_TRUE(c[0] == 0 && h[0] == 1 && c[1] == -1 && h[1] == -1) << "no wider than told";
+  int n[2] = {-1, -1};
+  int64_t l = -1;
+  EXPECT_EQ("abc", Ours("%hhna%hnb%nc%lln", c, h, n, &l));
+  EXPECT_TRUE(c[0] == 0 && h[0] == 1 && n[0] == 2 && l == 3) << "what stands before";
+  EXPECT_TRUE(c[1] == -1 && h[1] == -1 && n[1] == -1) << "no wider than told";
 }
 
 TEST(Format, WideCharactersDependOnTheLocale) {
