@@ -34,10 +34,11 @@ endif()
 
 if(LUMEN_COVERAGE)
   # %c: each process counts in a mapped file.  So what ends by _exit or a signal, or execs, counts
-  # like the rest, and needs no environment to find the file.  %m: one file a program.
+  # like the rest, and needs no environment to find the file.  %m: one file a program.  Atomic: many
+  # counts are differences, and one step lost between processes would make a line reached, or not.
   set(_profiles ${PROJECT_BINARY_DIR}/profiles)
   target_compile_options(lumen_common INTERFACE -fprofile-instr-generate=${_profiles}/%c%m.profraw
-                                                -fcoverage-mapping
+                                                -fcoverage-mapping -fprofile-update=atomic
                                                 "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(lumen_common INTERFACE -fprofile-instr-generate)
 endif()
