@@ -36,7 +36,7 @@ class Ratios : public benchmark::ConsoleReporter {
                                      benchmark::ClobberMemory();
                                    }
                                  })
-        ->Repetitions(7)
+        ->Repetitions(11)
         ->MinTime(0.02)
         ->ReportAggregatesOnly(false);
   }
@@ -63,10 +63,16 @@ class Ratios : public benchmark::ConsoleReporter {
     }
   }
 
-  // Runs everything that was added, with the program's options, and prints the table.
+  // Runs everything that was added, with the program's options, and prints the table.  Repetitions
+  // take turns at random, so that a machine that is slower for a second is so for everybody.
   int Main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    std::string takeTurns = "--benchmark_enable_random_interleaving=true";
+    std::vector<char *> words(argv, argv + argc);
+    words.insert(words.begin() + 1, takeTurns.data());
+    argc = static_cast<int>(words.size());
+    words.push_back(nullptr);
+    benchmark::Initialize(&argc, words.data());
+    if (benchmark::ReportUnrecognizedArguments(argc, words.data())) return 1;
     benchmark::RunSpecifiedBenchmarks(this);
     Print();
     return 0;
