@@ -7,7 +7,9 @@
 
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <span>
@@ -45,10 +47,25 @@ struct ErrState {
 
 constinit ErrState state;
 
+// The length of `text` without a last character of which bytes are missing.
+size_t WholeCharacters(const char *text) {
+  const size_t length = strlen(text);
+  for (size_t tail = 1; tail <= 3 && tail <= length; ++tail) {
+    const auto byte = static_cast<unsigned char>(text[length - tail]);
+    const bool isContinuation = (byte & 0xC0) == 0x80;
+    if (isContinuation) continue;
+    const bool isLead = byte >= 0xC0;
+    const bool isCut = isLead && std::countl_one(byte) > static_cast<int>(tail);
+    return isCut ? length - tail : length;
+  }
+  return length;
+}
+
 InfoOwner MakeInfo(int number) {
   std::array<char, kTextSize> buffer;
   const char *const text = Platform_ErrorText(number, buffer);
-  return InfoOwner(new (Heap_SafeMalloc(sizeof(ErrInfo))) ErrInfo{number, Heap_SafeStrdup(text)});
+  return InfoOwner(new (Heap_SafeMalloc(sizeof(ErrInfo)))
+                       ErrInfo{number, Heap_SafeStrndup(text, WholeCharacters(text))});
 }
 
 const void *NumberKey(int number) {

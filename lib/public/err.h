@@ -7,8 +7,8 @@
 #pragma once
 
 // The text of `errnoValue`, which the table keeps: never freed by the caller, never null, UTF-8 as
-// far as the host's texts are.  A value that the host does not know gives "Unknown error" and the
-// value.
+// far as the host's texts are, but never cut within a character.  A value that the host does not know
+// gives "Unknown error" and the value.
 [[nodiscard]] const char *Err_ErrnoToString(int errnoValue);
 
 // The text of errno.
