@@ -31,8 +31,6 @@
 
 namespace {
 
-constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-
 struct CopyOptions {
   bool overwriteExisting;
   bool followSymlinks;
@@ -101,7 +99,7 @@ bool RequireNoLink(const char *path) {
 bool CopyDirectory(const FileEntry &src, const char *dst, CopyOptions options) {
   if (!options.followSymlinks && !RequireNoLink(dst)) return TellCopyError(src.path, dst);
   const int flags = options.followSymlinks ? 0 : O_NOFOLLOW;
-  const Fd dir(openat(src.dir, src.name, kOpenDirectory | flags));
+  const Fd dir(openat(src.dir, src.name, kFileOpenDirectory | flags));
   return dir ? FileCopyTreeWorker(dir.Get(), src.path, dst, options) : TellWalkError(src.path);
 }
 
@@ -148,7 +146,7 @@ bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExist
         dstName);
     return false;
   }
-  const Fd top(open(srcName, kOpenDirectory));
+  const Fd top(open(srcName, kFileOpenDirectory));
   if (!top) return TellWalkError(srcName);
   return FileCopyTreeWorker(
       top.Get(), srcName, dstName,

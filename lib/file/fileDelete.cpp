@@ -30,8 +30,6 @@
 
 namespace {
 
-constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-
 bool IdentityOf(int fd, FileIdentity *identity) {
   struct stat status;
   if (fstat(fd, &status) != 0) return false;
@@ -111,7 +109,7 @@ int TreeDeletion::Enter(Fd dir) {
 
 void TreeDeletion::Descend(const char *name) {
   PathOfEntry(name);
-  Fd dir(openat(here_.Get(), name, kOpenDirectory | O_NOFOLLOW));
+  Fd dir(openat(here_.Get(), name, kFileOpenDirectory | O_NOFOLLOW));
   if (!dir && errno == ENOENT) return;
   Level *const parent = level_;
   const int error = dir ? Enter(std::move(dir)) : errno;
@@ -137,7 +135,7 @@ int TreeDeletion::Ascend() {
     here_ = std::move(above_);
     return 0;
   }
-  Fd parent(openat(here_.Get(), "..", kOpenDirectory));
+  Fd parent(openat(here_.Get(), "..", kFileOpenDirectory));
   FileIdentity identity;
   if (!parent || !IdentityOf(parent.Get(), &identity)) return errno;
   if (identity != level_->above->identity) return ESTALE;
@@ -157,7 +155,7 @@ int TreeDeletion::LeaveAndRemove() {
 }
 
 int TreeDeletion::Run(const char *path) {
-  Fd top(open(path, kOpenDirectory));
+  Fd top(open(path, kFileOpenDirectory));
   if (!top) return errno;
   AppendToPath(path, strlen(path) + 1);
   int error = Enter(std::move(top));

@@ -4,6 +4,7 @@
 // failed, which then is in errno, too.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -48,6 +49,9 @@ struct FileIdentity {
 // directory.  A target that is missing is fine; one that cannot be removed leaves the link.  A null
 // path is EFAULT.
 int FileDeletePath(const char *path, bool handleLink);
+
+// How a directory is opened that is walked by its entries; O_NOFOLLOW where no link may lead there.
+inline constexpr int kFileOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
 // An entry of a directory that is open as `dir`; `path` is what messages call it.
 struct FileEntry {

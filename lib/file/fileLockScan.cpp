@@ -177,7 +177,7 @@ int ScanMember(const char *lockDir, const char *name, FileLockScanFn callback,
 // Errno-style.
 int RemoveName(const char *lockDir, const char *name, const char *path) {
   if (FileLockIsEntryName(name)) return FileDeletePath(path, false);
-  const Fd dir(open(lockDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const Fd dir(open(lockDir, kFileOpenDirectory | O_NOFOLLOW));
   return dir && unlinkat(dir.Get(), name, 0) == 0 ? 0 : errno;
 }
 
