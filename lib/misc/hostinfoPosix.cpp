@@ -98,13 +98,17 @@ void ResetTimers() {
   for (const int timer : kTimers) setitimer(timer, &disarmed, nullptr);
 }
 
-// Some numbers cannot be set, on either host; they have the default action anyway.
-void ResetSignals() {
+void SetAction(int number, void (*handler)(int)) {
   struct sigaction action = {};
-  action.sa_handler = SIG_DFL;
+  action.sa_handler = handler;
   action.sa_flags = SA_RESTART;
   sigfillset(&action.sa_mask);
-  for (int number = 1; number <= NSIG; number++) sigaction(number, &action, nullptr);
+  sigaction(number, &action, nullptr);
+}
+
+// Some numbers cannot be set, on either host; they have the default action anyway.
+void ResetSignals() {
+  for (int number = 1; number <= NSIG; number++) SetAction(number, SIG_DFL);
 }
 
 void RaiseAddressSpaceLimit() {
@@ -171,10 +175,10 @@ int BecomeDaemon(Plan *plan) {
     const int error = WritePidFile(plan);
     if (error != 0) return error;
   }
-  signal(SIGPIPE, SIG_DFL);  // as the daemon is to have it
+  SetAction(SIGPIPE, SIG_DFL);  // as the daemon is to have it
   if (execv(plan->localPath.get(), plan->args.Get()) == -1) {
     const int error = errno;
-    signal(SIGPIPE, SIG_IGN);
+    SetAction(SIGPIPE, SIG_IGN);
     Warning("%s: Couldn't exec %s, error %d.\n", kWho, plan->path, error);
     return error;
   }
@@ -184,7 +188,7 @@ int BecomeDaemon(Plan *plan) {
 // What is logged here may go to a pipe that nobody reads any more.  Dying of that would lose the
 // report, and the caller would take the silence for success.
 [[noreturn]] void SecondChild(Plan *plan) {
-  signal(SIGPIPE, SIG_IGN);
+  SetAction(SIGPIPE, SIG_IGN);
   const int error = BecomeDaemon(plan);
   if (write(plan->errorWrite.Get(), &error, sizeof error) != sizeof error) {
     Warning("%s: Couldn't write to parent pipe: %u, original error: %u.\n", kWho,
