@@ -16,6 +16,7 @@
 inline constexpr char kSandboxMark[] = "/.lumen-sandbox";
 inline const std::string kSocketPath = "/var/run/Zephrin Lumen Client Services.sock";
 inline const std::string kLockPath = "/var/run/Zephrin Lumen Client Services.lock";
+inline const std::string kStartLockPath = kLockPath + ".start";
 inline const std::string kServiceLogPath = "/var/run/Zephrin Lumen Client Services.log";
 inline const std::string kBundle = "/Applications/Zephrin Lumen Client.app";
 inline const std::string kBundleLibrary = kBundle + "/Contents/Library";

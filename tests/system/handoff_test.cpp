@@ -1,14 +1,19 @@
 // handoff_test.cpp -- one opener and one service, as installed: who starts whom, and what arrives.
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <utility>
 
 #include "tests/support/peer.h"
 #include "tests/support/product.h"
+#include "tests/support/scratchDir.h"
+#include "tests/support/trace.h"
 
 namespace {
 
@@ -26,6 +31,58 @@ TEST_F(Handoff, TheFirstOpenerStartsTheServiceAndTheNextOneUsesIt) {
   EXPECT_TRUE(ServiceRead("second"));
   EXPECT_EQ(services, Services());
 }
+
+// ---- the start lock -----------------------------------------------------------------------------
+
+// An open lock file, locked; not open when another process has the lock.
+Fd Locked(const std::string &path) {
+  Fd file(open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
+  return flock(file.Get(), LOCK_EX | LOCK_NB) == 0 ? std::move(file) : Fd();
+}
+
+TEST_F(Handoff, AnOpenerThatFindsAnotherOneStartingLetsGoOfEverythingAndComesBack) {
+  Fd other = Locked(kStartLockPath);
+  ASSERT_TRUE(other);
+  Process opener(OpenerLaunch(FileWith("late")));
+  usleep(300'000);
+  EXPECT_TRUE(opener.Running());
+  EXPECT_TRUE(Eventually([] { return static_cast<bool>(Locked(kLockPath)); }));
+  EXPECT_FALSE(std::filesystem::exists(kSocketPath));
+  EXPECT_FALSE(std::filesystem::exists(kStaged));
+  other.Reset();
+  EXPECT_EQ(kDelivered, Finish(&opener));
+  EXPECT_TRUE(Locked(kStartLockPath)) << "the service has it";
+}
+
+// Of two processes that have the name of the opener: the one that nobody waits for is to be the
+// daemon.
+bool DaemonToBeIsThere() {
+  for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string status = ReadFile(entry.path() / "status");
+    if (status.starts_with("Name:\tlumenClient-ope") &&
+        status.find("\nPPid:\t1\n") != status.npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Otherwise another opener could stage anew under a child that is about to execute what is staged.
+TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockUntilItIsTheDaemon) {
+  Launch launch = Traced({"-f", "-e", "inject=chdir:delay_enter=1000000"});
+  Process starter(launch);
+  ASSERT_TRUE(Eventually(DaemonToBeIsThere));
+  Shell(R"(opener=$(pgrep -o -x lumenClient-ope); kill -KILL "$opener"
+           while kill -0 "$opener" 2>&-; do sleep 0.01; done)");
+  EXPECT_FALSE(Locked(kStartLockPath));
+  Process second(OpenerLaunch(FileWith("second")));
+  EXPECT_EQ(kDelivered, Finish(&second));
+  EXPECT_EQ(std::string::npos, second.Output().find("construction")) << second.Output();
+  EXPECT_EQ(1U, Services().size());
+  EXPECT_TRUE(Locked(kStartLockPath));
+}
+
+// ---- the exchange -------------------------------------------------------------------------------
 
 // A service that stops with openers in its queue closes them without a greeting.  The greeting
 // comes back as it was, with the very open file.

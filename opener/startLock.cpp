@@ -1,0 +1,20 @@
+// startLock.cpp -- one starter of the daemon at a time.
+
+#include "opener/startLock.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "heap.h"
+#include "platform/files.h"
+#include "str.h"
+
+int StartLockTake(const char *lockPath) {
+  const HeapStr path(Str_Asprintf(nullptr, "%s.start", lockPath));
+  if (path == nullptr) {
+    errno = ENOMEM;
+    return -1;
+  }
+  return Platform_OpenLocked(path.get(), O_CREAT | O_NONBLOCK, 0600);
+}
