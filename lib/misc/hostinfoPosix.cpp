@@ -36,6 +36,8 @@ namespace {
 
 constexpr char kWho[] = "Hostinfo_Daemonize";
 
+constinit HostinfoPreExecHook *preExecHook = nullptr;
+
 // ---- what the children need -----------------------------------------------------------------
 
 // A null-terminated argument vector in the local encoding.
@@ -174,6 +176,11 @@ int BecomeDaemon(Plan *plan) {
   if (plan->pidFile) {
     const int error = WritePidFile(plan);
     if (error != 0) return error;
+  }
+  if (preExecHook != nullptr && !preExecHook()) {
+    const int error = errno != 0 ? errno : EINVAL;
+    Warning("%s: Couldn't prepare for exec of %s, error %d.\n", kWho, plan->path, error);
+    return error;
   }
   SetAction(SIGPIPE, SIG_DFL);  // as the daemon is to have it
   if (execv(plan->localPath.get(), plan->args.Get()) == -1) {
@@ -371,6 +378,10 @@ void RemovePidFile(const char *pidPath) {
 }
 
 }  // namespace
+
+void Hostinfo_SetPreExecHook(HostinfoPreExecHook *hook) {
+  preExecHook = hook;
+}
 
 bool Hostinfo_Daemonize(const char *path, const char *const argv[], int flags, const char *pidPath,
                         const int *keepFds, size_t numKeepFds) {

@@ -35,6 +35,16 @@ enum : int {
 [[nodiscard]] bool Hostinfo_Daemonize(const char *path, const char *const argv[], int flags,
                                       const char *pidPath, const int *keepFds, size_t numKeepFds);
 
+// Sets the last step that the daemon's process takes before exec, after everything else that can fail;
+// null, the initial value, for none.  For what must not happen any earlier, such as giving back a user
+// id.  One hook serves every later Hostinfo_Daemonize of the process.
+//
+// The hook runs in a child of fork and may call only what is async-signal-safe, and the log.  When it
+// returns false the start fails with the errno that it left (EINVAL if that is 0), as when exec fails.
+// It must leave the descriptors as they are.  Not thread-safe.
+using HostinfoPreExecHook = bool();
+void Hostinfo_SetPreExecHook(HostinfoPreExecHook *hook);
+
 // The absolute path of the running executable, as a new string that the caller frees; null after a
 // warning when the host does not tell it or it has 1024 bytes or more.  `privilege` is 0 or 1,
 // which mean the same; anything else gives null after a warning.  Any thread.

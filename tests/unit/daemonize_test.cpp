@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -141,6 +142,22 @@ TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
               return Hostinfo_Daemonize("/x", badArgv, 0, pidPath_.c_str(), nullptr, 0);
             }));
   EXPECT_FALSE(fs::exists(pidPath_));
+}
+
+TEST_F(Daemonize, TheHookIsTheLastStepBeforeExec) {
+  // The PID file is written, the directory changed; the daemon does not come to exec.
+  Hostinfo_SetPreExecHook([] {
+    errno = getcwd(std::array<char, 2>{}.data(), 2) != nullptr ? EIDRM : 0;
+    return false;
+  });
+  const std::string prefix = "Warning: Hostinfo_Daemonize: Child could not exec /bin/sh, read 4, ";
+  EXPECT_EQ(prefix + "error " + std::to_string(EIDRM) + ".\n",
+            Failure(EIDRM, [&] { return Start("/bin/sh", 0); }));
+  Hostinfo_SetPreExecHook([] { return chdir("/proc") == 0; });
+  EXPECT_TRUE(Start("/bin/sh", 0));
+  AwaitReport();
+  EXPECT_EQ("/proc", folder_);
+  Hostinfo_SetPreExecHook(nullptr);
 }
 
 TEST_F(Daemonize, TellsThatItCannotWhenNobodyReadsTheLog) {
