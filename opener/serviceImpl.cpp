@@ -17,6 +17,9 @@
 //            start lock last, at exec.  Nothing else here calls exec.
 //         3. A failed system call is logged once and fails the rendezvous.
 //         4. No lock is held during a pause between passes.
+//         5. From the lock file to the end of the choice, and on the server side to the end of the
+//            start, the process is shielded from its user's signals.  A failed rendezvous may leave it
+//            so: the process ends.
 // Format: docs/protocol.md.  Tests: tests/system/
 
 #include "opener/serviceImpl.h"
@@ -56,8 +59,11 @@ bool RunDaemon(const char *daemonPath, const RendezvousFds &fds, int statusRead)
   const int keep[] = {fds.sock, statusRead, fds.startLock};
 
   // PRIV: the daemon is to run as root.
-  return ServiceImplWithPrivileges(
-      [&] { return Hostinfo_Daemonize(daemonPath, argv, 0, nullptr, keep, std::size(keep)); });
+  return ServiceImplWithPrivileges([&] {
+    Hostinfo_SetPreExecHook(ServiceImplGiveDaemonItsUser);
+    const bool started = Hostinfo_Daemonize(daemonPath, argv, 0, nullptr, keep, std::size(keep));
+    return ServiceImplUnshield() && started;
+  });
 }
 
 // Starts the daemon on the listening socket; afterwards the status pipe's write end is in its slot.

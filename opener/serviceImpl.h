@@ -27,6 +27,16 @@ void ServiceImpl_SetPreStartHook(ServiceImplPreStartHook hook);
 // record the user's id and lose root for good.
 [[nodiscard]] bool ServiceImpl_PrivRaise();
 
+// Makes the real user id root's, too, so that the caller cannot signal the process, and holds back
+// the signals by which a terminal stops it.  ServiceImpl_PrivLower goes on to lower to the caller, and
+// ServiceImpl_PrivRaise to raise.  Called with raised privileges, as the next one, which undoes it.
+// False, after a record, when it fails: then nothing has changed.
+[[nodiscard]] bool ServiceImplShield();
+[[nodiscard]] bool ServiceImplUnshield();
+
+// For Hostinfo_SetPreExecHook: the daemon starts with the caller for its real user, shielded or not.
+[[nodiscard]] bool ServiceImplGiveDaemonItsUser();
+
 // Runs `body`, which returns a boolean, with raised privileges, and lowers them whatever it returns.
 // False when `body` says so, and when one of the two switches fails.
 template <typename Body>

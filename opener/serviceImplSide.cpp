@@ -10,6 +10,8 @@
 //         start lock's new holder repeats the call with both locks held: meanwhile nobody else can
 //         enter the queue, which therefore only drains.  Together these pauses stay below half a
 //         second, since everybody else waits for the lock file.
+// Shield: everybody waits for the holder of a lock, so its user must not be able to stop it.  A server
+//         stays shielded until its daemon runs.
 // Proof:  docs/models/rendezvous.pml.  Tests: tests/system/
 
 #include "opener/serviceImplSide.h"
@@ -123,9 +125,10 @@ ServiceImplSide ServiceImplPickSockSide(const RendezvousPaths &paths, Rendezvous
   ServiceImplSide side = ServiceImplSide::kNone;
   // PRIV: the lock files and the socket file are root's, in a directory of root's.
   const bool ok = ServiceImplWithPrivileges([&] {
+    if (!ServiceImplShield()) return false;
     fds->sock = MakeSocket();
     if (fds->sock >= 0) side = ChooseUnderLock(paths, fds);
-    return side != ServiceImplSide::kNone;
+    return side == ServiceImplSide::kServer || ServiceImplUnshield();
   });
   if (!ok) side = ServiceImplSide::kNone;
   if (side != ServiceImplSide::kServer && !ServiceImplClose(&fds->startLock, nullptr)) {

@@ -21,7 +21,7 @@ enum class ServiceImplSide {
   kNone,    // nothing is open; the reason is logged
   kBusy,    // nobody listens, and another opener is about to; nothing is open
   kClient,  // `sock` is connected
-  kServer,  // `sock` listens, and `startLock` is held
+  kServer,  // `sock` listens, `startLock` is held, and the process is shielded
 };
 
 // Takes the lock file, connects or else listens, and releases the lock file.  `fds->sock` and

@@ -1,12 +1,17 @@
 // caller_test.cpp -- whoever starts the opener: what of theirs reaches the service, what is cleaned
 // before, and what they cannot choose.
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <sstream>
 
+#include "tests/support/peer.h"
 #include "tests/support/product.h"
 #include "tests/support/scratchDir.h"
 
@@ -35,10 +40,19 @@ void SpoilProcess() {
   for (int number = 1; number < NSIG; number++) signal(number, SIG_IGN);
 }
 
+// Root may start processes all the same; but not the root of a user namespace.
+void AllowNoProcesses() {
+  const rlimit none = {0, 0};
+  if (ReadFile("/proc/self/uid_map").find("4294967295") != std::string::npos) {
+    setrlimit(RLIMIT_NPROC, &none);
+  }
+}
+
 // The hosts fill the standard descriptors of a set-user-ID start, but not of one by root.
 constexpr CallerState kCallerStates[] = {
     {"root, standard descriptors closed", 0, CloseStandardDescriptors},
     {"signals blocked and ignored, umask 077", kUser, SpoilProcess},
+    {"no more processes", kUser, AllowNoProcesses},
 };
 
 // Those to go stand side by side, most of them once: a walk that goes on after a removal without
@@ -105,6 +119,37 @@ TEST_F(Caller, WhoNoLongerReadsTheLogDoesNotEndTheOpener) {
   const auto writeIntoIt = [&] { dup2(log.write.Get(), STDOUT_FILENO); };
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("unheard"), writeIntoIt)));
   EXPECT_TRUE(ServiceRead("unheard"));
+}
+
+// ---- signals --------------------------------------------------------------------------------
+
+// What kill(2) says to the user who sends `signal`.
+int SignalAsUser(pid_t pid, int signal) {
+  const pid_t sender = fork();
+  if (sender == 0) {
+    BecomeUser(kUser);
+    _exit(kill(pid, signal) == 0 ? 0 : errno);
+  }
+  int status = -1;
+  waitpid(sender, &status, 0);
+  return WEXITSTATUS(status);
+}
+
+// A stopped opener would hold up everybody who waits for its lock.
+TEST_F(Caller, CannotSignalAnOpenerThatOthersWaitFor) {
+  const Fd listener = ListenAt(kSocketPath);
+  Fd lock(open(kLockPath.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_EQ(0, flock(lock.Get(), LOCK_EX));
+  Process opener(OpenerLaunch(FileWith("")));
+  const auto status = [&] { return ReadFile("/proc/" + std::to_string(opener.Pid()) + "/status"); };
+  // SIGTSTP, SIGTTIN, SIGTTOU.
+  EXPECT_TRUE(Eventually([&] { return Count(status(), "SigBlk:\t0000000000380000") == 1; }));
+  EXPECT_EQ(EPERM, SignalAsUser(opener.Pid(), SIGSTOP));
+  lock.Reset();
+  const Fd connection = Accept(listener);
+  EXPECT_TRUE(Eventually([&] { return Count(status(), "SigBlk:\t0000000000000000") == 1; }));
+  EXPECT_EQ(0, SignalAsUser(opener.Pid(), SIGTERM));
+  EXPECT_EQ(128 + SIGTERM, opener.Wait());
 }
 
 // ---- where the bundle is ----------------------------------------------------------------------
