@@ -84,13 +84,14 @@ bool ServiceImplUnshield() {
 }
 
 // Linux counts the process as the user's from here on, and where that is one too many it would refuse
-// the exec that follows.  The limit was none for root until now, and must not become one here.
+// the exec that follows.  The soft limit was none for root until now, and must not become one here.
 bool ServiceImplGiveDaemonItsUser() {
-  rlimit limit;
-  const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
-  const bool lifted = getrlimit(RLIMIT_NPROC, &limit) == 0 && setrlimit(RLIMIT_NPROC, &none) == 0;
+  rlimit limit = {};
+  const bool known = getrlimit(RLIMIT_NPROC, &limit) == 0;
+  const rlimit lifted = {limit.rlim_max, limit.rlim_max};
+  if (known) setrlimit(RLIMIT_NPROC, &lifted);
   const bool given = setreuid(privState.caller, 0) == 0;
   const ErrnoKeeper keeper;
-  if (lifted) setrlimit(RLIMIT_NPROC, &limit);
+  if (known) setrlimit(RLIMIT_NPROC, &limit);
   return given;
 }
