@@ -3,22 +3,67 @@
 #include "opener/codeSignature.h"
 
 #include "log.h"
-#include "platform/codeSignature.h"
+
+namespace {
+
+// That something could not be checked is told apart from that it is not as it should be.
+void LogObstacle(const char *what, const char *path, const char *obstacle, int error) {
+  if (obstacle == nullptr) return;
+  Log("PrivilegedHelper: The %s of %s could not be checked: %s, errno %d.\n", what, path, obstacle,
+      error);
+}
+
+// Null when nothing that could be signed is at the path, or it is open.
+const char *OpenObstacle(int item, int error) {
+  if (item >= 0) return nullptr;
+  switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+    case ELOOP:
+    case ENOTSUP:
+      return nullptr;
+    default:
+      return "it cannot be opened";
+  }
+}
+
+}  // namespace
 
 bool VerifyCodeSignature(const char *path, const char *identifier) {
-  const int failure = Platform_VerifyCodeSignature(path, identifier);
-  if (failure == 0) return true;
-  Log("PrivilegedHelper: Failed to verify the code signature of %s due to %d", path, failure);
+  const Fd item = Platform_OpenSignedItem(path);
+  PlatformSignedExtent extent;
+  return VerifyOpenCodeSignature(path, item.Get(), identifier, &extent);
+}
+
+bool VerifyOpenCodeSignature(const char *path, int item, const char *identifier,
+                             PlatformSignedExtent *extent) {
+  const int error = errno;
+  const PlatformSignature found = Platform_VerifyCodeSignature(path, item, identifier);
+  if (found.failure == 0) {
+    *extent = found.extent;
+    return true;
+  }
+  LogObstacle("code signature", path, OpenObstacle(item, error), error);
+  LogObstacle("code signature", path, found.obstacle, found.error);
+  Log("PrivilegedHelper: Failed to verify the code signature of %s due to %d", path, found.failure);
   return false;
 }
 
 char *GetBundleIdentifier(const char *path) {
-  PlatformBundleIdentifier identifier = Platform_BundleIdentifier(path);
-  if (identifier.failure != 0) {
+  const Fd item = Platform_OpenSignedItem(path);
+  return GetOpenBundleIdentifier(path, item.Get());
+}
+
+char *GetOpenBundleIdentifier(const char *path, int item) {
+  const int error = errno;
+  PlatformBundleIdentifier found = Platform_BundleIdentifier(path, item);
+  if (found.failure != 0) {
+    LogObstacle("bundle identifier", path, OpenObstacle(item, error), error);
+    LogObstacle("bundle identifier", path, found.obstacle, found.error);
     Log("CoreFoundationUtils: Failed to get bundle identifier for %s due to (%d).\n", path,
-        identifier.failure);
-  } else if (identifier.text == nullptr) {
+        found.failure);
+  } else if (found.text == nullptr) {
     Log("Failed to get C string from CFString.\n");
   }
-  return identifier.text.release();
+  return found.text.release();
 }

@@ -3,6 +3,15 @@
 
 #include <sys/types.h>
 
+#include "fd.h"
+
+// Opens the regular file or directory `name` for reading, close-on-exec; `name` (not null) is
+// relative to the directory `dir`, which may be AT_FDCWD.  Nothing of another kind is ever opened,
+// even if it is put there meanwhile: merely opening a device can have side effects, and a FIFO or a
+// lease would make the caller wait.  Empty with errno set: ELOOP for a link at the end of the path,
+// ENOTSUP for another kind, EAGAIN for a file that somebody has leased.
+[[nodiscard]] Fd Platform_OpenRegularOrDirectory(int dir, const char *name);
+
 // Opens `path` close-on-exec with `flags` and `mode` and waits until it holds an exclusive flock(2)
 // on it; O_TRUNC acts under the lock.  Returns the descriptor, or -1 with errno set: EINTR when a
 // signal came while it waited, EAGAIN in place of waiting with O_NONBLOCK.

@@ -12,8 +12,8 @@
 #include <system_error>
 
 #include "fd.h"
+#include "platform/files.h"
 #include "platform/linux/sealCheck.h"
-#include "platform/linux/sealItem.h"
 #include "tools/sealMaker.h"
 
 namespace {
@@ -70,7 +70,7 @@ Arguments Parse(int argc, char **argv, const option *allowed) {
 }
 
 Fd OpenItem(const std::string &path) {
-  Fd item = SealOpenItem(path.c_str());
+  Fd item = Platform_OpenRegularOrDirectory(AT_FDCWD, path.c_str());
   if (!item) throw std::system_error(errno, std::generic_category(), "cannot be opened");
   return item;
 }

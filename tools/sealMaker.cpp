@@ -19,7 +19,6 @@
 #include "fd.h"
 #include "platform/linux/openssl.h"
 #include "platform/linux/sealDigest.h"
-#include "platform/linux/sealItem.h"
 #include "platform/linux/sealSignature.h"
 #include "platform/linux/sealText.h"
 #include "platform/linux/sealWalk.h"

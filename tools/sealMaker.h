@@ -3,7 +3,7 @@
 
 #include <string>
 
-// The text that lists the open regular file, at its beginning, or directory under the name
+// The text that lists the open regular file or directory under the name
 // `identifier`.
 std::string SealMaker_Text(int item, const std::string &identifier);
 

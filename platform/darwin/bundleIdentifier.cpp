@@ -16,11 +16,12 @@ HeapStr ToUtf8(CFStringRef string) {
 
 }  // namespace
 
-PlatformBundleIdentifier Platform_BundleIdentifier(const char *path) {
+PlatformBundleIdentifier Platform_BundleIdentifier(const char *path, int item) {
   const auto string = CfPathString(path);
   if (string == nullptr) return {kPath, nullptr};
   const auto url = CfPathUrl(string.get());
   if (url == nullptr) return {kUrl, nullptr};
+  if (item < 0) return {kBundle, nullptr};
   const CfOwner<CFBundleRef> bundle(CFBundleCreate(nullptr, url.get()));
   if (bundle == nullptr) return {kBundle, nullptr};
   // It belongs to the bundle.

@@ -1,8 +1,31 @@
-// files.cpp -- opening with an exclusive lock, on macOS: one call does both.
+// files.cpp -- opening with an exclusive lock, and without side effects, on macOS.
 
 #include "platform/files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+bool IsRegularOrDirectory(const struct stat &info) {
+  if (S_ISREG(info.st_mode) || S_ISDIR(info.st_mode)) return true;
+  errno = S_ISLNK(info.st_mode) ? ELOOP : ENOTSUP;
+  return false;
+}
+
+}  // namespace
+
+Fd Platform_OpenRegularOrDirectory(int dir, const char *name) {
+  // macOS cannot find a file without opening it: the kind is asked by name first, and again of what
+  // was opened.
+  struct stat info;
+  if (fstatat(dir, name, &info, AT_SYMLINK_NOFOLLOW) != 0 || !IsRegularOrDirectory(info)) {
+    return Fd();
+  }
+  Fd fd(openat(dir, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd || fstat(fd.Get(), &info) != 0 || !IsRegularOrDirectory(info)) return Fd();
+  return fd;
+}
 
 int Platform_OpenLocked(const char *path, int flags, mode_t mode) {
   return open(path, flags | O_EXLOCK | O_CLOEXEC, mode);

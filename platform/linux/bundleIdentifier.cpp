@@ -4,7 +4,7 @@
 // reading, and whatever a property list has no use for ends it: above all entities of its own.
 
 #include <expat.h>
-#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <climits>
 #include <memory>
@@ -111,10 +111,10 @@ HeapStr FindInXml(std::string_view list) {
 
 }  // namespace
 
-PlatformBundleIdentifier Platform_BundleIdentifier(const char *path) {
-  const Fd bundle(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!bundle) return {kBundle, nullptr};
-  const Fd fd = SmallFileOpen(bundle.Get(), kPropertyList, SmallFileAny);
+PlatformBundleIdentifier Platform_BundleIdentifier(const char *, int item) {
+  struct stat info;
+  if (item < 0 || fstat(item, &info) != 0 || !S_ISDIR(info.st_mode)) return {kBundle, nullptr};
+  const Fd fd = SmallFileOpen(item, kPropertyList, SmallFileAny);
   SmallFileBytes list;
   if (!fd || !SmallFileRead(fd.Get(), kMaxPropertyList, &list)) return {kIdentifier, nullptr};
   HeapStr identifier = BinaryPropertyList_Is(list.View())

@@ -1,4 +1,4 @@
-// files.cpp -- opening with an exclusive lock, on Linux: open(2), then flock(2).
+// files.cpp -- opening with an exclusive lock, and without side effects, on Linux.
 
 #include "platform/files.h"
 
@@ -6,7 +6,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include "fd.h"
+#include <cstdio>
 
 namespace {
 
@@ -18,6 +18,22 @@ bool Empty(int fd) {
 }
 
 }  // namespace
+
+Fd Platform_OpenRegularOrDirectory(int dir, const char *name) {
+  // O_PATH only finds the file: its kind is known before it is opened for reading, through the
+  // descriptor's own link, which leads to that file whatever the name stands for by then.
+  const Fd found(openat(dir, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat info;
+  if (!found || fstat(found.Get(), &info) != 0) return Fd();
+  if (!S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode)) {
+    errno = S_ISLNK(info.st_mode) ? ELOOP : ENOTSUP;
+    return Fd();
+  }
+  char link[sizeof "/proc/self/fd/" + 10];
+  snprintf(link, sizeof link, "/proc/self/fd/%d", found.Get());
+  // O_NONBLOCK: nobody waits for a lease that the file's owner has taken.
+  return Fd(open(link, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
 
 int Platform_OpenLocked(const char *path, int flags, mode_t mode) {
   // The file is emptied under the lock: before, it belongs to whoever holds that.

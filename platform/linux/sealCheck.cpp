@@ -11,7 +11,6 @@
 #include <memory>
 
 #include "platform/linux/sealDigest.h"
-#include "platform/linux/sealItem.h"
 #include "platform/linux/sealSignature.h"
 #include "platform/linux/sealText.h"
 #include "platform/linux/sealWalk.h"

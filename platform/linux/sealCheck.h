@@ -12,9 +12,9 @@ inline constexpr char kSealAnchors[] = "etc/zephrin/code-signing-anchors.pem";
 // could put another file of root's in the place of the anchors.
 [[nodiscard]] SealVerdict SealReadAnchors(int start, const char *path, SmallFileBytes *anchors);
 
-// The seal of an open regular file, at its beginning, or directory, as it stands.
+// The seal of an open regular file or directory, as it stands.
 [[nodiscard]] SealVerdict SealRead(int item, SmallFileBytes *seal);
 
-// Whether the open regular file, at its beginning, or directory is sealed under the name
+// Whether the open regular file or directory is sealed under the name
 // `identifier` (not null) by someone whom the anchors, certificates in PEM, allow to.
 [[nodiscard]] SealVerdict SealCheck(int item, const char *identifier, std::string_view anchors);

@@ -17,10 +17,11 @@ bool SealDigestOf(int fd, SealDigest *digest) {
   if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
     return false;
   }
-  for (;;) {
-    const ssize_t n = read(fd, buffer.get(), kPiece);
+  for (off_t at = 0;;) {
+    const ssize_t n = pread(fd, buffer.get(), kPiece, at);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return false;
+    at += n;
     errno = ENOMEM;
     if (n == 0) return EVP_DigestFinal_ex(context.get(), digest->data(), nullptr) == 1;
     if (EVP_DigestUpdate(context.get(), buffer.get(), static_cast<size_t>(n)) != 1) return false;

@@ -3,6 +3,6 @@
 
 #include "platform/linux/sealText.h"
 
-// SHA-256 of the file's bytes from the descriptor's offset to the end.  False with errno set; ENOMEM
+// SHA-256 of all bytes of the file; the descriptor's offset does not matter, and stays.  False with errno set; ENOMEM
 // when OpenSSL fails.
 [[nodiscard]] bool SealDigestOf(int fd, SealDigest *digest);

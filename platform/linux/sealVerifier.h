@@ -19,7 +19,7 @@ inline constexpr int kSealItemFd = 0;
 inline constexpr int kSealAnswerFd = 1;
 inline constexpr char kSealAccepted = 'A';
 
-// Runs the verifier for the open regular file, at its beginning, or directory `item` and waits for
+// Runs the verifier for the open regular file or directory `item` and waits for
 // it.  False when it does not accept it, or cannot be run.  It has the caller's effective identity.
 // A descriptor of the image stays open, closed on exec, for the next time.
 [[nodiscard]] bool SealVerifierAccepts(int item, const char *identifier);

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <memory>
 
-#include "fd.h"
+#include "platform/files.h"
 #include "platform/linux/sealText.h"
 
 namespace {
@@ -34,6 +34,11 @@ bool Refuse(int error) {
 }
 
 }  // namespace
+
+bool SealIsDirectory(int item) {
+  struct stat info;
+  return fstat(item, &info) == 0 && S_ISDIR(info.st_mode);
+}
 
 bool SealWalk::Below(int dirFd) {
   entries_ = 0;
@@ -83,7 +88,7 @@ bool SealWalk::Entry(int dirFd, const char *name, int depth) {
     case S_IFLNK:
       ok = Link(dirFd, name);
       break;
-    // Not opened: with a device that alone may do something.
+    // Never opened: merely opening a device can have side effects.
     default:
       errno = ENOTSUP;
       break;
@@ -101,8 +106,7 @@ bool SealWalk::Subdirectory(int dirFd, const char *name, int depth) {
 
 bool SealWalk::File(int dirFd, const char *name) {
   if (strcmp(path_, kSealFile) == 0) return true;
-  // Another kind of file may stand there by now: a FIFO must not make anybody wait.
-  const Fd fd(openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const Fd fd = Platform_OpenRegularOrDirectory(dirFd, name);
   struct stat info;
   if (!fd || fstat(fd.Get(), &info) != 0) return false;
   if (!S_ISREG(info.st_mode)) return Refuse(ENOTSUP);

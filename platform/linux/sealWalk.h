@@ -9,9 +9,12 @@ inline constexpr char kSealAttribute[] = "user.zephrin.codeseal";
 inline constexpr char kSealSinglePath[] = ".";  // of the one item in a file's seal
 inline constexpr int kSealMaxDepth = 32;        // directories one in the other
 
+// Whether the open item is a directory.
+[[nodiscard]] bool SealIsDirectory(int item);
+
 struct SealFound {
   const char *path;    // below the bundle
-  int fd;              // a regular file, at its beginning; -1 for a link
+  int fd;              // a regular file; -1 for a link
   const char *target;  // of a link; null for a file
 };
 

@@ -1,6 +1,7 @@
 # Seals: what checks them, the program that it makes, and the library that carries this program.
 
-lumen_library(lumen_sealItem linux/sealItem.cpp linux/smallFile.cpp)
+lumen_library(lumen_smallFile linux/smallFile.cpp)
+target_link_libraries(lumen_smallFile PUBLIC lumen_platform)
 
 # OpenSSL's archive, as for sha1.
 lumen_library(lumen_seals
@@ -9,7 +10,7 @@ lumen_library(lumen_seals
   linux/sealSignature.cpp
   linux/sealText.cpp
   linux/sealWalk.cpp)
-target_link_libraries(lumen_seals PUBLIC lumen_sealItem OpenSSL::Crypto)
+target_link_libraries(lumen_seals PUBLIC lumen_smallFile OpenSSL::Crypto)
 
 lumen_program(lumen-seal-verifier linux/sealVerifierMain.cpp)
 target_link_libraries(lumen-seal-verifier PRIVATE lumen_seals)
@@ -33,4 +34,4 @@ set_source_files_properties(
 add_dependencies(lumen_codeSignature lumen-seal-verifier)
 # Property lists are XML, or a binary form that is read here.
 find_library(LUMEN_EXPAT libexpat.a REQUIRED)
-target_link_libraries(lumen_codeSignature PUBLIC lumen_sealItem lumen_platform ${LUMEN_EXPAT})
+target_link_libraries(lumen_codeSignature PUBLIC lumen_smallFile ${LUMEN_EXPAT})

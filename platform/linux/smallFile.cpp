@@ -8,10 +8,10 @@
 #include <climits>
 #include <cstring>
 
+#include "platform/files.h"
+
 namespace {
 
-// O_NONBLOCK: a FIFO in the place of the file shall not make anybody wait.
-constexpr int kFileFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr int kDirectoryFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 bool IsRegular(int fd) {
@@ -46,7 +46,8 @@ Fd SmallFileOpen(int start, const char *path, SmallFileAccept accept) {
       break;
     }
     *static_cast<char *>(mempcpy(name, path, length)) = '\0';
-    Fd next(openat(at, name, last ? kFileFlags : kDirectoryFlags));
+    Fd next =
+        last ? Platform_OpenRegularOrDirectory(at, name) : Fd(openat(at, name, kDirectoryFlags));
     if (!next) break;
     if (last) return IsRegular(next.Get()) && accept(next.Get()) ? std::move(next) : Fd();
     here = std::move(next);

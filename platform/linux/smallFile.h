@@ -25,8 +25,8 @@ bool SmallFileRoots(int fd);
 
 // Opens the regular file `path`, relative to the directory `start`, for reading.  `accept` is asked
 // about the start and whatever is opened on the way, the file included.  No component may be a
-// symbolic link, and the path has no empty one.  Empty with errno set; EINVAL for another kind of
-// file, EPERM from SmallFileRoots.
+// symbolic link, and the path has no empty one.  Empty with errno set; EINVAL or
+// ENOTSUP for another kind of file, EPERM from SmallFileRoots.
 [[nodiscard]] Fd SmallFileOpen(int start, const char *path, SmallFileAccept accept);
 
 // All bytes from the descriptor's offset on.  False with errno set; EFBIG when there are more than

@@ -28,6 +28,11 @@ std::string Binary(const std::string &identifier, int entries) {
   return std::string(HeapStr(bytes).get(), size);
 }
 
+PlatformBundleIdentifier Identifier(const std::string &path) {
+  const Fd item = Platform_OpenSignedItem(path.c_str());
+  return Platform_BundleIdentifier(path.c_str(), item.Get());
+}
+
 TEST(BundleIdentifier, ComesFromThePropertyList) {
   const std::string head = "<?xml version=\"1.0\"?>\n<plist><dict>", end = "</dict></plist>\n";
   const std::string key = "<key>CFBundleIdentifier</key>";
@@ -55,10 +60,10 @@ TEST(BundleIdentifier, ComesFromThePropertyList) {
   std::filesystem::create_directory(dir.Path("Contents"));
   for (const auto &[list, identifier] : kRows) {
     const std::string file = dir.Write("Contents/Info.plist", list);
-    const PlatformBundleIdentifier found = Platform_BundleIdentifier(dir.Path().c_str());
+    const PlatformBundleIdentifier found = Identifier(dir.Path());
     EXPECT_EQ(identifier.empty() ? 4 : 0, found.failure) << list;
     EXPECT_EQ(identifier, found.text == nullptr ? "" : found.text.get()) << list;
-    EXPECT_EQ(3, Platform_BundleIdentifier(file.c_str()).failure);  // no directory
+    EXPECT_EQ(3, Identifier(file).failure);  // no directory
   }
 }
 

@@ -16,7 +16,7 @@ TEST(CodeSignatureDarwin, TellsTheStepThatFailedAndReleasesAll) {
   int nth = 0;
   for (const int failure : {1, 2, 3, 3, 3, 5, 6, 6, 6, 7, 0}) {
     frameworks = {.callsToFailure = ++nth};
-    EXPECT_EQ(failure, Platform_VerifyCodeSignature("/a/b", "Zephrin Services")) << nth;
+    EXPECT_EQ(failure, Platform_VerifyCodeSignature("/a/b", 0, "Zephrin Services").failure) << nth;
     EXPECT_EQ(0, frameworks.liveObjects) << nth;
   }
   EXPECT_EQ(
@@ -29,7 +29,7 @@ TEST(CodeSignatureDarwin, TellsTheStepThatFailedAndReleasesAll) {
   for (const char *const identifier :
        {"a\" or anchor apple or identifier \"b", "a\\", "a\n", "\xC3\xA9"}) {
     frameworks = {};
-    EXPECT_EQ(6, Platform_VerifyCodeSignature("/a/b", identifier)) << identifier;
+    EXPECT_EQ(6, Platform_VerifyCodeSignature("/a/b", 0, identifier).failure) << identifier;
     EXPECT_EQ("code 0\n", frameworks.securityCalls);
   }
 }
@@ -39,15 +39,15 @@ TEST(CodeSignatureDarwin, BundlesNameThemselvesAndReleaseAll) {
   int nth = 0;
   for (const int failure : {1, 2, 3, 4, 0, 0, 0}) {
     frameworks = {.callsToFailure = ++nth};
-    const PlatformBundleIdentifier found = Platform_BundleIdentifier("/a/b.kext");
+    const PlatformBundleIdentifier found = Platform_BundleIdentifier("/a/b.kext", 0);
     EXPECT_EQ(failure, found.failure) << nth;
     EXPECT_STREQ(nth == 7 ? kFrameworksBundle : nullptr, found.text.get()) << nth;
     EXPECT_EQ(0, frameworks.liveObjects) << nth;
   }
-  EXPECT_EQ(1, Platform_BundleIdentifier("/a/\xFF").failure);
+  EXPECT_EQ(1, Platform_BundleIdentifier("/a/\xFF", 0).failure);
   const std::string direct = "at hand";
   frameworks.direct = direct.c_str();
-  const PlatformBundleIdentifier found = Platform_BundleIdentifier("/a/b.kext");
+  const PlatformBundleIdentifier found = Platform_BundleIdentifier("/a/b.kext", 0);
   EXPECT_STREQ("at hand", found.text.get());
   EXPECT_NE(direct.c_str(), found.text.get());
   frameworks = {};
