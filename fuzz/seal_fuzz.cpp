@@ -35,7 +35,7 @@ void Require(bool holds, const char *rule) {
 
 void TryText(const std::string &text) {
   SealText parsed;
-  if (!SealParse(text, &parsed)) return;
+  if (SealParse(text, &parsed) != SealVerdict::Valid) return;
   size_t size = 0;
   const HeapArray<char> written = SealWrite(parsed.identifier, parsed.Items(), &size);
   Require(std::string(written.get(), size) == text, "a text has one form");
@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
   const int what = data.ConsumeIntegralInRange<int>(0, 4);
   const std::string rest = data.ConsumeRemainingBytesAsString();
   if (what == 0) {
-    TryText("zephrin-codeseal 1\nidentifier " + rest);
+    TryText("zephrin-codeseal 2\nidentifier " + rest);
   } else if (what == 1) {
     TryText(rest);
   } else if (what == 2) {

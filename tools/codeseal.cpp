@@ -123,6 +123,8 @@ const char *Reason(SealVerdict verdict) {
       return "the certificate is not for code signing";
     case SealVerdict::NotMaker:
       return "the certificate is not in the maker's name";
+    case SealVerdict::OldText:
+      return "sealed in the format's first version, without sizes: sign it anew";
     case SealVerdict::BadText:
       return "the text of the seal is malformed";
     case SealVerdict::OtherName:
@@ -133,8 +135,10 @@ const char *Reason(SealVerdict verdict) {
       return "something has been added";
     case SealVerdict::Missing:
       return "something is missing";
+    case SealVerdict::Unsealable:
+      return "something in it cannot be sealed";
     case SealVerdict::Unreadable:
-      return "something in it cannot be read, or cannot be sealed";
+      return "it cannot be read";
   }
   return "not valid";
 }
@@ -143,7 +147,8 @@ Status Verify(const Arguments &arguments) {
   const std::string identifier = arguments.Need("identifier");
   const SmallFileBytes anchors = ReadAnchors(arguments.Get("anchors"));
   const Fd item = OpenItem(arguments.path);
-  const SealVerdict verdict = SealCheck(item.Get(), identifier.c_str(), anchors.View());
+  SealExtent extent;
+  const SealVerdict verdict = SealCheck(item.Get(), identifier.c_str(), anchors.View(), &extent);
   if (verdict == SealVerdict::Valid) return kOk;
   throw std::runtime_error(std::string("not valid: ") + Reason(verdict));
 }

@@ -16,6 +16,7 @@
 #include <system_error>
 #include <vector>
 
+#include "codeset.h"
 #include "fd.h"
 #include "platform/linux/openssl.h"
 #include "platform/linux/sealDigest.h"
@@ -49,15 +50,21 @@ struct Found {
   bool isLink = false;
   std::string target;
   SealDigest digest = {};
+  uint64_t size = 0;
 };
 
 // The walk knows no exceptions: what fails is told by errno.
 bool Collect(void *context, const SealFound &found) {
   Found &one = static_cast<std::vector<Found> *>(context)->emplace_back();
   one.path = found.path;
+  // The product's copies go by names in UTF-8.
+  if (!CodeSet_IsValidUTF8(found.path)) {
+    errno = EILSEQ;
+    return false;
+  }
   one.isLink = found.target != nullptr;
   if (one.isLink) one.target = found.target;
-  return one.isLink || SealDigestOf(found.fd, &one.digest);
+  return one.isLink || SealDigestOf(found.fd, UINT64_MAX, &one.digest, &one.size);
 }
 
 std::vector<Found> Survey(int item) {
@@ -126,7 +133,8 @@ std::string SealMaker_Text(int item, const std::string &identifier) {
   std::vector<SealItem> items;
   items.reserve(found.size());
   for (const Found &one : found) {
-    items.push_back({one.path.c_str(), one.isLink ? one.target.c_str() : nullptr, one.digest});
+    items.push_back(
+        {one.path.c_str(), one.isLink ? one.target.c_str() : nullptr, one.digest, one.size});
   }
   size_t size = 0;
   const HeapArray<char> text = SealWrite(identifier.c_str(), items, &size);

@@ -1,6 +1,8 @@
 // sealCheck.h -- whether an item is what its seal says.
 #pragma once
 
+#include <cstdint>
+
 #include "platform/linux/sealVerdict.h"
 #include "platform/linux/smallFile.h"
 
@@ -12,9 +14,17 @@ inline constexpr char kSealAnchors[] = "etc/zephrin/code-signing-anchors.pem";
 // could put another file of root's in the place of the anchors.
 [[nodiscard]] SealVerdict SealReadAnchors(int start, const char *path, SmallFileBytes *anchors);
 
-// The seal of an open regular file or directory, as it stands.
+// The seal of an open regular file or directory, as it stands.  errno is set with the verdict
+// Unreadable.
 [[nodiscard]] SealVerdict SealRead(int item, SmallFileBytes *seal);
 
-// Whether the open regular file or directory is sealed under the name
-// `identifier` (not null) by someone whom the anchors, certificates in PEM, allow to.
-[[nodiscard]] SealVerdict SealCheck(int item, const char *identifier, std::string_view anchors);
+struct SealExtent {
+  uint64_t bytes;    // of all listed files, and of a directory's seal
+  uint64_t entries;  // below a directory, directories included; 0 for a file
+};
+
+// Whether the open regular file or directory is sealed under the name `identifier` (not null) by a
+// signer that the anchors, certificates in PEM, allow.  *extent is good with the verdict Valid.  errno
+// is set with the verdict Unreadable.
+[[nodiscard]] SealVerdict SealCheck(int item, const char *identifier, std::string_view anchors,
+                                    SealExtent *extent);

@@ -5,9 +5,11 @@
 #include <openssl/evp.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "platform/linux/openssl.h"
 
-bool SealDigestOf(int fd, SealDigest *digest) {
+bool SealDigestOf(int fd, uint64_t limit, SealDigest *digest, uint64_t *size) {
   constexpr size_t kPiece = size_t{256} << 10;
   const HeapArray<char> buffer = Heap_Array<char>(kPiece);
   if (buffer == nullptr) return false;
@@ -17,11 +19,12 @@ bool SealDigestOf(int fd, SealDigest *digest) {
   if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
     return false;
   }
-  for (off_t at = 0;;) {
-    const ssize_t n = pread(fd, buffer.get(), kPiece, at);
+  for (*size = 0;;) {
+    const ssize_t n = pread(fd, buffer.get(), std::min<uint64_t>(kPiece, limit - *size),
+                            static_cast<off_t>(*size));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return false;
-    at += n;
+    *size += static_cast<uint64_t>(n);
     errno = ENOMEM;
     if (n == 0) return EVP_DigestFinal_ex(context.get(), digest->data(), nullptr) == 1;
     if (EVP_DigestUpdate(context.get(), buffer.get(), static_cast<size_t>(n)) != 1) return false;

@@ -175,7 +175,7 @@ SealVerdict Open(std::string_view seal, std::string_view anchors, SmallFileBytes
   if (cms == nullptr) return SealVerdict::NotCms;
   const SealVerdict verdict = CheckSigner(cms.get(), store.get());
   if (verdict != SealVerdict::Valid) return verdict;
-  return CopyContent(cms.get(), text) ? SealVerdict::Valid : SealVerdict::BadText;
+  return CopyContent(cms.get(), text) ? SealVerdict::Valid : SealVerdict::Unreadable;
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 inline constexpr size_t kSealMaxSize = size_t{16} << 20;  // bytes
 
 // Checks the bytes of a seal against the anchors, certificates in PEM, now.  The signed text goes
-// to *text when the verdict is Valid.
+// to *text when the verdict is Valid.  Unreadable with errno ENOMEM when there is no room for it.
 //
 // Valid means: one CMS SignedData with its content inside, in DER, nothing behind it; one signer
 // with a SHA-2 digest; a chain of at most a few certificates, each within its time and of today's

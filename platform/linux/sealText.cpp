@@ -7,16 +7,21 @@
 #include "platform/linux/sealText.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
+#include <limits>
 
 namespace {
 
-constexpr std::string_view kFirstLine = "zephrin-codeseal 1\n";
+constexpr std::string_view kFirstLine = "zephrin-codeseal 2\n";
+constexpr std::string_view kOldFirstLine = "zephrin-codeseal 1\n";
 constexpr std::string_view kIdentifier = "identifier ";
 constexpr std::string_view kFile = "sha256 ";
 constexpr std::string_view kLink = "link ";
 constexpr std::string_view kUpper = "0123456789ABCDEF";
 constexpr std::string_view kLower = "0123456789abcdef";
+constexpr uint64_t kMaxBytes = std::numeric_limits<int64_t>::max();
+constexpr size_t kMaxDigits = std::numeric_limits<int64_t>::digits10 + 1;
 
 bool IsEscaped(char c) {
   const auto byte = static_cast<unsigned char>(c);
@@ -64,6 +69,15 @@ class Reader {
     return Skip(" ");
   }
 
+  // A decimal number without leading zeros, of at most kMaxBytes, and the blank behind it.
+  bool Size(uint64_t *size) {
+    if (next_ == end_ || (*next_ == '0' && end_ - next_ > 1 && next_[1] != ' ')) return false;
+    const auto [stop, error] = std::from_chars(next_, end_, *size);
+    if (error != std::errc() || *size > kMaxBytes) return false;
+    next_ += stop - next_;
+    return Skip(" ");
+  }
+
  private:
   // One byte of a word.
   bool Byte(char *out) {
@@ -92,13 +106,23 @@ class Reader {
 bool ReadItem(Reader *reader, SealItem *item) {
   *item = {};
   if (reader->Skip(kFile)) {
-    if (!reader->Digest(&item->digest)) return false;
+    if (!reader->Digest(&item->digest) || !reader->Size(&item->size)) return false;
   } else {
     item->target = reader->Skip(kLink) ? reader->Word(' ') : nullptr;
     if (item->target == nullptr) return false;
   }
   item->path = reader->Word('\n');
   return item->path != nullptr;
+}
+
+// Counts the item behind those of the text, if it may come there.
+bool Follows(SealText *text) {
+  const SealItem *const item = &text->items[text->count];
+  if (text->count > 0 && strcmp(item[-1].path, item->path) >= 0) return false;
+  if (item->size > kMaxBytes - text->bytes) return false;
+  text->bytes += item->size;
+  text->count++;
+  return true;
 }
 
 // ---- writing -----------------------------------------------------------------------------------
@@ -133,6 +157,11 @@ class Writer {
     *next_++ = ' ';
   }
 
+  void Size(uint64_t size) {
+    next_ = std::to_chars(next_, next_ + kMaxDigits, size).ptr;
+    *next_++ = ' ';
+  }
+
  private:
   void Hex(std::string_view digits, uint8_t byte) {
     *next_++ = digits[byte >> 4];
@@ -142,32 +171,33 @@ class Writer {
 
 // No less than the item's line takes.
 size_t RoomFor(const SealItem &item) {
-  const size_t what = item.target == nullptr ? 2 * item.digest.size() : 3 * strlen(item.target);
+  const size_t what =
+      item.target == nullptr ? 2 * item.digest.size() + 1 + kMaxDigits : 3 * strlen(item.target);
   return kFile.size() + what + 1 + 3 * strlen(item.path) + 1;
 }
 
 }  // namespace
 
-bool SealParse(std::string_view text, SealText *parsed) {
+SealVerdict SealParse(std::string_view text, SealText *parsed) {
+  if (text.starts_with(kOldFirstLine)) return SealVerdict::OldText;
   const auto lines = static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-  if (lines < 2 || lines - 2 > kSealMaxItems || !text.ends_with('\n')) return false;
+  if (lines < 2 || lines - 2 > kSealMaxItems || !text.ends_with('\n')) return SealVerdict::BadText;
   SealText result{Heap_Array<char>(text.size()), nullptr, Heap_Array<SealItem>(lines - 2)};
-  if (result.strings == nullptr || result.items == nullptr) return false;
+  if (result.strings == nullptr || result.items == nullptr) return SealVerdict::Unreadable;
   memcpy(result.strings.get(), text.data(), text.size());
 
   Reader reader(result.strings.get(), text.size());
-  if (!reader.Skip(kFirstLine) || !reader.Skip(kIdentifier)) return false;
+  if (!reader.Skip(kFirstLine) || !reader.Skip(kIdentifier)) return SealVerdict::BadText;
   result.identifier = reader.Word('\n');
-  if (result.identifier == nullptr) return false;
+  if (result.identifier == nullptr) return SealVerdict::BadText;
   // An item takes one line whole, and the last line is whole: there is room for each.
   while (!reader.AtEnd()) {
-    SealItem &item = result.items[result.count];
-    if (!ReadItem(&reader, &item)) return false;
-    if (result.count > 0 && strcmp((&item)[-1].path, item.path) >= 0) return false;
-    result.count++;
+    if (!ReadItem(&reader, &result.items[result.count]) || !Follows(&result)) {
+      return SealVerdict::BadText;
+    }
   }
   *parsed = std::move(result);
-  return true;
+  return SealVerdict::Valid;
 }
 
 const SealItem *SealFind(const SealText &text, const char *path) {
@@ -190,6 +220,7 @@ HeapArray<char> SealWrite(const char *identifier, std::span<const SealItem> item
     writer.Text(item.target == nullptr ? kFile : kLink);
     if (item.target == nullptr) {
       writer.Digest(item.digest);
+      writer.Size(item.size);
     } else {
       writer.Word(item.target, ' ');
     }

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "heap.h"
+#include "platform/linux/sealVerdict.h"
 
 inline constexpr size_t kSealMaxItems = 65536;
 
@@ -21,6 +22,7 @@ struct SealItem {
   const char *path;
   const char *target;  // of a link; null for a file
   SealDigest digest;   // of a file
+  uint64_t size;       // of a file, in bytes; 0 for a link
 };
 
 struct SealText {
@@ -28,13 +30,15 @@ struct SealText {
   const char *identifier = nullptr;
   HeapArray<SealItem> items;
   size_t count = 0;
+  uint64_t bytes = 0;  // the sizes of all items together
 
   std::span<const SealItem> Items() const { return {items.get(), count}; }
 };
 
-// Reads a seal's text, any bytes.  False when it is not exactly as it should be, has more than
-// kSealMaxItems items, or memory is exhausted.
-[[nodiscard]] bool SealParse(std::string_view text, SealText *parsed);
+// Reads a seal's text, any bytes.  Valid, or: OldText for the first version of the format, which had
+// no sizes; Unreadable with errno ENOMEM; BadText for anything else that is not exactly as it should
+// be, has more than kSealMaxItems items, or sizes that together exceed what a file can have.
+[[nodiscard]] SealVerdict SealParse(std::string_view text, SealText *parsed);
 
 // The item of the path; null when there is none.
 [[nodiscard]] const SealItem *SealFind(const SealText &text, const char *path);

@@ -11,10 +11,12 @@ enum class SealVerdict {
   Untrusted,     // the signer's certificate does not lead to an anchor now
   NotForCode,    // it is not for code signing
   NotMaker,      // its common name is not the maker's
+  OldText,       // the signed text is of the format's first version, which is not believed any more
   BadText,       // the signed text is malformed
   OtherName,     // another identifier is sealed
   Changed,       // an item is not as listed
   Unlisted,      // an item is not listed
   Missing,       // a listed item is not there
-  Unreadable,    // an item cannot be read, is of a kind that cannot be sealed, or lies too deep
+  Unsealable,  // something in it is of a kind that cannot be sealed, lies too deep, or is too much
+  Unreadable,  // the item or what belongs to the check cannot be read; it may be valid or not
 };

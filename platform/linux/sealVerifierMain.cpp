@@ -11,8 +11,9 @@ namespace {
 bool Accepts(const char *identifier) {
   const Fd root(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
   SmallFileBytes anchors;
+  SealExtent extent;
   return root && SealReadAnchors(root.Get(), kSealAnchors, &anchors) == SealVerdict::Valid &&
-         SealCheck(kSealItemFd, identifier, anchors.View()) == SealVerdict::Valid;
+         SealCheck(kSealItemFd, identifier, anchors.View(), &extent) == SealVerdict::Valid;
 }
 
 }  // namespace

@@ -37,6 +37,9 @@ class SealWalk {
   // when there are too many entries.  The descriptor's offset does not matter.
   [[nodiscard]] bool Below(int dirFd);
 
+  // How many files, links and directories the walk came by, the file kSealFile included.
+  size_t Entries() const { return entries_; }
+
   // Where the walk ended.
   const char *Path() const { return path_; }
 

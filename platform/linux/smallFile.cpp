@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -22,6 +23,12 @@ bool IsRegular(int fd) {
 }
 
 }  // namespace
+
+bool SmallFileIsItemsFault(int error) {
+  static constexpr int kFaults[] = {EFBIG,   EINVAL, ELOOP,   ENAMETOOLONG,
+                                    ENODATA, ENOENT, ENOTDIR, ENOTSUP};
+  return std::ranges::find(kFaults, error) != std::end(kFaults);
+}
 
 bool SmallFileAny(int) {
   return true;

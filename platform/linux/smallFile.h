@@ -14,6 +14,10 @@ struct SmallFileBytes {
   std::string_view View() const { return {data.get(), size}; }
 };
 
+// Whether errno value `error`, which a call on an item or on something in it has left, tells of the
+// item itself: that it is not there, of another kind, too large.  Otherwise the host could not look.
+bool SmallFileIsItemsFault(int error);
+
 // Says of an open directory or file on the way whether it will do; false with errno set.
 using SmallFileAccept = bool (*)(int fd);
 

@@ -28,32 +28,38 @@ TEST(SealText, KeepsEveryByteOfNamesAndTargets) {
   string odd;
   for (int c = 1; c < 256; c++) odd += static_cast<char>(c);
   SealText parsed;
-  const string text =
-      Written(odd.c_str(), {{odd.c_str(), "t%41 \n", {}}, {"a", nullptr, {{0xAB, 0x01}}}});
-  ASSERT_TRUE(SealParse(text, &parsed));
+  const string text = Written(
+      odd.c_str(), {{odd.c_str(), "t%41 \n", {}, 0}, {"a", nullptr, {{0xAB, 0x01}}, INT64_MAX}});
+  ASSERT_EQ(SealVerdict::Valid, SealParse(text, &parsed));
   EXPECT_EQ(odd, parsed.identifier);
   EXPECT_STREQ("t%41 \n", SealFind(parsed, odd.c_str())->target);
   EXPECT_EQ((SealDigest{0xAB, 0x01}), SealFind(parsed, "a")->digest);
+  EXPECT_EQ(uint64_t{INT64_MAX}, SealFind(parsed, "a")->size);
   EXPECT_EQ(nullptr, SealFind(parsed, "b"));
 }
 
 // That what is read has one form: fuzz/seal_fuzz.cpp.
 TEST(SealText, HasOneFormOnly) {
-  const string head = "zephrin-codeseal 1\nidentifier i\n", hex(64, '0');
+  const string head = "zephrin-codeseal 2\nidentifier i\n", most = std::to_string(INT64_MAX);
+  const string sha = "sha256 " + string(64, '0');
   SealText parsed;
-  EXPECT_TRUE(SealParse(head + "sha256 " + hex + " a\nlink t%0A b\n", &parsed));
+  ASSERT_EQ(SealVerdict::Valid,
+            SealParse(head + sha + " 0 a\nlink t%0A b\n" + sha + " " + most + " c\n", &parsed));
+  EXPECT_EQ(uint64_t{INT64_MAX}, parsed.bytes);
   for (const string &lines :
-       {string("\n"), string("link t a"), "sha256 " + hex + "0 a\n", string("link t a\nlink t a\n"),
+       {string("\n"), string("link t a"), sha + "0 0 a\n", sha + " a\n", sha + "  a\n",
+        sha + " 01 a\n", sha + " +1 a\n", sha + " 9223372036854775808 a\n",
+        sha + " 1 a\n" + sha + " " + most + " b\n", string("link t a\nlink t a\n"),
         string("link t b\nlink t a\n"), string("link  a\n"), string("link t a%0a\n"),
         string("link t a%41\n"), string("link t a%00\n"), string("link t a\0\n", 10)}) {
-    EXPECT_FALSE(SealParse(head + lines, &parsed)) << lines;
+    EXPECT_EQ(SealVerdict::BadText, SealParse(head + lines, &parsed)) << lines;
   }
-  EXPECT_FALSE(SealParse("zephrin-codeseal 2\nidentifier i\n", &parsed));
+  EXPECT_EQ(SealVerdict::BadText, SealParse("zephrin-codeseal 3\nidentifier i\n", &parsed));
 }
 
 TEST(Seal, NoChangedByteMakesItSaySomethingElse) {
   const ScratchDir dir;
-  const string text = "zephrin-codeseal 1\n";
+  const string text = "zephrin-codeseal 2\n";
   const string command =
       "cd " + dir.Path() +
       " && " LUMEN_MAKE_AUTHORITY
