@@ -14,7 +14,7 @@ class Fd {
   int fd_;
 
  public:
-  explicit Fd(int fd = -1) noexcept : fd_(fd) {}
+  explicit constexpr Fd(int fd = -1) noexcept : fd_(fd) {}
   Fd(Fd &&other) noexcept : fd_(other.Release()) {}
   Fd &operator=(Fd &&other) noexcept {
     Reset(other.Release());

@@ -115,6 +115,7 @@ bool BinaryPropertyList_Is(std::string_view list) {
 
 HeapStr BinaryPropertyList_Find(std::string_view list, std::string_view key) {
   Reader reader;
+  errno = ENODATA;
   if (!reader.Open(list)) return nullptr;
   const std::string_view text = reader.Find(key);
   if (text.empty() || text.find('\0') != text.npos) return nullptr;

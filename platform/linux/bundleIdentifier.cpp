@@ -3,21 +3,18 @@
 // The list is read before anybody has vouched for it, so an XML parser of long standing does the
 // reading, and whatever a property list has no use for ends it: above all entities of its own.
 
+#include "platform/linux/bundleIdentifier.h"
+
 #include <expat.h>
-#include <sys/stat.h>
 
 #include <climits>
 #include <memory>
 #include <string_view>
 
-#include "fd.h"
-#include "platform/codeSignature.h"
 #include "platform/linux/binaryPropertyList.h"
 #include "platform/linux/smallFile.h"
 
 namespace {
-
-enum Failure { kNone = 0, kBundle = 3, kIdentifier = 4 };
 
 constexpr char kPropertyList[] = "Contents/Info.plist";
 constexpr size_t kMaxPropertyList = size_t{1} << 20;
@@ -60,11 +57,15 @@ class Search {
                                         const XML_Char *) { static_cast<Search *>(self)->Stop(); });
   }
 
-  // Null unless the list was well-formed and has the key, once, with a string that is not empty.
+  // Null with errno unless the list was well-formed and has the key, once, with a string that is not
+  // empty.
   HeapStr Run(std::string_view list) {
-    const bool whole =
-        XML_Parse(parser_, list.data(), static_cast<int>(list.size()), 1) == XML_STATUS_OK;
-    return whole ? std::move(result_) : nullptr;
+    errno = ENODATA;
+    if (XML_Parse(parser_, list.data(), static_cast<int>(list.size()), 1) == XML_STATUS_OK) {
+      return std::move(result_);
+    }
+    if (XML_GetErrorCode(parser_) == XML_ERROR_NO_MEMORY) errno = ENOMEM;
+    return nullptr;
   }
 
  private:
@@ -99,27 +100,23 @@ class Search {
     if (result_ != nullptr || length_ == 0) return Stop();
     text_[length_] = '\0';
     result_.reset(strdup(text_));
-    if (result_ == nullptr) Stop();
   }
 };
 
 HeapStr FindInXml(std::string_view list) {
   static_assert(kMaxPropertyList <= INT_MAX);
   const Parser parser(XML_ParserCreate(nullptr));
-  return parser == nullptr ? nullptr : Search(parser.get()).Run(list);
+  if (parser != nullptr) return Search(parser.get()).Run(list);
+  errno = ENOMEM;
+  return nullptr;
 }
 
 }  // namespace
 
-PlatformBundleIdentifier Platform_BundleIdentifier(const char *, int item) {
-  struct stat info;
-  if (item < 0 || fstat(item, &info) != 0 || !S_ISDIR(info.st_mode)) return {kBundle, nullptr};
-  const Fd fd = SmallFileOpen(item, kPropertyList, SmallFileAny);
+HeapStr BundleIdentifier_Read(int bundle) {
+  const Fd fd = SmallFileOpen(bundle, kPropertyList, SmallFileAny);
   SmallFileBytes list;
-  if (!fd || !SmallFileRead(fd.Get(), kMaxPropertyList, &list)) return {kIdentifier, nullptr};
-  HeapStr identifier = BinaryPropertyList_Is(list.View())
-                           ? BinaryPropertyList_Find(list.View(), kKey)
-                           : FindInXml(list.View());
-  if (identifier == nullptr) return {kIdentifier, nullptr};
-  return {kNone, std::move(identifier)};
+  if (!fd || !SmallFileRead(fd.Get(), kMaxPropertyList, &list)) return nullptr;
+  return BinaryPropertyList_Is(list.View()) ? BinaryPropertyList_Find(list.View(), kKey)
+                                            : FindInXml(list.View());
 }

@@ -139,6 +139,12 @@ std::string NotSigned(const std::string &path, int code = 7) {
          " due to " + std::to_string(code);
 }
 
+std::string NoAnchors(int error) {
+  return "PrivilegedHelper: The code signature of " + kBundleLibrary +
+         "/productInfo could not be checked: there are no trusted anchors, errno " +
+         std::to_string(error) + ".\n";
+}
+
 std::string NoIdentifier(int code) {
   return "CoreFoundationUtils: Failed to get bundle identifier for " + kBundle + kKext +
          " due to (" + std::to_string(code) + ").\n";
@@ -167,8 +173,8 @@ const Refusal kRefusals[] = {
     {"rm services.sh", ""},
     {"rm productInfo", NotSigned("/productInfo", 3)},
     {"rm -rf \"$root\"; echo a file >\"$root\"", ""},
-    {"rm \"$anchors\"", NotSigned("/productInfo")},
-    {"chmod 666 \"$anchors\"", NotSigned("/productInfo")},
+    {"rm \"$anchors\"", NoAnchors(ENOENT) + NotSigned("/productInfo")},
+    {"chmod 666 \"$anchors\"", NoAnchors(EPERM) + NotSigned("/productInfo")},
 };
 
 TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
