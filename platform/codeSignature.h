@@ -51,7 +51,8 @@ struct PlatformBundleIdentifier {
   int failure;   // 0, or
                  //   1  the path cannot be expressed    3  there is no bundle
                  //   2  nor made a URL                  4  the bundle has no identifier
-  HeapStr text;  // UTF-8; null after a failure, and when the identifier cannot be had as UTF-8
+  HeapStr text;  // UTF-8; null after a failure, when the identifier cannot be had as UTF-8, and when
+                 // there is no memory for it
   const char *obstacle = nullptr;  // as in PlatformSignature
   int error = 0;
 };

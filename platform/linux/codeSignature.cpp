@@ -54,7 +54,7 @@ PlatformBundleIdentifier Platform_BundleIdentifier(const char *, int item) {
   if (!Ask(VerifierJob::Identifiers, item, "", &answer, &obstacle)) {
     return {kNoIdentifier, nullptr, obstacle.words, obstacle.error};
   }
-  return {kNone, Heap_SafeStrdup(answer.text)};
+  return {kNone, HeapStr(strdup(answer.text))};
 }
 
 void Platform_EndCodeSignatureChecks() {

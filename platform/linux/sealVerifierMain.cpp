@@ -129,6 +129,8 @@ void Serve(const Job &job) {
     VerifierAnswer answer = {};
     answer.finding = VerifierFinding::No;
     job.answer(anchors, question, &answer);
+    // When the answer is there, nothing holds the item any more.
+    question.item.Reset();
     if (!Send(answer)) return;
   }
 }
