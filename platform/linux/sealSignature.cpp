@@ -99,8 +99,12 @@ bool MayCertifyCode(X509 *certificate) {
   return (X509_get_extended_key_usage(certificate) & (XKU_CODE_SIGN | XKU_ANYEKU)) != 0;
 }
 
+// As the certificate authorities have agreed on for code signing: what a certificate leaves open is
+// not taken for a permission, and the key of an authority signs certificates only.
 bool MaySignCode(X509 *certificate) {
-  return (X509_get_extension_flags(certificate) & EXFLAG_XKUSAGE) != 0 &&
+  constexpr uint32_t kUses = EXFLAG_XKUSAGE | EXFLAG_KUSAGE;
+  const uint32_t flags = X509_get_extension_flags(certificate);
+  return (flags & kUses) == kUses && (flags & EXFLAG_CA) == 0 &&
          (X509_get_extended_key_usage(certificate) & XKU_CODE_SIGN) != 0 &&
          (X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) != 0;
 }

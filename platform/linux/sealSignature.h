@@ -14,6 +14,6 @@ inline constexpr size_t kSealMaxSize = size_t{16} << 20;  // bytes
 // Valid means: one CMS SignedData with its content inside, in DER, nothing behind it; one signer
 // with a SHA-2 digest; a chain of at most a few certificates, each within its time and of today's
 // strength, from the signer to an anchor; every one that has an extended key usage is for code
-// signing, and the signer's has it; the signer's single common name contains "Zephrin, Inc.".
+// signing; the signer's has it, is for digital signatures, and is no authority's; the signer's single common name contains "Zephrin, Inc.".
 [[nodiscard]] SealVerdict SealOpen(std::string_view seal, std::string_view anchors,
                                    SmallFileBytes *text);

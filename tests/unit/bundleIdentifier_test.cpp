@@ -13,19 +13,33 @@
 
 namespace {
 
+constexpr char kIdentifierKey[] = "CFBundleIdentifier";
+
 // As the library of the format's name writes it: a dictionary of so many entries, with the identifier
-// if there are any.
-std::string Binary(const std::string &identifier, int entries) {
+// if there are any.  The second entry has the key `second`.
+std::string Binary(const std::string &identifier, int entries, const std::string &second = "1") {
   const plist_t top = plist_new_dict();
   for (int i = 0; i < entries; i++) {
-    plist_dict_set_item(top, i == 0 ? "CFBundleIdentifier" : std::to_string(i).c_str(),
-                        plist_new_string(identifier.c_str()));
+    const std::string key = i == 0 ? kIdentifierKey : i == 1 ? second : std::to_string(i);
+    plist_dict_set_item(top, key.c_str(), plist_new_string(identifier.c_str()));
   }
   char *bytes = nullptr;
   uint32_t size = 0;
   plist_to_bin(top, &bytes, &size);
   plist_free(top);
   return std::string(HeapStr(bytes).get(), size);
+}
+
+// The list with the first `from` in it replaced by as many bytes.
+std::string Edited(std::string list, const std::string &from, const std::string &to) {
+  return list.replace(list.find(from), from.size(), to);
+}
+
+// A dictionary that claims to have 2^60 entries, at 8, and the table of offsets behind it.
+std::string Endless() {
+  const std::string zeros(8, '\0');
+  return "bplist00\xDF\x13\x10" + zeros.substr(1) + "\x08" + zeros.substr(2) + "\x01\x01" +
+         zeros.substr(1) + "\x01" + zeros + zeros.substr(1) + "\x12";
 }
 
 PlatformBundleIdentifier Identifier(const std::string &path) {
@@ -55,6 +69,9 @@ TEST(BundleIdentifier, ComesFromThePropertyList) {
       {Binary(std::string(300, 'x'), 300), std::string(300, 'x')},  // longer sizes, wider numbers
       {Binary("\xC3\xA9", 1), ""},                                  // no ASCII
       {Binary("x", 0), ""},
+      {Edited(Binary("x", 2, "CFBundleIdentifieR"), "fieR", "fier"), ""},  // twice
+      {Edited(Binary("a b", 1), " ", std::string(1, '\0')), ""},
+      {Endless(), ""},
   };
   const ScratchDir dir;
   std::filesystem::create_directory(dir.Path("Contents"));
@@ -62,6 +79,7 @@ TEST(BundleIdentifier, ComesFromThePropertyList) {
     const std::string file = dir.Write("Contents/Info.plist", list);
     const PlatformBundleIdentifier found = Identifier(dir.Path());
     EXPECT_EQ(identifier.empty() ? 4 : 0, found.failure) << list;
+    EXPECT_EQ(nullptr, found.obstacle) << list;
     EXPECT_EQ(identifier, found.text == nullptr ? "" : found.text.get()) << list;
     EXPECT_EQ(3, Identifier(file).failure);  // no directory
   }

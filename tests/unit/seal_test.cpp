@@ -54,6 +54,10 @@ TEST(SealText, HasOneFormOnly) {
         string("link t a%41\n"), string("link t a%00\n"), string("link t a\0\n", 10)}) {
     EXPECT_EQ(SealVerdict::BadText, SealParse(head + lines, &parsed)) << lines;
   }
+  string many = head;
+  for (size_t i = 0; i <= kSealMaxItems; i++)
+    many += "link t " + std::to_string(1'000'000 + i) + "\n";
+  EXPECT_EQ(SealVerdict::BadText, SealParse(many, &parsed));
   EXPECT_EQ(SealVerdict::BadText, SealParse("zephrin-codeseal 3\nidentifier i\n", &parsed));
 }
 
