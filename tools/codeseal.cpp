@@ -138,7 +138,7 @@ const char *Reason(SealVerdict verdict) {
     case SealVerdict::Unsealable:
       return "something in it cannot be sealed";
     case SealVerdict::Unreadable:
-      return "it cannot be read";
+      return "it cannot be read, and may be valid or not";
   }
   return "not valid";
 }
@@ -150,7 +150,8 @@ Status Verify(const Arguments &arguments) {
   SealExtent extent;
   const SealVerdict verdict = SealCheck(item.Get(), identifier.c_str(), anchors.View(), &extent);
   if (verdict == SealVerdict::Valid) return kOk;
-  throw std::runtime_error(std::string("not valid: ") + Reason(verdict));
+  const std::string outcome = verdict == SealVerdict::Unreadable ? "" : "not valid: ";
+  throw std::runtime_error(outcome + Reason(verdict));
 }
 
 Status Show(const Arguments &arguments) {

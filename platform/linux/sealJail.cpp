@@ -27,7 +27,7 @@ struct Limit {
 constexpr Limit kLimits[] = {
 #ifndef LUMEN_INSTRUMENTED
     // A sanitizer reserves room for its shadow.
-    {RLIMIT_AS, rlim_t{512} << 20},  // a seal of the largest size needs 200 MiB
+    {RLIMIT_AS, rlim_t{256} << 20},  // a seal of the largest size needs 80 MiB
 #endif
     {RLIMIT_CPU, 60},      // seconds, for all questions together
     {RLIMIT_NOFILE, 128},  // a walk has two for each level
@@ -83,7 +83,7 @@ bool DropIdentity() {
 
 // The proof: nobody becomes root here any more.
 bool IsRootGone() {
-  if (setresuid(0, 0, 0) != 0 && setresgid(0, 0, 0) != 0 && geteuid() != 0) return true;
+  if (setresuid(0, 0, 0) != 0 && geteuid() != 0) return true;
   errno = EPERM;
   return false;
 }

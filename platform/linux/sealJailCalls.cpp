@@ -53,7 +53,6 @@ constexpr Row kRows[] = {
     // Memory, none of which can be executed.
     {SYS_brk},
     {SYS_mmap, 2, PROT_EXEC, 0},
-    {SYS_mprotect, 2, PROT_EXEC, 0},
     {SYS_mremap},
     {SYS_munmap},
     // The time, where the kernel's library does not know it, and a seed for tables.
@@ -64,14 +63,9 @@ constexpr Row kRows[] = {
     {SYS_futex},
     {SYS_exit_group},
 #ifdef LUMEN_INSTRUMENTED
-    // Builds with sanitizers or counters only, whose run-time libraries make calls of their own.
-    {SYS_getpid},
-    {SYS_gettid},
+    // Only in builds with sanitizers, whose allocators wait for each other and give memory back.
     {SYS_madvise},
-    {SYS_rt_sigprocmask},
     {SYS_sched_yield},
-    {SYS_sigaltstack},
-    {SYS_write},
 #endif
 };
 

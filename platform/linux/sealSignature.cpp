@@ -175,6 +175,8 @@ bool CopyContent(CMS_ContentInfo *cms, SmallFileBytes *text) {
 SealVerdict Open(std::string_view seal, std::string_view anchors, SmallFileBytes *text) {
   const Store store = ReadAnchors(anchors);
   if (store == nullptr) return SealVerdict::NoAnchors;
+  // That there are no more of them was an error, too.
+  ERR_clear_error();
   const Cms cms = Parse(seal);
   if (cms == nullptr) return SealVerdict::NotCms;
   const SealVerdict verdict = CheckSigner(cms.get(), store.get());
@@ -185,9 +187,13 @@ SealVerdict Open(std::string_view seal, std::string_view anchors, SmallFileBytes
 }  // namespace
 
 SealVerdict SealOpen(std::string_view seal, std::string_view anchors, SmallFileBytes *text) {
-  if (!OpensslStart()) return SealVerdict::BadSignature;
+  errno = ENOMEM;
+  if (!OpensslStart()) return SealVerdict::Unreadable;
   ERR_clear_error();
   const SealVerdict verdict = Open(seal, anchors, text);
+  // The first error is the cause of the others.
+  const bool starved = ERR_GET_REASON(ERR_peek_error()) == ERR_R_MALLOC_FAILURE;
   ERR_clear_error();
-  return verdict;
+  errno = ENOMEM;
+  return starved ? SealVerdict::Unreadable : verdict;
 }

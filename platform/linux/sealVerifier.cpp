@@ -143,17 +143,9 @@ class Verifier {
  public:
   explicit constexpr Verifier(const char *job) : job_(job) {}
 
-  bool Ask(int image, int item, const char *identifier, VerifierAnswer *answer,
+  bool Ask(int item, const char *identifier, Fd *image, VerifierAnswer *answer,
            VerifierObstacle *obstacle) {
-    if (obstacle_.words == nullptr && !socket_ && !Start(image)) {
-      GiveUp("the checking process cannot be started");
-    }
-    if (obstacle_.words == nullptr && !Send(socket_.Get(), item, identifier)) {
-      GiveUp("the checking process cannot be asked");
-    }
-    if (obstacle_.words == nullptr && !Receive(socket_.Get(), answer)) {
-      GiveUp("the checking process has not answered");
-    }
+    if (obstacle_.words == nullptr) Try(item, identifier, image, answer);
     *obstacle = obstacle_;
     return obstacle_.words == nullptr;
   }
@@ -164,15 +156,24 @@ class Verifier {
   }
 
  private:
-  bool Start(int image) {
+  void Try(int item, const char *identifier, Fd *image, VerifierAnswer *answer) {
+    if (!socket_ && !Start(image)) return GiveUp("the checking process cannot be started");
+    if (!Send(socket_.Get(), item, identifier)) {
+      return GiveUp("the checking process cannot be asked");
+    }
+    if (!Receive(socket_.Get(), answer)) GiveUp("the checking process has not answered");
+  }
+
+  bool Start(Fd *image) {
+    if (!*image) *image = MakeImage();
     int ends[2];
-    if (image < 0 || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return false;
+    if (!*image || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return false;
     Fd ours(ends[0]);
     const Fd theirs(ends[1]);
     int process = -1;
     const pid_t pid = Fork(&process);
     if (pid < 0) return false;
-    if (pid == 0) Become(job_, theirs.Get(), image);
+    if (pid == 0) Become(job_, theirs.Get(), image->Get());
     pid_ = pid;
     process_.Reset(process);
     socket_ = std::move(ours);
@@ -206,9 +207,8 @@ constinit struct {
 
 bool SealVerifierAsk(VerifierJob job, int item, const char *identifier, VerifierAnswer *answer,
                      VerifierObstacle *obstacle) {
-  if (!verifiers.image) verifiers.image = MakeImage();
   Verifier &verifier = job == VerifierJob::Seals ? verifiers.seals : verifiers.identifiers;
-  return verifier.Ask(verifiers.image.Get(), item, identifier, answer, obstacle);
+  return verifier.Ask(item, identifier, &verifiers.image, answer, obstacle);
 }
 
 void SealVerifierEnd() {

@@ -196,6 +196,20 @@ TEST_F(Verifier, ItsEndIsNoYes) {
   EXPECT_EQ(nullptr, found.text);
 }
 
+// A lease: until it is given up, the file can only be opened by a process that waits for that.
+TEST_F(Verifier, WhatCannotBeReadIsToldApartFromWhatIsNotValid) {
+  signal(SIGIO, SIG_IGN);
+  const Fd list(open((kKext + "/Contents/Info.plist").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(0, fcntl(list.Get(), F_SETLEASE, F_WRLCK));
+  EXPECT_EQ(EAGAIN, Judge(kKext, "com.zephrin.kext.zioplug").error);
+  const Fd kext = Platform_OpenSignedItem(kKext.c_str());
+  const PlatformBundleIdentifier found = Platform_BundleIdentifier("", kext.Get());
+  EXPECT_EQ(4, found.failure);
+  EXPECT_EQ(EAGAIN, found.error);
+  fcntl(list.Get(), F_SETLEASE, F_UNLCK);
+  ExpectYesOrObstacle(true, Judge(kKext, "com.zephrin.kext.zioplug"));
+}
+
 TEST_F(Verifier, NoCallerMakesItSayYes) {
   Shell(R"(cp -a "$daemon" /run/changed; echo >>/run/changed)");
   struct Row {
