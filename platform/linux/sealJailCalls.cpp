@@ -63,9 +63,11 @@ constexpr Row kRows[] = {
     {SYS_futex},
     {SYS_exit_group},
 #ifdef LUMEN_INSTRUMENTED
-    // Only in builds with sanitizers, whose allocators wait for each other and give memory back.
+    // Only in builds with sanitizers: their allocators wait for each other and give memory back,
+    // and before a process ends they ask for its signal stack.
     {SYS_madvise},
     {SYS_sched_yield},
+    {SYS_sigaltstack},
 #endif
 };
 

@@ -64,13 +64,16 @@ void JudgeSeal(const Anchors &anchors, const Question &question, VerifierAnswer 
 
 void FindIdentifier(const Anchors &, const Question &question, VerifierAnswer *answer) {
   const HeapStr identifier = BundleIdentifier_Read(question.item.Get());
-  if (identifier != nullptr && strlen(identifier.get()) <= kVerifierMaxText) {
-    answer->finding = VerifierFinding::Yes;
-    strcpy(answer->text, identifier.get());
-  } else if (identifier == nullptr && !SmallFileIsItemsFault(errno)) {
+  if (identifier == nullptr) {
+    if (SmallFileIsItemsFault(errno)) return;
     answer->finding = VerifierFinding::Unreadable;
     answer->error = errno;
+    return;
   }
+  const size_t size = strlen(identifier.get()) + 1;
+  if (size > kVerifierMaxText + 1) return;
+  memcpy(answer->text, identifier.get(), size);
+  answer->finding = VerifierFinding::Yes;
 }
 
 struct Job {
