@@ -96,7 +96,7 @@ int CopyFileAsRoot(const char *src, const char *dst, mode_t mode, SourceOwner ow
   if (!from) return 1;
   // The mode is set below.
   const Fd to(open(dst, O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (!to || !Platform_CopyFileWithMetadata(from.Get(), to.Get())) return 1;
+  if (!to || !Platform_CopyFileWithMetadata(from.Get(), to.Get(), UINT64_MAX)) return 1;
   const bool roots = Platform_RemoveAccessList(to.Get()) && fchown(to.Get(), 0, 0) == 0 &&
                      fchmod(to.Get(), mode) == 0;
   return roots ? 0 : 1;

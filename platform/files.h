@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+
 #include "fd.h"
 
 // Opens the regular file or directory `name` for reading, close-on-exec; `name` (not null) is
@@ -17,14 +19,16 @@
 // signal came while it waited, EAGAIN in place of waiting with O_NONBLOCK.
 [[nodiscard]] int Platform_OpenLocked(const char *path, int flags, mode_t mode);
 
-// Makes the regular file open as `to` a copy of the one open as `from`: data, mode, owner, times,
-// extended attributes and access control list; the attributes that the target had are removed
-// first, and what it has beyond the source's length is cut off.  Two different files, open for
-// reading and for writing, both at offset 0; the offsets afterwards are left open.  False with
-// errno set when the data or the attributes cannot be copied, ENOTSUP for another kind of file; the
-// target is then neither one thing nor the other.  A mode, owner or times that cannot be set are
-// left as they are.  A lock against change and removal (file flags of macOS) does not come along.
-[[nodiscard]] bool Platform_CopyFileWithMetadata(int from, int to);
+// Makes the regular file open as `to` a copy of the one open as `from`, which has at most `limit` bytes:
+// data, mode, owner, times, extended attributes and access control list; the attributes that the
+// target had are removed first, and what it has beyond the source's length is cut off.  Two
+// different files, open for reading and for writing, both at offset 0; the offsets afterwards are
+// left open.  False with errno set when the data or the attributes cannot be copied, EFBIG when the
+// source is larger or grows beyond the limit, ENOTSUP for another kind of file; the target is then
+// neither one thing nor the other, but has little more than `limit` bytes.  A mode, owner or times
+// that cannot be set are left as they are.  A lock against change and removal (file flags of macOS)
+// does not come along.
+[[nodiscard]] bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit);
 
 // Takes away the access control list of the open file, so that its mode alone says who may do what.
 // False with errno set; a file or file system without a list is a success.

@@ -1,4 +1,7 @@
 // fileCopy.cpp -- copying an open file with all its metadata, on macOS: one call does it, and more.
+//
+// The call knows no limit, but reports after each piece (8 KiB to a few MiB, as the file systems
+// like it), and can be told to end there.
 
 #include <copyfile.h>
 #include <sys/acl.h>
@@ -13,6 +16,14 @@
 
 namespace {
 
+struct CopyStateFreer {
+  void operator()(copyfile_state_t state) const noexcept {
+    const ErrnoKeeper keeper;
+    copyfile_state_free(state);
+  }
+};
+using CopyState = std::unique_ptr<_copyfile_state, CopyStateFreer>;
+
 struct AclFreer {
   void operator()(acl_t acl) const noexcept {
     const ErrnoKeeper keeper;
@@ -23,19 +34,64 @@ struct AclFreer {
 // Flags that keep everybody, the super-user included, from changing and removing a file.
 constexpr unsigned kLocks = UF_IMMUTABLE | UF_APPEND | SF_IMMUTABLE | SF_APPEND;
 
+// The status of the open file, when it is within the limit; otherwise false with errno set.
+bool StatWithin(int fd, uint64_t limit, struct stat *status) {
+  if (fstat(fd, status) != 0) return false;
+  if (static_cast<uint64_t>(status->st_size) <= limit) return true;
+  errno = EFBIG;
+  return false;
+}
+
+struct Bounds {
+  const uint64_t limit;
+  bool exceeded;
+};
+
+// Is told how the copy goes on, and ends it when it goes too far.
+int OnProgress(int what, int stage, copyfile_state_t state, const char *, const char *,
+               void *context) {
+  // To go on after an error would mean to try the same write again, for ever.
+  if (stage == COPYFILE_ERR) return COPYFILE_QUIT;
+  if (what != COPYFILE_COPY_DATA || stage != COPYFILE_PROGRESS) return COPYFILE_CONTINUE;
+  off_t copied = 0;
+  if (copyfile_state_get(state, COPYFILE_STATE_COPIED, &copied) != 0) return COPYFILE_QUIT;
+  auto *const bounds = static_cast<Bounds *>(context);
+  bounds->exceeded = static_cast<uint64_t>(copied) > bounds->limit;
+  return bounds->exceeded ? COPYFILE_QUIT : COPYFILE_CONTINUE;
+}
+
+// The state of a copy that ends at *bounds, which it refers to; null with errno set.
+CopyState BoundedCopy(Bounds *bounds) {
+  CopyState state(copyfile_state_alloc());
+  if (state == nullptr ||
+      copyfile_state_set(state.get(), COPYFILE_STATE_STATUS_CB,
+                         reinterpret_cast<const void *>(&OnProgress)) != 0 ||
+      copyfile_state_set(state.get(), COPYFILE_STATE_STATUS_CTX, bounds) != 0) {
+    return nullptr;
+  }
+  return state;
+}
+
 // Takes away the locks that came with the copy.  The other flags stay: UF_COMPRESSED is how the
 // content is stored.
-bool Unlock(int fd) {
-  struct stat status;
-  if (fstat(fd, &status) != 0) return false;
+bool Unlock(int fd, const struct stat &status) {
   const unsigned flags = status.st_flags;
   return (flags & kLocks) == 0 || fchflags(fd, flags & ~kLocks) == 0;
 }
 
 }  // namespace
 
-bool Platform_CopyFileWithMetadata(int from, int to) {
-  return fcopyfile(from, to, nullptr, COPYFILE_ALL | COPYFILE_NOFOLLOW) == 0 && Unlock(to);
+bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit) {
+  struct stat status;
+  if (!StatWithin(from, limit, &status)) return false;
+  Bounds bounds = {limit, false};
+  const CopyState state = BoundedCopy(&bounds);
+  if (state == nullptr) return false;
+  if (fcopyfile(from, to, state.get(), COPYFILE_ALL | COPYFILE_NOFOLLOW) != 0) {
+    if (bounds.exceeded) errno = EFBIG;
+    return false;
+  }
+  return StatWithin(to, limit, &status) && Unlock(to, status);
 }
 
 // An empty list takes the place of the one that is there.

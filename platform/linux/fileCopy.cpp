@@ -9,6 +9,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -35,8 +36,14 @@ bool WriteAll(int to, const char *data, size_t size, off_t offset) {
   return true;
 }
 
-// From *offset to the end of the source, which *offset is then.
-bool CopyByHand(int from, int to, off_t *offset) {
+bool IsWithin(off_t size, uint64_t limit) {
+  if (static_cast<uint64_t>(size) <= limit) return true;
+  errno = EFBIG;
+  return false;
+}
+
+// From *offset to the end of the source, which *offset is then, unless that is beyond the limit.
+bool CopyByHand(int from, int to, off_t *offset, uint64_t limit) {
   constexpr size_t kPiece = size_t{256} << 10;
   const HeapArray<char> buffer = Heap_Array<char>(kPiece);
   if (buffer == nullptr) return false;
@@ -44,6 +51,7 @@ bool CopyByHand(int from, int to, off_t *offset) {
     const ssize_t n = pread(from, buffer.get(), kPiece, *offset);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return n == 0;
+    if (!IsWithin(*offset + n, limit)) return false;
     if (!WriteAll(to, buffer.get(), static_cast<size_t>(n), *offset)) return false;
     *offset += n;
   }
@@ -53,19 +61,20 @@ bool KernelCannot(int error) {
   return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP;
 }
 
-// The kernel copies as far as it can.
-bool CopyData(int from, int to) {
-  constexpr size_t kPiece = size_t{1} << 30;
+// The kernel copies as far as it can and may.
+bool CopyData(int from, int to, uint64_t limit) {
+  constexpr uint64_t kPiece = uint64_t{1} << 30;
   off_t in = 0;
   off_t out = 0;
-  for (;;) {
-    const ssize_t n = copy_file_range(from, &in, to, &out, kPiece, 0);
+  while (const uint64_t piece = std::min(kPiece, limit - static_cast<uint64_t>(in))) {
+    const ssize_t n = copy_file_range(from, &in, to, &out, piece, 0);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && !KernelCannot(errno)) return false;
     if (n <= 0) break;
   }
-  // 0 is the end, or a file whose size the kernel does not know: reading tells which.
-  return CopyByHand(from, to, &in) && ftruncate(to, in) == 0;
+  // Reading tells whether this is the end.  It may also be the limit; or the kernel has given 0 for
+  // a file whose size it does not know.
+  return CopyByHand(from, to, &in, limit) && ftruncate(to, in) == 0;
 }
 
 // ---- extended attributes -----------------------------------------------------------------------
@@ -127,7 +136,7 @@ bool CopyAttributes(int from, int to) {
 
 }  // namespace
 
-bool Platform_CopyFileWithMetadata(int from, int to) {
+bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit) {
   struct stat source;
   struct stat target;
   if (fstat(from, &source) != 0 || fstat(to, &target) != 0) return false;
@@ -135,9 +144,10 @@ bool Platform_CopyFileWithMetadata(int from, int to) {
     errno = ENOTSUP;
     return false;
   }
+  if (!IsWithin(source.st_size, limit)) return false;
   // Attributes can be changed only where the mode lets the owner write.
   static_cast<void>(fchmod(to, target.st_mode | S_IRUSR | S_IWUSR));
-  if (!RemoveAttributes(to) || !CopyData(from, to)) return false;
+  if (!RemoveAttributes(to) || !CopyData(from, to, limit)) return false;
   const bool chowned = fchown(to, source.st_uid, source.st_gid) == 0;
   if (!CopyAttributes(from, to)) return false;
   // A set-id bit is meant for the source's owner, not for whoever owns the copy instead.

@@ -147,10 +147,10 @@ TEST(FileCopy, HasDataAndMetadataAndNothingElse) {
   const ScratchDir dir;
   const std::string content = std::string(300'000, 'x') + '\0' + "end";
   const std::string from = dir.Write("from", content), to = dir.Write("to", content + content);
-  const auto copy = [&to](const std::string &source) {
+  const auto copy = [&](const std::string &source, uint64_t limit) {
     EXPECT_EQ(0, chmod(to.c_str(), 0600)) << "the copy before this one left its own mode";
     const Fd in(open(source.c_str(), O_RDONLY)), out(open(to.c_str(), O_RDWR));
-    return Platform_CopyFileWithMetadata(in.Get(), out.Get());
+    return Platform_CopyFileWithMetadata(in.Get(), out.Get(), limit);
   };
   if (setxattr(from.c_str(), "user.mine", "value", 5, 0) != 0 && errno == ENOTSUP) {
     SKIP_FOR_WANT_OF("extended attributes of users");
@@ -159,7 +159,7 @@ TEST(FileCopy, HasDataAndMetadataAndNothingElse) {
   ASSERT_TRUE(geteuid() != 0 || chown(from.c_str(), 12345, 54321) == 0);
   const timespec times[] = {{1'000'000'000, 123'456'789}, {1'100'000'000, 987'654'321}};
   ASSERT_TRUE(chmod(from.c_str(), 04510) == 0 && utimensat(AT_FDCWD, from.c_str(), times, 0) == 0);
-  ASSERT_TRUE(copy(from));
+  ASSERT_TRUE(copy(from, content.size()));
   struct stat status;
   ASSERT_EQ(0, stat(to.c_str(), &status));
   EXPECT_EQ(S_IFREG | 04510u, status.st_mode);
@@ -168,10 +168,17 @@ TEST(FileCopy, HasDataAndMetadataAndNothingElse) {
   EXPECT_EQ(5, getxattr(to.c_str(), "user.mine", nullptr, 0));
   EXPECT_EQ(-1, getxattr(to.c_str(), "user.old", nullptr, 0));
   EXPECT_EQ(content, ReadFile(to));
+  // No more than allowed, whether the source is larger or becomes so.
+  EXPECT_TRUE(!copy(from, content.size() - 1) && errno == EFBIG);
+  const SysFault grow("fstat", 2, 0, [&] { fs::resize_file(from, 700'000); });
+  EXPECT_TRUE(!copy(from, content.size()) && errno == EFBIG && grow.Fired());
+  EXPECT_GE(content.size(), fs::file_size(to));
   // Across file systems, with a size said to be 0; and what is no file.
-  ASSERT_TRUE(copy("/proc/self/mounts"));
-  EXPECT_TRUE(!copy("/dev/null") && errno == ENOTSUP);
-  EXPECT_EQ(ReadFile("/proc/self/mounts"), ReadFile(to));
+  const std::string mounts = "/proc/self/mounts", mounted = ReadFile(mounts);
+  EXPECT_TRUE(!copy(mounts, mounted.size() - 1) && errno == EFBIG);
+  ASSERT_TRUE(copy(mounts, mounted.size()));
+  EXPECT_EQ(mounted, ReadFile(to));
+  EXPECT_TRUE(!copy("/dev/null", UINT64_MAX) && errno == ENOTSUP);
 }
 
 // ---- transfers -------------------------------------------------------------------------------

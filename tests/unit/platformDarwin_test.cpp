@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -91,17 +92,49 @@ TEST(DecimalDigitsDarwin, ThreadsDoNotShareDigits) {
 // flag is an empty one.
 
 unsigned fileFlags;
-int failure;  // of fchflags and of acl_set_fd_np
+int failure;  // of fchflags, of acl_set_fd_np and of fcopyfile's attributes
 int lists;
+
+// fcopyfile copies a source that grows while it does so, in pieces of 100 bytes.
+constexpr int kSource = 3, kTarget = 4;
+off_t sourceSize, grownSize, targetSize;
 
 TEST(FileCopyDarwin, IsNotLockedButStoredAsItsSource) {
   fileFlags = UF_IMMUTABLE | UF_APPEND | UF_COMPRESSED | SF_IMMUTABLE | SF_APPEND;
-  EXPECT_TRUE(Platform_CopyFileWithMetadata(3, 4));
+  EXPECT_TRUE(Platform_CopyFileWithMetadata(kSource, kTarget, 0));
   EXPECT_EQ(UF_COMPRESSED, fileFlags);
-  failure = EPERM;
-  EXPECT_TRUE(Platform_CopyFileWithMetadata(3, 4)) << "there is nothing to unlock now";
   fileFlags = UF_IMMUTABLE;
-  EXPECT_FALSE(Platform_CopyFileWithMetadata(3, 4));
+  failure = EPERM;
+  EXPECT_FALSE(Platform_CopyFileWithMetadata(kSource, kTarget, 0));
+  failure = 0;
+}
+
+TEST(FileCopyDarwin, EndsAtItsLimit) {
+  const struct {
+    off_t size, grown;
+    uint64_t limit;
+    int error;
+    off_t most;  // that is written
+  } rows[] = {
+      {1000, 1000, 1000, 0, 1000},
+      {1001, 1001, 1000, EFBIG, 0},
+      {1000, 90'000, 1000, EFBIG, 1100},
+      {1000, 1000, UINT64_MAX, 0, 1000},
+      {0, 0, 0, 0, 0},
+  };
+  for (const auto &row : rows) {
+    sourceSize = row.size;
+    grownSize = row.grown;
+    targetSize = 0;
+    const bool ok = Platform_CopyFileWithMetadata(kSource, kTarget, row.limit);
+    EXPECT_EQ(row.error, ok ? 0 : errno) << row.limit;
+    EXPECT_EQ(row.most, targetSize) << row.limit;
+  }
+  sourceSize = grownSize = 0;
+  // An error is the end, and its cause is told.
+  failure = ENOSPC;
+  EXPECT_TRUE(!Platform_CopyFileWithMetadata(kSource, kTarget, 0) && errno == ENOSPC);
+  failure = 0;
 }
 
 TEST(FileCopyDarwin, AFileSystemWithoutAccessListsIsFine) {
@@ -148,12 +181,48 @@ int Answer(int error) {
 
 }  // namespace
 
-int fcopyfile(int, int, void *, unsigned) {
+struct _copyfile_state {
+  copyfile_callback_t callback;
+  void *context;
+};
+copyfile_state_t copyfile_state_alloc() {
+  return new _copyfile_state();
+}
+int copyfile_state_free(copyfile_state_t state) {
+  delete state;
+  return Answer(EINTR);
+}
+int copyfile_state_get(copyfile_state_t, unsigned flag, void *to) {
+  EXPECT_EQ(COPYFILE_STATE_COPIED, flag);
+  *static_cast<off_t *>(to) = targetSize;
   return 0;
 }
-int fakeFstat(int, struct stat *status) noexcept {
+int copyfile_state_set(copyfile_state_t state, unsigned flag, const void *from) {
+  if (flag == COPYFILE_STATE_STATUS_CTX) state->context = const_cast<void *>(from);
+  if (flag == COPYFILE_STATE_STATUS_CB)
+    state->callback = reinterpret_cast<copyfile_callback_t>(const_cast<void *>(from));
+  return 0;
+}
+int fcopyfile(int from, int to, copyfile_state_t state, unsigned flags) {
+  EXPECT_TRUE(from == kSource && to == kTarget && flags == (COPYFILE_ALL | COPYFILE_NOFOLLOW));
+  const auto tell = [state](int what, int stage) {
+    return state->callback(what, stage, state, nullptr, nullptr, state->context);
+  };
+  EXPECT_EQ(COPYFILE_CONTINUE, tell(COPYFILE_COPY_XATTR, COPYFILE_START));
+  if (failure != 0 && fileFlags == 0) {
+    EXPECT_EQ(COPYFILE_QUIT, tell(COPYFILE_COPY_XATTR, COPYFILE_ERR));
+    return Answer(failure);
+  }
+  while (targetSize < grownSize) {
+    targetSize = std::min(targetSize + 100, grownSize);
+    if (tell(COPYFILE_COPY_DATA, COPYFILE_PROGRESS) == COPYFILE_QUIT) return Answer(ECANCELED);
+  }
+  return 0;
+}
+int fakeFstat(int fd, struct stat *status) noexcept {
   *status = {};
   status->st_flags = fileFlags;
+  status->st_size = fd == kSource ? sourceSize : targetSize;
   return 0;
 }
 int fchflags(int, unsigned flags) {
