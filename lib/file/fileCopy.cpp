@@ -4,8 +4,8 @@
 //         outermost procedure returns.
 //         2. The source is never touched: a destination that is the source, by whatever name, is
 //         refused before it is emptied.
-//         3. The buffer stands in the frame of File_CopyFromFdToFd, which no recursion passes
-//         through (the copy of a tree is another source file, and so cannot inline it).
+//         3. The buffer stands in the frame of CopyWithin, which no recursion passes through (the
+//         copy of a tree is another source file, and so cannot inline it).
 // Tests:  tests/unit/fileTree_test.cpp
 
 #include <fcntl.h>
@@ -15,10 +15,12 @@
 
 #include "err.h"
 #include "errnoKeeper.h"
+#include "fd.h"
 #include "file.h"
 #include "lib/file/fileIOInt.h"
 #include "lib/file/fileInt.h"
 #include "msg.h"
+#include "platform/files.h"
 
 namespace {
 
@@ -57,29 +59,39 @@ bool CanBeCopied(const FileIODescriptor &src, const char *dstName) {
   return true;
 }
 
-}  // namespace
+bool TellWriteError(FileIOResult result) {
+  const ErrnoKeeper keeper;
+  Msg_Append("@&!*@*@(msg.File.CopyFromFdToFd.write.failure)Write error: %s.\n\n",
+             FileIO_MsgError(result));
+  return false;
+}
 
-bool File_CopyFromFdToFd(FileIODescriptor *srcFd, FileIODescriptor *dstFd) {
+// FileIO_Write, of no more than *left bytes, which become fewer.
+FileIOResult WriteWithin(FileIODescriptor *fd, const char *data, size_t size, uint64_t *left) {
+  if (size > *left) {
+    errno = EFBIG;
+    return FILEIO_WRITE_ERROR_FBIG;
+  }
+  *left -= size;
+  return FileIO_Write(fd, data, size, nullptr);
+}
+
+// File_CopyFromFdToFd, of no more than *left bytes.
+bool CopyWithin(FileIODescriptor *srcFd, FileIODescriptor *dstFd, uint64_t *left) {
   char buffer[kBufferSize];
   for (;;) {
     size_t size = 0;
     const FileIOResult got = FileIO_Read(srcFd, buffer, sizeof buffer, &size);
     if (got != FILEIO_SUCCESS && got != FILEIO_READ_ERROR_EOF) return TellReadError();
-    const FileIOResult put = FileIO_Write(dstFd, buffer, size, nullptr);
-    if (put != FILEIO_SUCCESS) {
-      const ErrnoKeeper keeper;
-      Msg_Append("@&!*@*@(msg.File.CopyFromFdToFd.write.failure)Write error: %s.\n\n",
-                 FileIO_MsgError(put));
-      return false;
-    }
+    const FileIOResult put = WriteWithin(dstFd, buffer, size, left);
+    if (put != FILEIO_SUCCESS) return TellWriteError(put);
     if (got == FILEIO_READ_ERROR_EOF) return true;
   }
 }
 
-namespace {
-
+// `flags` are for opening the destination.
 bool CopyToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting,
-                uint32_t flags) {
+                uint32_t flags, uint64_t *left) {
   if (!CanBeCopied(*srcFd, dstName)) return false;
   FileIODescriptor dstFd;
   const FileIOResult opened =
@@ -87,7 +99,7 @@ bool CopyToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExis
                   overwriteExisting ? FILEIO_OPEN_CREATE_EMPTY : FILEIO_OPEN_CREATE_SAFE);
   if (opened != FILEIO_SUCCESS) return TellCreateError(dstName, opened);
 
-  bool ok = File_CopyFromFdToFd(srcFd, &dstFd);
+  bool ok = CopyWithin(srcFd, &dstFd, left);
   ErrnoKeeper cause;
   if (FileIO_Close(&dstFd) != FILEIO_SUCCESS) {
     const ErrnoKeeper keeper;
@@ -109,10 +121,9 @@ bool TellOpenError(const char *srcName, FileIOResult result) {
   return false;
 }
 
-// `flags` are for opening the destination.
 bool CopyAndClose(FileIODescriptor *srcFd, const char *srcName, const char *dstName,
-                  bool overwriteExisting, uint32_t flags) {
-  const bool copied = CopyToName(srcFd, dstName, overwriteExisting, flags);
+                  bool overwriteExisting, uint32_t flags, uint64_t *left) {
+  const bool copied = CopyToName(srcFd, dstName, overwriteExisting, flags, left);
   ErrnoKeeper cause;
   if (FileIO_Close(srcFd) == FILEIO_SUCCESS) return copied;
   const ErrnoKeeper keeper;
@@ -122,9 +133,16 @@ bool CopyAndClose(FileIODescriptor *srcFd, const char *srcName, const char *dstN
   return false;
 }
 
-FileIOResult OpenEntry(const FileEntry &entry, int flags, FileIODescriptor *fd) {
+Fd OpenSource(const FileEntry &entry, const FileCopyOptions &options) {
+  if (options.regularOnly) return Platform_OpenRegularOrDirectory(entry.dir, entry.name);
+  const int flags = options.followSymlinks ? 0 : O_NOFOLLOW | O_NONBLOCK;
+  return Fd(openat(entry.dir, entry.name, O_RDONLY | O_CLOEXEC | flags));
+}
+
+FileIOResult OpenEntry(const FileEntry &entry, const FileCopyOptions &options,
+                       FileIODescriptor *fd) {
   FileIO_Invalidate(fd);
-  fd->posix = openat(entry.dir, entry.name, O_RDONLY | O_CLOEXEC | flags);
+  fd->posix = OpenSource(entry, options).Release();
   if (!FileIO_IsValid(fd)) return FileIOReport("FILE:open error on %s: %s\n", entry.path);
   fd->flags = FILEIO_ACCESS_READ;
   return FILEIO_SUCCESS;
@@ -132,22 +150,29 @@ FileIOResult OpenEntry(const FileEntry &entry, int flags, FileIODescriptor *fd) 
 
 }  // namespace
 
+bool File_CopyFromFdToFd(FileIODescriptor *srcFd, FileIODescriptor *dstFd) {
+  uint64_t left = UINT64_MAX;
+  return CopyWithin(srcFd, dstFd, &left);
+}
+
 bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting) {
-  return CopyToName(srcFd, dstName, overwriteExisting, 0);
+  uint64_t left = UINT64_MAX;
+  return CopyToName(srcFd, dstName, overwriteExisting, 0, &left);
 }
 
 bool File_Copy(const char *srcName, const char *dstName, bool overwriteExisting) {
   FileIODescriptor srcFd;
   const FileIOResult opened = FileIO_Open(&srcFd, srcName, FILEIO_ACCESS_READ, FILEIO_OPEN);
   if (opened != FILEIO_SUCCESS) return TellOpenError(srcName, opened);
-  return CopyAndClose(&srcFd, srcName, dstName, overwriteExisting, 0);
+  uint64_t left = UINT64_MAX;
+  return CopyAndClose(&srcFd, srcName, dstName, overwriteExisting, 0, &left);
 }
 
-bool FileCopyEntry(const FileEntry &src, const char *dstName, bool overwriteExisting,
-                   bool followSymlinks) {
+bool FileCopyEntry(const FileEntry &src, const char *dstName, const FileCopyOptions &options) {
   FileIODescriptor srcFd;
-  const FileIOResult opened = OpenEntry(src, followSymlinks ? 0 : O_NOFOLLOW | O_NONBLOCK, &srcFd);
+  const FileIOResult opened = OpenEntry(src, options, &srcFd);
   if (opened != FILEIO_SUCCESS) return TellOpenError(src.path, opened);
-  return CopyAndClose(&srcFd, src.path, dstName, overwriteExisting,
-                      followSymlinks ? 0U : FILEIO_FLAG_NOFOLLOW | FILEIO_FLAG_NONBLOCK);
+  return CopyAndClose(&srcFd, src.path, dstName, options.overwriteExisting,
+                      options.followSymlinks ? 0U : FILEIO_FLAG_NOFOLLOW | FILEIO_FLAG_NONBLOCK,
+                      &options.left->bytes);
 }

@@ -8,7 +8,8 @@
 //         2. Nor is anything written through a link that the copy meets, even if the listing has a
 //            name twice: once for a link, which is made, and once for what would go through it.
 //            The destination is looked up by path, though: nobody else may change it meanwhile.
-//         3. Without followSymlinks nothing waits for the other end of a FIFO.
+//         3. Without followSymlinks nothing waits for the other end of a FIFO; with bounds, special
+//         files are not even opened.
 //         4. The depth ends where paths would become too long.  A level keeps a descriptor open, and
 //            in its frame little more than a few paths.
 // Tests:  tests/unit/fileTree_test.cpp
@@ -31,12 +32,7 @@
 
 namespace {
 
-struct CopyOptions {
-  bool overwriteExisting;
-  bool followSymlinks;
-};
-
-bool FileCopyTreeWorker(int dir, const char *src, const char *dst, CopyOptions options);
+bool FileCopyTreeWorker(int dir, const char *src, const char *dst, const FileCopyOptions &options);
 
 // fstatat(2), but for the limit of the depth.
 int StatEntry(const FileEntry &entry, bool followSymlinks, struct stat *status) {
@@ -82,9 +78,8 @@ bool TellWalkError(const char *src) {
   return false;
 }
 
-bool CopyContent(const FileEntry &src, const char *dst, CopyOptions options) {
-  return FileCopyEntry(src, dst, options.overwriteExisting, options.followSymlinks) ||
-         TellCopyError(src.path, dst);
+bool CopyContent(const FileEntry &src, const char *dst, const FileCopyOptions &options) {
+  return FileCopyEntry(src, dst, options) || TellCopyError(src.path, dst);
 }
 
 // Whether nothing, or no link, is at `path`; if not, errno says why.
@@ -96,14 +91,14 @@ bool RequireNoLink(const char *path) {
   return false;
 }
 
-bool CopyDirectory(const FileEntry &src, const char *dst, CopyOptions options) {
+bool CopyDirectory(const FileEntry &src, const char *dst, const FileCopyOptions &options) {
   if (!options.followSymlinks && !RequireNoLink(dst)) return TellCopyError(src.path, dst);
   const int flags = options.followSymlinks ? 0 : O_NOFOLLOW;
   const Fd dir(openat(src.dir, src.name, kFileOpenDirectory | flags));
   return dir ? FileCopyTreeWorker(dir.Get(), src.path, dst, options) : TellWalkError(src.path);
 }
 
-bool CopyEntry(const FileEntry &src, const char *dst, CopyOptions options) {
+bool CopyEntry(const FileEntry &src, const char *dst, const FileCopyOptions &options) {
   const mode_t type = TypeOf(src, options.followSymlinks);
   if (type == 0) return false;
   if (S_ISLNK(type)) return CopyLink(src, dst);
@@ -117,9 +112,10 @@ void MakeDestination(const char *dst) {
 }
 
 // Copies what is in the source, which is open as `dir`.
-bool FileCopyTreeWorker(int dir, const char *src, const char *dst, CopyOptions options) {
+bool FileCopyTreeWorker(int dir, const char *src, const char *dst, const FileCopyOptions &options) {
   FileNames names;
-  if (!names.ListAt(dir, src)) return TellWalkError(src);
+  if (!names.ListAt(dir, src, options.left->entries)) return TellWalkError(src);
+  options.left->entries -= static_cast<uint64_t>(names.Count());
   MakeDestination(dst);
   for (const char *const name : names) {
     const HeapStr from(File_PathJoin(src, name));
@@ -127,6 +123,15 @@ bool FileCopyTreeWorker(int dir, const char *src, const char *dst, CopyOptions o
     if (!CopyEntry({dir, name, from.get()}, to.get(), options)) return false;
   }
   return true;
+}
+
+bool RequireDestination(const char *dstName) {
+  if (FileRequireDirectory(dstName) == 0) return true;
+  const ErrnoKeeper keeper;
+  Msg_Append(
+      "@&!*@*@(msg.File.CopyTree.dest.notDirectory)Destination path '%s' is not a directory.",
+      dstName);
+  return false;
 }
 
 }  // namespace
@@ -139,16 +144,22 @@ bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExist
                srcName);
     return false;
   }
-  if (FileRequireDirectory(dstName) != 0) {
-    const ErrnoKeeper keeper;
-    Msg_Append(
-        "@&!*@*@(msg.File.CopyTree.dest.notDirectory)Destination path '%s' is not a directory.",
-        dstName);
-    return false;
-  }
+  if (!RequireDestination(dstName)) return false;
   const Fd top(open(srcName, kFileOpenDirectory));
   if (!top) return TellWalkError(srcName);
-  return FileCopyTreeWorker(
-      top.Get(), srcName, dstName,
-      {.overwriteExisting = overwriteExisting, .followSymlinks = followSymlinks});
+  FileCopyBounds none = {UINT64_MAX, UINT64_MAX};
+  return FileCopyTreeWorker(top.Get(), srcName, dstName,
+                            {.overwriteExisting = overwriteExisting,
+                             .followSymlinks = followSymlinks,
+                             .regularOnly = false,
+                             .left = &none});
+}
+
+bool File_CopyOpenTree(int srcDir, const char *srcName, const char *dstName,
+                       FileCopyBounds bounds) {
+  return RequireDestination(dstName) && FileCopyTreeWorker(srcDir, srcName, dstName,
+                                                           {.overwriteExisting = false,
+                                                            .followSymlinks = false,
+                                                            .regularOnly = true,
+                                                            .left = &bounds});
 }

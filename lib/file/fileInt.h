@@ -60,10 +60,16 @@ struct FileEntry {
   const char *path;
 };
 
+struct FileCopyOptions {
+  bool overwriteExisting;
+  bool followSymlinks;
+  bool regularOnly;      // nothing but regular files is opened: ENOTSUP, or ELOOP for a link
+  FileCopyBounds *left;  // what may still be copied; EFBIG beyond
+};
+
 // As File_Copy, of a file that is given as an entry.  Unless followSymlinks, neither file is opened
 // through a link of its own, and no FIFO is waited for.
-bool FileCopyEntry(const FileEntry &src, const char *dstName, bool overwriteExisting,
-                   bool followSymlinks);
+bool FileCopyEntry(const FileEntry &src, const char *dstName, const FileCopyOptions &options);
 
 // Removes what is below the directory `path` and, unless contentOnly, the directory; see
 // File_DeleteDirectoryTree.
@@ -85,9 +91,10 @@ class FileNames {
   ~FileNames() { Clear(); }
 
   // False, and no names, with the errno of what failed.  Of the second form `dir` is the open
-  // directory, which stays open, and `path` what log records call it.
+  // directory, which stays open, and `path` what log records call it; EFBIG for more names than
+  // `limit`.
   [[nodiscard]] bool List(const char *path);
-  [[nodiscard]] bool ListAt(int dir, const char *path);
+  [[nodiscard]] bool ListAt(int dir, const char *path, uint64_t limit = UINT64_MAX);
   void Clear() noexcept;
 
   int Count() const noexcept { return count_; }

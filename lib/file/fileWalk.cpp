@@ -86,11 +86,14 @@ const char *TextOfName(const char *path, const char *name) {
 
 // What is left of the walk, in the table's order.  The number of names, or -1 with errno set; then
 // *names is left alone.
-int ListRest(WalkDirContext *context, char ***names) {
+int ListRest(WalkDirContext *context, char ***names, uint64_t limit) {
+  uint64_t count = 0;
   while (File_WalkDirectoryNext(context, nullptr)) {
+    if (++count <= limit) continue;
+    errno = EFBIG;
+    return -1;
   }
   if (errno != 0) return -1;
-  const size_t count = HashTable_GetNumElements(context->names.get());
   if (names == nullptr) return static_cast<int>(count);
   *names = nullptr;
   if (count == 0) return 0;
@@ -107,8 +110,8 @@ int ListRest(WalkDirContext *context, char ***names) {
   return static_cast<int>(count);
 }
 
-int ListAll(Walk walk, char ***names) {
-  return walk == nullptr ? -1 : ListRest(walk.get(), names);
+int ListAll(Walk walk, char ***names, uint64_t limit = UINT64_MAX) {
+  return walk == nullptr ? -1 : ListRest(walk.get(), names, limit);
 }
 
 }  // namespace
@@ -150,9 +153,9 @@ bool FileNames::List(const char *path) {
   return false;
 }
 
-bool FileNames::ListAt(int dir, const char *path) {
+bool FileNames::ListAt(int dir, const char *path, uint64_t limit) {
   Clear();
-  count_ = ListAll(Walk(StartWalk(path, OpenStream(dir))), &names_);
+  count_ = ListAll(Walk(StartWalk(path, OpenStream(dir))), &names_, limit);
   if (count_ >= 0) return true;
   count_ = 0;
   return false;

@@ -166,6 +166,19 @@ void File_GetPathName(const char *path, char **pathName, char **base);
 [[nodiscard]] bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
                                  bool followSymlinks);
 
+// How much a copy may take: bytes of all files together; names below the top.
+struct FileCopyBounds {
+  uint64_t bytes;
+  uint64_t entries;
+};
+
+// File_CopyTree without either flag, for a source that somebody else may change meanwhile: copies what
+// is in the directory that is open as srcDir, at its beginning, and stays so; messages call it
+// srcName.  EFBIG when there is more than the bounds allow; no more than that is written.  Below the
+// source only regular files and directories are ever opened: a FIFO, socket or device is ENOTSUP.
+[[nodiscard]] bool File_CopyOpenTree(int srcDir, const char *srcName, const char *dstName,
+                                     FileCopyBounds bounds);
+
 // rename(2), or else a copy of the file over newName and the removal of oldName, with what that
 // links to.  *asRename, if asRename is not null, tells whether it was a rename.  A removal that fails
 // is no failure.

@@ -1,5 +1,6 @@
 // fileTree_test.cpp -- trees copied, moved, removed and added up, against cp, diff and find.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <sys/resource.h>
@@ -169,6 +170,10 @@ bool CopyTree(const std::string &from, const std::string &to) {
 bool CopyFollowing(const std::string &from, const std::string &to) {
   return File_CopyTree(from.c_str(), to.c_str(), true, true);
 }
+bool CopyBounded(const std::string &from, const std::string &to) {
+  const Fd dir(open(from.c_str(), O_RDONLY | O_DIRECTORY));
+  return File_CopyOpenTree(dir.Get(), from.c_str(), to.c_str(), {.bytes = 3, .entries = 4});
+}
 bool CopyX(const std::string &from, const std::string &to) {
   return File_Copy((from + "/x").c_str(), (to + "/x").c_str(), true);
 }
@@ -201,6 +206,13 @@ constexpr Row kRows[] = {
     {">$F/x; ln -s ../out $T/x", CopyTree, "ELOOP", "test ! -e $T/../out"},
     {"mkdir $F/x $T/../out; >$F/x/y; ln -s ../out $T/x", CopyTree, "ELOOP",
      "test ! -e $T/../out/y"},
+    // What is allowed, and a little more of each.
+    {"mkdir $F/d; printf abc >$F/d/x; ln -s x $F/d/y; >$F/z", CopyBounded, "ok",
+     "diff -r --no-dereference $F $T"},
+    {"printf ab >$F/x; printf cd >$F/y", CopyBounded, "EFBIG", "test $(cat $T/* | wc -c) = 2"},
+    {"mkdir $F/d; touch $F/d/1 $F/d/2 $F/d/3 $F/d/4", CopyBounded, "EFBIG", "test ! -e $T/d/1"},
+    {"mkfifo $F/x", CopyBounded, "EOPNOTSUPP", "test ! -e $T/x"},
+    {">$F/x; echo old >$T/x", CopyBounded, "EEXIST", "grep -q old $T/x"},
     {">$F/x; echo old >$T/x", CopyNewX, "EEXIST", "grep -q old $T/x"},
     {"mkdir $F/x; echo old >$T/x", CopyX, "EISDIR", "grep -q old $T/x"},
     {"echo 1 >$F/x; ln $F/x $T/x", CopyX, "EEXIST", "grep -q 1 $F/x"},
