@@ -1,13 +1,15 @@
 // staging.cpp -- the root-owned copies that the daemon runs from.
 //
-// Idea:   whoever owns the bundle's folders can exchange what lies in them at any moment, so nothing
-//         is run from there.  Each item is checked, copied to where only root can write, and the
-//         copy is checked again: that second check is the one that counts, since nobody can change
-//         what it has looked at.  The first one keeps unsigned files from being copied at all.
+// Idea:   the owner of the bundle's folders can exchange what lies in them at any moment, so nothing
+//         is run from there.  Each item is opened once, checked, copied to where only root can
+//         write, and the copy is checked again: that second check is the one that counts, since
+//         nobody can change what it has looked at.  The first one keeps unsigned files from being
+//         copied at all.
 // Holds:  1. Nobody but root gets into the tree before all of it is there (Gate): while it is
 //            copied, a file has its source's owner and mode for a moment.
-//         2. The owner of a source is also asked of the open file, not only of its name: what was
-//            found under the name may have been exchanged since.
+//         2. What is copied is what was opened, checked and, where it matters, found to be root's,
+//            whatever has its name by then.  It can still be written to by its owner: no more of it
+//            is copied than was checked, and of a failed copy nothing is kept but the name.
 //         3. Root only inside ServiceImplWithPrivileges.
 // More:   docs/staging.md
 
@@ -28,6 +30,7 @@
 #include "opener/serviceImpl.h"
 #include "opener/startup.h"
 #include "platform/files.h"
+#include "scopeGuard.h"
 #include "str.h"
 
 namespace {
@@ -63,10 +66,32 @@ bool SetGate(const char *services, mode_t mode) {
   return false;
 }
 
+// Whether the folder, and no link to one, is root's and nobody else may write to it.
+bool RequireRootsFolder(const char *path) {
+  const Fd folder(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat info;
+  if (!folder || fstat(folder.Get(), &info) != 0) {
+    Warning("%s: Cannot look at folder %s, errno %d.\n", "constructWorkingDir", path, errno);
+    return false;
+  }
+  if (info.st_uid == 0 && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0) return true;
+  Warning("%s: Folder %s is not root's alone.\n", "constructWorkingDir", path);
+  return false;
+}
+
+// The product's own folders; those above them are the system's.
+bool MakeInstallRoot() {
+  const char *const root = Location_GetInstallRoot();
+  char *parent;
+  File_GetPathName(root, &parent, nullptr);
+  const HeapStr owner(parent);
+  return RequireRootsFolder(parent) && File_CreateDirectoryIfAbsent(root, kDirMode) &&
+         RequireRootsFolder(root);
+}
+
 bool MakeFolders(const char *services) {
-  if (!File_CreateDirectoryIfAbsent(Location_GetInstallRoot(), kDirMode) ||
-      !File_DeleteDirectoryTree(services) || !File_CreateDirectoryIfAbsent(services, kDirMode) ||
-      !SetGate(services, S_IRWXU)) {
+  if (!MakeInstallRoot() || !File_DeleteDirectoryTree(services) ||
+      !File_CreateDirectoryIfAbsent(services, kDirMode) || !SetGate(services, S_IRWXU)) {
     return false;
   }
   HeapStr folder = Heap_SafeStrdup(services);
@@ -80,49 +105,77 @@ bool MakeFolders(const char *services) {
 
 // ---- the copies -------------------------------------------------------------------------------
 
-// Without waiting for the other end of a FIFO that somebody has put there.
-Fd OpenSource(const char *src, SourceOwner owner) {
-  Fd file(open(src, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+// What is copied: open, and by the name that it had when it was opened.
+struct Source {
+  const char *path;
+  int fd;
+};
+
+bool IsRoots(int fd) {
   struct stat info;
-  if (!file || fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return Fd();
-  if (owner == SourceOwner::kRoot && (info.st_uid != 0 || info.st_gid != 0)) return Fd();
-  return file;
+  return fstat(fd, &info) == 0 && info.st_uid == 0 && info.st_gid == 0;
 }
 
-// 0, or 1 on failure.  The copy has the source's data and metadata, but root for its owner, the mode
-// `mode`, and no access list, which could let somebody write all the same.
-int CopyFileAsRoot(const char *src, const char *dst, mode_t mode, SourceOwner owner) {
-  const Fd from = OpenSource(src, owner);
-  if (!from) return 1;
+bool IsFolder(int fd) {
+  struct stat info;
+  return fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// The copy has the source's data and metadata, but root for its owner, the mode `mode`, and no
+// access list, which could let somebody write all the same.
+bool CopyFileAsRoot(int from, const char *dst, mode_t mode, uint64_t limit) {
   // The mode is set below.
-  const Fd to(open(dst, O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (!to || !Platform_CopyFileWithMetadata(from.Get(), to.Get(), UINT64_MAX)) return 1;
-  const bool roots = Platform_RemoveAccessList(to.Get()) && fchown(to.Get(), 0, 0) == 0 &&
-                     fchmod(to.Get(), mode) == 0;
-  return roots ? 0 : 1;
+  const Fd to(open(dst, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  return to && Platform_CopyFileWithMetadata(from, to.Get(), limit) &&
+         Platform_RemoveAccessList(to.Get()) && fchown(to.Get(), 0, 0) == 0 &&
+         fchmod(to.Get(), mode) == 0;
 }
 
-bool CopyItem(const Item &item, const char *src, const char *dst) {
-  if (!File_IsDirectory(src)) return CopyFileAsRoot(src, dst, item.mode, item.owner) == 0;
-  return File_CreateDirectoryIfAbsent(dst, kDirMode) && File_CopyTree(src, dst, true, false);
+bool CopyItem(const Source &src, const char *dst, mode_t mode, const PlatformSignedExtent &extent) {
+  if (!IsFolder(src.fd)) return CopyFileAsRoot(src.fd, dst, mode, extent.bytes);
+  return File_CreateDirectoryIfAbsent(dst, kDirMode) &&
+         File_CopyOpenTree(src.fd, src.path, dst, {extent.bytes, extent.entries});
 }
 
-char *IdentifierOf(const Item &item, const char *src) {
-  if (strcmp(item.identifier, kOwnIdentifier) == 0) return GetBundleIdentifier(src);
-  return Heap_SafeStrdup(item.identifier).release();
+// Leaves the name of a copy that failed, and nothing of its content.
+void EmptyCopy(const char *dst) {
+  if (File_IsDirectory(dst)) {
+    File_DeleteDirectoryContent(dst);
+  } else if (File_UnlinkNoFollow(dst) == 0) {
+    const Fd made(open(dst, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  }
+}
+
+// ---- the items --------------------------------------------------------------------------------
+
+bool StageSource(const Item &item, const Source &src, const char *dst) {
+  HeapStr own;
+  const char *identifier = item.identifier;
+  if (strcmp(identifier, kOwnIdentifier) == 0) {
+    own.reset(GetOpenBundleIdentifier(src.path, src.fd));
+    identifier = own.get();
+  }
+  PlatformSignedExtent extent;
+  if (identifier == nullptr || !VerifyOpenCodeSignature(src.path, src.fd, identifier, &extent)) {
+    return false;
+  }
+  if (CopyItem(src, dst, item.mode, extent) && VerifyCodeSignature(dst, identifier)) return true;
+  EmptyCopy(dst);
+  return false;
 }
 
 bool StageItem(const Item &item, const char *services) {
+  const bool mustBeRoots = item.owner == SourceOwner::kRoot;
   const HeapStr src(LocationGetRoot(item.key));
-  if (src == nullptr) return false;
-  if (item.owner == SourceOwner::kRoot && CheckRootOwned(src.get()) != 0) return false;
+  if (src == nullptr || (mustBeRoots && CheckRootOwned(src.get()) != 0)) return false;
   const char *const relative = LocationGetRelative(item.key);
   if (relative == nullptr) return false;
   const HeapStr dst(Str_Asprintf(nullptr, "%s%s", services, relative));
-  const HeapStr identifier(IdentifierOf(item, src.get()));
-  return dst != nullptr && identifier != nullptr &&
-         VerifyCodeSignature(src.get(), identifier.get()) && CopyItem(item, src.get(), dst.get()) &&
-         VerifyCodeSignature(dst.get(), identifier.get());
+  if (dst == nullptr) return false;
+  // Nothing there: the check says so, with its record.
+  const Fd source = Platform_OpenSignedItem(src.get());
+  if (mustBeRoots && source && !IsRoots(source.Get())) return false;
+  return StageSource(item, {src.get(), source.Get()}, dst.get());
 }
 
 bool StageItems(const char *services) {
@@ -139,6 +192,7 @@ bool constructWorkingDir() {
   if (services == nullptr) return false;
   // PRIV: the tree is root's, and stays so.
   return ServiceImplWithPrivileges([&] {
+    const ScopeGuard checks([] { Platform_EndCodeSignatureChecks(); });
     return MakeFolders(services.get()) && StageItems(services.get()) &&
            SetGate(services.get(), kDirMode);
   });

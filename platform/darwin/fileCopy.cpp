@@ -34,10 +34,8 @@ struct AclFreer {
 // Flags that keep everybody, the super-user included, from changing and removing a file.
 constexpr unsigned kLocks = UF_IMMUTABLE | UF_APPEND | SF_IMMUTABLE | SF_APPEND;
 
-// The status of the open file, when it is within the limit; otherwise false with errno set.
-bool StatWithin(int fd, uint64_t limit, struct stat *status) {
-  if (fstat(fd, status) != 0) return false;
-  if (static_cast<uint64_t>(status->st_size) <= limit) return true;
+bool IsWithin(const struct stat &status, uint64_t limit) {
+  if (static_cast<uint64_t>(status.st_size) <= limit) return true;
   errno = EFBIG;
   return false;
 }
@@ -83,7 +81,7 @@ bool Unlock(int fd, const struct stat &status) {
 
 bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit) {
   struct stat status;
-  if (!StatWithin(from, limit, &status)) return false;
+  if (fstat(from, &status) != 0 || !IsWithin(status, limit)) return false;
   Bounds bounds = {limit, false};
   const CopyState state = BoundedCopy(&bounds);
   if (state == nullptr) return false;
@@ -91,7 +89,7 @@ bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit) {
     if (bounds.exceeded) errno = EFBIG;
     return false;
   }
-  return StatWithin(to, limit, &status) && Unlock(to, status);
+  return fstat(to, &status) == 0 && Unlock(to, status) && IsWithin(status, limit);
 }
 
 // An empty list takes the place of the one that is there.
