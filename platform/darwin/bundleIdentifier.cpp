@@ -24,8 +24,11 @@ PlatformBundleIdentifier Platform_BundleIdentifier(const char *path, int item) {
   if (item < 0) return {kBundle, nullptr};
   const CfOwner<CFBundleRef> bundle(CFBundleCreate(nullptr, url.get()));
   if (bundle == nullptr) return {kBundle, nullptr};
-  // It belongs to the bundle.
+  // It belongs to the bundle, whose property list may have anything but a string there.  The look-up
+  // by key would not help: it prefers the value of a localised list, which is yet another file.
   CFStringRef const identifier = CFBundleGetIdentifier(bundle.get());
-  if (identifier == nullptr) return {kIdentifier, nullptr};
+  if (identifier == nullptr || CFGetTypeID(identifier) != CFStringGetTypeID()) {
+    return {kIdentifier, nullptr};
+  }
   return {kNone, ToUtf8(identifier)};
 }

@@ -1,14 +1,21 @@
 // codeSignature.cpp -- code signatures on macOS, by the Security framework.
+//
+// The framework looks items up by their paths.  So the path must lead to the open item when it has
+// finished, and that must not have changed; an item that was exchanged and put back in between goes
+// unnoticed, or one changed below its top.  That is why the copy, where nobody else can do so, is
+// checked again.
 
 #include "platform/codeSignature.h"
 
 #include <Security/Security.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <string_view>
 
 #include "platform/darwin/coreFoundation.h"
+#include "platform/darwin/signedExtent.h"
 #include "platform/files.h"
 
 namespace {
@@ -77,6 +84,23 @@ int Verify(const char *path, int item, const char *identifier) {
   return status == errSecSuccess ? kNone : kInvalid;
 }
 
+bool IsSameFile(const struct stat &one, const struct stat &other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+bool IsUnchanged(const struct stat &before, const struct stat &now) {
+  return before.st_size == now.st_size && before.st_ctimespec.tv_sec == now.st_ctimespec.tv_sec &&
+         before.st_ctimespec.tv_nsec == now.st_ctimespec.tv_nsec;
+}
+
+// Whether `path` leads to the open item, and that is as it was before.
+bool IsStill(const char *path, int item, const struct stat &before) {
+  struct stat named;
+  struct stat now;
+  return lstat(path, &named) == 0 && IsSameFile(named, before) && fstat(item, &now) == 0 &&
+         IsUnchanged(before, now);
+}
+
 }  // namespace
 
 Fd Platform_OpenSignedItem(const char *path) {
@@ -84,8 +108,15 @@ Fd Platform_OpenSignedItem(const char *path) {
 }
 
 PlatformSignature Platform_VerifyCodeSignature(const char *path, int item, const char *identifier) {
-  // The framework does not tell how much it has looked at.
-  return {Verify(path, item, identifier), {UINT64_MAX, UINT64_MAX}, nullptr, 0};
+  struct stat before = {};
+  PlatformSignedExtent extent;
+  if (item >= 0 && (fstat(item, &before) != 0 || !SignedExtentOf(item, &extent))) {
+    return {kInvalid, {}, "its size cannot be told", errno};
+  }
+  int failure = Verify(path, item, identifier);
+  if (failure == kNone && !IsStill(path, item, before)) failure = kInvalid;
+  if (failure != kNone) return {failure, {}, nullptr, 0};
+  return {kNone, extent, nullptr, 0};
 }
 
 void Platform_EndCodeSignatureChecks() {}

@@ -26,13 +26,16 @@ struct FrameworkObject {
   FrameworkObject(const FrameworkObject &) = delete;
   FrameworkObject &operator=(const FrameworkObject &) = delete;
   virtual ~FrameworkObject() { frameworks.liveObjects--; }
+  virtual CFTypeID Type() const { return 1; }
 };
 struct __CFString : FrameworkObject {
   using FrameworkObject::FrameworkObject;
+  CFTypeID Type() const override { return CFStringGetTypeID(); }
 };
 struct __CFURL : FrameworkObject {};
 struct __CFBundle : FrameworkObject {
   __CFString identifier{kFrameworksBundle};
+  FrameworkObject number;
 };
 struct __SecCode : FrameworkObject {};
 struct __SecRequirement : FrameworkObject {};
@@ -63,6 +66,14 @@ void Note(const std::string &call, SecCSFlags flags) {
 
 void CFRelease(CFTypeRef object) {
   delete static_cast<const FrameworkObject *>(object);
+}
+
+CFTypeID CFGetTypeID(CFTypeRef object) {
+  return static_cast<const FrameworkObject *>(object)->Type();
+}
+
+CFTypeID CFStringGetTypeID() {
+  return 7;
 }
 
 CFStringRef CoreFoundation_Constant(const char *text) {
@@ -127,7 +138,9 @@ CFBundleRef CFBundleCreate(CFAllocatorRef, CFURLRef) {
 }
 
 CFStringRef CFBundleGetIdentifier(CFBundleRef bundle) {
-  return CallFails() ? nullptr : &bundle->identifier;
+  if (CallFails()) return nullptr;
+  return frameworks.oddIdentifier ? reinterpret_cast<CFStringRef>(&bundle->number)
+                                  : &bundle->identifier;
 }
 
 // ---- Security ----------------------------------------------------------------------------------
@@ -146,5 +159,6 @@ OSStatus SecRequirementCreateWithString(CFStringRef text, SecCSFlags flags,
 OSStatus SecStaticCodeCheckValidity(SecStaticCodeRef code, SecCSFlags flags,
                                     SecRequirementRef requirement) {
   Note(code != nullptr && requirement != nullptr ? "check" : "check nothing", flags);
+  frameworks.atCheck();
   return CallFails() ? errSecCSReqFailed : errSecSuccess;
 }

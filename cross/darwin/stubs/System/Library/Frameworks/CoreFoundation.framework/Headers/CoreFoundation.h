@@ -15,6 +15,7 @@ extern "C" {
 
 typedef signed long CFIndex;
 typedef const void *CFTypeRef;
+typedef unsigned long CFTypeID;
 
 typedef const struct __CFAllocator *CFAllocatorRef;
 typedef const struct __CFString *CFStringRef;
@@ -27,7 +28,8 @@ enum { kCFNotFound = -1 };
 
 extern const CFAllocatorRef kCFAllocatorDefault; /* null means the same */
 
-void CFRelease(CFTypeRef object); /* not null */
+void CFRelease(CFTypeRef object);      /* not null */
+CFTypeID CFGetTypeID(CFTypeRef object); /* not null */
 
 /* ---- strings ---- */
 
@@ -45,6 +47,7 @@ enum {
 /* A constant object, which need not be released. */
 #define CFSTR(text) ((CFStringRef)__builtin___CFStringMakeConstantString("" text ""))
 
+CFTypeID CFStringGetTypeID(void);
 /* Null for bytes that are invalid in the encoding. */
 CFStringRef CFStringCreateWithCString(CFAllocatorRef allocator, const char *bytes,
                                       CFStringEncoding encoding);
@@ -72,7 +75,7 @@ CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef allocator, CFStringRef pat
                                        CFURLPathStyle style, Boolean isDirectory);
 /* Null when nothing is there. */
 CFBundleRef CFBundleCreate(CFAllocatorRef allocator, CFURLRef url);
-/* Null when the bundle has none. */
+/* Null when the bundle has none; otherwise what its property list has there, of whatever type. */
 CFStringRef CFBundleGetIdentifier(CFBundleRef bundle);
 
 #ifdef __cplusplus

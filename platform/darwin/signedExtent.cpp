@@ -1,0 +1,76 @@
+// signedExtent.cpp -- counting what a file or a bundle has.
+
+#include "platform/darwin/signedExtent.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <memory>
+#include <string_view>
+
+namespace {
+
+constexpr uint64_t kMaxEntries = 100'000;
+constexpr int kMaxDepth = 32;  // directories one in the other, each with two descriptors
+constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+struct DirCloser {
+  void operator()(DIR *stream) const noexcept {
+    const ErrnoKeeper keeper;
+    closedir(stream);
+  }
+};
+using DirStream = std::unique_ptr<DIR, DirCloser>;
+
+bool CountBelow(int dir, int depth, PlatformSignedExtent *extent);
+
+// With an offset of its own.
+DirStream OpenStream(int dir) {
+  Fd again(openat(dir, ".", kDirectory));
+  DirStream stream(again ? fdopendir(again.Get()) : nullptr);
+  // The stream owns the descriptor now.
+  if (stream != nullptr) static_cast<void>(again.Release());
+  return stream;
+}
+
+bool CountEntry(int dir, const char *name, int depth, PlatformSignedExtent *extent) {
+  struct stat info;
+  if (++extent->entries > kMaxEntries) {
+    errno = EFBIG;
+    return false;
+  }
+  if (fstatat(dir, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (S_ISREG(info.st_mode)) extent->bytes += static_cast<uint64_t>(info.st_size);
+  if (!S_ISDIR(info.st_mode)) return true;
+  const Fd below(openat(dir, name, kDirectory));
+  return below && CountBelow(below.Get(), depth + 1, extent);
+}
+
+bool CountBelow(int dir, int depth, PlatformSignedExtent *extent) {
+  if (depth > kMaxDepth) {
+    errno = ELOOP;
+    return false;
+  }
+  const DirStream stream = OpenStream(dir);
+  if (stream == nullptr) return false;
+  for (;;) {
+    errno = 0;
+    const dirent *const entry = readdir(stream.get());
+    if (entry == nullptr) return errno == 0;
+    const std::string_view name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    if (!CountEntry(dir, entry->d_name, depth, extent)) return false;
+  }
+}
+
+}  // namespace
+
+bool SignedExtentOf(int item, PlatformSignedExtent *extent) {
+  struct stat info;
+  if (fstat(item, &info) != 0) return false;
+  *extent = {};
+  if (S_ISDIR(info.st_mode)) return CountBelow(item, 1, extent);
+  extent->bytes = static_cast<uint64_t>(info.st_size);
+  return true;
+}
