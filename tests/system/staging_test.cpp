@@ -1,14 +1,18 @@
-// staging_test.cpp -- what the opener puts where only root can write, and what it refuses; with
-// somebody who owns the bundle's folders and exchanges what lies in them; with system calls that
-// fail.  LUMEN_ROUNDS makes the chances more, and the faults all there are.
+// staging_test.cpp -- what the opener puts where only root can write, and what it refuses; with an
+// owner of the bundle's folders who changes what lies in them, right between check and copy or at any
+// moment; with system calls that fail.  LUMEN_ROUNDS makes the chances more, and the faults all there
+// are.
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <filesystem>
@@ -126,6 +130,20 @@ TEST_F(Staging, TheTreeIsTheSameWhateverItsSourcesAre) {
   ExpectStaged();
 }
 
+// Tells whether a file is opened or read.
+class Watch {
+  Fd events_{inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
+
+ public:
+  void Add(const std::string &path, uint32_t what) {
+    EXPECT_LE(0, inotify_add_watch(events_.Get(), path.c_str(), what)) << path;
+  }
+  bool Seen() const {
+    alignas(inotify_event) char buffer[sizeof(inotify_event) + NAME_MAX + 1];
+    return read(events_.Get(), buffer, sizeof buffer) > 0;
+  }
+};
+
 // ---- what is refused ----------------------------------------------------------------------------
 
 struct Refusal {
@@ -135,8 +153,12 @@ struct Refusal {
 };
 
 std::string NotSigned(const std::string &path, int code = 7) {
-  return "PrivilegedHelper: Failed to verify the code signature of " + kBundleLibrary + path +
-         " due to " + std::to_string(code);
+  return "PrivilegedHelper: Failed to verify the code signature of " + path + " due to " +
+         std::to_string(code);
+}
+
+std::string SourceNotSigned(const std::string &name, int code = 7) {
+  return NotSigned(kBundleLibrary + "/" + name, code);
 }
 
 std::string NoAnchors(int error) {
@@ -150,6 +172,17 @@ std::string NoIdentifier(int code) {
          " due to (" + std::to_string(code) + ").\n";
 }
 
+std::string NotRootsAlone(const std::string &folder) {
+  return "Warning: constructWorkingDir: Folder " + folder + " is not root's alone.\n";
+}
+
+std::string NoFolder(const std::string &folder, int error) {
+  return "Warning: constructWorkingDir: Cannot look at folder " + folder + ", errno " +
+         std::to_string(error) + ".\n";
+}
+
+const std::string kParent = fs::path(kInstallRoot).parent_path();
+
 // How signatures are judged is tested in seal_test.cpp.
 const Refusal kRefusals[] = {
     {"chgrp 20 \"$daemon\"", "", true},
@@ -159,25 +192,38 @@ const Refusal kRefusals[] = {
      "", true},
     // A link of the user's to a file of root's, which cannot carry a signature.
     {"mv \"$daemon\" /Library/root; ln -s /Library/root \"$daemon\"; chown -h 12345 \"$daemon\"",
-     NotSigned("/" + kDaemonName, 3)},
+     SourceNotSigned(kDaemonName, 3)},
     {"printf x | dd of=\"$daemon\" bs=1 seek=5000 conv=notrunc status=none",
-     NotSigned("/" + kDaemonName)},
-    {"sign services \"$daemon\"", NotSigned("/" + kDaemonName)},
+     SourceNotSigned(kDaemonName)},
+    {"sign services \"$daemon\"", SourceNotSigned(kDaemonName)},
     {"sign zephrin-usbarbitrator zephrin-usbarbitrator wrongName",
-     NotSigned("/zephrin-usbarbitrator")},
-    {"echo more >kexts/zioplug.kext/Contents/MacOS/more", NotSigned("/kexts/zioplug.kext")},
+     SourceNotSigned("zephrin-usbarbitrator")},
+    {"echo more >kexts/zioplug.kext/Contents/MacOS/more", SourceNotSigned("kexts/zioplug.kext")},
     {"rm kexts/zioplug.kext/Contents/Info.plist", NoIdentifier(4)},
     {"rm -r kexts/zioplug.kext", NoIdentifier(3)},
     {"chown 12345 services.sh", ""},
+    {"mv services.sh /Library/own; chown 12345 /Library/own; ln -s /Library/own services.sh", ""},
     {"chgrp 20 zephrin-usbarbitrator", ""},
     {"rm services.sh", ""},
-    {"rm productInfo", NotSigned("/productInfo", 3)},
+    {"rm productInfo", SourceNotSigned("productInfo", 3)},
+    {"ln -sf /Library/device productInfo", SourceNotSigned("productInfo", 3)},
+    {"ln -f /Library/device productInfo", SourceNotSigned("productInfo", 3)},
+    {"ln -f /Library/fifo productInfo", SourceNotSigned("productInfo", 3)},
     {"rm -rf \"$root\"; echo a file >\"$root\"", ""},
-    {"rm \"$anchors\"", NoAnchors(ENOENT) + NotSigned("/productInfo")},
-    {"chmod 666 \"$anchors\"", NoAnchors(EPERM) + NotSigned("/productInfo")},
+    {"mkdir -m 775 \"$root\"", NotRootsAlone(kInstallRoot)},
+    {"mkdir \"$root\"; chown 12345 \"$root\"", NotRootsAlone(kInstallRoot)},
+    {"mkdir /Library/real; ln -s /Library/real \"$root\"", NoFolder(kInstallRoot, ENOTDIR)},
+    {"chmod 757 \"${root%/*}\"", NotRootsAlone(kParent)},
+    {"rmdir \"${root%/*}\"", NoFolder(kParent, ENOENT)},
+    {"rm \"$anchors\"", NoAnchors(ENOENT) + SourceNotSigned("productInfo")},
+    {"chmod 666 \"$anchors\"", NoAnchors(EPERM) + SourceNotSigned("productInfo")},
 };
 
 TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
+  Shell("mknod -m 600 /Library/device c 1 3; mkfifo /Library/fifo");
+  Watch forbidden;
+  forbidden.Add("/Library/device", IN_OPEN);
+  forbidden.Add("/Library/fifo", IN_OPEN);
   for (const Refusal &refusal : kRefusals) {
     SCOPED_TRACE(refusal.spoil);
     Reset();
@@ -186,6 +232,7 @@ TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
     EXPECT_EQ(!refusal.early, fs::exists(kLockPath));
     ExpectClosed();
   }
+  EXPECT_FALSE(forbidden.Seen());
   Reset();
   ExpectStart();
 }
@@ -193,6 +240,145 @@ TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
 // ---- somebody who owns the folders --------------------------------------------------------------
 
 const std::string kSecretText = "only root may read this";
+
+// What only root may open, a FIFO, and everything given to the user that may be.
+constexpr char kMakeOwned[] = R"sh(
+  rm -rf /Library/secret* /Library/device
+  mkdir -m 700 /Library/secrets
+  echo only root may read this | tee /Library/secrets/x >/Library/secret
+  chmod 600 /Library/secret
+  mknod -m 600 /Library/device c 1 3
+  mkdir ../own
+  mkfifo ../own/fifo
+  chown -hR 12345:12345 . ../own
+  chown root:root services.sh zephrin-usbarbitrator lumenClient-opener "$daemon"
+  chmod u+s lumenClient-opener
+)sh";
+
+// The children of a process: number and state, as in proc(5).
+std::map<pid_t, char> ChildrenOf(pid_t parent) {
+  std::map<pid_t, char> found;
+  for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
+    const std::string stat = ReadFile(entry.path() / "stat");
+    char state;
+    pid_t itsParent;
+    const size_t end = stat.rfind(')');
+    if (end == stat.npos || sscanf(&stat[end + 1], " %c %d", &state, &itsParent) != 2) continue;
+    if (itsParent == parent) found[std::stoi(entry.path().filename())] = state;
+  }
+  return found;
+}
+
+// What the folders' owner does.
+void AsUser(const std::string &commands) {
+  Process shell({{"/bin/sh", "-ec", "cd '" + kBundleLibrary + "'; " + commands},
+                 kUser,
+                 {"PATH=/usr/bin:/bin"}});
+  EXPECT_EQ(0, shell.Wait()) << commands << shell.Output();
+}
+
+// The opener, stopped, as its owner may do, while it checks the large file `large`; then `commands`
+// are run, the check being over, but nothing copied yet.
+Outcome OutcomeWithAct(const std::string &large, const std::string &commands) {
+  Watch reading;
+  reading.Add(large, IN_ACCESS);
+  Process opener(OpenerLaunch(FileWith("")));
+  EXPECT_TRUE(Eventually([&] { return reading.Seen(); }));
+  opener.Signal(SIGSTOP);
+  EXPECT_TRUE(Eventually([&] {
+    const auto checkers = ChildrenOf(opener.Pid());
+    return ChildrenOf(getpid())[opener.Pid()] == 'T' &&
+           std::ranges::all_of(checkers, [](const auto &child) { return child.second != 'R'; });
+  }));
+  EXPECT_FALSE(fs::exists(kStaged + large.substr(kBundle.size()))) << "stopped too late";
+  AsUser(commands);
+  opener.Signal(SIGCONT);
+  return Finish(&opener);
+}
+
+const std::string kInfo = "/productInfo";
+const std::string kKextProgram = "/kexts/zioplug.kext/Contents/MacOS/zioplug";
+
+enum class Then { kStarts, kSecondCheck, kRefuses };
+
+// `large` is made so, and signed in its item.
+struct Act {
+  const std::string &large;
+  const char *commands;
+  Then then;
+};
+
+const Act kActs[] = {
+    // By the name that was checked lies something else.
+    {kInfo, "mv productInfo ../own; ln -s /Library/secret productInfo", Then::kStarts},
+    {kInfo, "mv productInfo ../own; ln -s /Library/device productInfo", Then::kStarts},
+    {kInfo, "mv -f ../own/fifo productInfo", Then::kStarts},
+    {kKextProgram, "mv kexts/zioplug.kext ../own; ln -s /Library/secrets kexts/zioplug.kext",
+     Then::kStarts},
+    {kKextProgram, "mv kexts/zioplug.kext ../own; ln -s /Library kexts/zioplug.kext",
+     Then::kStarts},
+    // It is still the same, but has other content.
+    {kInfo, "echo >productInfo.new; dd if=productInfo.new of=productInfo conv=notrunc",
+     Then::kSecondCheck},
+    {kInfo, "truncate -s 400M productInfo", Then::kRefuses},
+    {kKextProgram, "echo | dd of=kexts/zioplug.kext/Contents/MacOS/zioplug conv=notrunc",
+     Then::kSecondCheck},
+    {kKextProgram, "truncate -s 400M kexts/zioplug.kext/Contents/Info.plist", Then::kRefuses},
+    {kKextProgram, "cd kexts/zioplug.kext; mkdir more; touch $(seq -f more/%g 1000)",
+     Then::kRefuses},
+    {kKextProgram, "mv -f ../own/fifo kexts/zioplug.kext/Contents/Info.plist", Then::kRefuses},
+    {kKextProgram, "ln -sf /Library/device kexts/zioplug.kext/Contents/Info.plist",
+     Then::kSecondCheck},
+};
+
+// Nothing of the item but its name, which is root's.
+void ExpectEmpty(const std::string &item) {
+  const std::string words = InWords(item);
+  EXPECT_TRUE(words == "folder 755 0" || words == "file 600 0") << words;
+  EXPECT_TRUE(fs::is_empty(item));
+}
+
+TEST_F(Staging, WhatWasCheckedIsWhatIsCopiedAndNoMore) {
+  for (const Act &act : kActs) {
+    SCOPED_TRACE(act.commands);
+    Reset();
+    const bool kext = act.large == kKextProgram;
+    Shell("rm -rf /Library/secret* /Library/device; truncate -s 100M ." + act.large + "\n" +
+          (kext ? "sign com.zephrin.kext.zioplug kexts/zioplug.kext"
+                : "sign productInfo productInfo") +
+          kMakeOwned);
+    Watch forbidden;
+    for (const std::string path : {"/Library/secret", "/Library/secrets", "/Library/device"})
+      forbidden.Add(path, IN_OPEN);
+    forbidden.Add(kBundle + "/Contents/own/fifo", IN_OPEN);
+    const std::string item = kext ? "/kexts/zioplug.kext" : kInfo;
+    const std::string staged = kStaged + "/Contents/Library" + item;
+    const Outcome outcome = OutcomeWithAct(kBundleLibrary + act.large, act.commands);
+    EXPECT_FALSE(forbidden.Seen());
+    if (act.then == Then::kStarts) {
+      EXPECT_EQ(kDelivered, outcome);
+      EXPECT_EQ(uintmax_t{100} << 20, fs::file_size(kStaged + "/Contents/Library" + act.large));
+      EXPECT_EQ(kext ? "folder 755 0" : "file 644 0:0", InWords(staged));
+      continue;
+    }
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_TRUE(act.then == Then::kRefuses || outcome.records == NotSigned(staged)) << outcome;
+    ExpectClosed();
+    ExpectEmpty(staged);
+  }
+}
+
+// A file of root's when its name is asked, and of the user's when it is opened.
+TEST_F(Staging, TheOwnerIsAskedOfTheOpenFile) {
+  Shell(kMakeOwned + std::string("cp -a services.sh ../own; chown 12345 ../own/services.sh"));
+  Process tracer(Traced(
+      {"-P", kBundleLibrary + "/services.sh", "-e", "inject=newfstatat:signal=SIGSTOP:when=1"}));
+  EXPECT_TRUE(Eventually([] { return Count(ReadFile(kTracePath), "stopped by SIGSTOP") > 0; }));
+  AsUser("mv -f ../own/services.sh services.sh");
+  for (const auto &[opener, state] : ChildrenOf(tracer.Pid())) kill(opener, SIGCONT);
+  EXPECT_EQ((Outcome{1, ""}), Finish(&tracer));
+  ExpectClosed();
+}
 
 // What the attackers have done and seen; shared with them.
 struct Attack {
@@ -203,14 +389,9 @@ struct Attack {
 // The items that are exchanged, and what for: false items of the user's, in the same file system.
 const std::vector<std::string> kVictims = {"productInfo", "zephrin-usbarbitrator", kDaemonName,
                                            "kexts/zioplug.kext", "kexts"};
-const char *const kFalse[] = {"folder", "linkToFile", "linkToFolder",
-                              "fifo",   "changed",    "changing"};
+const char *const kFalse[] = {"folder", "linkToFile", "linkToFolder", "fifo", "changed"};
 
 constexpr char kMakeFalseItems[] = R"sh(
-  mkdir -m 700 /Library/secrets
-  echo only root may read this | tee /Library/secrets/x >/Library/secret
-  chmod 600 /Library/secret
-  mkdir ../own
   for victim in productInfo zephrin-usbarbitrator "$daemon" kexts/zioplug.kext kexts; do
     false=../own/${victim#*/}
     mkdir -p "$false/folder"
@@ -218,24 +399,10 @@ constexpr char kMakeFalseItems[] = R"sh(
     ln -s /Library/secrets "$false/linkToFolder"
     mkfifo "$false/fifo" "$false/folder/fifo"
     cp -a "$victim" "$false/changed"
-    cp -a "$victim" "$false/changing"
     if test -d "$victim"; then cp -d "$false"/link* "$false/changed/"; else echo >>"$false/changed"; fi
   done
   chown -hR 12345:12345 ../own
-  chown 12345 . kexts kexts/zioplug.kext
 )sh";
-
-// A file whose content is the right one only now and then, and at the end.
-void Flicker(const std::string &path, unsigned times) {
-  const Fd file(open(path.c_str(), O_RDWR | O_NONBLOCK));
-  char byte = 0;
-  if (!file || pread(file.Get(), &byte, 1, 0) != 1) return;
-  for (unsigned i = 0; i < 2 * times; i++) {
-    byte = static_cast<char>(byte ^ 1);
-    if (pwrite(file.Get(), &byte, 1, 0) != 1) return;
-    usleep(20);
-  }
-}
 
 void Swap(Attack *attack) {
   std::mt19937 random(static_cast<unsigned>(getpid()));
@@ -245,7 +412,6 @@ void Swap(Attack *attack) {
     const std::string in = kBundleLibrary + "/" + victim.native();
     const std::string out = kBundle + "/Contents/own/" + victim.filename().native() + "/" + name;
     if (renameat2(AT_FDCWD, in.c_str(), AT_FDCWD, out.c_str(), RENAME_EXCHANGE) != 0) _exit(1);
-    if (name == "changing") Flicker(in, static_cast<unsigned>(random() % 50));
     usleep(static_cast<useconds_t>(random() % 5'000));
     if (renameat2(AT_FDCWD, in.c_str(), AT_FDCWD, out.c_str(), RENAME_EXCHANGE) != 0) _exit(1);
     attack->exchanges++;
@@ -291,7 +457,7 @@ Tree Witnesses() {
 }
 
 TEST_F(Staging, WhoeverOwnsTheFoldersGetsNothingIn) {
-  Shell(kMakeFalseItems);
+  Shell(std::string(kMakeOwned) + kMakeFalseItems);
   ExpectStart();
   StopServices();
   const Tree before = Witnesses();
@@ -300,7 +466,7 @@ TEST_F(Staging, WhoeverOwnsTheFoldersGetsNothingIn) {
   ASSERT_NE(MAP_FAILED, memory);
   auto *const attack = new (memory) Attack();
   const pid_t attackers[] = {ForkAsUser(Swap, attack), ForkAsUser(Pry, attack)};
-  const int rounds = 12 * Rounds();
+  const int rounds = 6 * Rounds();
   int started = 0;
   for (int round = 0; round < rounds; round++) {
     const int status = OutcomeOf(OpenerLaunch(FileWith(""))).status;
