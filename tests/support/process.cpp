@@ -5,6 +5,8 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <limits.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -118,4 +120,30 @@ Fd FileWith(const std::string &content) {
 
 std::string ContentOf(const Fd &fd) {
   return ReadFile("/proc/self/fd/" + std::to_string(fd.Get()));
+}
+
+std::map<pid_t, char> ChildrenOf(pid_t parent) {
+  std::map<pid_t, char> found;
+  for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string stat = ReadFile(entry.path() / "stat");
+    char state;
+    pid_t itsParent;
+    const size_t end = stat.rfind(')');
+    if (end == stat.npos || sscanf(&stat[end + 1], " %c %d", &state, &itsParent) != 2) continue;
+    if (itsParent == parent) found[std::stoi(entry.path().filename())] = state;
+  }
+  return found;
+}
+
+Watch::Watch() : events_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+  Check(static_cast<bool>(events_), "inotify_init1");
+}
+
+void Watch::Add(const std::string &path, uint32_t what) {
+  Check(inotify_add_watch(events_.Get(), path.c_str(), what) >= 0, path.c_str());
+}
+
+bool Watch::Seen() const {
+  alignas(inotify_event) char buffer[sizeof(inotify_event) + NAME_MAX + 1];
+  return read(events_.Get(), buffer, sizeof buffer) > 0;
 }

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -66,3 +67,17 @@ Fd FileWith(const std::string &content);
 
 // What is in the file that is open as `fd`, from its first byte.
 std::string ContentOf(const Fd &fd);
+
+// The children of a process: their numbers and states, as in proc(5).
+std::map<pid_t, char> ChildrenOf(pid_t parent);
+
+// Tells whether something happens to files or folders: IN_ACCESS, IN_OPEN and the like.
+class Watch {
+  Fd events_;
+
+ public:
+  Watch();
+  void Add(const std::string &path, uint32_t what);
+  // Whether anything has happened; it is told once.
+  bool Seen() const;
+};

@@ -54,6 +54,13 @@ void Shell(const std::string &commands) {
   EXPECT_EQ(0, system((kPrelude + commands).c_str())) << commands;
 }
 
+void ShellAsUser(const std::string &commands) {
+  Process shell({{"/bin/sh", "-ec", "cd '" + kBundleLibrary + "'; " + commands},
+                 kUser,
+                 {"PATH=/usr/bin:/bin"}});
+  EXPECT_EQ(0, shell.Wait()) << commands << shell.Output();
+}
+
 void InstallBundle() {
   Shell(kInstall);
 }

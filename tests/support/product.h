@@ -36,6 +36,9 @@ inline constexpr uid_t kUser = 12345;
 //   $daemon, $root, $anchors        kDaemonName; the install root; the file of trusted anchors
 void Shell(const std::string &commands);
 
+// Runs them as the user, with nothing to use but programs.
+void ShellAsUser(const std::string &commands);
+
 // As the installer does: the bundle in its place, as it was made, the folder that the install root is
 // made in, and this machine's trust in the signer.
 void InstallBundle();
@@ -79,6 +82,7 @@ class ProductTest : public testing::Test {
   void SetUp() override;
   void TearDown() override;
 
+ public:
   // As at the beginning of the test, within it.
   static void Reset();
 };

@@ -6,18 +6,15 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/inotify.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <map>
-#include <random>
+#include <optional>
 #include <regex>
 #include <set>
 
@@ -31,6 +28,7 @@ namespace {
 
 // ---- trees --------------------------------------------------------------------------------------
 
+const std::string kStagedLibrary = kStaged + "/Contents/Library";
 const std::string kKext = "/Contents/Library/kexts/zioplug.kext";
 
 // Paths below a root; what is there, in words.  The group is named only where it is root's: folders
@@ -130,20 +128,6 @@ TEST_F(Staging, TheTreeIsTheSameWhateverItsSourcesAre) {
   ExpectStaged();
 }
 
-// Tells whether a file is opened or read.
-class Watch {
-  Fd events_{inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
-
- public:
-  void Add(const std::string &path, uint32_t what) {
-    EXPECT_LE(0, inotify_add_watch(events_.Get(), path.c_str(), what)) << path;
-  }
-  bool Seen() const {
-    alignas(inotify_event) char buffer[sizeof(inotify_event) + NAME_MAX + 1];
-    return read(events_.Get(), buffer, sizeof buffer) > 0;
-  }
-};
-
 // ---- what is refused ----------------------------------------------------------------------------
 
 struct Refusal {
@@ -239,8 +223,6 @@ TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
 
 // ---- somebody who owns the folders --------------------------------------------------------------
 
-const std::string kSecretText = "only root may read this";
-
 // What only root may open, a FIFO, and everything given to the user that may be.
 constexpr char kMakeOwned[] = R"sh(
   rm -rf /Library/secret* /Library/device
@@ -248,40 +230,20 @@ constexpr char kMakeOwned[] = R"sh(
   echo only root may read this | tee /Library/secrets/x >/Library/secret
   chmod 600 /Library/secret
   mknod -m 600 /Library/device c 1 3
-  mkdir ../own
+  mkdir -p ../own/folder
   mkfifo ../own/fifo
+  ln -s /Library/secret ../own/toSecret
+  ln -s /Library/secrets ../own/toSecrets
   chown -hR 12345:12345 . ../own
   chown root:root services.sh zephrin-usbarbitrator lumenClient-opener "$daemon"
   chmod u+s lumenClient-opener
 )sh";
 
-// The children of a process: number and state, as in proc(5).
-std::map<pid_t, char> ChildrenOf(pid_t parent) {
-  std::map<pid_t, char> found;
-  for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
-    const std::string stat = ReadFile(entry.path() / "stat");
-    char state;
-    pid_t itsParent;
-    const size_t end = stat.rfind(')');
-    if (end == stat.npos || sscanf(&stat[end + 1], " %c %d", &state, &itsParent) != 2) continue;
-    if (itsParent == parent) found[std::stoi(entry.path().filename())] = state;
-  }
-  return found;
-}
-
-// What the folders' owner does.
-void AsUser(const std::string &commands) {
-  Process shell({{"/bin/sh", "-ec", "cd '" + kBundleLibrary + "'; " + commands},
-                 kUser,
-                 {"PATH=/usr/bin:/bin"}});
-  EXPECT_EQ(0, shell.Wait()) << commands << shell.Output();
-}
-
 // The opener, stopped, as its owner may do, while it checks the large file `large`; then `commands`
-// are run, the check being over, but nothing copied yet.
-Outcome OutcomeWithAct(const std::string &large, const std::string &commands) {
+// are run, the check being over, but nothing copied yet.  Nothing when it was stopped too late.
+std::optional<Outcome> OutcomeWithAct(const std::string &large, const std::string &commands) {
   Watch reading;
-  reading.Add(large, IN_ACCESS);
+  reading.Add(kBundleLibrary + large, IN_ACCESS);
   Process opener(OpenerLaunch(FileWith("")));
   EXPECT_TRUE(Eventually([&] { return reading.Seen(); }));
   opener.Signal(SIGSTOP);
@@ -290,21 +252,31 @@ Outcome OutcomeWithAct(const std::string &large, const std::string &commands) {
     return ChildrenOf(getpid())[opener.Pid()] == 'T' &&
            std::ranges::all_of(checkers, [](const auto &child) { return child.second != 'R'; });
   }));
-  EXPECT_FALSE(fs::exists(kStaged + large.substr(kBundle.size()))) << "stopped too late";
-  AsUser(commands);
+  EXPECT_EQ("folder 700 0", InWords(kStaged));
+  const bool early = !fs::exists(kStagedLibrary + large);
+  if (early) ShellAsUser(commands);
   opener.Signal(SIGCONT);
-  return Finish(&opener);
+  const Outcome outcome = Finish(&opener);
+  return early ? std::optional(outcome) : std::nullopt;
 }
 
-const std::string kInfo = "/productInfo";
-const std::string kKextProgram = "/kexts/zioplug.kext/Contents/MacOS/zioplug";
+struct Item {
+  const char *path;
+  const char *identifier;
+  const char *large;              // a file in it
+  const char *complete, *failed;  // its copy, in words
+};
+constexpr Item kInfo = {"/productInfo", "productInfo", "/productInfo", "file 644 0:0",
+                        "file 600 0"};
+constexpr Item kKernel = {"/kexts/zioplug.kext", "com.zephrin.kext.zioplug",
+                          "/kexts/zioplug.kext/Contents/MacOS/zioplug", "folder 755 0",
+                          "folder 755 0"};
 
 enum class Then { kStarts, kSecondCheck, kRefuses };
 
-// `large` is made so, and signed in its item.
 struct Act {
-  const std::string &large;
-  const char *commands;
+  const Item &item;
+  const char *commands;  // in the item's folder
   Then then;
 };
 
@@ -313,58 +285,52 @@ const Act kActs[] = {
     {kInfo, "mv productInfo ../own; ln -s /Library/secret productInfo", Then::kStarts},
     {kInfo, "mv productInfo ../own; ln -s /Library/device productInfo", Then::kStarts},
     {kInfo, "mv -f ../own/fifo productInfo", Then::kStarts},
-    {kKextProgram, "mv kexts/zioplug.kext ../own; ln -s /Library/secrets kexts/zioplug.kext",
-     Then::kStarts},
-    {kKextProgram, "mv kexts/zioplug.kext ../own; ln -s /Library kexts/zioplug.kext",
-     Then::kStarts},
+    {kKernel, "mv zioplug.kext ../../own; ln -s /Library/secrets zioplug.kext", Then::kStarts},
+    {kKernel, "mv zioplug.kext ../../own; ln -s /Library zioplug.kext", Then::kStarts},
     // It is still the same, but has other content.
-    {kInfo, "echo >productInfo.new; dd if=productInfo.new of=productInfo conv=notrunc",
-     Then::kSecondCheck},
+    {kInfo, "echo | dd of=productInfo conv=notrunc", Then::kSecondCheck},
     {kInfo, "truncate -s 400M productInfo", Then::kRefuses},
-    {kKextProgram, "echo | dd of=kexts/zioplug.kext/Contents/MacOS/zioplug conv=notrunc",
+    {kKernel, "cd zioplug.kext/Contents; echo | dd of=MacOS/zioplug conv=notrunc",
      Then::kSecondCheck},
-    {kKextProgram, "truncate -s 400M kexts/zioplug.kext/Contents/Info.plist", Then::kRefuses},
-    {kKextProgram, "cd kexts/zioplug.kext; mkdir more; touch $(seq -f more/%g 1000)",
-     Then::kRefuses},
-    {kKextProgram, "mv -f ../own/fifo kexts/zioplug.kext/Contents/Info.plist", Then::kRefuses},
-    {kKextProgram, "ln -sf /Library/device kexts/zioplug.kext/Contents/Info.plist",
-     Then::kSecondCheck},
+    {kKernel, "cd zioplug.kext/Contents; truncate -s 400M Info.plist", Then::kRefuses},
+    {kKernel, "cd zioplug.kext; mkdir more; touch $(seq -f more/%g 1000)", Then::kRefuses},
+    {kKernel, "mv -f ../../own/fifo zioplug.kext/Contents/Info.plist", Then::kRefuses},
+    {kKernel, "ln -sf /Library/device zioplug.kext/Contents/Info.plist", Then::kSecondCheck},
 };
 
-// Nothing of the item but its name, which is root's.
-void ExpectEmpty(const std::string &item) {
-  const std::string words = InWords(item);
-  EXPECT_TRUE(words == "folder 755 0" || words == "file 600 0") << words;
-  EXPECT_TRUE(fs::is_empty(item));
+std::optional<Outcome> TryAct(const Act &act) {
+  ProductTest::Reset();
+  const std::string path = std::string(".") + act.item.path;
+  Shell(std::string("truncate -s 64M .") + act.item.large + "; sign " + act.item.identifier + " " +
+        path + kMakeOwned);
+  Watch forbidden;
+  for (const std::string secret : {"/secret", "/secrets", "/device"})
+    forbidden.Add("/Library" + secret, IN_OPEN);
+  forbidden.Add(kBundle + "/Contents/own/fifo", IN_OPEN);
+  const std::optional<Outcome> outcome = OutcomeWithAct(
+      act.item.large, "cd " + fs::path(path).parent_path().native() + "; " + act.commands);
+  EXPECT_FALSE(forbidden.Seen());
+  return outcome;
 }
 
 TEST_F(Staging, WhatWasCheckedIsWhatIsCopiedAndNoMore) {
   for (const Act &act : kActs) {
     SCOPED_TRACE(act.commands);
-    Reset();
-    const bool kext = act.large == kKextProgram;
-    Shell("rm -rf /Library/secret* /Library/device; truncate -s 100M ." + act.large + "\n" +
-          (kext ? "sign com.zephrin.kext.zioplug kexts/zioplug.kext"
-                : "sign productInfo productInfo") +
-          kMakeOwned);
-    Watch forbidden;
-    for (const std::string path : {"/Library/secret", "/Library/secrets", "/Library/device"})
-      forbidden.Add(path, IN_OPEN);
-    forbidden.Add(kBundle + "/Contents/own/fifo", IN_OPEN);
-    const std::string item = kext ? "/kexts/zioplug.kext" : kInfo;
-    const std::string staged = kStaged + "/Contents/Library" + item;
-    const Outcome outcome = OutcomeWithAct(kBundleLibrary + act.large, act.commands);
-    EXPECT_FALSE(forbidden.Seen());
+    std::optional<Outcome> outcome;
+    while (!outcome) outcome = TryAct(act);
+    const std::string staged = kStagedLibrary + act.item.path;
     if (act.then == Then::kStarts) {
-      EXPECT_EQ(kDelivered, outcome);
-      EXPECT_EQ(uintmax_t{100} << 20, fs::file_size(kStaged + "/Contents/Library" + act.large));
-      EXPECT_EQ(kext ? "folder 755 0" : "file 644 0:0", InWords(staged));
-      continue;
+      EXPECT_EQ(kDelivered, *outcome);
+      EXPECT_EQ(uintmax_t{64} << 20, fs::file_size(kStagedLibrary + act.item.large));
+      EXPECT_EQ(act.item.complete, InWords(staged));
+    } else {
+      EXPECT_EQ(1, outcome->status);
+      EXPECT_TRUE(act.then == Then::kRefuses || outcome->records == NotSigned(staged)) << *outcome;
+      ExpectClosed();
+      // Nothing but its name.
+      EXPECT_EQ(act.item.failed, InWords(staged));
+      EXPECT_TRUE(fs::is_empty(staged));
     }
-    EXPECT_EQ(1, outcome.status);
-    EXPECT_TRUE(act.then == Then::kRefuses || outcome.records == NotSigned(staged)) << outcome;
-    ExpectClosed();
-    ExpectEmpty(staged);
   }
 }
 
@@ -374,77 +340,24 @@ TEST_F(Staging, TheOwnerIsAskedOfTheOpenFile) {
   Process tracer(Traced(
       {"-P", kBundleLibrary + "/services.sh", "-e", "inject=newfstatat:signal=SIGSTOP:when=1"}));
   EXPECT_TRUE(Eventually([] { return Count(ReadFile(kTracePath), "stopped by SIGSTOP") > 0; }));
-  AsUser("mv -f ../own/services.sh services.sh");
+  ShellAsUser("mv -f ../own/services.sh services.sh");
   for (const auto &[opener, state] : ChildrenOf(tracer.Pid())) kill(opener, SIGCONT);
   EXPECT_EQ((Outcome{1, ""}), Finish(&tracer));
   ExpectClosed();
 }
 
-// What the attackers have done and seen; shared with them.
-struct Attack {
-  std::atomic<bool> over;
-  std::atomic<int> exchanges, attempts, written, secrets;
-};
-
-// The items that are exchanged, and what for: false items of the user's, in the same file system.
-const std::vector<std::string> kVictims = {"productInfo", "zephrin-usbarbitrator", kDaemonName,
-                                           "kexts/zioplug.kext", "kexts"};
-const char *const kFalse[] = {"folder", "linkToFile", "linkToFolder", "fifo", "changed"};
-
-constexpr char kMakeFalseItems[] = R"sh(
-  for victim in productInfo zephrin-usbarbitrator "$daemon" kexts/zioplug.kext kexts; do
-    false=../own/${victim#*/}
-    mkdir -p "$false/folder"
-    ln -s /Library/secret "$false/linkToFile"
-    ln -s /Library/secrets "$false/linkToFolder"
-    mkfifo "$false/fifo" "$false/folder/fifo"
-    cp -a "$victim" "$false/changed"
-    if test -d "$victim"; then cp -d "$false"/link* "$false/changed/"; else echo >>"$false/changed"; fi
-  done
-  chown -hR 12345:12345 ../own
+// Two names change places for a moment.
+constexpr char kSwap[] = R"sh(
+  cd '/Applications/Zephrin Lumen Client.app/Contents/Library'
+  names=(productInfo zephrin-usbarbitrator Zephrin* kexts kexts/zioplug.kext ../own/folder
+         ../own/toSecret ../own/toSecrets ../own/fifo)
+  while sleep 0.0$((RANDOM % 10)); do
+    one=${names[RANDOM % 5]} other=${names[RANDOM % 9]}
+    mv -T "$one" ../own/held &&
+      { mv -T "$other" "$one" && sleep 0.00$((RANDOM % 5)) && mv -T "$one" "$other" && echo swapped
+        mv -T ../own/held "$one"; }
+  done 2>/dev/null
 )sh";
-
-void Swap(Attack *attack) {
-  std::mt19937 random(static_cast<unsigned>(getpid()));
-  while (!attack->over) {
-    const fs::path victim = kVictims[random() % kVictims.size()];
-    const std::string name = kFalse[random() % std::size(kFalse)];
-    const std::string in = kBundleLibrary + "/" + victim.native();
-    const std::string out = kBundle + "/Contents/own/" + victim.filename().native() + "/" + name;
-    if (renameat2(AT_FDCWD, in.c_str(), AT_FDCWD, out.c_str(), RENAME_EXCHANGE) != 0) _exit(1);
-    usleep(static_cast<useconds_t>(random() % 5'000));
-    if (renameat2(AT_FDCWD, in.c_str(), AT_FDCWD, out.c_str(), RENAME_EXCHANGE) != 0) _exit(1);
-    attack->exchanges++;
-    usleep(static_cast<useconds_t>(random() % 100'000));
-  }
-}
-
-// Also from a folder that was opened earlier.
-void Pry(Attack *attack) {
-  const Tree tree = StagedTree();
-  for (Fd folder; !attack->over; attack->attempts++) {
-    if (attack->attempts % 7 == 0) folder.Reset(open(kStaged.c_str(), O_PATH | O_DIRECTORY));
-    for (const auto &[path, words] : tree) {
-      const std::string name = "." + path;
-      char text[24] = "";
-      Fd file(openat(folder.Get(), name.c_str(), O_RDONLY | O_NONBLOCK));
-      if (pread(file.Get(), text, sizeof text - 1, 0) > 0 && kSecretText.starts_with(text))
-        attack->secrets++;
-      file.Reset(open((kStaged + path).c_str(), O_RDWR | O_NONBLOCK));
-      if (file) attack->written++;
-      file.Reset(openat(folder.Get(), (name + "/x").c_str(), O_WRONLY | O_CREAT, 0666));
-      if (file) attack->written++;
-    }
-  }
-}
-
-pid_t ForkAsUser(void (*act)(Attack *), Attack *attack) {
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  BecomeUser(kUser);
-  act(attack);
-  _exit(0);
-}
 
 // What nobody has a reason to change.
 Tree Witnesses() {
@@ -457,15 +370,11 @@ Tree Witnesses() {
 }
 
 TEST_F(Staging, WhoeverOwnsTheFoldersGetsNothingIn) {
-  Shell(std::string(kMakeOwned) + kMakeFalseItems);
+  Shell(kMakeOwned);
   ExpectStart();
   StopServices();
   const Tree before = Witnesses();
-  void *const memory =
-      mmap(nullptr, sizeof(Attack), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(MAP_FAILED, memory);
-  auto *const attack = new (memory) Attack();
-  const pid_t attackers[] = {ForkAsUser(Swap, attack), ForkAsUser(Pry, attack)};
+  const Process swap({{"/bin/bash", "-c", kSwap}, kUser, {"PATH=/usr/bin:/bin"}});
   const int rounds = 6 * Rounds();
   int started = 0;
   for (int round = 0; round < rounds; round++) {
@@ -481,19 +390,9 @@ TEST_F(Staging, WhoeverOwnsTheFoldersGetsNothingIn) {
     }
     EXPECT_EQ(before, Witnesses());
   }
-  attack->over = true;
-  for (const pid_t pid : attackers) {
-    int status = -1;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(0, status);
-  }
-  printf("%d starts of %d; %d exchanges, %d attempts\n", started, rounds, attack->exchanges.load(),
-         attack->attempts.load());
-  EXPECT_LT(0, attack->exchanges);
-  EXPECT_LT(0, attack->attempts);
-  EXPECT_EQ(0, attack->written);
-  EXPECT_EQ(0, attack->secrets);
-  ExpectStart();
+  printf("%d starts of %d; %zu swaps\n", started, rounds, Count(swap.Output(), "swapped\n"));
+  EXPECT_LT(0U, Count(swap.Output(), "swapped\n"));
+  EXPECT_TRUE(swap.Running());
 }
 
 // ---- when something fails ------------------------------------------------------------------------
