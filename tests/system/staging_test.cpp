@@ -136,13 +136,10 @@ struct Refusal {
   bool early = false;  // before any file is made
 };
 
-std::string NotSigned(const std::string &path, int code = 7) {
-  return "PrivilegedHelper: Failed to verify the code signature of " + path + " due to " +
+std::string NotSigned(const std::string &path, int code = 7,
+                      const std::string &folder = kBundleLibrary) {
+  return "PrivilegedHelper: Failed to verify the code signature of " + folder + path + " due to " +
          std::to_string(code);
-}
-
-std::string SourceNotSigned(const std::string &name, int code = 7) {
-  return NotSigned(kBundleLibrary + "/" + name, code);
 }
 
 std::string NoAnchors(int error) {
@@ -176,31 +173,31 @@ const Refusal kRefusals[] = {
      "", true},
     // A link of the user's to a file of root's, which cannot carry a signature.
     {"mv \"$daemon\" /Library/root; ln -s /Library/root \"$daemon\"; chown -h 12345 \"$daemon\"",
-     SourceNotSigned(kDaemonName, 3)},
+     NotSigned("/" + kDaemonName, 3)},
     {"printf x | dd of=\"$daemon\" bs=1 seek=5000 conv=notrunc status=none",
-     SourceNotSigned(kDaemonName)},
-    {"sign services \"$daemon\"", SourceNotSigned(kDaemonName)},
+     NotSigned("/" + kDaemonName)},
+    {"sign services \"$daemon\"", NotSigned("/" + kDaemonName)},
     {"sign zephrin-usbarbitrator zephrin-usbarbitrator wrongName",
-     SourceNotSigned("zephrin-usbarbitrator")},
-    {"echo more >kexts/zioplug.kext/Contents/MacOS/more", SourceNotSigned("kexts/zioplug.kext")},
+     NotSigned("/zephrin-usbarbitrator")},
+    {"echo more >kexts/zioplug.kext/Contents/MacOS/more", NotSigned("/kexts/zioplug.kext")},
     {"rm kexts/zioplug.kext/Contents/Info.plist", NoIdentifier(4)},
     {"rm -r kexts/zioplug.kext", NoIdentifier(3)},
-    {"chown 12345 services.sh", ""},
-    {"mv services.sh /Library/own; chown 12345 /Library/own; ln -s /Library/own services.sh", ""},
-    {"chgrp 20 zephrin-usbarbitrator", ""},
-    {"rm services.sh", ""},
-    {"rm productInfo", SourceNotSigned("productInfo", 3)},
-    {"ln -sf /Library/device productInfo", SourceNotSigned("productInfo", 3)},
-    {"ln -f /Library/device productInfo", SourceNotSigned("productInfo", 3)},
-    {"ln -f /Library/fifo productInfo", SourceNotSigned("productInfo", 3)},
-    {"rm -rf \"$root\"; echo a file >\"$root\"", ""},
     {"mkdir -m 775 \"$root\"", NotRootsAlone(kInstallRoot)},
     {"mkdir \"$root\"; chown 12345 \"$root\"", NotRootsAlone(kInstallRoot)},
     {"mkdir /Library/real; ln -s /Library/real \"$root\"", NoFolder(kInstallRoot, ENOTDIR)},
     {"chmod 757 \"${root%/*}\"", NotRootsAlone(kParent)},
     {"rmdir \"${root%/*}\"", NoFolder(kParent, ENOENT)},
-    {"rm \"$anchors\"", NoAnchors(ENOENT) + SourceNotSigned("productInfo")},
-    {"chmod 666 \"$anchors\"", NoAnchors(EPERM) + SourceNotSigned("productInfo")},
+    {"chown 12345 services.sh", ""},
+    {"mv services.sh /Library/own; chown 12345 /Library/own; ln -s /Library/own services.sh", ""},
+    {"chgrp 20 zephrin-usbarbitrator", ""},
+    {"rm services.sh", ""},
+    {"rm productInfo", NotSigned("/productInfo", 3)},
+    {"ln -sf /Library/device productInfo", NotSigned("/productInfo", 3)},
+    {"ln -f /Library/device productInfo", NotSigned("/productInfo", 3)},
+    {"ln -f /Library/fifo productInfo", NotSigned("/productInfo", 3)},
+    {"rm -rf \"$root\"; echo a file >\"$root\"", ""},
+    {"rm \"$anchors\"", NoAnchors(ENOENT) + NotSigned("/productInfo")},
+    {"chmod 666 \"$anchors\"", NoAnchors(EPERM) + NotSigned("/productInfo")},
 };
 
 TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
@@ -325,7 +322,9 @@ TEST_F(Staging, WhatWasCheckedIsWhatIsCopiedAndNoMore) {
       EXPECT_EQ(act.item.complete, InWords(staged));
     } else {
       EXPECT_EQ(1, outcome->status);
-      EXPECT_TRUE(act.then == Then::kRefuses || outcome->records == NotSigned(staged)) << *outcome;
+      EXPECT_TRUE(act.then == Then::kRefuses ||
+                  outcome->records == NotSigned(act.item.path, 7, kStagedLibrary))
+          << *outcome;
       ExpectClosed();
       // Nothing but its name.
       EXPECT_EQ(act.item.failed, InWords(staged));
