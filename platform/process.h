@@ -8,6 +8,8 @@
 // exec; on Linux symbolic links are resolved already.
 [[nodiscard]] bool Platform_ExecutablePath(char *buffer, size_t size);
 
-// Closes every descriptor above 2 but the `count` ones in `keep` (may be null when count is 0),
-// which need no order.  Safe between fork and exec: it allocates nothing and takes no lock.
+// Closes every descriptor above 2 except the `count` ones in `keep` (may be null when count is 0),
+// which may be in any order, repeated, negative or unused.  Safe between fork and exec: it allocates
+// nothing and takes no lock.  Those above a soft limit that was lowered are closed too, unless a Linux
+// kernel without close_range has no /proc either.
 void Platform_CloseDescriptorsExcept(const int *keep, size_t count);

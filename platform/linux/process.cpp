@@ -2,27 +2,82 @@
 
 #include "platform/process.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
+
+#include "fd.h"
 
 namespace {
 
+bool IsKept(const int *keep, size_t count, int fd) {
+  for (size_t i = 0; i < count; i++) {
+    if (keep[i] == fd) return true;
+  }
+  return false;
+}
+
 // The lowest kept descriptor at or above `from`, or -1.  The list is a handful, so looking through
 // it once for each entry beats sorting a copy, and needs no memory.
-int NextKept(const int *keep, size_t count, int from) {
+int NextKept(const int *keep, size_t count, unsigned from) {
   int next = -1;
   for (size_t i = 0; i < count; i++) {
-    if (keep[i] >= from && (next < 0 || keep[i] < next)) next = keep[i];
+    if (keep[i] < 0 || static_cast<unsigned>(keep[i]) < from) continue;
+    if (next < 0 || keep[i] < next) next = keep[i];
   }
   return next;
 }
 
-// Closes first..last.  close_range takes the same time whatever the descriptor limit; kernels
-// before 5.9 and some sandboxes refuse it.
-void CloseRange(unsigned first, unsigned last) {
-  if (first > last || close_range(first, last, 0) == 0) return;
+// In the gaps between the kept ones, which takes the same time whatever the descriptor limit.  False
+// when the host has no such call: kernels before 5.9, and some sandboxes.
+bool CloseGaps(const int *keep, size_t count) {
+  unsigned first = STDERR_FILENO + 1;
+  for (int kept; (kept = NextKept(keep, count, first)) >= 0;) {
+    const auto last = static_cast<unsigned>(kept);
+    if (last > first && close_range(first, last - 1, 0) != 0) return false;
+    first = last + 1;
+  }
+  return close_range(first, ~0U, 0) == 0;
+}
+
+// The number that a name in the list is; -1 for "." and "..".
+int NumberOf(const char *name) {
+  int number = 0;
+  for (; *name != '\0'; name++) {
+    if (*name < '0' || *name > '9') return -1;
+    number = number * 10 + (*name - '0');
+  }
+  return number;
+}
+
+// Those that /proc lists, also above a limit that was lowered.  False when there is no list, or no
+// number to open it as.  The kernel lists by number, so that closing leaves none out.
+bool CloseListed(const int *keep, size_t count) {
+  const Fd list(open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!list) return false;
+  bool foundItself = false;  // as in a real /proc
+  alignas(dirent64) char buffer[1024];
+  ssize_t size;
+  while ((size = getdents64(list.Get(), buffer, sizeof buffer)) > 0) {
+    for (ssize_t at = 0; at < size;) {
+      const auto *const entry = reinterpret_cast<const dirent64 *>(buffer + at);
+      at += entry->d_reclen;
+      const int fd = NumberOf(entry->d_name);
+      if (fd == list.Get()) {
+        foundItself = true;
+      } else if (fd > STDERR_FILENO && !IsKept(keep, count, fd)) {
+        close(fd);
+      }
+    }
+  }
+  return size == 0 && foundItself;
+}
+
+void CloseBelowLimit(const int *keep, size_t count) {
   const long limit = sysconf(_SC_OPEN_MAX);
-  for (long fd = first; fd < limit && fd <= static_cast<long>(last); fd++)
-    close(static_cast<int>(fd));
+  for (int fd = STDERR_FILENO + 1; fd < limit; fd++) {
+    if (!IsKept(keep, count, fd)) close(fd);
+  }
 }
 
 }  // namespace
@@ -35,9 +90,8 @@ bool Platform_ExecutablePath(char *buffer, size_t size) {
 }
 
 void Platform_CloseDescriptorsExcept(const int *keep, size_t count) {
-  int first = 3;
-  for (int kept; (kept = NextKept(keep, count, first)) >= 0; first = kept + 1) {
-    CloseRange(static_cast<unsigned>(first), static_cast<unsigned>(kept) - 1);
-  }
-  CloseRange(static_cast<unsigned>(first), ~0U);
+  if (CloseGaps(keep, count) || CloseListed(keep, count)) return;
+  CloseBelowLimit(keep, count);
+  // Now there is a number for the list, if that was what it lacked.
+  (void)CloseListed(keep, count);
 }
