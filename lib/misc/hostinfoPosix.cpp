@@ -3,25 +3,29 @@
 // Idea:   the classic double fork.  The first child resets what exec would carry over (timers,
 //         signal actions, descriptors), makes the session and forks again, so that the daemon is no
 //         session leader and no child of the caller.  The second child becomes the daemon.
-// Report: a pipe whose write end is close-on-exec.  Whatever fails after the first fork sends its
-//         errno through it; exec closes it, and the caller reads end of file.
-// Holds:  after the first fork nothing is allocated and no string is converted; all that the
-//         children need stands in the Plan.  The error pipe and the PID file are descriptors above
+// Report: the first child reports by its exit status, the second one through a pipe whose write end
+//         is close-on-exec: the errno of whatever failed, or 0 as its last act before exec, followed
+//         by the errno of exec should that fail.  The caller reads until end of file, so it also
+//         notices a child that was killed on the way.  Only a child killed inside exec passes for
+//         a success; nothing tells it from a daemon that was killed at once.
+// Invariants: after the first fork nothing is allocated and no string is converted; all that the
+//         children need is in the Plan.  The error pipe and the PID file are descriptors above
 //         2, because 0 to 2 are replaced in the daemon.
+// Order:  as in time: the caller prepares, the first child, the second child, the caller waits.
 // Tests:  tests/unit/daemonize_test.cpp
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "codeset.h"
 #include "fatal.h"
@@ -35,8 +39,15 @@
 namespace {
 
 constexpr char kWho[] = "Hostinfo_Daemonize";
-
 constinit HostinfoPreExecHook *preExecHook = nullptr;
+
+// Logs `format`, given the procedure's name, `args` and errno in this order, and returns that errno.
+template <typename... Args>
+int Failed(const char *format, Args... args) {
+  const int error = errno;
+  Warning(format, kWho, args..., error);
+  return error;
+}
 
 // ---- what the children need -----------------------------------------------------------------
 
@@ -75,7 +86,8 @@ struct Plan {
   int flags = 0;
   HeapStr localPath;
   LocalArgs args;
-  Fd pidFile;
+  Fd pidFile;  // while the caller has it open, a failure removes the file
+  Fd errorRead;
   Fd errorWrite;
   HeapArray<int> keep;
   size_t numKeep = 0;
@@ -83,194 +95,52 @@ struct Plan {
   bool Has(int flag) const { return (flags & flag) != 0; }
 };
 
+// ---- the caller prepares --------------------------------------------------------------------
+//
+// A result of type int is 0, or the errno that the caller of Hostinfo_Daemonize is to see.
+
 // Gives `fd` a number above 2, if it has none; its close-on-exec flag is clear then.
 bool LiftAboveStdio(Fd *fd) {
   if (fd->Get() > STDERR_FILENO) return true;
   const int lifted = fcntl(fd->Get(), F_DUPFD, STDERR_FILENO + 1);
-  if (lifted < 0) return false;
+  if (lifted < 0) {
+    if (errno == EINVAL) errno = EMFILE;  // the limit allows no number above 2 at all
+    return false;
+  }
   fd->Reset(lifted);
   return true;
 }
-
-// ---- the children ---------------------------------------------------------------------------
-
-void ResetTimers() {
-  constexpr int kTimers[] = {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF};
-  const itimerval disarmed = {};
-  for (const int timer : kTimers) setitimer(timer, &disarmed, nullptr);
-}
-
-void SetAction(int number, void (*handler)(int)) {
-  struct sigaction action = {};
-  action.sa_handler = handler;
-  action.sa_flags = SA_RESTART;
-  sigfillset(&action.sa_mask);
-  sigaction(number, &action, nullptr);
-}
-
-// Some numbers cannot be set, on either host; they have the default action anyway.
-void ResetSignals() {
-  for (int number = 1; number <= NSIG; number++) SetAction(number, SIG_DFL);
-}
-
-void RaiseAddressSpaceLimit() {
-  rlimit limit;
-  if (getrlimit(RLIMIT_AS, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_AS, &limit);
-}
-
-void ResetProcess(const int *keep, size_t count) {
-  ResetTimers();
-  ResetSignals();
-  Platform_CloseDescriptorsExcept(keep, count);
-  RaiseAddressSpaceLimit();
-}
-
-void PointAtDevNull(int mode, int first, int last) {
-  const int null = open("/dev/null", mode);
-  if (null < 0) return;
-  for (int fd = first; fd <= last; fd++) dup2(null, fd);
-  if (null > STDERR_FILENO) close(null);
-}
-
-// 0, or the errno of the step that failed.
-int WritePidFile(Plan *plan) {
-  const int fd = plan->pidFile.Get();
-  char text[32];
-  const int length = Str_Snprintf(text, sizeof text, "%lld\n", static_cast<long long>(getpid()));
-  if (length < 0) return EINVAL;
-  if (ftruncate(fd, 0) != 0) {
-    const int error = errno;
-    Warning("%s: Couldn't truncate path [%s], error %d.\n", kWho, plan->pidPath, error);
-    return error;
-  }
-  const ssize_t written = write(fd, text, static_cast<size_t>(length));
-  if (written != length) {
-    const int error = written < 0 ? errno : ENOSPC;
-    Warning("%s: Couldn't write PID to path [%s], error %d.\n", kWho, plan->pidPath, error);
-    return error;
-  }
-  if (fsync(fd) != 0) {
-    const int error = errno;
-    Warning("%s: Couldn't flush PID to path [%s], error %d.\n", kWho, plan->pidPath, error);
-    return error;
-  }
-  // Closing gives the lock up only when the caller's copy is closed, too; with the flag the copy
-  // here stays open and goes through exec.
-  if (!plan->Has(HOSTINFO_DAEMONIZE_LOCKPID)) plan->pidFile.Reset();
-  return 0;
-}
-
-// Returns only if something failed, with its errno.
-int BecomeDaemon(Plan *plan) {
-  if (!plan->Has(HOSTINFO_DAEMONIZE_NOCHDIR) && chdir("/") != 0) {
-    const int error = errno;
-    Warning("%s: Couldn't chdir to /, error %u.\n", kWho, static_cast<unsigned>(error));
-    return error;
-  }
-  if (!plan->Has(HOSTINFO_DAEMONIZE_NOCLOSE)) {
-    PointAtDevNull(O_RDONLY, STDIN_FILENO, STDIN_FILENO);
-    PointAtDevNull(O_WRONLY, STDOUT_FILENO, STDERR_FILENO);
-  }
-  if (plan->pidFile) {
-    const int error = WritePidFile(plan);
-    if (error != 0) return error;
-  }
-  if (preExecHook != nullptr && !preExecHook()) {
-    const int error = errno != 0 ? errno : EINVAL;
-    Warning("%s: Couldn't prepare for exec of %s, error %d.\n", kWho, plan->path, error);
-    return error;
-  }
-  SetAction(SIGPIPE, SIG_DFL);  // as the daemon is to have it
-  if (execv(plan->localPath.get(), plan->args.Get()) == -1) {
-    const int error = errno;
-    SetAction(SIGPIPE, SIG_IGN);
-    Warning("%s: Couldn't exec %s, error %d.\n", kWho, plan->path, error);
-    return error;
-  }
-  Fatal_NotReached("lib/misc/hostinfoPosix", 3250);
-}
-
-// What is logged here may go to a pipe that nobody reads any more.  Dying of that would lose the
-// report, and the caller would take the silence for success.
-[[noreturn]] void SecondChild(Plan *plan) {
-  SetAction(SIGPIPE, SIG_IGN);
-  const int error = BecomeDaemon(plan);
-  if (write(plan->errorWrite.Get(), &error, sizeof error) != sizeof error) {
-    Warning("%s: Couldn't write to parent pipe: %u, original error: %u.\n", kWho,
-            static_cast<unsigned>(errno), static_cast<unsigned>(error));
-  }
-  _exit(EXIT_FAILURE);
-}
-
-[[noreturn]] void FirstChild(Plan *plan) {
-  ResetProcess(plan->keep.get(), plan->numKeep);
-  plan->keep.reset();
-  sigset_t all;
-  sigfillset(&all);
-  sigprocmask(SIG_UNBLOCK, &all, nullptr);
-
-  if (!plan->Has(HOSTINFO_DAEMONIZE_NOCLOSE) && setsid() < 0) {
-    Warning("%s: Couldn't create new session, error %d.\n", kWho, errno);
-    _exit(EXIT_FAILURE);
-  }
-  const pid_t child = fork();
-  if (child == 0) SecondChild(plan);
-  if (child < 0) {
-    Warning("%s: Couldn't fork second child, error %d.\n", kWho, errno);
-    _exit(EXIT_FAILURE);
-  }
-  _exit(EXIT_SUCCESS);
-}
-
-// ---- the caller -----------------------------------------------------------------------------
-//
-// These procedures return 0 or the errno that the caller of Hostinfo_Daemonize is to see.
 
 // Opens the PID file and, if asked, locks it.
 int OpenPidFile(Plan *plan) {
   plan->pidFile.Reset(open(plan->pidPath, O_WRONLY | O_CREAT, 0644));
   if (!plan->pidFile || !LiftAboveStdio(&plan->pidFile)) {
-    const int error = errno;
-    Warning("%s: Couldn't open PID path [%s], error %u.\n", kWho, plan->pidPath,
-            static_cast<unsigned>(error));
-    return error;
+    return Failed("%s: Couldn't open PID path [%s], error %u.\n", plan->pidPath);
   }
   if (plan->Has(HOSTINFO_DAEMONIZE_LOCKPID) && flock(plan->pidFile.Get(), LOCK_EX | LOCK_NB) != 0) {
-    const int error = errno;
-    Warning("%s: Lock held on PID path [%s], error %u, not daemonizing.\n", kWho, plan->pidPath,
-            static_cast<unsigned>(error));
+    const int error =
+        Failed("%s: Lock held on PID path [%s], error %u, not daemonizing.\n", plan->pidPath);
+    plan->pidFile.Reset();  // the file belongs to a running daemon, or may do so
     return error;
   }
   return 0;
 }
 
-// Makes the error pipe and puts its write end, which exec closes, into the plan.
-int OpenErrorPipe(Plan *plan, Fd *errorRead) {
+int OpenErrorPipe(Plan *plan) {
   int ends[2];
   bool ok = pipe(ends) == 0;
   if (ok) {
-    errorRead->Reset(ends[0]);
+    plan->errorRead.Reset(ends[0]);
     plan->errorWrite.Reset(ends[1]);
-    ok = LiftAboveStdio(errorRead) && LiftAboveStdio(&plan->errorWrite);
+    ok = LiftAboveStdio(&plan->errorRead) && LiftAboveStdio(&plan->errorWrite);
   }
-  if (!ok) {
-    const int error = errno;
-    Warning("%s: Couldn't create pipe, error %u.\n", kWho, static_cast<unsigned>(error));
-    return error;
-  }
-  return 0;
+  return ok ? 0 : Failed("%s: Couldn't create pipe, error %u.\n");
 }
 
 int FillKeepList(Plan *plan, const int *keepFds, size_t numKeepFds) {
   plan->keep = Heap_Array<int>(numKeepFds + 2);
-  if (plan->keep == nullptr) {
-    const int error = errno;
-    Warning("%s: Couldn't allocate memory, error %u.\n", kWho, static_cast<unsigned>(error));
-    return error;
-  }
-  for (size_t i = 0; i < numKeepFds; i++) plan->keep[i] = keepFds[i];
+  if (plan->keep == nullptr) return Failed("%s: Couldn't allocate memory, error %u.\n");
+  std::copy_n(keepFds, numKeepFds, plan->keep.get());
   plan->numKeep = numKeepFds;
   plan->keep[plan->numKeep++] = plan->errorWrite.Get();
   if (plan->pidFile) plan->keep[plan->numKeep++] = plan->pidFile.Get();
@@ -278,11 +148,8 @@ int FillKeepList(Plan *plan, const int *keepFds, size_t numKeepFds) {
 }
 
 int SetCloseOnExec(int fd) {
-  if (fcntl(fd, F_SETFD, FD_CLOEXEC) == 0) return 0;
-  const int error = errno;
-  Warning("%s: Couldn't set close-on-exec for fd %d, error %u.\n", kWho, fd,
-          static_cast<unsigned>(error));
-  return error;
+  const bool ok = fcntl(fd, F_SETFD, FD_CLOEXEC) == 0;
+  return ok ? 0 : Failed("%s: Couldn't set close-on-exec for fd %d, error %u.\n", fd);
 }
 
 int ConvertStrings(Plan *plan, const char *const argv[]) {
@@ -299,8 +166,136 @@ int ConvertStrings(Plan *plan, const char *const argv[]) {
   return 0;
 }
 
-// While it stands children leave a status.  An ignored SIGCHLD, which exec passes on from whoever
-// started this program, would throw away the only report of what fails in the first child.
+// ---- the first child ------------------------------------------------------------------------
+
+void ResetTimers() {
+  constexpr int kTimers[] = {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF};
+  const itimerval disarmed = {};
+  for (const int timer : kTimers) setitimer(timer, &disarmed, nullptr);
+}
+
+void LetWriteFail(int /*number*/) {}
+
+// Every signal gets its default action, except the two that report a failed write: a log that has
+// lost its reader or reached a file size limit must not kill a child before it has reported.  These
+// are caught, not ignored, because exec gives a caught signal its default action back.
+//
+// Some numbers cannot be set, on either host; they have the default action anyway.
+void ResetSignals() {
+  struct sigaction action = {};
+  action.sa_flags = SA_RESTART;
+  sigfillset(&action.sa_mask);
+  for (int number = 1; number <= NSIG; number++) {
+    action.sa_handler = number == SIGPIPE || number == SIGXFSZ ? LetWriteFail : SIG_DFL;
+    sigaction(number, &action, nullptr);
+  }
+}
+
+void RaiseAddressSpaceLimit() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_AS, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_AS, &limit);
+}
+
+// Returns in the second child only.
+void FirstChild(Plan *plan) {
+  ResetTimers();
+  ResetSignals();
+  plan->errorRead.Reset();  // even if its number is in the list
+  Platform_CloseDescriptorsExcept(plan->keep.get(), plan->numKeep);
+  RaiseAddressSpaceLimit();
+  plan->keep.reset();
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_UNBLOCK, &all, nullptr);
+
+  if (!plan->Has(HOSTINFO_DAEMONIZE_NOCLOSE) && setsid() < 0) {
+    Failed("%s: Couldn't create new session, error %d.\n");
+    _exit(EXIT_FAILURE);
+  }
+  const pid_t child = fork();
+  if (child == 0) return;
+  if (child < 0) Failed("%s: Couldn't fork second child, error %d.\n");
+  _exit(child < 0 ? EXIT_FAILURE : EXIT_SUCCESS);
+}
+
+// ---- the second child -----------------------------------------------------------------------
+//
+// A result of type int is 0, or the errno to report to the caller.
+
+void PointAtDevNull(int mode, int first, int last) {
+  const int null = open("/dev/null", mode);
+  if (null < 0) return;
+  for (int fd = first; fd <= last; fd++) dup2(null, fd);
+  if (null > STDERR_FILENO) close(null);
+}
+
+int WritePidFile(Plan *plan) {
+  const int fd = plan->pidFile.Get();
+  char text[32];
+  const int length = Str_Snprintf(text, sizeof text, "%lld\n", static_cast<long long>(getpid()));
+  if (length < 0) return EINVAL;
+  if (ftruncate(fd, 0) != 0) {
+    return Failed("%s: Couldn't truncate path [%s], error %d.\n", plan->pidPath);
+  }
+  const ssize_t written = write(fd, text, static_cast<size_t>(length));
+  if (written != length) {
+    if (written >= 0) errno = ENOSPC;
+    return Failed("%s: Couldn't write PID to path [%s], error %d.\n", plan->pidPath);
+  }
+  if (fsync(fd) != 0) {
+    return Failed("%s: Couldn't flush PID to path [%s], error %d.\n", plan->pidPath);
+  }
+  // Closing gives the lock up only when the caller's copy is closed, too; with the flag the copy
+  // here stays open and goes through exec.
+  if (!plan->Has(HOSTINFO_DAEMONIZE_LOCKPID)) plan->pidFile.Reset();
+  return 0;
+}
+
+int RunHook(const Plan &plan) {
+  if (preExecHook == nullptr || preExecHook()) return 0;
+  if (errno == 0) errno = EINVAL;  // the caller takes 0 for no failure
+  return Failed("%s: Couldn't prepare for exec of %s, error %d.\n", plan.path);
+}
+
+int PrepareForExec(Plan *plan) {
+  if (!plan->Has(HOSTINFO_DAEMONIZE_NOCHDIR) && chdir("/") != 0) {
+    return Failed("%s: Couldn't chdir to /, error %u.\n");
+  }
+  if (!plan->Has(HOSTINFO_DAEMONIZE_NOCLOSE)) {
+    PointAtDevNull(O_RDONLY, STDIN_FILENO, STDIN_FILENO);
+    PointAtDevNull(O_WRONLY, STDOUT_FILENO, STDERR_FILENO);
+  }
+  const int error = plan->pidFile ? WritePidFile(plan) : 0;
+  return error != 0 ? error : RunHook(*plan);
+}
+
+int Exec(const Plan &plan) {
+  if (execv(plan.localPath.get(), plan.args.Get()) == -1) {
+    return Failed("%s: Couldn't exec %s, error %d.\n", plan.path);
+  }
+  Fatal_NotReached("lib/misc/hostinfoPosix", 3250);
+}
+
+bool Report(const Plan &plan, int error) {
+  if (write(plan.errorWrite.Get(), &error, sizeof error) == sizeof error) return true;
+  Warning("%s: Couldn't write to parent pipe: %u, original error: %u.\n", kWho,
+          static_cast<unsigned>(errno), static_cast<unsigned>(error));
+  return false;
+}
+
+// No exec unless the caller has been told of it: it would take that daemon for a failed start.
+[[noreturn]] void SecondChild(Plan *plan) {
+  const int error = PrepareForExec(plan);
+  if (Report(*plan, error) && error == 0) Report(*plan, Exec(*plan));
+  _exit(EXIT_FAILURE);
+}
+
+// ---- the caller waits -----------------------------------------------------------------------
+
+// While it lives, children leave an exit status.  If SIGCHLD is ignored, which programs inherit through
+// exec, the host discards the first child's.
 class ChildStatusKept {
   struct sigaction before_;
   bool changed_;
@@ -321,7 +316,7 @@ class ChildStatusKept {
   }
 };
 
-// Without a status -- somebody else waits for all children -- the error pipe has the last word.
+// Without a status (another thread may wait for all children) the error pipe decides.
 int AwaitFirstChild(pid_t child) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
@@ -329,31 +324,42 @@ int AwaitFirstChild(pid_t child) {
   }
   if (WIFSIGNALED(status)) {
     Warning("%s: Child %d exited with signal %d.\n", kWho, child, WTERMSIG(status));
-    return EINVAL;
-  }
-  if (WEXITSTATUS(status) != EXIT_SUCCESS) {
+  } else if (WEXITSTATUS(status) != EXIT_SUCCESS) {
     Warning("%s: Child %d exited with error %d.\n", kWho, child, WEXITSTATUS(status));
+  }
+  return status == 0 ? 0 : EINVAL;
+}
+
+// Waits for one report.  Returns its size, 0 at the end of file, or -1.
+ssize_t ReadReport(const Plan &plan, int *error) {
+  ssize_t got;
+  do {
+    *error = EINVAL;
+    got = read(plan.errorRead.Get(), error, sizeof *error);
+  } while (got < 0 && errno == EINTR);
+  return got;
+}
+
+// A pipe that cannot be read is not a failure: the daemon may well be running.
+int AwaitExec(const Plan &plan) {
+  int error;
+  ssize_t got = ReadReport(plan, &error);
+  const bool atExec = got > 0 && error == 0;
+  if (atExec) got = ReadReport(plan, &error);
+  if (got > 0) {
+    Warning("%s: Child could not exec %s, read %d, error %u.\n", kWho, plan.path,
+            static_cast<int>(got), static_cast<unsigned>(error));
+    return error;
+  }
+  if (got == 0 && !atExec) {
+    Warning("%s: Child died before it could exec %s.\n", kWho, plan.path);
     return EINVAL;
   }
   return 0;
 }
 
-// Only a positive report of the child is a failure; a pipe that cannot be read is not.
-int ReadReport(int errorRead, const char *path) {
-  int error = EINVAL;
-  ssize_t got;
-  do {
-    got = read(errorRead, &error, sizeof error);
-  } while (got < 0 && errno == EINTR);
-  if (got <= 0) return 0;
-  Warning("%s: Child could not exec %s, read %d, error %u.\n", kWho, path, static_cast<int>(got),
-          static_cast<unsigned>(error));
-  return error;
-}
-
 int StartDaemon(Plan *plan, const char *const argv[], const int *keepFds, size_t numKeepFds) {
-  Fd errorRead;
-  int error = OpenErrorPipe(plan, &errorRead);
+  int error = OpenErrorPipe(plan);
   if (error == 0) error = FillKeepList(plan, keepFds, numKeepFds);
   if (error == 0) error = SetCloseOnExec(plan->errorWrite.Get());
   if (error == 0) error = ConvertStrings(plan, argv);
@@ -361,20 +367,14 @@ int StartDaemon(Plan *plan, const char *const argv[], const int *keepFds, size_t
 
   const ChildStatusKept status;
   const pid_t child = fork();
-  if (child == 0) FirstChild(plan);
-  if (child < 0) {
-    error = errno;
-    Warning("%s: Couldn't fork first child, error %u.\n", kWho, static_cast<unsigned>(error));
-    return error;
+  if (child == 0) {
+    FirstChild(plan);
+    SecondChild(plan);
   }
+  if (child < 0) return Failed("%s: Couldn't fork first child, error %u.\n");
   plan->errorWrite.Reset();
   error = AwaitFirstChild(child);
-  return error != 0 ? error : ReadReport(errorRead.Get(), plan->path);
-}
-
-void RemovePidFile(const char *pidPath) {
-  if (unlink(pidPath) == 0) return;
-  Warning("%s: Unable to unlink %s: %u\n", kWho, pidPath, static_cast<unsigned>(errno));
+  return error != 0 ? error : AwaitExec(*plan);
 }
 
 }  // namespace
@@ -390,9 +390,9 @@ bool Hostinfo_Daemonize(const char *path, const char *const argv[], int flags, c
   plan.pidPath = pidPath;
   plan.flags = flags;
   int error = pidPath == nullptr ? 0 : OpenPidFile(&plan);
-  if (error == 0) {
-    error = StartDaemon(&plan, argv, keepFds, numKeepFds);
-    if (error != 0 && pidPath != nullptr) RemovePidFile(pidPath);
+  if (error == 0) error = StartDaemon(&plan, argv, keepFds, numKeepFds);
+  if (error != 0 && plan.pidFile && unlink(pidPath) != 0) {
+    Failed("%s: Unable to unlink %s: %u\n", pidPath);
   }
   if (error == 0 && plan.Has(HOSTINFO_DAEMONIZE_EXIT)) _exit(EXIT_SUCCESS);
   if (error == 0) return true;

@@ -20,18 +20,21 @@ enum : int {
 //   argv         null-terminated, argv[0] included, UTF-8
 //   flags        HOSTINFO_DAEMONIZE_*, or-ed
 //   pidPath      null, or the file that receives the daemon's process id and a newline
-//   keepFds      the descriptors above 2 that the daemon inherits under the same numbers; they must
-//                not be close-on-exec; all others above 2 are closed.  Null when numKeepFds is 0
+//   keepFds      the open descriptors above 2 that the daemon inherits under the same numbers; all
+//                others above 2 are closed.  In any order; repeated, negative or unused numbers do no
+//                harm.  One that is close-on-exec stays open in the children until exec closes it: a
+//                lock held through it covers the start and no more.  Null when numKeepFds is 0
 //
-// Returns true when no failure on the way to exec was reported.  Otherwise false with errno set: the
-// errno of what failed, in whichever process, or EINVAL when the intermediate process died or failed,
-// or a string is not UTF-8.  A PID file is removed again, unless it could not be opened or another
-// process holds its lock.  Exhausted memory for the arguments is fatal.
+// Returns true when the daemon's process got as far as exec and reported no failure.  Otherwise false
+// with errno set: the errno of what failed, in whichever process, or EINVAL when a child died before
+// exec, the intermediate process failed, or a string is not UTF-8.  A PID file is removed again, unless
+// it could not be opened or locked.  Exhausted memory for the arguments is fatal.
 //
 // The daemon has the default action for all signals, none blocked, no interval timer, and its soft
 // address-space limit raised to the hard one.  Failures are logged; a child's may be logged by the
-// caller, too.  Call it from one thread at a time: it gives SIGCHLD its default action for a moment if
-// that was ignored.  The other threads of the process do not exist in the daemon.
+// caller, too.  In the children a log or PID file that cannot be written is an error and no signal; for
+// its own log the caller sees to that.  Call it from one thread at a time: it gives SIGCHLD its default
+// action for a moment if that was ignored.  The other threads of the process do not exist in the daemon.
 [[nodiscard]] bool Hostinfo_Daemonize(const char *path, const char *const argv[], int flags,
                                       const char *pidPath, const int *keepFds, size_t numKeepFds);
 
