@@ -5,8 +5,8 @@
 //
 // The program is installed set-user-ID root and started by anybody, with any environment, limits,
 // signal dispositions and descriptors.  FillStandardDescriptors sees to it that no socket or lock
-// file gets the number of the log, IgnoreSigpipe that a log whose reader has gone costs its records
-// and nothing else.
+// file gets the number of the log, IgnoreWriteSignals that a log which cannot be written costs its
+// records and nothing else.
 //
 // Privileges: effective user 0 up to ServiceImpl_PrivLower; from there the caller's, but for the
 // brackets in serviceImpl.cpp and staging.cpp.
@@ -46,7 +46,7 @@ char *StagedDaemonPath() {
 int main(int argc, char *argv[]) {
   ScrubEnvironment();
   FillStandardDescriptors();
-  IgnoreSigpipe();
+  IgnoreWriteSignals();
   Location_Init("lumenClient-opener");
   if (!BundleDaemonIsRootOwned()) return EXIT_FAILURE;
 

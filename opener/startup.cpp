@@ -69,10 +69,10 @@ void FillStandardDescriptors() {
   }
 }
 
-void IgnoreSigpipe() {
+void IgnoreWriteSignals() {
   struct sigaction action = {};
   action.sa_handler = SIG_IGN;
-  sigaction(SIGPIPE, &action, nullptr);
+  for (const int number : {SIGPIPE, SIGXFSZ}) sigaction(number, &action, nullptr);
 }
 
 int CheckRootOwned(const char *path) {

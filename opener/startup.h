@@ -10,9 +10,9 @@ void ScrubEnvironment();
 // fails.  The hosts do it only for a set-user-ID start: not when the caller is root.
 void FillStandardDescriptors();
 
-// From now on writing to a pipe without a reader is an error and no signal.  A daemon that
-// Hostinfo_Daemonize starts has the default action again.
-void IgnoreSigpipe();
+// From now on writing to a pipe without a reader, or beyond the limit of a file's size, is an error and
+// no signal.  A daemon that Hostinfo_Daemonize starts has the default actions again.
+void IgnoreWriteSignals();
 
 // 0 when the file that `path` (not null) leads to, links followed, belongs to user 0 and group 0;
 // any other value when not, or when stat(2) fails.  Logs nothing.  Any thread.

@@ -116,12 +116,18 @@ TEST_F(Caller, AnEntryThatCannotBeRemovedEndsTheOpener) {
   EXPECT_EQ((Outcome{1, ""}), OutcomeOf(launch));
 }
 
-TEST_F(Caller, WhoNoLongerReadsTheLogDoesNotEndTheOpener) {
+// Nobody reads it any more; or it is a file, to which nothing may be written.
+TEST_F(Caller, ALogThatCannotBeWrittenDoesNotEndTheOpener) {
   Pipe log;
   log.read.Reset();
   const auto writeIntoIt = [&] { dup2(log.write.Get(), STDOUT_FILENO); };
+  const auto writeNothing = [] {
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_FSIZE, &none);
+  };
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("unheard"), writeIntoIt)));
-  EXPECT_TRUE(ServiceRead("unheard"));
+  EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("unwritten"), writeNothing)));
+  EXPECT_TRUE(ServiceRead("unheard") && ServiceRead("unwritten"));
 }
 
 // ---- signals --------------------------------------------------------------------------------
