@@ -1,5 +1,5 @@
 // startup.cpp -- the environment scrub, what is inherited besides, and the ownership check.
-// Tests: tests/system/caller_test.cpp, staging_test.cpp
+// Tests: tests/unit/location_test.cpp, tests/system/caller_test.cpp, staging_test.cpp
 
 #include "opener/startup.h"
 
@@ -7,12 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
-
-#include "heap.h"
+#include <utility>
 
 extern char **environ;
 
@@ -27,39 +26,50 @@ constexpr std::string_view kForbidden[] = {
     "SHELLOPTS=",
 };
 
-// `equals` is the position of the entry's first "=".
-bool IsHarmful(std::string_view entry, size_t equals) {
-  std::string_view value = entry;
-  value.remove_prefix(equals + 1);
-  if (value.starts_with(kFunctionMarker)) return true;
-  for (const std::string_view prefix : kForbidden) {
-    if (entry.starts_with(prefix)) return true;
-  }
-  return false;
+// All of an entry without "=", which is no variable.
+std::string_view NameOf(std::string_view entry) {
+  return {entry.data(), std::min(entry.find('='), entry.size())};
 }
 
-bool RemoveVariable(std::string_view name) {
-  const HeapStr copy(static_cast<char *>(malloc(name.size() + 1)));
-  if (copy == nullptr) return false;
-  memcpy(copy.get(), name.data(), name.size());
-  copy.get()[name.size()] = '\0';
-  return unsetenv(copy.get()) == 0;
+bool IsVariable(std::string_view entry) {
+  return entry.find('=') != entry.npos;
+}
+
+bool IsHarmful(std::string_view entry) {
+  if (!IsVariable(entry)) return false;
+  std::string_view value = entry;
+  value.remove_prefix(NameOf(entry).size() + 1);
+  return value.starts_with(kFunctionMarker) ||
+         std::ranges::any_of(kForbidden, [=](auto prefix) { return entry.starts_with(prefix); });
+}
+
+// Moves the harmless entries to the front, in their order, and returns the first of the others.
+char **MoveHarmlessToFront(char **first, char **end) {
+  char **harmless = first;
+  for (char **at = first; at != end; at++) {
+    if (!IsHarmful(*at)) std::swap(*harmless++, *at);
+  }
+  return harmless;
 }
 
 }  // namespace
 
+// The effect is that of unsetenv(3) for the name of each harmful entry, which removes every entry of
+// that name.  But unsetenv walks through all of them each time, and the caller decides how many there
+// are.
 void ScrubEnvironment() {
   if (environ == nullptr) return;
-  for (char **at = environ; *at != nullptr;) {
-    const std::string_view entry = *at;
-    const size_t equals = entry.find('=');
-    if (equals == entry.npos || !IsHarmful(entry, equals)) {
-      at++;
-      continue;
-    }
-    if (!RemoveVariable(entry.substr(0, equals))) exit(EXIT_FAILURE);
-    at = environ;  // unsetenv has moved the entries
-  }
+  char **end = environ;
+  while (*end != nullptr) end++;
+  char **const harmful = MoveHarmlessToFront(environ, end);
+  std::ranges::sort(harmful, end, {}, NameOf);
+  // The empty name, which unsetenv refuses, comes first.
+  if (harmful != end && NameOf(*harmful).empty()) exit(EXIT_FAILURE);
+
+  char **const kept = std::remove_if(environ, harmful, [=](const char *entry) {
+    return IsVariable(entry) && std::ranges::binary_search(harmful, end, NameOf(entry), {}, NameOf);
+  });
+  *kept = nullptr;
 }
 
 void FillStandardDescriptors() {

@@ -2,8 +2,9 @@
 #pragma once
 
 // Removes from the environment what would make a shell run code: exported functions (a value that
-// begins "() {") and BASH_ENV, ENV and SHELLOPTS.  Ends the process with status 1, silently, when
-// memory runs out or an entry cannot be removed.  Not thread-safe, as unsetenv(3).
+// begins "() {") and BASH_ENV, ENV and SHELLOPTS, with all other entries of the same names.  Ends the
+// process with status 1, silently, when such an entry has an empty name.  As good as linear in the
+// size of the environment, whatever is in it.  Not thread-safe, as unsetenv(3).
 void ScrubEnvironment();
 
 // Opens /dev/null on those of 0, 1 and 2 that are closed; ends the process with status 1 when that

@@ -58,11 +58,9 @@ constexpr CallerState kCallerStates[] = {
     {"no more processes", kUser, AllowNoProcesses},
 };
 
-// Those to go stand side by side, most of them once: a walk that goes on after a removal without
-// beginning again would miss every other one.
 const std::vector<std::string> kRemoved = {
-    "f=() { :; }; reboot", "BASH_ENV=/x", "ENV=",     "SHELLOPTS=xtrace",
-    "BASH_FUNC_g%%=() {",  "ENV=twin",    "ENV=twin",
+    "f=() { :; }; reboot", "BASH_ENV=/x",        "ENV=",
+    "SHELLOPTS=xtrace",    "BASH_FUNC_g%%=() {", "ENV=twin",
 };
 const std::vector<std::string> kKept = {
     "PATH=/usr/bin:/bin", "MYENV=1",     "XBASH_ENV=1", "env=1",   "ENVIRON=1",
