@@ -59,8 +59,8 @@ void Hostinfo_SetPreExecHook(HostinfoPreExecHook *hook);
 
 // The host's identity, computed once per process: a hash of the host name, and the link-layer
 // address of the first of the interfaces en0 to en7 that has one (in the first six bytes in memory;
-// 0 when none has).  What cannot be had is 0, after a warning.  Neither pointer is null.  Any
-// thread.
+// 0 when none has).  If the host does not tell its name or its interfaces, that half is 0, after a
+// warning.  Neither pointer is null.  Any thread.
 void Hostinfo_MachineID(uint32_t *hostNameHash, uint64_t *hardwareID);
 
 // Whether the process `pid` exists, as kill(2) tells: 1 when it does, also as a zombie or somebody

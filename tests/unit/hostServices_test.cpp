@@ -43,6 +43,7 @@ using std::string_literals::operator""s;
 // The digests come from sha1sum: of the address with two zero bytes, or of the hash 177670.
 #define ID_05 " 0000050403020102\n52 1b bc 37 56 80 e4 a0-1f b3 e6 2c a3 91 fc bc\n"
 #define ID_06 " 0000060403020102\n52 2d 1d 06 c5 f3 83 d4-68 c3 2b 52 b6 94 75 79\n"
+#define NO_NAME "Warning: Hostinfo_MachineID Hostinfo_HostName failure; providing default.\n0"
 #define ID_NONE " 0000000000000000\n52 c0 7d aa 1e 1e e4 4b-52 a4 76 f0 c9 a2 2d d1\n"
 
 const struct Host {
@@ -57,9 +58,8 @@ const struct Host {
     // The hash is taken modulo 2^32, of bytes from 0 to 255.
     {"build-host-17.example.org", {{"en7", 5}}, "2812844453" ID_05},
     {"\xC3\xA9", {{"en0", 5}}, "5866513" ID_05},
-    {"a\xFF",
-     {{"en0", 5}},
-     "Warning: Hostinfo_MachineID Hostinfo_HostName failure; providing default.\n0" ID_05},
+    {"a\xFF", {{"en0", 5}}, NO_NAME ID_05},
+    {"", {{"en0", 5}}, NO_NAME ID_05},
     {"a",
      {},
      "Warning: ObtainHardwareID getifaddrs failure: Too many open files.\n"
