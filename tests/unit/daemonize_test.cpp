@@ -2,8 +2,8 @@
 //
 // The daemon is a shell that writes what it finds about itself to a file.  What an opener's daemon
 // inherits is tested as installed, in tests/system/caller_test.cpp; failing calls also in
-// tests/system/faults_test.cpp.  Linked with the wraps of sysFault.h, --wrap=close_range and
-// --wrap=setsid.
+// tests/system/faults_test.cpp.  Linked with the wraps of sysFault.h, --wrap=close_range,
+// --wrap=getdents64 and --wrap=setsid.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -21,6 +20,7 @@
 #include <functional>
 #include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fd.h"
@@ -34,7 +34,16 @@ namespace {
 namespace fs = std::filesystem;
 
 bool closeRangeRefused = false;
-int setsidError = 0;  // or a signal that kills the caller, negative
+int emptyLists = 0;  // as many of the next directories are read as empty
+bool setsidKills = false;
+
+const std::string kWho = "Warning: Hostinfo_Daemonize: ";
+const std::string kDead = kWho + "Child died before it could exec /missing/x.\n";
+
+std::string CouldNotExec(const std::string &program, int error) {
+  return kWho + "Child could not exec " + program + ", read 4, error " + std::to_string(error) +
+         ".\n";
+}
 
 // In the end its descriptors, by a process of their own: the shell opens none for that.
 constexpr char kDaemon[] = R"(
@@ -75,12 +84,15 @@ class Daemonize : public testing::Test {
   }
 };
 
-// However the host closes descriptors: by ranges, by those that /proc lists, or, while there is no
-// number for that list, first by the limit.
+// However the host closes descriptors: by ranges, by those that /proc lists, by the limit where /proc
+// is an empty folder, or, while there is no list at first, by both.
 TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
   const std::string kept = dir_.Write("kept", "");
-  for (const char *refused : {"", "close_range", "close_range, the list"}) {
+  for (const int lists : {-1, 0, INT_MAX, 1}) {
+    SCOPED_TRACE(lists);
     const ChildResult starter = RunInChild([&] {
+      // Frees 6 to 9 for the start's own descriptors, which the daemon must not get.
+      close_range(6, UINT_MAX, 0);
       const Fd file(open(kept.c_str(), O_RDWR));
       for (const int number : {5, 17, 18, 300, 400}) dup2(file.Get(), number);
       fcntl(18, F_SETFD, FD_CLOEXEC);
@@ -90,18 +102,17 @@ TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
       // More than any program has, so that it does not get in the way of a sanitizer.
       const rlimit space = {rlim_t{1} << 47, RLIM_INFINITY};
       setrlimit(RLIMIT_AS, &space);
-      closeRangeRefused = *refused != '\0';
-      // The first is that of the PID file.
-      const SysFault fault("open", strchr(refused, ',') != nullptr ? 2 : INT_MAX, EMFILE);
-      _exit(Start("/bin/sh", 0, {300, 18, 17, -1, INT_MAX, 17}, "linger") ? 0 : 1);
+      closeRangeRefused = lists >= 0;
+      emptyLists = lists;
+      _exit(Start("/bin/sh", 0, {300, 18, 17, -1, INT_MAX, 17, 6, 7, 8, 9}, "linger") ? 0 : 1);
     });
     ASSERT_EQ(0, starter.exitStatus) << starter.output;
     AwaitReport();
+    const std::string aboveLimit = lists == INT_MAX ? " 400=" + kept : "";
     EXPECT_EQ(
         "flags:\t0100000 flags:\t0100001 flags:\t0100001  0=/dev/null 1=/dev/null 2=/dev/null 17=" +
-            kept + " 300=" + kept,
-        files_)
-        << refused;
+            kept + " 300=" + kept + aboveLimit,
+        files_);
     EXPECT_TRUE(space_ == "unlimited" && folder_ == "/" && session_ != pid_ &&
                 session_ != getsid(0));
     // Without its flag the PID file is no lock.
@@ -153,88 +164,68 @@ TEST_F(Daemonize, PidFileIsALockWhileTheDaemonLives) {
 TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
   const std::string plain = dir_.Write("plain", "no program");
   const char *const badArgv[] = {"x", "\xff", nullptr};
-  const std::string who = "Warning: Hostinfo_Daemonize: ";
-  EXPECT_EQ(
-      who + "Child could not exec " + plain + ", read 4, error " + std::to_string(EACCES) + ".\n",
-      Failure(EACCES, [&] { return Start(plain.c_str(), 0); }));
-  EXPECT_EQ(who + "Couldn't convert path [a\xc3] to default encoding.\n",
+  EXPECT_EQ(CouldNotExec(plain, EACCES), Failure(EACCES, [&] { return Start(plain.c_str(), 0); }));
+  EXPECT_EQ(kWho + "Couldn't convert path [a\xc3] to default encoding.\n",
             Failure(EINVAL, [&] { return Start("a\xc3", 0); }));
-  EXPECT_EQ(who + "Couldn't convert arguments to default encoding.\n", Failure(EINVAL, [&] {
+  EXPECT_EQ(kWho + "Couldn't convert arguments to default encoding.\n", Failure(EINVAL, [&] {
               return Hostinfo_Daemonize("/x", badArgv, 0, pidPath_.c_str(), nullptr, 0);
             }));
   EXPECT_FALSE(fs::exists(pidPath_));
 }
 
-TEST_F(Daemonize, TheHookIsTheLastStepBeforeExec) {
-  // The PID file is written, the directory changed; the daemon does not come to exec.
-  Hostinfo_SetPreExecHook([] {
-    errno = getcwd(std::array<char, 2>{}.data(), 2) != nullptr ? EIDRM : 0;
-    return false;
-  });
-  const std::string prefix = "Warning: Hostinfo_Daemonize: Child could not exec /bin/sh, read 4, ";
-  EXPECT_EQ(prefix + "error " + std::to_string(EIDRM) + ".\n",
-            Failure(EIDRM, [&] { return Start("/bin/sh", 0); }));
-  // No daemon runs that the caller was not told of.
-  Hostinfo_SetPreExecHook([] {
-    static const SysFault report("write", 1, EIO);
-    return true;
-  });
-  EXPECT_EQ("Warning: Hostinfo_Daemonize: Child died before it could exec /bin/sh.\n",
-            Failure(EINVAL, [&] { return Start("/bin/sh", 0); }));
-  Hostinfo_SetPreExecHook([] { return chdir("/proc") == 0; });
-  EXPECT_TRUE(Start("/bin/sh", 0));
-  AwaitReport();
-  EXPECT_EQ("/proc", folder_);
-  Hostinfo_SetPreExecHook(nullptr);
+TEST_F(Daemonize, DoesNotExecWhenTheHookFailsOrTheCallerCannotBeTold) {
+  const auto failure = [&](int error, HostinfoPreExecHook *hook) {
+    Hostinfo_SetPreExecHook(hook);
+    const std::string records = Failure(error, [&] { return Start("/missing/x", 0); });
+    Hostinfo_SetPreExecHook(nullptr);
+    return records;
+  };
+  EXPECT_EQ(CouldNotExec("/missing/x", EIDRM), failure(EIDRM, [] { return errno = EIDRM, false; }));
+  EXPECT_EQ(CouldNotExec("/missing/x", EINVAL), failure(EINVAL, [] { return errno = 0, false; }));
+  EXPECT_EQ(kDead, failure(EINVAL, [] {
+              static const SysFault report("write", 1, EIO);
+              return true;
+            }));
 }
 
 TEST_F(Daemonize, TellsWhatFailsInItsChildren) {
-  const std::string who = "Warning: Hostinfo_Daemonize: ";
-  const auto couldNot = [&](const std::string &step) {
-    return who + "Couldn't " + step + " to path [" + pidPath_ + "], error 5.\n" + who +
-           "Child could not exec /bin/sh, read 4, error 5.\n";
+  const auto pidFile = [&](const std::string &step) {
+    return kWho + "Couldn't " + step + " path [" + pidPath_ + "], error 5.\n" +
+           CouldNotExec("/missing/x", EIO);
   };
   const struct {
-    int setsid;
-    const char *call;
+    std::string call;
     int error;  // 0: the child is killed
     std::string records;
-  } rows[] = {
-      {EPERM, "none", 0,
-       who + "Couldn't create new session, error 1.\n" + who + "Child N exited with error 1.\n"},
-      {-SIGKILL, "none", 0, who + "Child N exited with signal 9.\n"},
-      {0, "write", EIO, couldNot("write PID")},
-      {0, "fsync", EIO, couldNot("flush PID")},
-      {0, "fsync", 0, who + "Child died before it could exec /bin/sh.\n"},
-  };
+  } rows[] = {{"setsid", 0, kWho + "Child N exited with signal 9.\n"},
+              {"write", EIO, pidFile("write PID to")},
+              {"fsync", EIO, pidFile("flush PID to")},
+              {"fsync", 0, kDead}};
   signal(SIGCHLD, SIG_IGN);  // which must not keep the first child's status from the caller
   for (const auto &row : rows) {
-    setsidError = row.setsid;
+    setsidKills = row.call == "setsid";
     const SysFault fault(row.call, 1, row.error, [&] {
       if (row.error == 0) raise(SIGKILL);
     });
-    const int flags = row.setsid == 0 ? HOSTINFO_DAEMONIZE_NOCLOSE : 0;
+    const int flags = setsidKills ? 0 : HOSTINFO_DAEMONIZE_NOCLOSE;
     const std::string records =
-        Failure(row.error == 0 ? EINVAL : row.error, [&] { return Start("/bin/sh", flags); });
+        Failure(row.error == 0 ? EINVAL : row.error, [&] { return Start("/missing/x", flags); });
     EXPECT_EQ(row.records, std::regex_replace(records, std::regex("Child \\d+"), "Child N"));
     EXPECT_FALSE(fs::exists(pidPath_));
   }
-  setsidError = 0;
+  setsidKills = false;
   EXPECT_EQ(SIG_IGN, signal(SIGCHLD, SIG_DFL));
 }
 
-// Nobody reads the log any more; nothing may be written to files, neither log nor PID.
+// Nobody reads the log any more, and the PID file may have only so many bytes.
 TEST_F(Daemonize, TellsThatItCannotWhenWritingRaisesASignal) {
-  for (const int error : {ENOENT, EFBIG}) {
-    const ChildResult starter = RunInChild([&] {
+  for (const auto &[room, error] : {std::pair{RLIM_INFINITY, ENOENT}, {0, EFBIG}, {1, ENOSPC}}) {
+    const ChildResult starter = RunInChild([limit = rlimit{room, room}, this] {
       int ends[2];
-      const bool closed = pipe(ends) == 0 && close(ends[0]) == 0;
-      if (error == ENOENT && (!closed || dup2(ends[1], STDOUT_FILENO) < 0)) _exit(1);
-      const rlimit none = {0, 0};
-      if (error == EFBIG) setrlimit(RLIMIT_FSIZE, &none);
-      for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, SIG_IGN);
-      const char *const program = error == EFBIG ? "/bin/sh" : "/missing/x";
-      _exit(Start(program, HOSTINFO_DAEMONIZE_NOCLOSE) ? 0 : errno);
+      if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0 || close(ends[0]) != 0) _exit(1);
+      setrlimit(RLIMIT_FSIZE, &limit);
+      signal(SIGPIPE, SIG_IGN);
+      _exit(Start("/missing/x", HOSTINFO_DAEMONIZE_NOCLOSE) ? 0 : errno);
     });
     EXPECT_EQ(error, starter.exitStatus);
     EXPECT_FALSE(fs::exists(pidPath_));
@@ -251,11 +242,14 @@ int __wrap_close_range(unsigned first, unsigned last, int flags) {
   return -1;
 }
 
+ssize_t __real_getdents64(int fd, void *buffer, size_t size);
+ssize_t __wrap_getdents64(int fd, void *buffer, size_t size) {
+  return emptyLists-- > 0 ? 0 : __real_getdents64(fd, buffer, size);
+}
+
 pid_t __real_setsid();
 pid_t __wrap_setsid() {
-  if (setsidError == 0) return __real_setsid();
-  if (setsidError < 0) raise(-setsidError);
-  errno = setsidError;
-  return -1;
+  if (setsidKills) raise(SIGKILL);
+  return __real_setsid();
 }
 }

@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -28,6 +29,7 @@
 #include "heap.h"
 #include "hostinfo.h"
 #include "id.h"
+#include "platform/process.h"
 #include "posix.h"
 #include "tests/support/capture.h"
 #include "tests/support/sandboxSkip.h"
@@ -85,9 +87,12 @@ TEST(MachineID, ComesFromNameAndFirstInterfaceWithAnAddress) {
 
 // ---- paths -----------------------------------------------------------------------------------
 
-TEST(ModulePath, KnowsTwoPrivileges) {
+TEST(ModulePath, KnowsTwoPrivilegesAndItsRoom) {
   const HeapStr path(Hostinfo_GetModulePath(1));
   EXPECT_TRUE(std::filesystem::equivalent("/proc/self/exe", path.get()));
+  char room[PATH_MAX];
+  EXPECT_FALSE(Platform_ExecutablePath(room, strlen(path.get())));
+  EXPECT_TRUE(Platform_ExecutablePath(room, strlen(path.get()) + 1));
   EXPECT_EQ("Warning: Hostinfo_GetModulePath: invalid privilege parameter\n",
             WithoutStamps(CaptureOutput([] { HeapStr(Hostinfo_GetModulePath(2)).reset(); })));
 }
