@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "log.h"
@@ -49,22 +50,29 @@ bool IsRights(const cmsghdr &header) {
   return header.cmsg_level == SOL_SOCKET && header.cmsg_type == SCM_RIGHTS;
 }
 
-// Some alignments leave room for a second descriptor, so a peer can slip one in.  macOS reports the
-// sender's length for control data that it has cut, so what counts is what lies in the buffer.
+// Closes the descriptors that lie from `at` to `end`.
+void CloseAll(const unsigned char *at, const unsigned char *end) {
+  for (int fd; end - at >= static_cast<ptrdiff_t>(sizeof fd); at += sizeof fd) {
+    memcpy(&fd, at, sizeof fd);
+    close(fd);
+  }
+}
+
+// The end of the data behind `header`, as far as they lie in the buffer: of control data that has
+// been cut, macOS leaves the sender's length in the header.
+const unsigned char *EndOfData(const msghdr &message, const cmsghdr &header) {
+  const auto *const begin = reinterpret_cast<const unsigned char *>(&header);
+  const auto *const bufferEnd =
+      static_cast<const unsigned char *>(message.msg_control) + message.msg_controllen;
+  return std::min(bufferEnd, begin + header.cmsg_len);
+}
+
+// For messages that are not what was expected: they may hold descriptors all the same.  Some
+// alignments leave room for a second one.
 void CloseReceived(msghdr *message) {
   for (cmsghdr *header = CMSG_FIRSTHDR(message); header != nullptr;
        header = CMSG_NXTHDR(message, header)) {
-    if (!IsRights(*header)) continue;
-    const unsigned char *const data = CMSG_DATA(header);
-    const auto *const end =
-        static_cast<const unsigned char *>(message->msg_control) + message->msg_controllen;
-    const size_t length =
-        std::min<size_t>(header->cmsg_len - CMSG_LEN(0), static_cast<size_t>(end - data));
-    for (size_t at = 0; at + sizeof(int) <= length; at += sizeof(int)) {
-      int fd;
-      memcpy(&fd, data + at, sizeof fd);
-      close(fd);
-    }
+    if (IsRights(*header)) CloseAll(CMSG_DATA(header), EndOfData(*message, *header));
   }
 }
 
