@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -14,6 +15,8 @@
 #include "tests/support/product.h"
 #include "tests/support/scratchDir.h"
 #include "tests/support/trace.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -142,13 +145,22 @@ TEST_F(Handoff, TheArgumentNamesTheDescriptor) {
     launch.argv = {kOpenerPath};
     launch.argv.insert(launch.argv.end(), row.arguments.begin(), row.arguments.end());
     EXPECT_EQ(row.outcome, OutcomeOf(launch)) << row.arguments[0];
-    EXPECT_EQ(row.outcome != wrongNumber, std::filesystem::exists(kLockPath));
+    EXPECT_EQ(row.outcome != wrongNumber, fs::exists(kLockPath));
     EXPECT_TRUE(row.outcome != kDelivered || ServiceRead(content));
   }
 }
 
+size_t PipeEnds(const Process &process) {
+  const fs::directory_iterator files("/proc/" + std::to_string(process.Pid()) + "/fd");
+  return static_cast<size_t>(std::count_if(begin(files), end(files), [](const auto &file) {
+    std::error_code closed;
+    return fs::read_symlink(file.path(), closed).native().starts_with("pipe:");
+  }));
+}
+
 TEST_F(Handoff, InShellModeTheServiceSeesTheEndOnlyWhenTheOpenerDies) {
-  Process first(OpenerLaunch());  // also starts the service
+  // Also starts the service.
+  Process first(OpenerLaunch(Fd(), [] { close_range(0, ~0U, 0); }));
   EXPECT_TRUE(ServiceLogged("#1: accepted"));
   Process second(OpenerLaunch());
   EXPECT_TRUE(ServiceLogged("#2: accepted"));
@@ -157,6 +169,9 @@ TEST_F(Handoff, InShellModeTheServiceSeesTheEndOnlyWhenTheOpenerDies) {
   EXPECT_TRUE(ServiceRead("between"));
   const std::string end = EndRecord("");
   EXPECT_EQ(0U, Count(ServiceLog(), end)) << ServiceLog();
+
+  // It keeps the write end, and not the one that it handed over.
+  EXPECT_TRUE(Eventually([&] { return PipeEnds(first) == 1; }));
 
   first.Signal(SIGKILL);
   EXPECT_EQ(128 + SIGKILL, first.Wait());
