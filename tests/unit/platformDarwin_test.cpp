@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/sysctl.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,6 +32,7 @@
 #include "platform/files.h"
 #include "platform/linkAddress.h"
 #include "platform/process.h"
+#include "platform/senderUser.h"
 
 namespace {
 
@@ -174,6 +176,21 @@ TEST(ProcessDarwin, DescriptorsAboveALoweredOrARaisedLimitAreClosed) {
   }
 }
 
+// A number without a process, which is no failure of the call, and a socket without a peer.
+
+pid_t peer = 300;
+
+TEST(SenderUserDarwin, IsTheUserOfALiveProcess) {
+  uid_t user = 0;
+  EXPECT_TRUE(Platform_PrepareForSender(5) && Platform_SenderUser(5, &user));
+  EXPECT_EQ(501U, user);
+  for (const int number : {301, -1}) {
+    peer = number;
+    EXPECT_FALSE(Platform_SenderUser(5, &user));
+    EXPECT_EQ(number < 0 ? ENOTCONN : ESRCH, errno);
+  }
+}
+
 int Answer(int error) {
   errno = error;
   return error == 0 ? 0 : -1;
@@ -239,7 +256,18 @@ int acl_free(void *) {
 int acl_set_fd_np(int, acl_t, acl_type_t) {
   return Answer(failure);
 }
-int sysctl(int *mib, unsigned, void *old, size_t *, void *, size_t) {
+extern "C" int fakeGetsockopt(int, int level, int option, void *value, socklen_t *) noexcept {
+  EXPECT_TRUE(level == SOL_LOCAL && option == LOCAL_PEERPID);
+  *static_cast<pid_t *>(value) = peer;
+  return Answer(peer < 0 ? ENOTCONN : 0);
+}
+int sysctl(int *mib, unsigned, void *old, size_t *size, void *, size_t) {
+  if (mib[1] == KERN_PROC) {
+    EXPECT_TRUE(mib[2] == KERN_PROC_PID && mib[3] == peer);
+    static_cast<kinfo_proc *>(old)->kp_eproc.e_pcred.p_ruid = 501;
+    *size = peer == 300 ? sizeof(kinfo_proc) : 0;
+    return 0;
+  }
   EXPECT_TRUE(mib[0] == CTL_KERN && mib[1] == KERN_MAXFILESPERPROC);
   *static_cast<int *>(old) = kPerProcess;
   return 0;
