@@ -1,7 +1,8 @@
 // connection.cpp -- the handshake: greeting, descriptor, answer.
 //
 // The peer may be anything: it may say nothing, leave at any point, or send garbage.  Whatever it
-// does ends this connection at most.
+// does ends this connection at most.  Only root can connect, so it is an opener; but an opener works
+// for any user, and they may stop it, kill it, and start a thousand more.
 
 #include "service/connection.h"
 
@@ -11,6 +12,8 @@
 
 #include "log.h"
 #include "opener/serviceImplWire.h"
+#include "platform/senderUser.h"
+#include "service/slots.h"
 
 namespace {
 
@@ -24,12 +27,15 @@ char GreetingFor(unsigned serial) {
 
 }  // namespace
 
-void Connection::Greet(Fd peer, unsigned serial) {
+void Connection::Greet(Fd peer, unsigned serial, int64_t nowMs) {
   serial_ = serial;
   greeting_ = GreetingFor(serial);
-  // An accepted socket inherits this from the listening one on macOS only.
-  const bool ok =
-      ServiceImplSetBlockingState(peer.Get(), false) && ServiceImplWriteOne(peer.Get(), greeting_);
+  greetedMs_ = nowMs;
+  // The opener sends nothing before the greeting, so the preparation is in time.  O_NONBLOCK: an
+  // accepted socket inherits it from the listening one on macOS only.
+  const bool ok = Platform_PrepareForSender(peer.Get()) &&
+                  ServiceImplSetBlockingState(peer.Get(), false) &&
+                  ServiceImplWriteOne(peer.Get(), greeting_);
   if (!ok) {
     Log("#%u: gone before the greeting.\n", serial_);
     return;
@@ -37,40 +43,49 @@ void Connection::Greet(Fd peer, unsigned serial) {
   peer_ = std::move(peer);
 }
 
-void Connection::Proceed() {
+void Connection::Proceed(const Slots &slots) {
   if (peer_) {
-    ReceiveDescriptor();
+    ReceiveDescriptor(slots);
   } else {
     delivery_.ReadSome(serial_);
   }
 }
 
 // What cannot be read is refused at once; all else shows when it is read.
-const char *Connection::ReasonToRefuse(int fd) const {
+const char *Connection::ReasonToRefuse(int fd, const Slots &slots) const {
   if (ServiceImplExchangeByte() != greeting_) return "the greeting came back changed";
   const int flags = fcntl(fd, F_GETFL);
   if (flags == -1 || (flags & O_ACCMODE) == O_WRONLY) return "the descriptor cannot be read";
+  if (!slots.MayBeginDelivery(user_)) return "the user's share is used up";
   return nullptr;
 }
 
-void Connection::ReceiveDescriptor() {
+void Connection::ReceiveDescriptor(const Slots &slots) {
   int received = -1;
-  if (!ServiceImplRecvFd(peer_.Get(), &received)) {
+  // Both end at the end of file of a peer that has gone.
+  if (!Platform_SenderUser(peer_.Get(), &user_) || !ServiceImplRecvFd(peer_.Get(), &received)) {
     Log("#%u: no descriptor came.\n", serial_);
     peer_.Reset();
     return;
   }
   Fd fd(received);
-  const char *const reason = ReasonToRefuse(fd.Get());
+  const auto user = static_cast<unsigned>(user_);
+  const char *const reason = ReasonToRefuse(fd.Get(), slots);
   if (reason != nullptr) {
-    Log("#%u: refused: %s.\n", serial_, reason);
+    Log("#%u: user %u refused: %s.\n", serial_, user, reason);
     (void)ServiceImplWriteOne(peer_.Get(), kRefused);
   } else if (ServiceImplWriteOne(peer_.Get(), kAccepted)) {
-    Log("#%u: accepted a descriptor.\n", serial_);
+    // The peer is still there, so it is this user's.
+    Log("#%u: accepted a descriptor of user %u.\n", serial_, user);
     delivery_.Begin(std::move(fd));
   } else {
     // The opener will not tell its caller of a success, so the descriptor is not kept either.
     Log("#%u: gone before the answer.\n", serial_);
   }
+  peer_.Reset();
+}
+
+void Connection::EndSilence() {
+  Log("#%u: no answer to the greeting.\n", serial_);
   peer_.Reset();
 }

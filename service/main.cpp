@@ -11,8 +11,8 @@
 // What a service finds when an opener has started it: effective user 0, the directory "/", a
 // session of its own, /dev/null on 0 to 2, umask 022, default signal actions, and no descriptor but
 // the two. What it must not trust: the real user and all groups, the environment (shell functions,
-// BASH_ENV, ENV and SHELLOPTS are gone, all else is there) and the resource limits are those of the
-// user who ran the opener.
+// BASH_ENV, ENV and SHELLOPTS are gone, all else is there), the resource limits and the priority are
+// those of the user who ran the opener.
 //
 // What it does, for each connection (docs/protocol.md has the bytes):
 //   1. accept, and send one byte, of any value, as a greeting: until then the opener waits;
@@ -22,7 +22,7 @@
 // may leave its queue behind.  The socket file stays: the next opener to find that nobody listens
 // replaces it.
 //
-// This service reads what it is given up to the end of file and logs what it was.
+// This service reads what it is given up to the end of file and logs what it was, for whom.
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -78,6 +78,9 @@ int ListenerArgument(const char *text) {
   return fd;
 }
 
+// Here, because it is too large for a stack that a user may have limited.
+Service service;
+
 // Records go to standard output, so the file takes its place; LogOpen would truncate it.  Without
 // the file the service still serves.
 void AppendLogTo(const char *path) {
@@ -107,6 +110,6 @@ int main(int argc, char *argv[]) {
     Warning("Cannot handle signals, errno %d.\n", errno);
     return EXIT_FAILURE;
   }
-  return Service(std::move(listener), std::move(status), std::move(stop)).Run() ? EXIT_SUCCESS
-                                                                                : EXIT_FAILURE;
+  return service.Run(std::move(listener), std::move(status), std::move(stop)) ? EXIT_SUCCESS
+                                                                              : EXIT_FAILURE;
 }

@@ -1,12 +1,13 @@
 // service.cpp -- the loop.  Each turn waits for events, lets every connection that has one take one
-// step, and accepts whoever is new.  No step waits for a peer, so none holds up the others.
+// step, and accepts whoever is new.  No step waits for a peer, so none holds up the others; what a
+// user can take from the others is bounded in slots.h.
 
 #include "service/service.h"
 
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -23,15 +24,14 @@ bool IsStarvation(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-}  // namespace
-
-Service::Service(Fd listener, Fd status, Fd stop)
-    : listener_(std::move(listener)), status_(std::move(status)), stop_(std::move(stop)) {}
-
-Connection *Service::FindFree() {
-  const auto found = std::ranges::find_if(connections_, &Connection::IsFree);
-  return found == connections_.end() ? nullptr : &*found;
+// A clock that nobody sets.
+int64_t NowMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
+
+}  // namespace
 
 void Service::Watch(int fd, Connection *owner) {
   if (fd < 0) return;
@@ -45,11 +45,11 @@ bool Service::Wait() {
   numWatched_ = 0;
   Watch(stop_.Get(), nullptr);
   Watch(status_.Get(), nullptr);
-  for (Connection &connection : connections_) Watch(connection.Descriptor(), &connection);
-  if (!starved_ && FindFree() != nullptr) Watch(listener_.Get(), nullptr);
+  for (Connection &connection : slots_.Used()) Watch(connection.Descriptor(), &connection);
+  if (!starved_ && slots_.HasRoomForPeer()) Watch(listener_.Get(), nullptr);
 
-  const int events =
-      poll(watched_.data(), static_cast<nfds_t>(numWatched_), starved_ ? kStarvedMs : -1);
+  const int timeoutMs = starved_ ? kStarvedMs : slots_.MsToEndOfSilence(NowMs());
+  const int events = poll(watched_.data(), static_cast<nfds_t>(numWatched_), timeoutMs);
   if (events >= 0) return true;
   if (errno == EINTR) {
     numWatched_ = 0;  // there are no events
@@ -67,7 +67,7 @@ void Service::NoteAcceptFailure(int error) {
 }
 
 void Service::AcceptAll() {
-  while (Connection *const free = FindFree()) {
+  while (slots_.HasRoomForPeer()) {
     Fd peer(accept(listener_.Get(), nullptr, nullptr));
     if (!peer) {
       const int error = errno;
@@ -80,7 +80,7 @@ void Service::AcceptAll() {
       return;
     }
     starved_ = false;
-    free->Greet(std::move(peer), ++lastSerial_);
+    slots_.FindForPeer()->Greet(std::move(peer), ++lastSerial_, NowMs());
   }
 }
 
@@ -93,18 +93,19 @@ void Service::ReadStatus() {
 }
 
 void Service::Stop() {
-  const auto open =
-      std::ranges::count_if(connections_, [](const Connection &c) { return !c.IsFree(); });
-  Log("Stopped with %d connections open.\n", static_cast<int>(open));
+  Log("Stopped with %d connections open.\n", static_cast<int>(slots_.CountOpen()));
 }
 
-bool Service::Run() {
+bool Service::Run(Fd listener, Fd status, Fd stop) {
+  listener_ = std::move(listener);
+  status_ = std::move(status);
+  stop_ = std::move(stop);
   if (!ServiceImplSetBlockingState(listener_.Get(), false)) return false;
   while (Wait()) {
     for (size_t i = 0; i < numWatched_; i++) {
       if (watched_[i].revents == 0) continue;
       if (owners_[i] != nullptr) {
-        owners_[i]->Proceed();
+        owners_[i]->Proceed(slots_);
       } else if (watched_[i].fd == stop_.Get()) {
         Stop();
         return true;
@@ -114,6 +115,7 @@ bool Service::Run() {
         AcceptAll();
       }
     }
+    slots_.EndSilence(NowMs());
     if (starved_) AcceptAll();
   }
   return false;

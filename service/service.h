@@ -8,18 +8,16 @@
 #include <cstddef>
 
 #include "fd.h"
-#include "service/connection.h"
+#include "service/slots.h"
 
+// Large: not for the stack.
 class Service {
-  // A bound that no ordinary crowd reaches.  Openers beyond it wait in the listening socket's
-  // queue.
-  static constexpr size_t kMaxConnections = 512;
-  static constexpr size_t kMaxWatched = 3 + kMaxConnections;
+  static constexpr size_t kMaxWatched = 3 + Slots::kCount;
 
   Fd listener_;
   Fd status_;
   Fd stop_;
-  std::array<Connection, kMaxConnections> connections_;
+  Slots slots_;
   unsigned lastSerial_ = 0;
   bool starved_ = false;  // no descriptors left for accept
 
@@ -28,7 +26,6 @@ class Service {
   std::array<Connection *, kMaxWatched> owners_;
   size_t numWatched_ = 0;
 
-  Connection *FindFree();
   void Watch(int fd, Connection *owner);
   bool Wait();
   void AcceptAll();
@@ -37,10 +34,7 @@ class Service {
   void Stop();
 
  public:
-  // `listener` is a listening socket, `status` a pipe's read end; `stop` becomes readable when the
-  // service is to stop.
-  Service(Fd listener, Fd status, Fd stop);
-
-  // Serves until it is told to stop; false, logged, when it cannot go on.
-  [[nodiscard]] bool Run();
+  // Serves until it is told to stop; false, logged, when it cannot go on.  `listener` is a listening
+  // socket, `status` a pipe's read end; `stop` becomes readable when the service is to stop.
+  [[nodiscard]] bool Run(Fd listener, Fd status, Fd stop);
 };

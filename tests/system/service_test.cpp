@@ -2,15 +2,24 @@
 // happened to start it has no power over it.
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <ctime>
+#include <deque>
 #include <filesystem>
 
 #include "tests/support/peer.h"
 #include "tests/support/product.h"
+#include "tests/support/sandboxSkip.h"
+#include "tests/support/scratchDir.h"
 
 namespace {
 
@@ -27,10 +36,15 @@ class ServiceTest : public ProductTest {
     EXPECT_TRUE(ServiceLogged("The opener that started this service has finished.\n"));
   }
 
-  // An ordinary opener is served.
-  static void ExpectService(const std::string &token) {
-    EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith(token))));
+  // An ordinary opener is served; the result is how long that took, in milliseconds.
+  static long ExpectService(const std::string &token, uid_t user = kUser) {
+    const auto start = std::chrono::steady_clock::now();
+    Launch launch = OpenerLaunch(FileWith(token));
+    launch.user = user;
+    EXPECT_EQ(kDelivered, OutcomeOf(launch));
+    const auto end = std::chrono::steady_clock::now();
     EXPECT_TRUE(ServiceRead(token));
+    return std::chrono::duration_cast<std::chrono::milliseconds>(end - start).count();
   }
   long OpenFiles() const {
     const std::filesystem::directory_iterator files("/proc/" + std::to_string(service_) + "/fd");
@@ -77,6 +91,54 @@ TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
   EXPECT_EQ(std::vector<pid_t>{service_}, Services());
 }
 
+// The byte makes all of them readable, and the first one takes it.
+TEST_F(ServiceTest, OnePipeDeliveredOftenHoldsUpNobody) {
+  Pipe pipe;
+  for (int i = 0; i < 200; i++) {
+    EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(Fd(dup(pipe.read.Get())))));
+  }
+  long quickest = Process::kTimeoutMs;
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(1, write(pipe.write.Get(), "x", 1));
+    quickest = std::min(quickest, ExpectService("meanwhile " + std::to_string(i)));
+  }
+  EXPECT_LT(quickest, 200);
+}
+
+TEST_F(ServiceTest, OneUserCannotShutOutAnother) {
+  constexpr size_t kOpeners = 1000;
+  constexpr size_t kShare = 512;
+  const rlimit enough = {2 * kOpeners, 2 * kOpeners};
+  if (setrlimit(RLIMIT_NOFILE, &enough) != 0) SKIP_FOR_WANT_OF("2,000 descriptors");
+  std::deque<Process> shells;
+  for (size_t i = 0; i < kOpeners; i++) shells.emplace_back(OpenerLaunch());
+  const auto running = [&] {
+    return static_cast<size_t>(std::ranges::count_if(shells, &Process::Running));
+  };
+  EXPECT_TRUE(Eventually([&] { return running() == kShare; })) << running();
+  const std::string refusal = "user " + std::to_string(kUser) + " refused: the user's share";
+  EXPECT_EQ(kOpeners - kShare, Count(ServiceLog(), refusal));
+  EXPECT_EQ(1, OutcomeOf(OpenerLaunch()).status);
+  EXPECT_LT(ExpectService("the other user", kUser + 1), 1000);
+
+  for (const Process &shell : shells) {
+    if (shell.Running()) shell.Signal(SIGKILL);
+  }
+  EXPECT_TRUE(Eventually([&] { return Count(ServiceLog(), EndRecord("")) == kShare; }));
+  ExpectService("the first user");
+}
+
+// There is no place for more until the first of them have to leave.  The others have more time.
+TEST_F(ServiceTest, SilentPeersGiveWay) {
+  std::deque<Fd> silent;
+  for (int i = 0; i < 512; i++) silent.push_back(ConnectTo(kSocketPath));
+  for (const Fd &peer : silent) EXPECT_NE('\0', Receive(peer).byte);
+  ExpectService("after the crowd");
+  EXPECT_EQ('\0', Receive(silent.front()).byte);
+  if (Rounds() == 1) return;
+  EXPECT_EQ('\0', Receive(silent.back()).byte);
+}
+
 TEST_F(ServiceTest, WithoutDescriptorsItWaitsForSome) {
   rlimit before = {};
   ASSERT_EQ(0, prlimit(service_, RLIMIT_NOFILE, nullptr, &before));
@@ -96,6 +158,103 @@ TEST_F(ServiceTest, RefusesWhatIsNoListeningSocket) {
     launch.adjust = [] { dup2(STDOUT_FILENO, 9); };
     EXPECT_EQ(2, Process(launch).Wait()) << argument;
   }
+}
+
+// ---- what the user who started it may have left behind -----------------------------------------
+
+constexpr rlim_t kLittleStack = 32 << 10;
+
+constexpr struct {
+  __rlimit_resource resource;
+  rlim_t before;
+  rlim_t after;
+} kLimits[] = {
+    {RLIMIT_CORE, 1 << 20, 0},
+    {RLIMIT_CPU, 3600, RLIM_INFINITY},
+    {RLIMIT_DATA, rlim_t{1} << 45, RLIM_INFINITY},  // a sanitizer maps terabytes
+    {RLIMIT_FSIZE, 1 << 30, RLIM_INFINITY},
+    {RLIMIT_NOFILE, 64, 2048},
+    {RLIMIT_SIGPENDING, 1, RLIM_INFINITY},
+    {RLIMIT_STACK, kLittleStack, 8 << 20},
+};
+
+// As an ordinary user can do it, who can take little of it back.
+void WorsenScheduling() {
+  cpu_set_t first;
+  CPU_ZERO(&first);
+  cpu_set_t all;
+  sched_getaffinity(0, sizeof all, &all);
+  for (int i = 0; CPU_COUNT(&first) == 0; i++) {
+    if (CPU_ISSET(i, &all)) CPU_SET(i, &first);
+  }
+  sched_setaffinity(0, sizeof first, &first);
+  const sched_param none = {};
+  sched_setscheduler(0, SCHED_BATCH, &none);
+  setpriority(PRIO_PROCESS, 0, 5);
+  syscall(SYS_ioprio_set, 1, 0, 3 << 13);
+  prctl(PR_SET_TIMERSLACK, 1'000'000'000UL, 0, 0, 0);
+}
+
+// All that can be asked of a process, in words.
+std::string Scheduling(pid_t pid) {
+  cpu_set_t processors;
+  sched_getaffinity(pid, sizeof processors, &processors);
+  const std::string proc = "/proc/" + std::to_string(pid);
+  return "class " + std::to_string(sched_getscheduler(pid)) + ", priority " +
+         std::to_string(getpriority(PRIO_PROCESS, static_cast<id_t>(pid))) + ", of input " +
+         std::to_string(syscall(SYS_ioprio_get, 1, pid) >> 13) + ", processors " +
+         std::to_string(CPU_COUNT(&processors)) + ", slack " + ReadFile(proc + "/timerslack_ns") +
+         "out of memory " + ReadFile(proc + "/oom_score_adj");
+}
+
+// The local time of the service's first record, less that of this process.
+double HoursAhead() {
+  unsetenv("TZ");
+  tm stamp = {};
+  stamp.tm_isdst = -1;
+  strptime(ReadFile(kServiceLogPath).c_str(), "%Y-%m-%dT%H:%M:%S", &stamp);
+  return difftime(mktime(&stamp), time(nullptr)) / 3600;
+}
+
+bool MayRaiseHardLimits() {
+  rlimit limit;
+  getrlimit(RLIMIT_MSGQUEUE, &limit);
+  limit.rlim_max++;
+  return setrlimit(RLIMIT_MSGQUEUE, &limit) == 0;
+}
+
+TEST_F(ServiceTest, TakesAfterTheSystemAndNotAfterItsStarter) {
+  if (setpriority(PRIO_PROCESS, 0, -1) != 0) SKIP_FOR_WANT_OF("raising a priority");
+  setpriority(PRIO_PROCESS, 0, 0);
+  const std::string usual = Scheduling(getpid());
+  const bool mayRaise = MayRaiseHardLimits();
+  StopServices();
+  unlink(kServiceLogPath.c_str());
+  Launch launch = OpenerLaunch(FileWith("from below"), [mayRaise] {
+    for (const auto &row : kLimits) {
+      rlimit limit;
+      getrlimit(row.resource, &limit);
+      limit = {row.before, mayRaise ? row.before : limit.rlim_max};
+      setrlimit(row.resource, &limit);
+    }
+    WorsenScheduling();
+  });
+  launch.env.push_back("TZ=XXX-13:45");
+  // Only after exec the file is the user's.
+  launch.argv = {"/bin/sh", "-c",        "echo 900 >/proc/self/oom_score_adj && exec \"$@\"",
+                 "-",       kOpenerPath, "7"};
+  EXPECT_EQ(kDelivered, OutcomeOf(launch));
+  const auto services = Services();
+  ASSERT_EQ(1U, services.size());
+  EXPECT_EQ(usual, Scheduling(services[0]));
+  for (const auto &row : kLimits) {
+    rlimit now = {};
+    ASSERT_EQ(0, prlimit(services[0], row.resource, nullptr, &now));
+    EXPECT_EQ(mayRaise ? row.after : std::min(row.after, now.rlim_max), now.rlim_cur)
+        << row.resource;
+  }
+  ExpectService(std::string(kLittleStack, 'x'));
+  EXPECT_NEAR(0, HoursAhead(), 1);
 }
 
 TEST_F(ServiceTest, IsOutOfTheUsersPowerAndStopsForRoot) {
