@@ -9,8 +9,8 @@
 //     became readable by one byte that the first of them took;
 //   - a timer, for the case that another reader takes the bytes between the two.
 // What stays: a file system that a user serves (FUSE, a network drive that is gone) can hold a
-// process in read or close for as long as it likes, and no signal ends that.  A daemon that has to
-// stand it keeps such descriptors in a process of their own.
+// process in read or close for as long as that user likes, and no signal ends that.  A daemon that
+// must survive this handles each connection in a process of its own.
 
 #include "service/delivery.h"
 
