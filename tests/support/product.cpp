@@ -69,6 +69,10 @@ void InstallProbe() {
   Shell(R"(install "$LUMEN_PROBE" "$daemon"; sign "$daemon" "$daemon")");
 }
 
+void InstallOpener(const std::string &program) {
+  Shell("install -m 4755 \"$LUMEN_BUILD/tests/system/" + program + "\" lumenClient-opener");
+}
+
 std::vector<pid_t> Services() {
   std::vector<pid_t> found;
   for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {

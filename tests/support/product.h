@@ -46,6 +46,9 @@ void InstallBundle();
 // Makes the probe the bundle's daemon, signed.
 void InstallProbe();
 
+// Makes another build of the opener, a program of tests/system, the bundle's.
+void InstallOpener(const std::string &program);
+
 // The processes of the staged daemon; ending them all.
 std::vector<pid_t> Services();
 void StopServices();

@@ -1,5 +1,6 @@
-// crowd_test.cpp -- many openers at the same moment, with nobody listening; and the same while some
-// of them are being killed.  LUMEN_ROUNDS makes the crowds larger and the rounds more.
+// crowd_test.cpp -- many openers at the same moment, with nobody listening; and the same while openers
+// and their children are stopped and killed, and the service is slow.  LUMEN_ROUNDS makes the crowds
+// larger and the rounds more.
 
 #include <unistd.h>
 
@@ -15,7 +16,9 @@
 
 namespace {
 
-const size_t kCrowd = Rounds() > 10 ? 64 : 24;
+const bool kLong = Rounds() > 10;
+const size_t kCrowd = kLong ? 500 : 24;
+const int kRounds = kLong ? 27 : 9;
 
 std::string Token(int round, size_t number) {
   return "round " + std::to_string(round) + ", opener " + std::to_string(number);
@@ -33,12 +36,55 @@ class Crowd {
         // The end of file comes when nobody has the write end any more.
         gate_.write.Reset();
         char ignored;
-        if (read(gate_.read.Get(), &ignored, 1) != 0) _exit(125);
+        if (read(gate_.read.Get(), &ignored, 1) != 0 || setpgid(0, 0) != 0) _exit(125);
       }));
     }
   }
   void Open() { gate_.write.Reset(); }
   Process *operator[](size_t i) { return &openers_[i]; }
+};
+
+// Stops and kills openers, alone or with those of their children that are not yet daemons, and stops
+// the service.
+class Storm {
+  static constexpr size_t kMostStopped = 16;
+
+  std::mt19937 random_{20201};
+  std::deque<pid_t> stopped_;  // as kill(2) takes them: negative for a process and its children
+  int signals_ = 0;
+
+  void Send(pid_t target, int signal) { signals_ += kill(target, signal) == 0 ? 1 : 0; }
+  void Stop(pid_t target) {
+    Send(target, SIGSTOP);
+    stopped_.push_back(target);
+  }
+
+ public:
+  size_t Random(size_t limit) { return random_() % limit; }
+
+  void Strike(Crowd *crowd, std::set<size_t> *killed) {
+    const size_t i = Random(kCrowd);
+    Process *const opener = (*crowd)[i];
+    const pid_t target = Random(2) == 0 ? opener->Pid() : -opener->Pid();
+    if (Random(8) == 0) {
+      for (const pid_t service : Services()) Stop(service);
+    } else if (!opener->Running()) {
+      return;
+    } else if (Random(2) == 0) {
+      Stop(target);
+    } else if (killed->insert(i).second) {
+      Send(target, SIGKILL);
+    }
+    if (stopped_.size() > kMostStopped) Continue();
+  }
+  void Continue() {
+    Send(stopped_.front(), SIGCONT);
+    stopped_.pop_front();
+  }
+  void End() {
+    while (!stopped_.empty()) Continue();
+    printf("%d signals so far; ", signals_);
+  }
 };
 
 using CrowdTest = ProductTest;
@@ -58,26 +104,28 @@ void ExpectDelivered(Crowd *crowd, int round, const std::set<size_t> &killed) {
   printf("round %d: %d of %zu delivered, %d staged\n", round, delivered, kCrowd, staged);
 }
 
-// In all rounds but the first of nine half of them are killed, at moments that are spread over the
-// time of one start after another.  Whoever is killed while it prepares the service, with others in
-// the queue of its socket, leaves its place to another one.
+// A storm in all rounds but the first of nine, at moments that are spread over the time of a few
+// starts.  An opener that is killed while it prepares the service, with others in the queue of its
+// socket, leaves its place to another one.  In every other round of a long run the openers are
+// refused as on macOS.
 TEST_F(CrowdTest, StartsOneServiceThatServesAllWhoLive) {
-  std::mt19937 random(20201);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("first"))));
   const std::chrono::microseconds time = std::chrono::duration_cast<std::chrono::microseconds>(
       std::chrono::steady_clock::now() - start);
-  const size_t longest = 4 * static_cast<size_t>(time.count()) / kCrowd;
-  for (int round = 0; round < 9 * Rounds(); round++) {
+  const size_t longest = static_cast<size_t>(time.count()) / (kLong ? 50 : 6);
+  Storm storm;
+  for (int round = 0; round < kRounds; round++) {
     Reset();
+    if (kLong && round % 2 == 1) InstallOpener("refusedOpener");
     Crowd crowd(round);
     crowd.Open();
     std::set<size_t> killed;
-    for (size_t i = 0; round % 9 != 0 && i < kCrowd / 2; i++) {
-      usleep(static_cast<useconds_t>(random() % longest));
-      const size_t victim = random() % kCrowd;
-      if (crowd[victim]->Running() && killed.insert(victim).second) crowd[victim]->Signal(SIGKILL);
+    for (size_t i = 0; round % 9 != 0 && i < kCrowd; i++) {
+      usleep(static_cast<useconds_t>(storm.Random(longest)));
+      storm.Strike(&crowd, &killed);
     }
+    storm.End();
     ExpectDelivered(&crowd, round, killed);
     EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("the next one"))));
     EXPECT_TRUE(ServiceRead("the next one"));

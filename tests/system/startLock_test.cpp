@@ -91,8 +91,8 @@ class StartLock : public ProductTest {
   // One of the openers that are refused as on macOS, and a daemon that root lets everybody write to.
   static void Install(const std::string &opener) {
     Reset();
-    Shell("install -m 4755 \"$LUMEN_BUILD/tests/system/" + opener +
-          "\" lumenClient-opener; chmod 666 \"$daemon\"; rm -f " + kMark);
+    InstallOpener(opener);
+    Shell("chmod 666 \"$daemon\"; rm -f " + kMark);
   }
   // A user's doing, in place: whatever root has checked in the open file may be something else now.
   static void ChangeDaemon() {
