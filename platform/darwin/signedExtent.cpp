@@ -23,6 +23,11 @@ struct DirCloser {
 };
 using DirStream = std::unique_ptr<DIR, DirCloser>;
 
+bool Refuse(int error) {
+  errno = error;
+  return false;
+}
+
 bool CountBelow(int dir, int depth, PlatformSignedExtent *extent);
 
 // With an offset of its own.
@@ -36,10 +41,7 @@ DirStream OpenStream(int dir) {
 
 bool CountEntry(int dir, const char *name, int depth, PlatformSignedExtent *extent) {
   struct stat info;
-  if (++extent->entries > kMaxEntries) {
-    errno = EFBIG;
-    return false;
-  }
+  if (++extent->entries > kMaxEntries) return Refuse(EFBIG);
   if (fstatat(dir, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
   if (S_ISREG(info.st_mode)) extent->bytes += static_cast<uint64_t>(info.st_size);
   if (!S_ISDIR(info.st_mode)) return true;
@@ -48,10 +50,7 @@ bool CountEntry(int dir, const char *name, int depth, PlatformSignedExtent *exte
 }
 
 bool CountBelow(int dir, int depth, PlatformSignedExtent *extent) {
-  if (depth > kMaxDepth) {
-    errno = ELOOP;
-    return false;
-  }
+  if (depth > kMaxDepth) return Refuse(ELOOP);
   const DirStream stream = OpenStream(dir);
   if (stream == nullptr) return false;
   for (;;) {
