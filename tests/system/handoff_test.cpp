@@ -71,7 +71,7 @@ bool DaemonToBeIsThere() {
 }
 
 // Otherwise another opener could stage anew under a child that is about to execute what is staged.
-TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockUntilItIsTheDaemon) {
+TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockToItsEnd) {
   Launch launch = Traced({"-f", "-e", "inject=chdir:delay_enter=1000000"});
   Process starter(launch);
   ASSERT_TRUE(Eventually(DaemonToBeIsThere));
@@ -80,7 +80,6 @@ TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockUntilItIsTheDaemo
   EXPECT_FALSE(Locked(kStartLockPath));
   Process second(OpenerLaunch(FileWith("second")));
   EXPECT_EQ(kDelivered, Finish(&second));
-  EXPECT_EQ(std::string::npos, second.Output().find("construction")) << second.Output();
   EXPECT_EQ(1U, Services().size());
   EXPECT_TRUE(Locked(kStartLockPath));
 }
