@@ -83,7 +83,7 @@ TEST(Scrub, TakesTimeInProportion) {
     clock_t &time = least[size == 60000] = std::numeric_limits<clock_t>::max();
     for (int i = 0; i < 5; i++) {
       const clock_t start = clock();
-      EXPECT_EQ(size / 2U, Scrubbed(entries).size());
+      EXPECT_EQ(size / 2, std::ssize(Scrubbed(entries)));
       time = std::min(time, clock() - start);
     }
   }
