@@ -8,9 +8,8 @@
 //         by the errno of exec should that fail.  The caller reads until end of file, so it also
 //         notices a child that was killed on the way.  Only a child killed inside exec passes for
 //         a success; nothing tells it from a daemon that was killed at once.
-// Invariants: after the first fork nothing is allocated and no string is converted; all that the
-//         children need is in the Plan.  The error pipe and the PID file are descriptors above
-//         2, because 0 to 2 are replaced in the daemon.
+// Invariants: after the first fork nothing is allocated and no string is converted; all that children
+//         need is in the Plan.  Error pipe and PID file are above 2: the daemon's 0 to 2 are replaced.
 // Order:  as in time: the caller prepares, the first child, the second child, the caller waits.
 // Tests:  tests/unit/daemonize_test.cpp
 

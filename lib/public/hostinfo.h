@@ -27,8 +27,9 @@ enum : int {
 //
 // Returns true when the daemon's process got as far as exec and reported no failure.  Otherwise false
 // with errno set: the errno of what failed, in whichever process, or EINVAL when a child died before
-// exec, the intermediate process failed, or a string is not UTF-8.  A PID file is removed again, unless
-// it could not be opened or locked.  Exhausted memory for the arguments is fatal.
+// exec, the intermediate process failed, or a string is not UTF-8.  A process killed inside exec itself
+// passes for started.  A PID file is removed again, unless it could not be opened or locked.  Exhausted
+// memory for the arguments is fatal.
 //
 // The daemon has the default action for all signals, none blocked, no interval timer, and its soft
 // address-space limit raised to the hard one.  Failures are logged; a child's may be logged by the

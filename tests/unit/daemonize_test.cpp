@@ -108,11 +108,13 @@ TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
     });
     ASSERT_EQ(0, starter.exitStatus) << starter.output;
     AwaitReport();
-    const std::string aboveLimit = lists == INT_MAX ? " 400=" + kept : "";
-    EXPECT_EQ(
-        "flags:\t0100000 flags:\t0100001 flags:\t0100001  0=/dev/null 1=/dev/null 2=/dev/null 17=" +
-            kept + " 300=" + kept + aboveLimit,
-        files_);
+    std::string expected =
+        "flags:\t0100000 flags:\t0100001 flags:\t0100001  0=/dev/null 1=/dev/null 2=/dev/null";
+    for (const char *number : {"17", "300", "400"}) {
+      if (*number != '4' || lists == INT_MAX)
+        expected.append(" ").append(number).append("=").append(kept);
+    }
+    EXPECT_EQ(expected, files_);
     EXPECT_TRUE(space_ == "unlimited" && folder_ == "/" && session_ != pid_ &&
                 session_ != getsid(0));
     // Without its flag the PID file is no lock.
@@ -176,7 +178,7 @@ TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
 TEST_F(Daemonize, DoesNotExecWhenTheHookFailsOrTheCallerCannotBeTold) {
   const auto failure = [&](int error, HostinfoPreExecHook *hook) {
     Hostinfo_SetPreExecHook(hook);
-    const std::string records = Failure(error, [&] { return Start("/missing/x", 0); });
+    std::string records = Failure(error, [&] { return Start("/missing/x", 0); });
     Hostinfo_SetPreExecHook(nullptr);
     return records;
   };

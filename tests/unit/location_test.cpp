@@ -75,7 +75,7 @@ TEST(Scrub, HasTheEffectOfUnsetenv) {
 
 // With a walk for each entry that goes it would take 64 times as long, not 8.
 TEST(Scrub, TakesTimeInProportion) {
-  clock_t least[2];  // on the clock of this process alone
+  clock_t least[2] = {};  // on the clock of this process alone
   for (const int size : {7500, 60000}) {
     Entries entries;
     for (int i = 0; i < size; i++)
