@@ -55,7 +55,8 @@ class ServiceTest : public ProductTest {
 
 // How one message of the service decides is tested in wire_test.cpp.
 void (*const kBadPeers[])(const Fd &) = {
-    [](const Fd &) {},  // leaves at once
+    [](const Fd &) {},                      // leaves at once
+    [](const Fd &sock) { Receive(sock); },  // leaves after the greeting
     [](const Fd &sock) { SendFds(sock, std::string(5000, 'x'), -1, 0); },
     [](const Fd &sock) {
       const char other = static_cast<char>(Receive(sock).byte + 1);
