@@ -2,11 +2,13 @@
 // is left with, and that its end is never taken for a yes.
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -107,8 +109,12 @@ TEST_F(Verifier, ACallThatIsNotForReadingEndsIt) {
 }
 
 TEST_F(Verifier, ItIsLeftWithNothingButReading) {
-  const Fd mine(open("/", O_RDONLY));  // what it must not inherit
+  // What it must not inherit.
+  const Fd mine(open("/", O_RDONLY));
+  const gid_t group = 4711;
+  ASSERT_EQ(0, setgroups(1, &group));
   ASSERT_EQ(0, Judge(kBundleDaemon).failure);
+  ASSERT_EQ(0, setgroups(0, nullptr));
   ASSERT_EQ(1U, Children().size());
   const std::string process = Children()[0];
   std::map<std::string, std::string> fields;
@@ -134,7 +140,8 @@ TEST_F(Verifier, ItIsLeftWithNothingButReading) {
       (std::map<std::string, std::string>{{"0", "socket:["}, {"1", "/dev/nul"}, {"2", "/dev/nul"}}),
       open);
   struct stat info;
-  EXPECT_EQ(0, stat(process.c_str(), &info));
+  EXPECT_EQ(0, stat((process + "/environ").c_str(), &info));
+  EXPECT_EQ(0U, info.st_uid);  // nobody of its own user may look into it
   // Its image is the one that was written.
   Fd image(::open((process + "/exe").c_str(), O_RDONLY));
   EXPECT_EQ(F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE,
