@@ -59,6 +59,16 @@ constexpr Item kItems[] = {
 
 // ---- the folders ------------------------------------------------------------------------------
 
+// The library makes, removes and copies without a word in the log.  Passes `ok` on.
+bool Recorded(bool ok, const char *what, const char *path) {
+  if (!ok) Warning("%s: Cannot %s %s, errno %d.\n", "constructWorkingDir", what, path, errno);
+  return ok;
+}
+
+bool MakeFolder(const char *path) {
+  return Recorded(File_CreateDirectoryIfAbsent(path, kDirMode), "make folder", path);
+}
+
 // Closes the tree to everybody but root, and opens it when it is complete.
 bool SetGate(const char *services, mode_t mode) {
   if (chmod(services, mode) == 0) return true;
@@ -70,10 +80,8 @@ bool SetGate(const char *services, mode_t mode) {
 bool RequireRootsFolder(const char *path) {
   const Fd folder(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat info;
-  if (!folder || fstat(folder.Get(), &info) != 0) {
-    Warning("%s: Cannot look at folder %s, errno %d.\n", "constructWorkingDir", path, errno);
-    return false;
-  }
+  const bool known = folder && fstat(folder.Get(), &info) == 0;
+  if (!Recorded(known, "look at folder", path)) return false;
   if (info.st_uid == 0 && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0) return true;
   Warning("%s: Folder %s is not root's alone.\n", "constructWorkingDir", path);
   return false;
@@ -85,19 +93,19 @@ bool MakeInstallRoot() {
   char *parent;
   File_GetPathName(root, &parent, nullptr);
   const HeapStr owner(parent);
-  return RequireRootsFolder(parent) && File_CreateDirectoryIfAbsent(root, kDirMode) &&
-         RequireRootsFolder(root);
+  return RequireRootsFolder(parent) && MakeFolder(root) && RequireRootsFolder(root);
 }
 
 bool MakeFolders(const char *services) {
-  if (!MakeInstallRoot() || !File_DeleteDirectoryTree(services) ||
-      !File_CreateDirectoryIfAbsent(services, kDirMode) || !SetGate(services, S_IRWXU)) {
+  if (!MakeInstallRoot() ||
+      !Recorded(File_DeleteDirectoryTree(services), "remove folder", services) ||
+      !MakeFolder(services) || !SetGate(services, S_IRWXU)) {
     return false;
   }
   HeapStr folder = Heap_SafeStrdup(services);
   for (const char *name : {"/Contents", "/Library", "/kexts"}) {
     folder.reset(Str_SafeAsprintf(nullptr, "%s%s", folder.get(), name));
-    if (!File_CreateDirectoryIfAbsent(folder.get(), kDirMode)) return false;
+    if (!MakeFolder(folder.get())) return false;
   }
   Log("%s: %s construction complete.\n", "constructWorkingDir", folder.get());
   return true;
@@ -133,7 +141,7 @@ bool CopyFileAsRoot(int from, const char *dst, mode_t mode, uint64_t limit) {
 
 bool CopyItem(const Source &src, const char *dst, mode_t mode, const PlatformSignedExtent &extent) {
   if (!IsFolder(src.fd)) return CopyFileAsRoot(src.fd, dst, mode, extent.bytes);
-  return File_CreateDirectoryIfAbsent(dst, kDirMode) &&
+  return MakeFolder(dst) &&
          File_CopyOpenTree(src.fd, src.path, dst, {extent.bytes, extent.entries});
 }
 
@@ -159,7 +167,10 @@ bool StageSource(const Item &item, const Source &src, const char *dst) {
   if (identifier == nullptr || !VerifyOpenCodeSignature(src.path, src.fd, identifier, &extent)) {
     return false;
   }
-  if (CopyItem(src, dst, item.mode, extent) && VerifyCodeSignature(dst, identifier)) return true;
+  if (Recorded(CopyItem(src, dst, item.mode, extent), "copy", src.path) &&
+      VerifyCodeSignature(dst, identifier)) {
+    return true;
+  }
   EmptyCopy(dst);
   return false;
 }

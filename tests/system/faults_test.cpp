@@ -105,12 +105,14 @@ TEST_F(Faults, OfTheClient) {
 
 TEST_F(Faults, OfTheServer) {
   const Trace trace = Baseline();
+  const std::string text = ReadFile(kTracePath);
   ExpectRowForEachCall(trace, Rows("server"));
   for (const Row &row : Rows("server")) {
     Reset();
     ExpectFault(row, trace);
   }
-  // The listener is ready before it listens.
+  // The listener is ready before it listens, and its queue as short as the host makes it.
+  EXPECT_TRUE(std::regex_search(text, std::regex(R"(listen\(\d+, 0\))")));
   std::string names;
   for (size_t i = 0; i < trace.order.size() && trace.order[i].first != "listen"; i++)
     names += trace.order[i].first + " ";

@@ -157,8 +157,8 @@ std::string NotRootsAlone(const std::string &folder) {
   return "Warning: constructWorkingDir: Folder " + folder + " is not root's alone.\n";
 }
 
-std::string NoFolder(const std::string &folder, int error) {
-  return "Warning: constructWorkingDir: Cannot look at folder " + folder + ", errno " +
+std::string Cannot(const std::string &what, const std::string &path, int error) {
+  return "Warning: constructWorkingDir: Cannot " + what + " " + path + ", errno " +
          std::to_string(error) + ".\n";
 }
 
@@ -184,9 +184,10 @@ const Refusal kRefusals[] = {
     {"rm -r kexts/zioplug.kext", NoIdentifier(3)},
     {"mkdir -m 775 \"$root\"", NotRootsAlone(kInstallRoot)},
     {"mkdir \"$root\"; chown 12345 \"$root\"", NotRootsAlone(kInstallRoot)},
-    {"mkdir /Library/real; ln -s /Library/real \"$root\"", NoFolder(kInstallRoot, ENOTDIR)},
+    {"mkdir /Library/real; ln -s /Library/real \"$root\"",
+     Cannot("look at folder", kInstallRoot, ENOTDIR)},
     {"chmod 757 \"${root%/*}\"", NotRootsAlone(kParent)},
-    {"rmdir \"${root%/*}\"", NoFolder(kParent, ENOENT)},
+    {"rmdir \"${root%/*}\"", Cannot("look at folder", kParent, ENOENT)},
     {"chown 12345 services.sh", ""},
     {"mv services.sh /Library/own; chown 12345 /Library/own; ln -s /Library/own services.sh", ""},
     {"chgrp 20 zephrin-usbarbitrator", ""},
@@ -195,7 +196,7 @@ const Refusal kRefusals[] = {
     {"ln -sf /Library/device productInfo", NotSigned("/productInfo", 3)},
     {"ln -f /Library/device productInfo", NotSigned("/productInfo", 3)},
     {"ln -f /Library/fifo productInfo", NotSigned("/productInfo", 3)},
-    {"rm -rf \"$root\"; echo a file >\"$root\"", ""},
+    {"rm -rf \"$root\"; echo a file >\"$root\"", Cannot("make folder", kInstallRoot, ENOTDIR)},
     {"rm \"$anchors\"", NoAnchors(ENOENT) + NotSigned("/productInfo")},
     {"chmod 666 \"$anchors\"", NoAnchors(EPERM) + NotSigned("/productInfo")},
 };
