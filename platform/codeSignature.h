@@ -48,11 +48,12 @@ struct PlatformSignature {
                                                              const char *identifier);
 
 struct PlatformBundleIdentifier {
-  int failure;   // 0, or
-                 //   1  the path cannot be expressed    3  there is no bundle
-                 //   2  nor made a URL                  4  the bundle has no identifier
-  HeapStr text;  // UTF-8; null after a failure, when the identifier cannot be had as UTF-8, and when
-                 // there is no memory for it
+  // 0, or
+  //   1  the path cannot be expressed    3  there is no bundle
+  //   2  nor made a URL                  4  the bundle has no identifier
+  int failure;
+  // UTF-8; null after a failure, when the identifier has no form in UTF-8, and without memory for it.
+  HeapStr text;
   const char *obstacle = nullptr;  // as in PlatformSignature
   int error = 0;
 };

@@ -27,7 +27,7 @@ constexpr char kUsageText[] =
     "       codeseal --help\n"
     "\n"
     "  sign    seal the regular file or bundle PATH under the name NAME\n"
-    "  verify  check that it is sealed under that name by somebody who may, and unchanged\n"
+    "  verify  check that it is sealed under that name by a trusted signer, and unchanged\n"
     "  show    print what the seal says, without checking anything\n"
     "\n"
     "FILEs are in PEM.  Anchors are those of /etc/zephrin/code-signing-anchors.pem if not given.\n"

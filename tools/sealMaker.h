@@ -9,8 +9,8 @@ std::string SealMaker_Text(int item, const std::string &identifier);
 
 struct SealMakerFiles {
   std::string key;    // the signer's private key, PEM; a pass phrase is asked for at the terminal
-  std::string cert;   // his certificate, PEM
-  std::string chain;  // the authorities between him and an anchor, PEM; "" for none
+  std::string cert;   // the signer's certificate, PEM
+  std::string chain;  // the authorities between that and an anchor, PEM; "" for none
 };
 
 // The CMS SignedData over the text, DER.
@@ -22,5 +22,5 @@ void SealMaker_Clear(int item);
 // Puts the seal where the item carries it, in place of an older one.
 void SealMaker_Attach(int item, const std::string &seal);
 
-// The text of the seal and who it says has signed, for people; nothing is checked.
+// The text of the seal and the subjects of its certificates, for people; nothing is checked.
 std::string SealMaker_Describe(const std::string &seal);

@@ -10,8 +10,8 @@
 inline constexpr char kSealAnchors[] = "etc/zephrin/code-signing-anchors.pem";
 
 // The bytes of the anchors' file `path` below the directory `start`.  That file and every directory
-// from the start on must belong to root, and only root may write: whoever may rename one of them
-// could put another file of root's in the place of the anchors.
+// from the start on must belong to root, and only root may write: a user who may rename one of them
+// could put another file of root's in its place.  errno is set with the verdict NoAnchors.
 [[nodiscard]] SealVerdict SealReadAnchors(int start, const char *path, SmallFileBytes *anchors);
 
 // The seal of an open regular file or directory, as it stands.  errno is set with the verdict

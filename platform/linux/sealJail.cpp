@@ -36,7 +36,7 @@ constexpr Limit kLimits[] = {
     {RLIMIT_NPROC, 0},
 };
 
-// The limits of whoever started the program may be lower; only root can raise them.
+// Limits that were inherited may be lower; only root can raise them.
 bool SetLimits() {
   for (const Limit &limit : kLimits) {
     rlimit both = {limit.most, limit.most};

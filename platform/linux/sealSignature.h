@@ -1,4 +1,4 @@
-// sealSignature.h -- the signature of a seal: who has signed, and whether he may.
+// sealSignature.h -- the signature of a seal: whether it is right, and the signer trusted.
 #pragma once
 
 #include <string_view>

@@ -1,6 +1,6 @@
 // sealWalk.cpp -- everything in a directory bundle that a seal covers.
 //
-// The tree may belong to somebody who changes it meanwhile.  Each step goes from an open directory
+// The tree may change meanwhile: its owner can be anybody.  Each step goes from an open directory
 // to one entry, by its last name and never through a link; what is visited is an open file, and
 // stays the one that was looked at.
 
