@@ -42,8 +42,9 @@ constexpr char kWho[] = "ServiceImplPickSockSide";
 // Before each further call after a refusal that proves nothing.
 constexpr long kRepeatMs[] = {10, 20, 40, 80, 160};
 
-ServiceImplSide Failed(const char *call) {
-  Warning("%s: %s errno %d.\n", kWho, call, errno);
+// `format` takes the procedure and errno.
+ServiceImplSide Failed(const char *format) {
+  Warning(format, kWho, errno);
   return ServiceImplSide::kNone;
 }
 
@@ -64,12 +65,12 @@ int ConnectAgain(int sock, const sockaddr_un &address) {
 }
 
 ServiceImplSide ListenAt(int sock, const sockaddr_un &address) {
-  if (unlink(address.sun_path) != 0 && errno != ENOENT) return Failed("unlink");
+  if (unlink(address.sun_path) != 0 && errno != ENOENT) return Failed("%s: unlink errno %d.\n");
   if (bind(sock, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    return Failed("bind");
+    return Failed("%s: bind errno %d.\n");
   }
-  if (chmod(address.sun_path, 0600) != 0) return Failed("chmod");
-  if (listen(sock, 0) != 0) return Failed("listen");
+  if (chmod(address.sun_path, 0600) != 0) return Failed("%s: chmod errno %d.\n");
+  if (listen(sock, 0) != 0) return Failed("%s: listen errno %d.\n");
   return ServiceImplSide::kServer;
 }
 
@@ -80,7 +81,8 @@ ServiceImplSide ConnectOrListen(const sockaddr_un &address, const char *lockPath
   int error = errno;
   if (NobodyListens(error)) {
     fds->startLock = StartLockTake(lockPath);
-    if (fds->startLock < 0) return errno == EAGAIN ? ServiceImplSide::kBusy : Failed("open");
+    if (fds->startLock < 0)
+      return errno == EAGAIN ? ServiceImplSide::kBusy : Failed("%s: open errno %d.\n");
     if (error == ECONNREFUSED && !Platform_RefusalIsProof()) {
       error = ConnectAgain(fds->sock, address);
     }
@@ -88,7 +90,7 @@ ServiceImplSide ConnectOrListen(const sockaddr_un &address, const char *lockPath
   if (error == 0) return ServiceImplSide::kClient;
   if (NobodyListens(error)) return ListenAt(fds->sock, address);
   errno = error;
-  return Failed("connect");
+  return Failed("%s: connect errno %d.\n");
 }
 
 // A peer that has gone is to give EPIPE, never a signal.  That is asked for while there is no peer
@@ -97,7 +99,7 @@ ServiceImplSide ConnectOrListen(const sockaddr_un &address, const char *lockPath
 int MakeSocket() {
   Fd sock(socket(AF_UNIX, SOCK_STREAM, 0));
   if (!sock) {
-    Failed("socket");
+    Failed("%s: socket errno %d.\n");
     return -1;
   }
   if (!Platform_SetNoSigpipe(sock.Get())) {
@@ -113,7 +115,7 @@ ServiceImplSide ChooseUnderLock(const RendezvousPaths &paths, RendezvousFds *fds
   Str_Strcpy(address.sun_path, paths.sockPath, sizeof address.sun_path);
 
   int lock = Platform_OpenLocked(paths.lockPath, O_CREAT, 0600);
-  if (lock < 0) return Failed("open");
+  if (lock < 0) return Failed("%s: open errno %d.\n");
   const ServiceImplSide side = ConnectOrListen(address, paths.lockPath, fds);
   // Not held any longer than this: openers that only want to connect need it.
   return ServiceImplClose(&lock, nullptr) ? side : ServiceImplSide::kNone;
