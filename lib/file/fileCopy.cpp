@@ -94,14 +94,14 @@ bool CopyToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExis
                 uint32_t flags, uint64_t *left) {
   if (!CanBeCopied(*srcFd, dstName)) return false;
   FileIODescriptor dstFd;
-  const FileIOResult opened =
-      FileIO_Open(&dstFd, dstName, FILEIO_ACCESS_WRITE | flags,
-                  overwriteExisting ? FILEIO_OPEN_CREATE_EMPTY : FILEIO_OPEN_CREATE_SAFE);
+  const FileIOResult opened = FileIOOpenUnlocked(
+      &dstFd, dstName, FILEIO_ACCESS_WRITE | flags,
+      overwriteExisting ? FILEIO_OPEN_CREATE_EMPTY : FILEIO_OPEN_CREATE_SAFE, 0600);
   if (opened != FILEIO_SUCCESS) return TellCreateError(dstName, opened);
 
   bool ok = CopyWithin(srcFd, &dstFd, left);
   ErrnoKeeper cause;
-  if (FileIO_Close(&dstFd) != FILEIO_SUCCESS) {
+  if (FileIOCloseUnlocked(&dstFd) != FILEIO_SUCCESS) {
     const ErrnoKeeper keeper;
     if (ok) cause.Set(keeper.Get());
     Msg_Append(
@@ -125,7 +125,7 @@ bool CopyAndClose(FileIODescriptor *srcFd, const char *srcName, const char *dstN
                   bool overwriteExisting, uint32_t flags, uint64_t *left) {
   const bool copied = CopyToName(srcFd, dstName, overwriteExisting, flags, left);
   ErrnoKeeper cause;
-  if (FileIO_Close(srcFd) == FILEIO_SUCCESS) return copied;
+  if (FileIOCloseUnlocked(srcFd) == FILEIO_SUCCESS) return copied;
   const ErrnoKeeper keeper;
   if (copied) cause.Set(keeper.Get());
   Msg_Append("@&!*@*@(msg.File.Copy.close.failure)Unable to close the '%s' file: %s.\n\n", srcName,
@@ -162,7 +162,8 @@ bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool ov
 
 bool File_Copy(const char *srcName, const char *dstName, bool overwriteExisting) {
   FileIODescriptor srcFd;
-  const FileIOResult opened = FileIO_Open(&srcFd, srcName, FILEIO_ACCESS_READ, FILEIO_OPEN);
+  const FileIOResult opened =
+      FileIOOpenUnlocked(&srcFd, srcName, FILEIO_ACCESS_READ, FILEIO_OPEN, 0600);
   if (opened != FILEIO_SUCCESS) return TellOpenError(srcName, opened);
   uint64_t left = UINT64_MAX;
   return CopyAndClose(&srcFd, srcName, dstName, overwriteExisting, 0, &left);

@@ -1,8 +1,8 @@
-// fileIO.cpp -- open files: results, whole transfers, closing.
+// fileIO.cpp -- open files without locks: results, records, whole transfers, closing.
 //
 // Holds:  1. errno is that of the call that failed, also after logging and clean-up.
 //         2. close(2) is never repeated: the descriptor is gone either way.
-// Opening: fileIOOpen.cpp.  Locks: fileIOLock.cpp.  Vectors: fileIOVector.cpp.
+// Opening: fileIOOpen.cpp.  With locks: fileIOFace.cpp.  Vectors: fileIOVector.cpp.
 // Tests:  tests/unit/fileIO_test.cpp
 
 #include "fileIO.h"
@@ -16,8 +16,6 @@
 
 #include "errnoKeeper.h"
 #include "fatal.h"
-#include "file.h"
-#include "heap.h"
 #include "lib/file/fileIOInt.h"
 #include "log.h"
 
@@ -103,9 +101,8 @@ bool FileIO_IsValid(const FileIODescriptor *fd) {
   return fd->posix != -1;
 }
 
-void FileIOForget(FileIODescriptor *fd) {
+void FileIOReleaseRecord(FileIODescriptor *fd) {
   const ErrnoKeeper keeper;
-  FileIO_Unlock(fd);
   free(fd->fileName);
   FileIO_Invalidate(fd);
 }
@@ -145,18 +142,8 @@ FileIOResult FileIO_Write(FileIODescriptor *fd, const void *buffer, size_t reque
 
 // ---- closing ---------------------------------------------------------------------------------
 
-FileIOResult FileIO_Close(FileIODescriptor *fd) {
+FileIOResult FileIOCloseUnlocked(FileIODescriptor *fd) {
   const bool closed = close(fd->posix) == 0;
-  FileIOForget(fd);
+  FileIOReleaseRecord(fd);
   return closed ? FILEIO_SUCCESS : FILEIO_ERROR;
-}
-
-FileIOResult FileIO_CloseAndUnlink(FileIODescriptor *fd) {
-  const HeapStr name = fd->fileName == nullptr ? nullptr : Heap_SafeStrdup(fd->fileName);
-  if (FileIO_Close(fd) != FILEIO_SUCCESS) {
-    const ErrnoKeeper keeper;
-    File_DeleteIfPresent(name.get());
-    return FILEIO_ERROR;
-  }
-  return File_DeleteIfPresent(name.get()) == 0 ? FILEIO_SUCCESS : FILEIO_ERROR;
 }

@@ -5,7 +5,7 @@
 #include <atomic>
 
 #include "fileIO.h"
-#include "lib/file/fileIOInt.h"
+#include "lib/file/fileIOFaceInt.h"
 #include "lib/misc/onceCell.h"
 
 namespace {

@@ -1,11 +1,10 @@
-// fileIOInt.h -- what the files of the FileIO layer share among themselves.
+// fileIOInt.h -- open files without locks, for the layers above.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
 #include "fileIO.h"
 
@@ -19,38 +18,26 @@ inline constexpr size_t kFileIOMaxRequest = 0x7FFFFFFF;
 // errno.  errno stays.
 [[nodiscard]] FileIOResult FileIOReport(const char *format, const char *path);
 
-// `access` with one of FILEIO_FLAG_LOCK_PORTABLE and FILEIO_FLAG_LOCK_NATIVE in place of the flags
-// that stand for them.
-[[nodiscard]] uint32_t FileIONormalizeAccess(uint32_t access);
+// ---- open files without locks ----------------------------------------------------------------
+//
+// What the lock itself and the copies use; FileIO_Open and FileIO_Close are these and a lock.
 
-// Releases the lock, frees the name and makes *fd invalid; the descriptor stays open.  errno stays.
-void FileIOForget(FileIODescriptor *fd);
+// Makes a record with the name `path`; nothing is open yet.  False with errno set, and *fd invalid, when
+// the path is null (EFAULT) or `action` is none (EINVAL).
+[[nodiscard]] bool FileIOBegin(FileIODescriptor *fd, const char *path, uint32_t access,
+                               FileIOOpenAction action);
 
-// ---- settings (fileIOConfig.cpp) -------------------------------------------------------------
+// Opens the file of a record by its flags; what they say of locks means nothing here.  On failure the
+// record is as it was, with the cause in errno and, if need be, in the log.
+[[nodiscard]] FileIOResult FileIOOpenRecord(FileIODescriptor *fd, FileIOOpenAction action,
+                                            int mode);
 
-struct FileIOSettings {
-  bool coalesceEnable;
-  bool coalesceAligned;
-  int64_t coalesceCount;
-  int64_t coalesceSize;
-  int64_t aiomgrNumThreads;
-};
+// Both of them; *fd is invalid after a failure.
+[[nodiscard]] FileIOResult FileIOOpenUnlocked(FileIODescriptor *fd, const char *path,
+                                              uint32_t access, FileIOOpenAction action, int mode);
 
-// Read at the first call.  Any thread.
-[[nodiscard]] const FileIOSettings &FileIOGetSettings();
+// Closes the file and releases the record, of a file without a lock.
+FileIOResult FileIOCloseUnlocked(FileIODescriptor *fd);
 
-// ---- buffers (fileIOPool.cpp) ----------------------------------------------------------------
-
-// Returns an aligned buffer to the pool it came from.
-struct FileIOAlignedFreer {
-  size_t size;  // as asked for
-  void operator()(char *buffer) const noexcept;
-};
-using FileIOAlignedBuffer = std::unique_ptr<char[], FileIOAlignedFreer>;
-
-// `size` bytes that begin at a page, with what an earlier user left in them.  Exhausted memory is
-// fatal.  Any thread.
-[[nodiscard]] FileIOAlignedBuffer FileIOAlignedAlloc(size_t size);
-
-// Makes the pool's lock unless that was done.  Any thread.
-void FileIOAlignedPrepare();
+// Frees the name and makes *fd invalid; the descriptor stays open.  errno stays.
+void FileIOReleaseRecord(FileIODescriptor *fd);

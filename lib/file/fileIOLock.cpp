@@ -8,7 +8,7 @@
 #include "errnoKeeper.h"
 #include "fileIO.h"
 #include "fileLock.h"
-#include "lib/file/fileIOInt.h"
+#include "lib/file/fileIOFaceInt.h"
 #include "lib/file/fileLockInt.h"
 #include "log.h"
 #include "msg.h"

@@ -1,8 +1,5 @@
-// fileIOOpen.cpp -- opening: from access flags and an action to an open file and its record.
-//
-// Idea:   the record gets its name first and its lock second; then come the steps that may fail
-//         (Prepare): the open, the cache, the unlink.  Whatever fails, what was taken is given back
-//         in one place.
+// fileIOOpen.cpp -- opening without a lock: from access flags and an action to an open file and its
+// record.
 // Tests:  tests/unit/fileIO_test.cpp
 
 #include <fcntl.h>
@@ -97,24 +94,6 @@ int OpenPrivileged(const char *path, int flags, bool locked) {
   return fd;
 }
 
-// Opens the file and does what follows the open.  On failure the descriptor is closed and the cause
-// in errno and, if need be, in the log.
-FileIOResult Prepare(Fd *fd, const char *path, uint32_t access, FileIOOpenAction action, int mode) {
-  const int flags = OpenFlags(access, action);
-  const bool locked = HasAll(access, FILEIO_FLAG_EXLOCK);
-  fd->Reset(HasAll(access, FILEIO_FLAG_PRIVILEGED) ? OpenPrivileged(path, flags, locked)
-                                                   : OpenPlain(path, flags, mode, locked));
-  if (!*fd) return FileIOReport("FILE:open error on %s: %s\n", path);
-  if (WantsUncached(access) &&
-      Platform_SetUncached(fd->Get(), HasAll(access, FILEIO_FLAG_SYNC)) != 0) {
-    return FileIOReport("FILE:fcntl error on %s: %s\n", path);
-  }
-  if (HasAll(access, FILEIO_FLAG_UNLINK_AFTER_OPEN) && unlink(path) != 0) {
-    return FileIOReport("FILE:unlink error on %s: %s\n", path);
-  }
-  return FILEIO_SUCCESS;
-}
-
 }  // namespace
 
 FileIOResult FileIOReport(const char *format, const char *path) {
@@ -128,28 +107,41 @@ void FileIO_SetPrivilegedOpen(FileIOPrivilegedOpenFn open) {
   privilegedOpen.store(open, std::memory_order_release);
 }
 
-FileIOResult FileIO_Open(FileIODescriptor *fd, const char *path, uint32_t access,
-                         FileIOOpenAction action) {
-  return FileIOCreate(fd, path, access, action, 0600);
-}
-
-FileIOResult FileIOCreate(FileIODescriptor *fd, const char *path, uint32_t access,
-                          FileIOOpenAction action, int mode) {
+bool FileIOBegin(FileIODescriptor *fd, const char *path, uint32_t access, FileIOOpenAction action) {
   FileIO_Invalidate(fd);
   if (path == nullptr || action < FILEIO_OPEN || action > FILEIO_OPEN_CREATE_EMPTY) {
     errno = path == nullptr ? EFAULT : EINVAL;
-    return FILEIO_ERROR;
+    return false;
   }
-  fd->flags = FileIONormalizeAccess(access);
+  fd->flags = access;
   fd->fileName = Heap_SafeStrdup(path).release();
-  FileIOResult result = FileIO_Lock(fd, fd->flags);
-  Fd opened;
-  if (result == FILEIO_SUCCESS) result = Prepare(&opened, path, fd->flags, action, mode);
-  if (result == FILEIO_SUCCESS) {
-    fd->posix = opened.Release();
-  } else {
-    FileIOForget(fd);
+  return true;
+}
+
+FileIOResult FileIOOpenRecord(FileIODescriptor *fd, FileIOOpenAction action, int mode) {
+  const uint32_t access = fd->flags;
+  const char *const path = fd->fileName;
+  const int flags = OpenFlags(access, action);
+  const bool locked = HasAll(access, FILEIO_FLAG_EXLOCK);
+  Fd opened(HasAll(access, FILEIO_FLAG_PRIVILEGED) ? OpenPrivileged(path, flags, locked)
+                                                   : OpenPlain(path, flags, mode, locked));
+  if (!opened) return FileIOReport("FILE:open error on %s: %s\n", path);
+  if (WantsUncached(access) &&
+      Platform_SetUncached(opened.Get(), HasAll(access, FILEIO_FLAG_SYNC)) != 0) {
+    return FileIOReport("FILE:fcntl error on %s: %s\n", path);
   }
+  if (HasAll(access, FILEIO_FLAG_UNLINK_AFTER_OPEN) && unlink(path) != 0) {
+    return FileIOReport("FILE:unlink error on %s: %s\n", path);
+  }
+  fd->posix = opened.Release();
+  return FILEIO_SUCCESS;
+}
+
+FileIOResult FileIOOpenUnlocked(FileIODescriptor *fd, const char *path, uint32_t access,
+                                FileIOOpenAction action, int mode) {
+  if (!FileIOBegin(fd, path, access, action)) return FILEIO_ERROR;
+  const FileIOResult result = FileIOOpenRecord(fd, action, mode);
+  if (result != FILEIO_SUCCESS) FileIOReleaseRecord(fd);
   return result;
 }
 

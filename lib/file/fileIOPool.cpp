@@ -16,7 +16,7 @@
 
 #include "errnoKeeper.h"
 #include "fatal.h"
-#include "lib/file/fileIOInt.h"
+#include "lib/file/fileIOFaceInt.h"
 #include "mxUser.h"
 
 namespace {

@@ -13,6 +13,7 @@
 
 #include "fd.h"
 #include "fileIO.h"
+#include "lib/file/fileIOFaceInt.h"
 #include "lib/file/fileIOInt.h"
 
 FileIOResult FileIO_Replace(FileIODescriptor *current, FileIODescriptor *fresh) {
@@ -25,6 +26,6 @@ FileIOResult FileIO_Replace(FileIODescriptor *current, FileIODescriptor *fresh) 
   const Fd old(std::exchange(current->posix, fresh->posix));
   constexpr uint32_t kLocks = FILEIO_FLAG_LOCK_PORTABLE | FILEIO_FLAG_LOCK_NATIVE;
   current->flags = (current->flags & kLocks) | (fresh->flags & ~kLocks);
-  FileIOForget(fresh);
+  FileIOUnlockAndRelease(fresh);
   return FILEIO_SUCCESS;
 }

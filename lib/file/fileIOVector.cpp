@@ -19,6 +19,7 @@
 #include "fatal.h"
 #include "fileIO.h"
 #include "heap.h"
+#include "lib/file/fileIOFaceInt.h"
 #include "lib/file/fileIOInt.h"
 
 namespace {

@@ -20,6 +20,7 @@
 #include "err.h"
 #include "errnoKeeper.h"
 #include "fileIO.h"
+#include "lib/file/fileIOInt.h"
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
 #include "log.h"
@@ -165,7 +166,7 @@ int WriteRecord(const FileLockRequest &request, FileIODescriptor *file, const ch
   if (FileIO_Write(file, record, sizeof record, &length) != FILEIO_SUCCESS) {
     error = ReportMember("FILE: %s write of '%s' failed: %s\n", path);
   }
-  if (FileIO_Close(file) != FILEIO_SUCCESS && error == 0) {
+  if (FileIOCloseUnlocked(file) != FILEIO_SUCCESS && error == 0) {
     error = ReportMember("FILE: %s close of '%s' failed: %s\n", path);
   }
   if (error == 0 && length != sizeof record) {
@@ -190,7 +191,7 @@ int RenameEntry(const FileLockPlaces &places) {
 int MakeMemberFile(FileLockRequest *request, const FileLockPlaces &places, FileIODescriptor *file) {
   int error = ChooseNumber(request);
   if (error != 0) {
-    FileIO_Close(file);
+    FileIOCloseUnlocked(file);
     return error;
   }
   error = WriteRecord(*request, file, places.entryFile.get());
@@ -227,8 +228,8 @@ int FileLockCreateEntryDirectory(const FileLockRequest &request, FileLockPlaces 
 
 int FileLockCreateMemberFile(FileLockRequest *request, const FileLockPlaces &places) {
   FileIODescriptor file;
-  if (FileIOCreate(&file, places.entryFile.get(), FILEIO_ACCESS_WRITE | FILEIO_FLAG_NOFOLLOW,
-                   FILEIO_OPEN_CREATE_SAFE, kEntryFileMode) != FILEIO_SUCCESS) {
+  if (FileIOOpenUnlocked(&file, places.entryFile.get(), FILEIO_ACCESS_WRITE | FILEIO_FLAG_NOFOLLOW,
+                         FILEIO_OPEN_CREATE_SAFE, kEntryFileMode) != FILEIO_SUCCESS) {
     const int error = errno;
     WithdrawEntryDirectory(*request, places);
     return error;

@@ -1,4 +1,4 @@
-// fileLockIntrinsic.cpp -- the lock of a normalised path: which kind, the token, the release.
+// fileLockIntrinsic.cpp -- the lock of a normalised path: the token, the release.
 
 #include <unistd.h>
 
@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "fatal.h"
-#include "fileIO.h"
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
 #include "log.h"
@@ -18,16 +17,13 @@
 namespace {
 
 constexpr char kTag[] = {'F', 'L', 'C', 'K'};
-constexpr int kNativeFileMode = 0600;
 
 }  // namespace
 
 struct FileLockToken {
   char tag[sizeof kTag];  // what the caller gives back is one of ours
-  bool portable;
   HeapStr path;
-  HeapStr memberFile;     // of a portable lock; null: granted without an entry
-  FileIODescriptor file;  // of a native lock
+  HeapStr memberFile;  // null: granted without an entry
 };
 
 namespace {
@@ -41,28 +37,15 @@ struct TokenFreer {
 };
 using TokenOwner = std::unique_ptr<FileLockToken, TokenFreer>;
 
-TokenOwner NewToken(const char *path, bool portable) {
+TokenOwner NewToken(const char *path) {
   TokenOwner token(new (Heap_SafeMalloc(sizeof(FileLockToken)))
-                       FileLockToken{{}, portable, Heap_SafeStrdup(path), nullptr, {}});
+                       FileLockToken{{}, Heap_SafeStrdup(path), nullptr});
   memcpy(token->tag, kTag, sizeof kTag);
-  FileIO_Invalidate(&token->file);
   return token;
 }
 
 HeapStr LockDirOf(const char *path) {
   return HeapStr(Str_SafeAsprintf(nullptr, "%s%s", path, kFileLockSuffix));
-}
-
-// The lock of the host, on the file itself, which is created when missing.
-FileLockToken *LockNative(const char *path, bool exclusive, int *err) {
-  TokenOwner token = NewToken(path, false);
-  const uint32_t access = exclusive ? FILEIO_ACCESS_WRITE : FILEIO_ACCESS_READ;
-  if (FileIOCreate(&token->file, path, access | FILEIO_FLAG_LOCK_MANDATORY, FILEIO_OPEN_CREATE,
-                   kNativeFileMode) != FILEIO_SUCCESS) {
-    *err = errno;
-    return nullptr;
-  }
-  return token.release();
 }
 
 FileLockToken *LockPortable(const char *path, bool exclusive, uint32_t msecMaxWait, int *err) {
@@ -94,20 +77,17 @@ int LeaveQueue(const FileLockToken &token) {
   return error;
 }
 
-// Errno-style.
-int CloseNative(FileLockToken *token) {
-  return FileIO_CloseAndUnlink(&token->file) == FILEIO_SUCCESS ? 0 : errno;
-}
-
 }  // namespace
 
 FileLockToken *FileLockIntrinsic(const char *path, bool exclusive, uint32_t msecMaxWait, int *err) {
-  return FileLockNativeIsDefault() ? LockNative(path, exclusive, err)
-                                   : LockPortable(path, exclusive, msecMaxWait, err);
+  if (!FileLockNativeIsDefault()) return LockPortable(path, exclusive, msecMaxWait, err);
+  // As an open that asks for a native lock: neither host has any.
+  *err = ENOTSUP;
+  return nullptr;
 }
 
 FileLockToken *FileLockIntrinsicPortable(FileLockRequest *request, int *err) {
-  TokenOwner token = NewToken(request->path, true);
+  TokenOwner token = NewToken(request->path);
   FileLockPlaces places;
   int error = FileLockCreateEntryDirectory(*request, &places);
   if ((error == EROFS || error == EACCES) && !request->IsExclusive()) {
@@ -130,5 +110,5 @@ FileLockToken *FileLockIntrinsicPortable(FileLockRequest *request, int *err) {
 int FileLockRelease(FileLockToken *token) {
   if (memcmp(token->tag, kTag, sizeof kTag) != 0) Fatal_Verify("lib/file/fileLock", 118);
   const TokenOwner owner(token);
-  return token->portable ? LeaveQueue(*token) : CloseNative(token);
+  return LeaveQueue(*token);
 }

@@ -17,6 +17,7 @@
 #include "err.h"
 #include "errnoKeeper.h"
 #include "fileIO.h"
+#include "lib/file/fileIOInt.h"
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
 #include "log.h"
@@ -38,7 +39,7 @@ class ReadOnlyFile {
   ReadOnlyFile &operator=(const ReadOnlyFile &) = delete;
   ~ReadOnlyFile() {
     const ErrnoKeeper keeper;
-    if (FileIO_IsValid(&fd_)) FileIO_Close(&fd_);
+    if (FileIO_IsValid(&fd_)) FileIOCloseUnlocked(&fd_);
   }
   FileIODescriptor *Get() { return &fd_; }
 };
@@ -175,9 +176,9 @@ int FileLockMemberValues(const char *lockDir, const char *name, FileLockRecord *
   const HeapStr path(Str_SafeAsprintf(nullptr, "%s/%s", lockDir, name));
   ReadOnlyFile file;
   // Neither a link to somebody's secret is read, nor does a FIFO make anybody wait.
-  if (FileIOCreate(file.Get(), path.get(),
-                   FILEIO_ACCESS_READ | FILEIO_FLAG_NOFOLLOW | FILEIO_FLAG_NONBLOCK, FILEIO_OPEN,
-                   0444) != FILEIO_SUCCESS) {
+  if (FileIOOpenUnlocked(file.Get(), path.get(),
+                         FILEIO_ACCESS_READ | FILEIO_FLAG_NOFOLLOW | FILEIO_FLAG_NONBLOCK,
+                         FILEIO_OPEN, 0444) != FILEIO_SUCCESS) {
     if (IsGone(errno)) return ENOENT;
     if (errno == ELOOP) return RemoveProblematic(path.get());
     return Report("FILE: %s open failure on '%s': %s\n", path.get());

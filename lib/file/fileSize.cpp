@@ -11,6 +11,7 @@
 
 #include "errnoKeeper.h"
 #include "file.h"
+#include "lib/file/fileIOInt.h"
 #include "lib/file/fileInt.h"
 
 namespace {
@@ -31,13 +32,13 @@ int64_t SizeOf(const char *path, const Level *above);
 int64_t SizeOfFile(const char *path) {
   FileIODescriptor fd;
   // Without waiting: a FIFO may have no writer.
-  if (FileIO_Open(&fd, path, FILEIO_ACCESS_READ | FILEIO_FLAG_NONBLOCK, FILEIO_OPEN) !=
+  if (FileIOOpenUnlocked(&fd, path, FILEIO_ACCESS_READ | FILEIO_FLAG_NONBLOCK, FILEIO_OPEN, 0600) !=
       FILEIO_SUCCESS) {
     return -1;
   }
   const int64_t size = FileIO_GetSize(&fd);
   const ErrnoKeeper keeper;
-  FileIO_Close(&fd);
+  FileIOCloseUnlocked(&fd);
   return size;
 }
 
