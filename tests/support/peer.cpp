@@ -4,6 +4,7 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -32,6 +33,8 @@ Fd ListenAt(const std::string &path) {
   unlink(path.c_str());
   Fd listener = SocketAt(path, bind);
   Check(chmod(path.c_str(), 0600) == 0 && listen(listener.Get(), SOMAXCONN) == 0, "listen");
+  const timeval longest = {Process::kTimeoutMs / 1000, 0};  // to wait in accept
+  setsockopt(listener.Get(), SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
   return listener;
 }
 
