@@ -28,7 +28,7 @@ enum { kCFNotFound = -1 };
 
 extern const CFAllocatorRef kCFAllocatorDefault; /* null means the same */
 
-void CFRelease(CFTypeRef object);      /* not null */
+void CFRelease(CFTypeRef object);       /* not null */
 CFTypeID CFGetTypeID(CFTypeRef object); /* not null */
 
 /* ---- strings ---- */
