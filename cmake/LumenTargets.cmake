@@ -18,10 +18,15 @@ else()
   set(LUMEN_DIRECT_CALLS -fno-plt)
 endif()
 
+# Of the code here, and nobody else's: what links a library of the project keeps its own warnings.
+add_library(lumen_warnings INTERFACE)
+target_compile_options(lumen_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+                                                $<$<BOOL:${LUMEN_WERROR}>:-Werror>)
+
+# What the project's libraries ask of whoever links them.
 add_library(lumen_common INTERFACE)
 target_include_directories(lumen_common INTERFACE ${PROJECT_SOURCE_DIR}
                                                   ${PROJECT_SOURCE_DIR}/lib/public)
-target_compile_options(lumen_common INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
 if(NOT APPLE)
   # glibc declares close_range, ppoll and the like only for those who ask.
   target_compile_definitions(lumen_common INTERFACE _GNU_SOURCE)
@@ -52,7 +57,7 @@ endif()
 # Product code: no exceptions, no RTTI; unused sections are dropped at link.  Everything is hidden: what
 # macOS's loader sees of inline functions and variables it replaces by those of other libraries.
 add_library(lumen_product INTERFACE)
-target_link_libraries(lumen_product INTERFACE lumen_common)
+target_link_libraries(lumen_product INTERFACE lumen_warnings lumen_common)
 target_compile_options(lumen_product INTERFACE -fno-exceptions -fno-rtti -fstack-protector-strong
                                                -ffunction-sections -fdata-sections
                                                -fvisibility=hidden -fvisibility-inlines-hidden)
@@ -72,7 +77,8 @@ endfunction()
 #
 # On Linux they are static position-independent executables: a set-user-ID program is better off
 # without the dynamic loader and its environment, and starts faster.  Sanitizers need the loader.
-# Counters keep the compiler from proving that std::string_view has no reason to throw.
+# Counters keep the compiler from proving that std::string_view has no reason to throw, and without
+# optimisation it proves nothing: then the C++ driver links.
 function(lumen_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE lumen_product)
@@ -87,7 +93,7 @@ function(lumen_program name)
     return()
   endif()
   target_link_options(${name} PRIVATE -static-pie)
-  if(NOT LUMEN_COVERAGE)
+  if(NOT LUMEN_COVERAGE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     set_target_properties(${name} PROPERTIES LINKER_LANGUAGE C)
   endif()
 endfunction()
@@ -101,7 +107,7 @@ endif()
 
 # GCC 12 sees overlapping copies in std::string's operator+ where there are none (its bug 105651).
 add_library(lumen_hosted INTERFACE)
-target_link_libraries(lumen_hosted INTERFACE lumen_common)
+target_link_libraries(lumen_hosted INTERFACE lumen_warnings lumen_common)
 target_compile_options(lumen_hosted INTERFACE
                        $<$<AND:$<COMPILE_LANG_AND_ID:CXX,GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>)
 
