@@ -20,6 +20,7 @@
 #include "fd.h"
 #include "msg.h"
 #include "platform/files.h"
+#include "tests/support/asRoot.h"
 #include "tests/support/capture.h"
 #include "tests/support/process.h"
 #include "tests/support/sandboxSkip.h"
@@ -125,7 +126,7 @@ TEST(FileIO, LocksHoldAndRefusalsTouchNothing) {
 }
 
 TEST(FileIO, PrivilegedOpensReachWhatTheUserMayNot) {
-  if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
+  RUN_AS_ROOT();
   constexpr uid_t kUser = 12345;
   constexpr uint32_t kPrivileged = kRead | FILEIO_FLAG_PRIVILEGED;
   const ScratchDir dir;

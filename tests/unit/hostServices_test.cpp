@@ -31,8 +31,8 @@
 #include "id.h"
 #include "platform/process.h"
 #include "posix.h"
+#include "tests/support/asRoot.h"
 #include "tests/support/capture.h"
-#include "tests/support/sandboxSkip.h"
 #include "tests/support/scratchDir.h"
 #include "uuid.h"
 
@@ -180,8 +180,9 @@ std::string UidsOf(pid_t thread) {
 }
 
 TEST(SuperUser, BracketChangesTheCallingThreadOnlyAndNests) {
-  if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
-  const ChildResult result = RunInChild([] {
+  RUN_AS_ROOT();
+  const ScratchDir roots;
+  const ChildResult result = RunInChild([&] {
     // As the opener between its raises: the user's, but for the saved user id.
     REQUIRE(!Id_IsSetUGid() && setresgid(kUser, kUser, 0) == 0);
     REQUIRE(setresuid(kUser, kUser, 0) == 0 && Id_IsSetUGid());
@@ -191,7 +192,7 @@ TEST(SuperUser, BracketChangesTheCallingThreadOnlyAndNests) {
       const uid_t saved = Id_BeginSuperUser();
       Id_EndSuperUser(Id_BeginSuperUser());
       REQUIRE(saved == kUser && UidsOf(self) == raised && UidsOf(getpid()) == lowered);
-      REQUIRE(Fd(open("/etc/shadow", O_RDONLY)));
+      REQUIRE(Fd(open(roots.Path().c_str(), O_RDONLY)));
       Id_EndSuperUser(saved);
       Id_EndSuperUser(saved);  // is there already
       REQUIRE(UidsOf(self) == lowered && getegid() == getgid());
@@ -205,7 +206,7 @@ TEST(SuperUser, BracketChangesTheCallingThreadOnlyAndNests) {
 }
 
 TEST(SuperUser, WhatCannotBeChangedIsToldOrLeftAlone) {
-  if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
+  RUN_AS_ROOT();
   const ChildResult unprivileged = RunInChild([] {
     // A set-group-ID program that has lowered itself: no bracket raises it.
     REQUIRE(setresgid(kUser, kUser, 0) == 0 && setresuid(kUser, kUser, kUser) == 0);

@@ -2,11 +2,12 @@
 // files, from programs at many places.
 //
 // The program is its own child: `location_test --look-up TAG KEY`, run from a copy of itself,
-// prints what the look-up gives there.
+// prints what the look-up gives there, and `location_test --declare` what a set-user-ID one does.
 
 #include "opener/location.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,8 +25,8 @@
 
 #include "heap.h"
 #include "opener/startup.h"
+#include "tests/support/asRoot.h"
 #include "tests/support/capture.h"
-#include "tests/support/sandboxSkip.h"
 #include "tests/support/scratchDir.h"
 
 namespace {
@@ -112,17 +113,28 @@ TEST(Location, FindsTheFilesOfItsBundle) {
   }
 }
 
+// As the opener runs: saved and real user ids are root's.
+int DeclareAsSetUserId() {
+  if (seteuid(65534) != 0) return 3;
+  PrintRoot("rootDir");
+  Location_Init("lumenClient-opener");
+  if (HeapStr(LocationGetRoot("rootDir")) == nullptr) return 4;
+  Location_Init("lumen-remotedisplay-bundle");
+  Location_Init("Unknown");
+  PrintRoot("rootDir");
+  return 42;
+}
+
+// From a copy, because this program may lie where only root can look.
 TEST(Location, ASetUserIdProcessMustDeclareItselfOnce) {
-  if (geteuid() != 0) SKIP_FOR_WANT_OF("root, to have two user ids");
-  const ChildResult result = RunInChild([] {
-    if (seteuid(65534) != 0) _exit(3);
-    PrintRoot("rootDir");
-    Location_Init("lumenClient-opener");
-    if (HeapStr(LocationGetRoot("rootDir")) == nullptr) _exit(4);
-    Location_Init("lumen-remotedisplay-bundle");
-    Location_Init("Unknown");
-    PrintRoot("rootDir");
-  });
+  RUN_AS_ROOT();
+  const ScratchDir dir;
+  const std::string folder = dir.Path("1/2/3/4"), program = folder + "/program";
+  std::filesystem::create_directories(folder);
+  std::filesystem::copy_file("/proc/self/exe", program);
+  ASSERT_EQ(0, chmod(dir.Path().c_str(), 0755));
+  const ChildResult result =
+      RunInChild([&] { execl(program.c_str(), program.c_str(), "--declare", nullptr); });
   EXPECT_EQ(42, result.exitStatus);
   const std::string refusal =
       "Warning: LocationGetRoot: Cannot get location root of a setuid process.\nnull\n";
@@ -140,6 +152,7 @@ int main(int argc, char **argv) {
     PrintRoot(argv[3]);
     return 0;
   }
+  if (argc == 2 && std::string_view(argv[1]) == "--declare") return DeclareAsSetUserId();
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -6,9 +6,9 @@
 #include <string>
 
 #include "opener/serviceImpl.h"
+#include "tests/support/asRoot.h"
 #include "tests/support/capture.h"
 #include "tests/support/process.h"
-#include "tests/support/sandboxSkip.h"
 #include "tests/support/scratchDir.h"
 
 namespace {
@@ -25,7 +25,7 @@ bool ThirdCallFails() {
 
 // /bin/true is a service that dies before it greets anybody: each start ends in another pass.
 TEST(Rendezvous, AsksTheHookAsTheCallerBeforeEachStartAndLeavesNothingOpen) {
-  if (geteuid() != 0) SKIP_FOR_WANT_OF("root, to have an identity to lower");
+  RUN_AS_ROOT();
   const ScratchDir dir;
   const ChildResult result = RunInChild([&] {
     alarm(20);  // without the hook there is no end

@@ -10,7 +10,7 @@
 #include "platform/linux/sealCheck.h"
 #include "platform/linux/sealSignature.h"
 #include "platform/linux/sealText.h"
-#include "tests/support/sandboxSkip.h"
+#include "tests/support/asRoot.h"
 #include "tests/support/scratchDir.h"
 
 namespace {
@@ -63,7 +63,7 @@ TEST(Seal, NoChangedByteMakesItSaySomethingElse) {
 }
 
 TEST(Seal, AnchorsAreRootsAlone) {
-  if (geteuid() != 0) SKIP_FOR_WANT_OF("root");
+  RUN_AS_ROOT();
   const ScratchDir dir;
   const string fresh = "cd " + dir.Path() +
                        " && chown 0 . && rm -rf etc real && mkdir -m 755 etc && printf anchors "
