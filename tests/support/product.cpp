@@ -31,6 +31,8 @@ constexpr char kPrelude[] = R"sh(
     "$LUMEN_BUILD/tools/codeseal" sign --key "$authority/${3-valid}.key" \
       --cert "$authority/${3-valid}.pem" --identifier "$1" "$2"
   }
+  # Root of a user namespace makes no devices: a FIFO stands for one.
+  makeDevice() { mknod -m 600 "$1" c 1 3 2>/dev/null || mkfifo -m 600 "$1"; }
   mkdir -p "$app/Contents/Library"
   cd "$app/Contents/Library"
 )sh";

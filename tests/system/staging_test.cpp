@@ -202,7 +202,7 @@ const Refusal kRefusals[] = {
 };
 
 TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
-  Shell("mknod -m 600 /Library/device c 1 3; mkfifo /Library/fifo");
+  Shell("makeDevice /Library/device; mkfifo /Library/fifo");
   Watch forbidden;
   forbidden.Add("/Library/device", IN_OPEN);
   forbidden.Add("/Library/fifo", IN_OPEN);
@@ -227,7 +227,7 @@ constexpr char kMakeOwned[] = R"sh(
   mkdir -m 700 /Library/secrets
   echo only root may read this | tee /Library/secrets/x >/Library/secret
   chmod 600 /Library/secret
-  mknod -m 600 /Library/device c 1 3
+  makeDevice /Library/device
   mkdir -p ../own/folder
   mkfifo ../own/fifo
   ln -s /Library/secret ../own/toSecret
