@@ -3,15 +3,23 @@
 // The process is set-user-ID root, so the log opens no file by itself: it starts on standard
 // output, which belongs to whoever started the program.  It neither allocates nor locks, so that it
 // also works where exhausted memory or a broken lock is what there is to report.
+//
+// Held:   standard output may be a pipe that nobody empties, a terminal that is stopped, or a file of a
+//         file system that its user serves.  A process that others wait for must not wait for any of
+//         these, so it can have its records kept until they wait no longer.  They are in shared
+//         memory, because children of fork(2) have records, too, and end or exec before that.
 
 #include "log.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdarg>
 #include <cstdlib>
 #include <string_view>
@@ -22,15 +30,40 @@ namespace {
 
 constexpr size_t kBufferSize = 1024;
 
+// Processes that share it take pieces of it, each its own.
+struct HeldRecords {
+  static constexpr size_t kRoom = size_t{32} << 10;
+
+  std::atomic<size_t> taken = 0;  // more than kRoom: something was lost
+  char bytes[kRoom] = {};
+
+  void Add(std::string_view piece) {
+    const size_t at = taken.fetch_add(piece.size(), std::memory_order_relaxed);
+    if (at <= kRoom && piece.size() <= kRoom - at) piece.copy(bytes + at, piece.size());
+  }
+};
+
 struct LogState {
-  std::atomic<int> fd = STDOUT_FILENO;  // -1: logging is off
+  std::atomic<int> fd = STDOUT_FILENO;        // -1: logging is off
+  std::atomic<HeldRecords *> held = nullptr;  // null: records are written at once
+  HeldRecords *shared = nullptr;              // kept for the next time
 };
 
 constinit LogState state;
+constinit HeldRecords unshared;  // where there is no memory to share
 
 // There is nowhere to report that the log cannot be written.
 void WriteIgnoringResult(int fd, const char *bytes, size_t length) {
   [[maybe_unused]] const ssize_t written = write(fd, bytes, length);
+}
+
+void Put(int fd, std::string_view piece) {
+  HeldRecords *const held = state.held.load(std::memory_order_relaxed);
+  if (held != nullptr) {
+    held->Add(piece);
+  } else {
+    WriteIgnoringResult(fd, piece.data(), piece.size());
+  }
 }
 
 // Local time, cut to milliseconds: a record never bears a time that has not come yet.
@@ -51,12 +84,26 @@ __attribute__((format(printf, 2, 0))) void WriteRecord(std::string_view tag, con
   char buffer[kBufferSize];
 
   const int stampLength = FormatStamp(buffer, sizeof buffer);
-  if (stampLength >= 0) WriteIgnoringResult(fd, buffer, static_cast<size_t>(stampLength));
-  WriteIgnoringResult(fd, tag.data(), tag.size());
+  if (stampLength >= 0) Put(fd, {buffer, static_cast<size_t>(stampLength)});
+  Put(fd, tag);
 
   // A body that does not fit is dropped, not cut: half a message can mislead, a bare tag cannot.
   const int bodyLength = Str_Vsnprintf(buffer, sizeof buffer, format, args);
-  if (bodyLength >= 0) WriteIgnoringResult(fd, buffer, static_cast<size_t>(bodyLength));
+  if (bodyLength >= 0) Put(fd, {buffer, static_cast<size_t>(bodyLength)});
+}
+
+// The process is about to end, and others may wait for that: what its last words wait for may not take
+// longer than this.
+void EndSoon() {
+  struct sigaction action = {};
+  action.sa_handler = SIG_DFL;
+  sigaction(SIGALRM, &action, nullptr);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGALRM);
+  sigprocmask(SIG_UNBLOCK, &set, nullptr);
+  const itimerval soon = {{0, 0}, {1, 0}};
+  setitimer(ITIMER_REAL, &soon, nullptr);
 }
 
 }  // namespace
@@ -80,7 +127,30 @@ void Panic(const char *format, ...) {
   va_start(args, format);
   WriteRecord("Panic: ", format, args);
   va_end(args);
+  if (state.held.load(std::memory_order_relaxed) != nullptr) EndSoon();
+  LogRelease();
   exit(EXIT_FAILURE);
+}
+
+void LogHold() {
+  if (state.held.load(std::memory_order_relaxed) != nullptr) return;
+  if (state.shared == nullptr) {
+    void *const memory =
+        mmap(nullptr, sizeof(HeldRecords), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANON, -1, 0);
+    state.shared = memory == MAP_FAILED ? &unshared : static_cast<HeldRecords *>(memory);
+  }
+  state.shared->taken.store(0, std::memory_order_relaxed);
+  state.held.store(state.shared, std::memory_order_relaxed);
+}
+
+void LogRelease() {
+  HeldRecords *const held = state.held.exchange(nullptr, std::memory_order_relaxed);
+  if (held == nullptr) return;
+  const size_t size = held->taken.exchange(0, std::memory_order_relaxed);
+  const int fd = state.fd.load(std::memory_order_relaxed);
+  if (fd == -1 || size == 0) return;
+  WriteIgnoringResult(fd, held->bytes, std::min(size, HeldRecords::kRoom));
+  if (size > HeldRecords::kRoom) Warning("%s: Some records did not fit.\n", "LogRelease");
 }
 
 // Not close-on-exec: the log stands in for standard output, which programs inherit, too.

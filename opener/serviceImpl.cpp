@@ -18,8 +18,8 @@
 //         3. A failed system call is logged once and fails the rendezvous.
 //         4. No lock is held during a pause between passes.
 //         5. From the lock file to the end of the choice, and on the server side to the end of the
-//            start, the process is shielded from its user's signals.  A failed rendezvous may leave it
-//            so: the process ends.
+//            start, the process is shielded from its user: from signals, and from a log that cannot
+//            be written.  The shield goes down when locks and listener are closed.
 // Format: docs/protocol.md.  Tests: tests/system/
 
 #include "opener/serviceImpl.h"
@@ -84,9 +84,12 @@ Pass ServeOnce(const RendezvousPaths &paths, RendezvousFds *fds) {
   bool ok = ServiceImplClose(&fds->statusWrite, nullptr);
   ok = ok && (serviceState.preStartHook == nullptr || serviceState.preStartHook());
   ok = ok && ServiceImplDaemonStart(paths.daemonPath, fds);
+  // Others wait for these, so they are closed before this process is its user's again.  The daemon has
+  // its own copy of the socket.
   ServiceImplClose(&fds->startLock, &ok);
-  // The daemon has its own copy.
   ServiceImplClose(&fds->sock, &ok);
+  // PRIV: the real user id is root's.
+  ok = ServiceImplWithPrivileges(ServiceImplUnshield) && ok;
   return ok ? Pass::kAgain : Pass::kFailed;
 }
 
@@ -150,6 +153,7 @@ bool ServiceImplOpener(int fd, const RendezvousPaths &paths) {
   bool ok = pass == Pass::kDelivered;
   ServiceImplClose(&fds.statusWrite, &ok);
   ServiceImplClose(&fds.sock, &ok);
+  LogRelease();  // if an identity could not be switched
   return ok;
 }
 

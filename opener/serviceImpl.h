@@ -28,9 +28,11 @@ void ServiceImpl_SetPreStartHook(ServiceImplPreStartHook hook);
 [[nodiscard]] bool ServiceImpl_PrivRaise();
 
 // Makes the real user id root's, too, so that the caller cannot signal the process, and holds back
-// the signals by which a terminal stops it.  ServiceImpl_PrivLower goes on to lower to the caller, and
-// ServiceImpl_PrivRaise to raise.  Called with raised privileges, as the next one, which undoes it.
-// False, after a record, when it fails: then nothing has changed.
+// the signals by which a terminal stops it, and the records of the log (LogHold).  ServiceImpl_PrivLower
+// goes on to lower to the caller, and ServiceImpl_PrivRaise to raise.  The second one undoes it, once
+// nobody waits for this process any more: what others wait for is closed before.  Both are called with
+// raised privileges, and do nothing when things are so already.  False, after a record, on failure: then
+// nothing has changed.
 [[nodiscard]] bool ServiceImplShield();
 [[nodiscard]] bool ServiceImplUnshield();
 

@@ -7,8 +7,9 @@
 //   shielded               0       0          0       root
 //   shielded and lowered   0       user       0       root
 //
-// A shield is comfort for others, never safety: a terminal's user can still end the process by a key,
-// and a control group can freeze it.
+// A shield is comfort for others, never safety: a terminal's user can still end the process by a key, a
+// control group can freeze it, and limits and timers that were inherited can end it.  The daemon to be
+// is the user's to signal from its last step before exec on.
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -59,6 +60,7 @@ bool ServiceImpl_PrivRaise() {
 }
 
 bool ServiceImplShield() {
+  if (privState.shielded) return true;
   const uid_t caller = getuid();
   const sigset_t stops = StopSignals();
   sigprocmask(SIG_BLOCK, &stops, &privState.callerMask);
@@ -66,6 +68,7 @@ bool ServiceImplShield() {
   if (setreuid(0, 0) == 0) {
     privState.caller = caller;
     privState.shielded = true;
+    LogHold();
     return true;
   }
   Warning("%s: setreuid errno %d.\n", "ServiceImplShield", errno);
@@ -74,23 +77,27 @@ bool ServiceImplShield() {
 }
 
 bool ServiceImplUnshield() {
+  if (!privState.shielded) return true;
   if (setreuid(privState.caller, 0) != 0) {
     Warning("%s: setreuid errno %d.\n", "ServiceImplUnshield", errno);
     return false;
   }
   privState.shielded = false;
   sigprocmask(SIG_SETMASK, &privState.callerMask, nullptr);
+  LogRelease();
   return true;
 }
 
 // Linux counts the process as the user's from here on, and where that is one too many it would refuse
-// the exec that follows.  The soft limit was none for root until now, and must not become one here.
+// the exec that follows.  The limit was none for root until now, and must not become one here.
 bool ServiceImplGiveDaemonItsUser() {
   rlimit limit = {};
   const bool known = getrlimit(RLIMIT_NPROC, &limit) == 0;
-  const rlimit lifted = {limit.rlim_max, limit.rlim_max};
-  if (known) setrlimit(RLIMIT_NPROC, &lifted);
-  const bool given = setreuid(privState.caller, 0) == 0;
+  const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
+  const rlimit most = {limit.rlim_max, limit.rlim_max};
+  // The second where even root may not raise a hard limit.
+  if (known && setrlimit(RLIMIT_NPROC, &none) != 0) setrlimit(RLIMIT_NPROC, &most);
+  const bool given = setreuid(Caller(), 0) == 0;
   const ErrnoKeeper keeper;
   if (known) setrlimit(RLIMIT_NPROC, &limit);
   return given;

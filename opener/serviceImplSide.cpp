@@ -130,13 +130,14 @@ ServiceImplSide ServiceImplPickSockSide(const RendezvousPaths &paths, Rendezvous
     if (!ServiceImplShield()) return false;
     fds->sock = MakeSocket();
     if (fds->sock >= 0) side = ChooseUnderLock(paths, fds);
-    return side == ServiceImplSide::kServer || ServiceImplUnshield();
+    if (side == ServiceImplSide::kServer) return true;
+    // Before this process is its user's again.
+    const bool closed = ServiceImplClose(&fds->startLock, nullptr);
+    return ServiceImplUnshield() && closed;
   });
   if (!ok) side = ServiceImplSide::kNone;
-  if (side != ServiceImplSide::kServer && !ServiceImplClose(&fds->startLock, nullptr)) {
-    side = ServiceImplSide::kNone;
-  }
   if (side == ServiceImplSide::kNone || side == ServiceImplSide::kBusy) {
+    ServiceImplClose(&fds->startLock, nullptr);
     ServiceImplClose(&fds->sock, nullptr);
   }
   return side;

@@ -21,3 +21,10 @@ void Warning(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // truncated.  Returns the new log descriptor, which the log keeps, or -1 with errno set: then
 // logging is off.  The earlier descriptor stays open.
 int LogOpen(const char *path);
+
+// From now on keeps records in memory, also those of children that this process forks, and writes none:
+// for a process that others wait for, since its log may be a pipe that nobody reads.  LogRelease
+// writes what was kept, 32 KiB at most, and ends this.  Panic writes it, too, and gives that a second.
+// From one thread, while no other one logs; without effect when things are so already.
+void LogHold();
+void LogRelease();

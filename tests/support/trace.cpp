@@ -11,7 +11,7 @@
 
 Trace::Trace(const std::string &text) {
   static const std::regex call(R"(^(\w+)\(([^,)]*).*)");
-  const bool staged = text.find("constructWorkingDir: ") != text.npos;
+  const bool staged = text.find("memfd_create(") != text.npos;
   std::istringstream lines(text);
   std::map<std::string, int> all, counted;
   bool started = false;

@@ -159,6 +159,39 @@ TEST_F(Caller, CannotSignalAnOpenerThatOthersWaitFor) {
   EXPECT_EQ(128 + SIGTERM, opener.Wait());
 }
 
+// A pipe that nobody reads, with room for the first record and no more.
+Pipe AlmostFullPipe() {
+  Pipe pipe;
+  const int size = fcntl(pipe.write.Get(), F_SETPIPE_SZ, 4096);
+  const std::string filling(static_cast<size_t>(size) - 60, 'x');
+  EXPECT_EQ(static_cast<ssize_t>(filling.size()),
+            write(pipe.write.Get(), filling.data(), filling.size()));
+  return pipe;
+}
+
+TEST_F(Caller, WhoDoesNotReadTheLogHoldsUpNobodyElse) {
+  // Once it starts the service, once it fails while it chooses the side.
+  for (const rlim_t descriptors : {rlim_t{1024}, rlim_t{6}}) {
+    Reset();
+    const Pipe log = AlmostFullPipe();
+    Process first(OpenerLaunch(
+        FileWith("first"),
+        [&] {
+          const rlimit limit = {descriptors, descriptors};
+          dup2(log.write.Get(), STDOUT_FILENO);
+          setrlimit(RLIMIT_NOFILE, &limit);
+        },
+        3));
+    const std::string waits = "/proc/" + std::to_string(first.Pid()) + "/wchan";
+    EXPECT_TRUE(
+        Eventually([&] { return ReadFile(waits).find("pipe_write") != std::string::npos; }));
+    EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("second")))) << descriptors;
+    EXPECT_EQ(0, SignalAsUser(first.Pid(), SIGKILL));
+    EXPECT_EQ(128 + SIGKILL, first.Wait());
+    EXPECT_EQ(1U, Services().size());
+  }
+}
+
 // ---- where the bundle is ----------------------------------------------------------------------
 
 TEST_F(Caller, CannotMoveTheBundle) {
