@@ -61,8 +61,7 @@ bool RunDaemon(const char *daemonPath, const RendezvousFds &fds, int statusRead)
   // PRIV: the daemon is to run as root.
   return ServiceImplWithPrivileges([&] {
     Hostinfo_SetPreExecHook(ServiceImplGiveDaemonItsUser);
-    const bool started = Hostinfo_Daemonize(daemonPath, argv, 0, nullptr, keep, std::size(keep));
-    return ServiceImplUnshield() && started;
+    return Hostinfo_Daemonize(daemonPath, argv, 0, nullptr, keep, std::size(keep));
   });
 }
 
