@@ -70,6 +70,10 @@ def resolve(name, includer, files):
 
 
 def main():
+    if subprocess.run(['git', 'rev-parse', '--git-dir'], stdout=subprocess.DEVNULL,
+                      stderr=subprocess.DEVNULL, check=False).returncode != 0:
+        print(f'{sys.argv[0]}: not a git work tree')
+        return 77
     sources = tracked_sources()
     files = set(sources)
     faults = []
