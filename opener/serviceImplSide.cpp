@@ -81,8 +81,8 @@ ServiceImplSide ConnectOrListen(const sockaddr_un &address, const char *lockPath
   int error = errno;
   if (NobodyListens(error)) {
     fds->startLock = StartLockTake(lockPath);
-    if (fds->startLock < 0)
-      return errno == EAGAIN ? ServiceImplSide::kBusy : Failed("%s: open errno %d.\n");
+    if (fds->startLock < 0 && errno == EAGAIN) return ServiceImplSide::kBusy;
+    if (fds->startLock < 0) return Failed("%s: open errno %d.\n");
     if (error == ECONNREFUSED && !Platform_RefusalIsProof()) {
       error = ConnectAgain(fds->sock, address);
     }
@@ -131,14 +131,13 @@ ServiceImplSide ServiceImplPickSockSide(const RendezvousPaths &paths, Rendezvous
     fds->sock = MakeSocket();
     if (fds->sock >= 0) side = ChooseUnderLock(paths, fds);
     if (side == ServiceImplSide::kServer) return true;
-    // Before this process is its user's again.
+    // What others wait for goes before this process is its user's again.
+    if (side != ServiceImplSide::kClient) ServiceImplClose(&fds->sock, nullptr);
     const bool closed = ServiceImplClose(&fds->startLock, nullptr);
     return ServiceImplUnshield() && closed;
   });
-  if (!ok) side = ServiceImplSide::kNone;
-  if (side == ServiceImplSide::kNone || side == ServiceImplSide::kBusy) {
-    ServiceImplClose(&fds->startLock, nullptr);
-    ServiceImplClose(&fds->sock, nullptr);
-  }
-  return side;
+  if (ok) return side;
+  ServiceImplClose(&fds->startLock, nullptr);
+  ServiceImplClose(&fds->sock, nullptr);
+  return ServiceImplSide::kNone;
 }
