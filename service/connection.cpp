@@ -7,6 +7,7 @@
 #include "service/connection.h"
 
 #include <fcntl.h>
+#include <poll.h>
 
 #include <utility>
 
@@ -23,6 +24,12 @@ constexpr char kRefused = '0';
 // Any byte would do; different ones let the check of the echo notice a mix-up.
 char GreetingFor(unsigned serial) {
   return static_cast<char>('A' + serial % 26);
+}
+
+// poll(2) on macOS does not know terminals: any answer is a reason to read.
+bool IsReadable(int fd) {
+  pollfd watched = {fd, POLLIN, 0};
+  return poll(&watched, 1, 0) > 0;
 }
 
 }  // namespace
@@ -43,7 +50,10 @@ void Connection::Greet(Fd peer, unsigned serial, int64_t nowMs) {
   peer_ = std::move(peer);
 }
 
+// The event that leads here may be out of date: an earlier step of the same turn can have taken what
+// there was to read, or given this place to a new peer.
 void Connection::Proceed(const Slots &slots) {
+  if (!IsReadable(Descriptor())) return;
   if (peer_) {
     ReceiveDescriptor(slots);
   } else {
@@ -85,7 +95,9 @@ void Connection::ReceiveDescriptor(const Slots &slots) {
   peer_.Reset();
 }
 
-void Connection::EndSilence() {
+void Connection::EndSilence(const Slots &slots) {
+  Proceed(slots);
+  if (!peer_) return;
   Log("#%u: no answer to the greeting.\n", serial_);
   peer_.Reset();
 }

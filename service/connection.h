@@ -26,6 +26,7 @@ class Connection {
   bool IsDelivery() const { return delivery_.Descriptor() >= 0; }
   bool IsFree() const { return Descriptor() < 0; }
 
+  unsigned Serial() const { return serial_; }
   // The user of a delivery.
   uid_t User() const { return user_; }
   // Of a silent peer: how long it has been.
@@ -37,9 +38,9 @@ class Connection {
   // Begins with a newly accepted opener; `serial` stands in all records about it.
   void Greet(Fd peer, unsigned serial, int64_t nowMs);
 
-  // One step, after Descriptor() has become readable; `slots` has this connection and all others.
+  // One step, if Descriptor() is readable; `slots` has this connection and all others.
   void Proceed(const Slots &slots);
 
-  // Gives a silent peer up.
-  void EndSilence();
+  // Gives a silent peer up, unless it has answered by now.
+  void EndSilence(const Slots &slots);
 };

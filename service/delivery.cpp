@@ -5,8 +5,8 @@
 // make reads and writes fail elsewhere that never failed before.  So the flags stay as they are, and
 // a read must not begin when there is nothing to read:
 //   - one piece a turn, so that an endless file does not starve the others;
-//   - poll(2) once more right before the read: hundreds of deliveries may be one pipe, which all
-//     became readable by one byte that the first of them took;
+//   - poll(2) once more right before the read (connection.cpp): hundreds of deliveries may be one
+//     pipe, which all became readable by one byte that the first of them took;
 //   - a timer, for the case that another reader takes the bytes between the two.
 // What stays: a file system that a user serves (FUSE, a network drive that is gone) can hold a
 // process in read or close for as long as that user likes, and no signal ends that.  A daemon that
@@ -14,7 +14,6 @@
 
 #include "service/delivery.h"
 
-#include <poll.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -37,12 +36,6 @@ constexpr uint64_t kHashPrime = 0x100000001b3;
 // Static, because the limit of the stack may be whatever the user who started the service wanted,
 // and it cannot be raised everywhere.
 char piece[kPieceSize];
-
-// poll(2) on macOS does not know terminals: any answer is a reason to read.
-bool IsReadable(int fd) {
-  pollfd watched = {fd, POLLIN, 0};
-  return poll(&watched, 1, 0) > 0;
-}
 
 // read(2), which gives EINTR when there is nothing to read for kPatienceUs.  The timer repeats: its
 // first signal may come before the read has begun.
@@ -80,7 +73,6 @@ void Delivery::Take(const char *bytes, size_t count) {
 }
 
 void Delivery::ReadSome(unsigned serial) {
-  if (!IsReadable(fd_.Get())) return;
   const ssize_t got = ReadBriefly(fd_.Get(), piece, sizeof piece);
   if (got > 0) {
     Take(piece, static_cast<size_t>(got));

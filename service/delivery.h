@@ -23,7 +23,8 @@ class Delivery {
 
   void Begin(Fd fd);
 
-  // One read, after Descriptor() has become readable; it does not wait long if that was wrong.  At
-  // the end of file, or when reading fails, it logs what came and closes the descriptor.
+  // One read, right after Descriptor() was found to be readable; it does not wait long if that is no
+  // longer true.  At the end of file, or when reading fails, it logs what came and closes the
+  // descriptor.
   void ReadSome(unsigned serial);
 };

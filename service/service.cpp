@@ -1,6 +1,9 @@
-// service.cpp -- the loop.  Each turn waits for events, lets every connection that has one take one
-// step, and accepts whoever is new.  No step waits for a peer, so none holds up the others; what a
-// user can take from the others is bounded in slots.h.
+// service.cpp -- the loop.  Each turn waits for events and lets every connection that has one take one
+// step.  No step waits for a peer, so none holds up the others; what a user can take from the others
+// is bounded in slots.h.
+//
+// New peers are accepted after every step, however many connections there are: on macOS, openers take
+// a service whose queue stays full for 310 ms for dead, and start another one beside it.
 
 #include "service/service.h"
 
@@ -40,13 +43,12 @@ void Service::Watch(int fd, Connection *owner) {
 }
 
 // Watches what is open and nothing else: poll(2) refuses a list longer than the descriptor limit.
-// The order is that in which events are handled: whoever leaves makes room for the new ones.
 bool Service::Wait() {
   numWatched_ = 0;
   Watch(stop_.Get(), nullptr);
   Watch(status_.Get(), nullptr);
   for (Connection &connection : slots_.Used()) Watch(connection.Descriptor(), &connection);
-  if (!starved_ && slots_.HasRoomForPeer()) Watch(listener_.Get(), nullptr);
+  if (!starved_) Watch(listener_.Get(), nullptr);
 
   const int timeoutMs = starved_ ? kStarvedMs : slots_.MsToEndOfSilence(NowMs());
   const int events = poll(watched_.data(), static_cast<nfds_t>(numWatched_), timeoutMs);
@@ -59,28 +61,27 @@ bool Service::Wait() {
   return false;
 }
 
-// Once for each time of need, not once for each attempt.
-void Service::NoteAcceptFailure(int error) {
+// Whether accept is to be called again at once.
+bool Service::GoOnAfterAcceptFailure(int error) {
+  if (error == ECONNABORTED || error == EINTR) return true;
   const bool starved = IsStarvation(error);
-  if (!starved || !starved_) Warning("accept errno %d.\n", error);
+  if (starved && slots_.EndLongestSilence()) return true;  // with the descriptor that it had
+  const bool isNews = error != EAGAIN && error != EWOULDBLOCK && !(starved && starved_);
+  if (isNews) Warning("accept errno %d.\n", error);  // not once for each attempt
   starved_ = starved;
+  return false;
 }
 
+// Openers connect one after the other, under their lock, so there is an end.
 void Service::AcceptAll() {
-  while (slots_.HasRoomForPeer()) {
+  for (;;) {
     Fd peer(accept(listener_.Get(), nullptr, nullptr));
-    if (!peer) {
-      const int error = errno;
-      if (error == ECONNABORTED || error == EINTR) continue;
-      if (error == EAGAIN || error == EWOULDBLOCK) {
-        starved_ = false;
-      } else {
-        NoteAcceptFailure(error);
-      }
+    if (peer) {
+      starved_ = false;
+      slots_.Greet(std::move(peer), NowMs());
+    } else if (!GoOnAfterAcceptFailure(errno)) {
       return;
     }
-    starved_ = false;
-    slots_.FindForPeer()->Greet(std::move(peer), ++lastSerial_, NowMs());
   }
 }
 
@@ -111,9 +112,8 @@ bool Service::Run(Fd listener, Fd status, Fd stop) {
         return true;
       } else if (watched_[i].fd == status_.Get()) {
         ReadStatus();
-      } else {
-        AcceptAll();
       }
+      if (!starved_) AcceptAll();
     }
     slots_.EndSilence(NowMs());
     if (starved_) AcceptAll();

@@ -18,7 +18,6 @@ class Service {
   Fd status_;
   Fd stop_;
   Slots slots_;
-  unsigned lastSerial_ = 0;
   bool starved_ = false;  // no descriptors left for accept
 
   // What poll(2) looks at, and whose it is: null for the service itself.
@@ -29,7 +28,7 @@ class Service {
   void Watch(int fd, Connection *owner);
   bool Wait();
   void AcceptAll();
-  void NoteAcceptFailure(int error);
+  bool GoOnAfterAcceptFailure(int error);
   void ReadStatus();
   void Stop();
 

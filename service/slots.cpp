@@ -2,25 +2,39 @@
 
 #include "service/slots.h"
 
+#include <utility>
+
 namespace {
 
 // An opener answers its greeting in microseconds, but it may have to wait for a processor, and its
-// user may stop it.  While there are places, it has much time; when none is left, enough.  An opener
-// that comes too late fails: it has been greeted, so it does not begin again.
+// user may stop it.  One that comes too late fails: it has been greeted, so it does not begin again.
 constexpr int64_t kMsToAnswer = 10'000;
-constexpr int64_t kMsToAnswerInCrowd = 3'000;
 
 }  // namespace
 
-int64_t Slots::MsToAnswer() const {
-  return HasRoomForPeer() ? kMsToAnswer : kMsToAnswerInCrowd;
-}
-
-// There is always a free one: neither silent peers nor deliveries exceed their number.
-Connection *Slots::FindForPeer() {
+// There is one while a silent peer may begin: neither silent peers nor deliveries exceed their number.
+Connection &Slots::FindFree() {
   const auto used = Used();
   const auto found = std::ranges::find_if(used, &Connection::IsFree);
-  return found != used.end() ? &*found : &connections_[numUsed_++];
+  return found != used.end() ? *found : connections_[numUsed_++];
+}
+
+void Slots::Greet(Fd peer, int64_t nowMs) {
+  if (Count(&Connection::IsSilent) == kMaxSilent) EndLongestSilence();
+  FindFree().Greet(std::move(peer), ++lastSerial_, nowMs);
+}
+
+bool Slots::EndLongestSilence() {
+  Connection *longest = nullptr;
+  unsigned numSince = 0;
+  for (Connection &connection : Used()) {
+    const unsigned since = lastSerial_ - connection.Serial();
+    if (!connection.IsSilent() || (longest != nullptr && since < numSince)) continue;
+    longest = &connection;
+    numSince = since;
+  }
+  if (longest != nullptr) longest->EndSilence(*this);
+  return longest != nullptr;
 }
 
 bool Slots::MayBeginDelivery(uid_t user) const {
@@ -34,13 +48,14 @@ int Slots::MsToEndOfSilence(int64_t nowMs) const {
   for (const Connection &connection : Used()) {
     if (connection.IsSilent()) longest = std::max(longest, connection.MsSilent(nowMs));
   }
-  return longest < 0 ? -1 : static_cast<int>(std::max<int64_t>(0, MsToAnswer() - longest));
+  return longest < 0 ? -1 : static_cast<int>(std::max<int64_t>(0, kMsToAnswer - longest));
 }
 
 void Slots::EndSilence(int64_t nowMs) {
-  const int64_t limit = MsToAnswer();
   for (Connection &connection : Used()) {
-    if (connection.IsSilent() && connection.MsSilent(nowMs) >= limit) connection.EndSilence();
+    if (connection.IsSilent() && connection.MsSilent(nowMs) >= kMsToAnswer) {
+      connection.EndSilence(*this);
+    }
   }
   while (numUsed_ > 0 && connections_[numUsed_ - 1].IsFree()) numUsed_--;
 }
