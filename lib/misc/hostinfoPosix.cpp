@@ -110,19 +110,19 @@ bool LiftAboveStdio(Fd *fd) {
   return true;
 }
 
-// Opens the PID file and, if asked, locks it.
+// Opens the PID file and, if asked, locks it.  The lock comes before all else that can fail: only then
+// may a failure remove the file.  It is the open file's, so it stays when the number changes.
 int OpenPidFile(Plan *plan) {
+  const char *const cannotOpen = "%s: Couldn't open PID path [%s], error %u.\n";
   plan->pidFile.Reset(open(plan->pidPath, O_WRONLY | O_CREAT, 0644));
-  if (!plan->pidFile || !LiftAboveStdio(&plan->pidFile)) {
-    return Failed("%s: Couldn't open PID path [%s], error %u.\n", plan->pidPath);
-  }
+  if (!plan->pidFile) return Failed(cannotOpen, plan->pidPath);
   if (plan->Has(HOSTINFO_DAEMONIZE_LOCKPID) && flock(plan->pidFile.Get(), LOCK_EX | LOCK_NB) != 0) {
     const int error =
         Failed("%s: Lock held on PID path [%s], error %u, not daemonizing.\n", plan->pidPath);
     plan->pidFile.Reset();  // the file belongs to a running daemon, or may do so
     return error;
   }
-  return 0;
+  return LiftAboveStdio(&plan->pidFile) ? 0 : Failed(cannotOpen, plan->pidPath);
 }
 
 int OpenErrorPipe(Plan *plan) {

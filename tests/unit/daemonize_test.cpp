@@ -158,6 +158,14 @@ TEST_F(Daemonize, PidFileIsALockWhileTheDaemonLives) {
   EXPECT_EQ("Warning: Hostinfo_Daemonize: Lock held on PID path [" + pidPath_ + "], error " +
                 std::to_string(EWOULDBLOCK) + ", not daemonizing.\n",
             Failure(EWOULDBLOCK, start));
+  // Nor does a starter remove it that has no room for descriptors above 2.
+  const ChildResult starter = RunInChild([&] {
+    for (const int number : {0, 1, 2}) close(number);
+    const rlimit none = {STDERR_FILENO + 1, STDERR_FILENO + 1};
+    setrlimit(RLIMIT_NOFILE, &none);
+    _exit(start() ? 0 : errno);
+  });
+  EXPECT_EQ(EWOULDBLOCK, starter.exitStatus);
   AwaitReport();
   EXPECT_EQ(std::to_string(pid_) + "\n", ReadFile(pidPath_));
   kill(pid_, SIGKILL);
