@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -173,6 +174,10 @@ class Verifier {
     const pid_t pid = Fork(&process);
     if (pid < 0) return false;
     if (pid == 0) Become(job_, theirs.Get(), image->Get());
+    if (process < 0) {  // Linux before 5.2; the process ends by itself, but must not be waited for
+      errno = ENOSYS;
+      return false;
+    }
     pid_ = pid;
     process_.Reset(process);
     socket_ = std::move(ours);
