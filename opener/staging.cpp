@@ -19,6 +19,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "fd.h"
@@ -119,14 +120,10 @@ struct Source {
   int fd;
 };
 
-bool IsRoots(int fd) {
+bool IsRoots(const Source &src) {
   struct stat info;
-  return fstat(fd, &info) == 0 && info.st_uid == 0 && info.st_gid == 0;
-}
-
-bool IsFolder(int fd) {
-  struct stat info;
-  return fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
+  return Recorded(fstat(src.fd, &info) == 0, "look at", src.path) && info.st_uid == 0 &&
+         info.st_gid == 0;
 }
 
 // The copy has the source's data and metadata, but root for its owner, the mode `mode`, and no
@@ -140,18 +137,18 @@ bool CopyFileAsRoot(int from, const char *dst, mode_t mode, uint64_t limit) {
 }
 
 bool CopyItem(const Source &src, const char *dst, mode_t mode, const PlatformSignedExtent &extent) {
-  if (!IsFolder(src.fd)) return CopyFileAsRoot(src.fd, dst, mode, extent.bytes);
+  struct stat info;
+  if (fstat(src.fd, &info) != 0) return false;
+  if (!S_ISDIR(info.st_mode)) return CopyFileAsRoot(src.fd, dst, mode, extent.bytes);
   return MakeFolder(dst) &&
          File_CopyOpenTree(src.fd, src.path, dst, {extent.bytes, extent.entries});
 }
 
-// Leaves the name of a copy that failed, and nothing of its content.
-void EmptyCopy(const char *dst) {
-  if (File_IsDirectory(dst)) {
-    File_DeleteDirectoryContent(dst);
-  } else if (File_UnlinkNoFollow(dst) == 0) {
-    const Fd made(open(dst, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  }
+// Leaves the name of a copy that failed, if there is one, and nothing of its content.
+bool EmptyCopy(const char *dst) {
+  if (File_IsDirectory(dst)) return File_DeleteDirectoryContent(dst);
+  if (File_UnlinkNoFollow(dst) != 0) return errno == ENOENT;
+  return bool(Fd(open(dst, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR)));
 }
 
 // ---- the items --------------------------------------------------------------------------------
@@ -171,7 +168,7 @@ bool StageSource(const Item &item, const Source &src, const char *dst) {
       VerifyCodeSignature(dst, identifier)) {
     return true;
   }
-  EmptyCopy(dst);
+  (void)Recorded(EmptyCopy(dst), "empty", dst);
   return false;
 }
 
@@ -184,9 +181,10 @@ bool StageItem(const Item &item, const char *services) {
   const HeapStr dst(Str_Asprintf(nullptr, "%s%s", services, relative));
   if (dst == nullptr) return false;
   // Nothing there: the check says so, with its record.
-  const Fd source = Platform_OpenSignedItem(src.get());
-  if (mustBeRoots && source && !IsRoots(source.Get())) return false;
-  return StageSource(item, {src.get(), source.Get()}, dst.get());
+  const Fd open = Platform_OpenSignedItem(src.get());
+  const Source source = {src.get(), open.Get()};
+  if (mustBeRoots && open && !IsRoots(source)) return false;
+  return StageSource(item, source, dst.get());
 }
 
 bool StageItems(const char *services) {

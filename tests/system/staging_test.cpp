@@ -219,6 +219,15 @@ TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
   ExpectStart();
 }
 
+TEST_F(Staging, TellsOfACopyThatCouldNotBeEmptied) {
+  const std::string copy = kStagedLibrary + "/productInfo";
+  Process opener(Traced({"-P", copy, "-e", "inject=fchown,unlink:error=EIO"}));
+  EXPECT_EQ((Outcome{1, Cannot("copy", kBundleLibrary + "/productInfo", EIO) +
+                            Cannot("empty", copy, EIO)}),
+            Finish(&opener));
+  ExpectClosed();
+}
+
 // ---- somebody who owns the folders --------------------------------------------------------------
 
 // What only root may open, a FIFO, and everything given to the user that may be.
