@@ -201,7 +201,7 @@ active [N] proctype Child() {
 end: do
   :: atomic { inherited[parent] != NONE ->
        if
-       :: killed[_pid] -> Close(inherited[parent]) /* no report: the opener takes it for success */
+       :: killed[_pid] -> Close(inherited[parent]) /* the opener begins again, as after a success */
        :: !killed[_pid] && staged == NONE -> execFailed[parent] = true; Close(inherited[parent])
        :: !killed[_pid] && staged != NONE ->
           printf("the child of %d executes the copy that %d made\n", parent, staged);
