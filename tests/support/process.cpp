@@ -122,25 +122,22 @@ std::string ContentOf(const Fd &fd) {
   return ReadFile("/proc/self/fd/" + std::to_string(fd.Get()));
 }
 
-std::map<pid_t, char> ChildrenOf(pid_t parent) {
-  std::map<pid_t, char> found;
-  for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
-    const std::string stat = ReadFile(entry.path() / "stat");
-    char state;
-    pid_t itsParent;
-    const size_t end = stat.rfind(')');
-    if (end == stat.npos || sscanf(&stat[end + 1], " %c %d", &state, &itsParent) != 2) continue;
-    if (itsParent == parent) found[std::stoi(entry.path().filename())] = state;
+std::map<int, std::string> FilesOf(pid_t pid) {
+  std::map<int, std::string> files;
+  for (const auto &entry :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+    std::error_code closed;
+    const std::string target = std::filesystem::read_symlink(entry.path(), closed);
+    files[std::stoi(entry.path().filename())] = target.substr(0, target.find(":["));
   }
-  return found;
+  return files;
 }
 
-Watch::Watch() : events_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-  Check(static_cast<bool>(events_), "inotify_init1");
-}
-
-void Watch::Add(const std::string &path, uint32_t what) {
-  Check(inotify_add_watch(events_.Get(), path.c_str(), what) >= 0, path.c_str());
+Watch::Watch(const std::vector<std::string> &paths, uint32_t what)
+    : events_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+  for (const std::string &path : paths) {
+    Check(inotify_add_watch(events_.Get(), path.c_str(), what) >= 0, path.c_str());
+  }
 }
 
 bool Watch::Seen() const {

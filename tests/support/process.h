@@ -68,16 +68,19 @@ Fd FileWith(const std::string &content);
 // What is in the file that is open as `fd`, from its first byte.
 std::string ContentOf(const Fd &fd);
 
-// The children of a process: their numbers and states, as in proc(5).
-std::map<pid_t, char> ChildrenOf(pid_t parent);
+// What a process has open, by number: a path, or "socket", "pipe" and the like.
+std::map<int, std::string> FilesOf(pid_t pid);
 
 // Tells whether something happens to files or folders: IN_ACCESS, IN_OPEN and the like.
 class Watch {
   Fd events_;
 
  public:
-  Watch();
-  void Add(const std::string &path, uint32_t what);
+  Watch(const std::vector<std::string> &paths, uint32_t what);
   // Whether anything has happened; it is told once.
   bool Seen() const;
+  // The same, before long.
+  bool Await() const {
+    return Eventually([this] { return Seen(); });
+  }
 };

@@ -25,7 +25,8 @@ inline const std::string kDaemonName = "Zephrin Lumen Client Services";
 inline const std::string kBundleDaemon = kBundleLibrary + "/" + kDaemonName;
 // Where the bundle is copied from for each test.
 inline const std::string kTemplate = "/run/bundle";
-inline const std::string kInstallRoot = "/Library/Application Support/Zephrin/Zephrin Calder Lumen";
+inline const std::string kInstallParent = "/Library/Application Support/Zephrin";
+inline const std::string kInstallRoot = kInstallParent + "/Zephrin Calder Lumen";
 inline const std::string kStaged = kInstallRoot + "/Services";
 inline const std::string kStagedDaemon = kStaged + "/Contents/Library/" + kDaemonName;
 inline const std::string kProbeReport = "/var/run/probe.report";  // of tests/system/probeDaemon.cpp

@@ -4,6 +4,8 @@
 
 #include <sys/resource.h>
 
+#include <csignal>
+#include <filesystem>
 #include <regex>
 #include <sstream>
 
@@ -11,22 +13,19 @@
 
 Trace::Trace(const std::string &text) {
   static const std::regex call(R"(^(\w+)\(([^,)]*).*)");
-  const bool staged = text.find("memfd_create(") != text.npos;
   std::istringstream lines(text);
   std::map<std::string, int> all, counted;
-  bool started = false;
-  int identities = 0;
+  bool started = false, inStaging = false;
   for (std::string line; std::getline(lines, line);) {
     std::smatch match;
     if (!std::regex_match(line, match, call)) continue;
     const std::string name = match[1];
     const int absolute = ++all[name];
-    if (started) {
-      if (name == "setresuid") identities++;
-      if (staged && (identities == 3 || (identities == 4 && name == "setresuid"))) {
-        staging.emplace_back(name, absolute);
-        continue;
-      }
+    inStaging =
+        line.find("\"" + kInstallParent + "\"") != line.npos || (inStaging && name != "setresuid");
+    if (inStaging) {
+      staging.emplace_back(name, absolute);
+    } else if (started) {
       order.emplace_back(name, ++counted[name]);
       calls[order.back()] = {match[2], absolute};
     }
@@ -49,11 +48,48 @@ Launch Traced(const std::vector<std::string> &options) {
 }
 
 Outcome OutcomeWithFault(const std::string &call, const std::string &number,
-                         const std::string &error, std::string *trace,
-                         std::vector<std::string> options) {
+                         const std::string &error, std::vector<std::string> options) {
   options.insert(options.end(), {"-e", "inject=" + call + ":error=" + error + ":when=" + number});
   const Outcome outcome = OutcomeOf(Traced(options));
-  *trace = ReadFile(kTracePath);
-  EXPECT_NE(trace->npos, trace->find("(INJECTED)")) << "the fault did not come";
+  EXPECT_LT(0U, Count(ReadFile(kTracePath), "(INJECTED)")) << "the fault did not come";
   return outcome;
+}
+
+namespace {
+
+Launch Stopped(const std::string &tracePath, const std::string &call, const std::string &path) {
+  std::filesystem::remove(tracePath);
+  return Traced({"-o", tracePath, "-f", "--detach-on=execve", "-P", path, "-e", "trace=" + call,
+                 "-e", "inject=" + call + ":signal=SIGSTOP"});
+}
+
+}  // namespace
+
+StoppedOpener::StoppedOpener(const std::string &call, const std::string &path)
+    : tracePath_(kTracePath + "." + call), process_(Stopped(tracePath_, call, path)) {}
+
+std::vector<pid_t> StoppedOpener::Stops() const {
+  static const std::regex stop(R"((\d+) +--- stopped by SIGSTOP ---)");
+  const std::string trace = ReadFile(tracePath_);
+  std::vector<pid_t> pids;
+  for (std::sregex_iterator at(trace.begin(), trace.end(), stop), end; at != end; ++at) {
+    pids.push_back(std::stoi((*at)[1]));
+  }
+  return pids;
+}
+
+bool StoppedOpener::AwaitStop() const {
+  return Eventually([this] { return Stops().size() > continued_; });
+}
+
+void StoppedOpener::Continue() {
+  Check(kill(Stops().at(continued_++), SIGCONT) == 0, "kill");
+}
+
+Outcome StoppedOpener::ContinueToEnd() {
+  EXPECT_TRUE(Eventually([this] {
+    if (Stops().size() > continued_) Continue();
+    return !process_.Running();
+  }));
+  return Finish(&process_);
 }

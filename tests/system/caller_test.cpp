@@ -5,7 +5,6 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -21,41 +20,33 @@ using Caller = ProductTest;
 
 // ---- what the service is started with ---------------------------------------------------------
 
-struct CallerState {
+constexpr struct {
   const char *name;
   uid_t user;
   void (*make)();
-};
-
-void CloseStandardDescriptors() {
-  for (int fd = 0; fd <= 2; fd++) close(fd);
-}
-
-void SpoilProcess() {
-  umask(077);
-  if (chdir("/tmp") != 0) _exit(126);
-  sigset_t all;
-  sigfillset(&all);
-  sigprocmask(SIG_BLOCK, &all, nullptr);
-  for (int number = 1; number < NSIG; number++) signal(number, SIG_IGN);
-}
-
-// The user has one process already.  Root may start more all the same; but not the root of a user
-// namespace.
-void AllowNoProcesses() {
-  rlimit limit;
-  if (ReadFile("/proc/self/uid_map").find("4294967295") == std::string::npos) return;
-  if (fork() == 0) _exit(static_cast<int>(sleep(3)));
-  getrlimit(RLIMIT_NPROC, &limit);
-  limit.rlim_cur = 0;
-  setrlimit(RLIMIT_NPROC, &limit);
-}
-
-// The hosts fill the standard descriptors of a set-user-ID start, but not of one by root.
-constexpr CallerState kCallerStates[] = {
-    {"root, standard descriptors closed", 0, CloseStandardDescriptors},
-    {"signals blocked and ignored, umask 077", kUser, SpoilProcess},
-    {"no more processes", kUser, AllowNoProcesses},
+} kCallerStates[] = {
+    // The hosts fill them for a set-user-ID start, but not for one by root.
+    {"root, standard descriptors closed", 0, [] { close_range(0, 2, 0); }},
+    {"signals blocked and ignored, umask 077", kUser,
+     [] {
+       umask(077);
+       if (chdir("/tmp") != 0) _exit(126);
+       sigset_t all;
+       sigfillset(&all);
+       sigprocmask(SIG_BLOCK, &all, nullptr);
+       for (int number = 1; number < NSIG; number++) signal(number, SIG_IGN);
+     }},
+    // The user has one process already.  Root may start more all the same; but not the root of a user
+    // namespace.
+    {"no more processes", kUser,
+     [] {
+       if (ReadFile("/proc/self/uid_map").find("4294967295") == std::string::npos) return;
+       if (fork() == 0) _exit(static_cast<int>(sleep(3)));
+       rlimit limit;
+       getrlimit(RLIMIT_NPROC, &limit);
+       limit.rlim_cur = 0;
+       setrlimit(RLIMIT_NPROC, &limit);
+     }},
 };
 
 const std::vector<std::string> kRemoved = {
@@ -83,7 +74,7 @@ std::string ExpectedReport(const std::string &sock, const std::string &status, u
 }
 
 TEST_F(Caller, LeavesNothingToTheServiceButAnEnvironmentWithoutCode) {
-  for (const CallerState &state : kCallerStates) {
+  for (const auto &state : kCallerStates) {
     SCOPED_TRACE(state.name);
     Reset();
     InstallProbe();
@@ -130,32 +121,23 @@ TEST_F(Caller, ALogThatCannotBeWrittenDoesNotEndTheOpener) {
 
 // ---- signals --------------------------------------------------------------------------------
 
-// What kill(2) says to the user who sends `signal`.
-int SignalAsUser(pid_t pid, int signal) {
-  const pid_t sender = fork();
-  if (sender == 0) {
-    BecomeUser(kUser);
-    _exit(kill(pid, signal) == 0 ? 0 : errno);
-  }
-  int status = -1;
-  waitpid(sender, &status, 0);
-  return WEXITSTATUS(status);
-}
-
 // A stopped opener would hold up everybody who waits for its lock.
 TEST_F(Caller, CannotSignalAnOpenerThatOthersWaitFor) {
   const Fd listener = ListenAt(kSocketPath);
   Fd lock(open(kLockPath.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
   ASSERT_EQ(0, flock(lock.Get(), LOCK_EX));
   Process opener(OpenerLaunch(FileWith("")));
-  const auto status = [&] { return ReadFile("/proc/" + std::to_string(opener.Pid()) + "/status"); };
+  const std::string pid = std::to_string(opener.Pid());
+  const auto isBlocked = [&](const std::string &signals) {
+    return Count(ReadFile("/proc/" + pid + "/status"), "SigBlk:\t0000000000" + signals) == 1;
+  };
   // SIGTSTP, SIGTTIN, SIGTTOU.
-  EXPECT_TRUE(Eventually([&] { return Count(status(), "SigBlk:\t0000000000380000") == 1; }));
-  EXPECT_EQ(EPERM, SignalAsUser(opener.Pid(), SIGSTOP));
+  EXPECT_TRUE(Eventually([&] { return isBlocked("380000"); }));
+  ShellAsUser("! kill -STOP " + pid);
   lock.Reset();
   const Fd connection = Accept(listener);
-  EXPECT_TRUE(Eventually([&] { return Count(status(), "SigBlk:\t0000000000000000") == 1; }));
-  EXPECT_EQ(0, SignalAsUser(opener.Pid(), SIGTERM));
+  EXPECT_TRUE(Eventually([&] { return isBlocked("000000"); }));
+  ShellAsUser("kill " + pid);
   EXPECT_EQ(128 + SIGTERM, opener.Wait());
 }
 
@@ -186,7 +168,7 @@ TEST_F(Caller, WhoDoesNotReadTheLogHoldsUpNobodyElse) {
     EXPECT_TRUE(
         Eventually([&] { return ReadFile(waits).find("pipe_write") != std::string::npos; }));
     EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("second")))) << descriptors;
-    EXPECT_EQ(0, SignalAsUser(first.Pid(), SIGKILL));
+    ShellAsUser("kill -KILL " + std::to_string(first.Pid()));
     EXPECT_EQ(128 + SIGKILL, first.Wait());
     EXPECT_EQ(1U, Services().size());
   }

@@ -7,36 +7,17 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <string>
 
 #include "fd.h"
 #include "tests/support/product.h"
 
-namespace fs = std::filesystem;
-
-namespace {
-
-// Descriptors and what is behind them; only the kind of sockets and pipes.
-std::map<int, std::string> OpenFiles() {
-  std::map<int, std::string> files;
-  for (const fs::directory_entry &entry : fs::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    const std::string target = fs::read_symlink(entry.path(), gone);
-    if (target.starts_with("/proc/")) continue;  // the loop's own
-    files[std::stoi(entry.path().filename())] = target.substr(0, target.find(":["));
-  }
-  return files;
-}
-
-}  // namespace
-
 int main(int argc, char *argv[], char *environment[]) {
-  const auto files = OpenFiles();
+  const auto files = FilesOf(getpid());
   {
     std::ofstream report(kProbeReport);
     for (int i = 0; i < argc; i++) report << "argument " << argv[i] << "\n";
-    report << "directory " << fs::current_path().native() << "\n";
+    report << "directory " << std::filesystem::current_path().native() << "\n";
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);) {
       for (const char *name : {"Umask:", "Uid:", "SigBlk:", "SigIgn:"}) {
@@ -44,7 +25,10 @@ int main(int argc, char *argv[], char *environment[]) {
       }
     }
     report << "terminal " << (Fd(open("/dev/tty", O_RDWR)) ? "some" : "none") << "\n";
-    for (const auto &[number, target] : files) report << "fd " << number << " " << target << "\n";
+    for (const auto &[number, target] : files) {
+      // Not the one by which they were listed.
+      if (!target.starts_with("/proc/")) report << "fd " << number << " " << target << "\n";
+    }
     for (char **entry = environment; *entry != nullptr; entry++) {
       // The counters of the coverage run leave a mark.
       if (strncmp(*entry, "__LLVM_", 7) != 0) report << "env " << *entry << "\n";

@@ -2,8 +2,6 @@
 // happened to start it has no power over it.
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -15,7 +13,6 @@
 #include <csignal>
 #include <ctime>
 #include <deque>
-#include <filesystem>
 
 #include "platform/scheduling.h"
 #include "tests/support/peer.h"
@@ -47,10 +44,6 @@ class ServiceTest : public ProductTest {
     const auto end = std::chrono::steady_clock::now();
     EXPECT_TRUE(ServiceRead(token));
     return std::chrono::duration_cast<std::chrono::milliseconds>(end - start).count();
-  }
-  long OpenFiles() const {
-    const std::filesystem::directory_iterator files("/proc/" + std::to_string(service_) + "/fd");
-    return std::distance(begin(files), end(files));
   }
   // One connection waits in the service's queue, and no more.
   void ShortenQueue() const {
@@ -86,7 +79,7 @@ void (*const kBadPeers[])(const Fd &) = {
 // All the while a connection says nothing, and a delivered pipe has nothing to read.  Its open file
 // is shared with the opener's caller, so its flags are not the service's to change.
 TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
-  const long filesBefore = OpenFiles();
+  const auto filesBefore = FilesOf(service_).size();
   Pipe pipe;
   const int flags = fcntl(pipe.read.Get(), F_GETFL);
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(Fd(dup(pipe.read.Get())))));
@@ -99,7 +92,7 @@ TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
   EXPECT_EQ(4, write(pipe.write.Get(), "last", 4));
   pipe.write.Reset();
   EXPECT_TRUE(ServiceRead("last"));
-  EXPECT_TRUE(Eventually([&] { return OpenFiles() == filesBefore; })) << OpenFiles();
+  EXPECT_TRUE(Eventually([&] { return FilesOf(service_).size() == filesBefore; }));
   EXPECT_EQ(std::vector<pid_t>{service_}, Services());
 }
 
@@ -182,45 +175,38 @@ TEST_F(ServiceTest, RefusesWhatIsNoListeningSocket) {
 
 // ---- what the user who started it may have left behind -----------------------------------------
 
-constexpr rlim_t kLittleStack = 32 << 10;
+// As an ordinary user can do it, who can take little of it back.  Soft limits only: not everywhere can
+// root raise hard ones.  A sanitizer maps terabytes.
+constexpr size_t kLittleStack = 32 << 10;
+constexpr char kWorsen[] = R"sh(
+  echo 900 >/proc/self/oom_score_adj
+  echo 1000000000 >/proc/self/timerslack_ns
+  exec chrt -b 0 nice -n 5 ionice -c 2 -n 3 taskset -c "$(taskset -cp $$ | grep -o '[0-9]*$')" \
+    prlimit --core=1048576: --cpu=3600: --data=35184372088832: --fsize=1073741824: --nofile=64: \
+    --sigpending=1: --stack=32768: "$@"
+)sh";
 
-constexpr struct {
-  __rlimit_resource resource;
-  rlim_t before;
-  rlim_t after;
-} kLimits[] = {
-    {RLIMIT_CORE, 1 << 20, 0},
-    {RLIMIT_CPU, 3600, RLIM_INFINITY},
-    {RLIMIT_DATA, rlim_t{1} << 45, RLIM_INFINITY},  // a sanitizer maps terabytes
-    {RLIMIT_FSIZE, 1 << 30, RLIM_INFINITY},
-    {RLIMIT_NOFILE, 64, 2048},
-    {RLIMIT_SIGPENDING, 1, RLIM_INFINITY},
-    {RLIMIT_STACK, kLittleStack, 8 << 20},
+constexpr std::pair<__rlimit_resource, rlim_t> kLimits[] = {
+    {RLIMIT_CORE, 0},
+    {RLIMIT_CPU, RLIM_INFINITY},
+    {RLIMIT_DATA, RLIM_INFINITY},
+    {RLIMIT_FSIZE, RLIM_INFINITY},
+    {RLIMIT_NOFILE, 2048},
+    {RLIMIT_SIGPENDING, RLIM_INFINITY},
+    {RLIMIT_STACK, 8 << 20},
 };
-
-// As an ordinary user can do it, who can take little of it back.
-void WorsenScheduling() {
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(sched_getcpu(), &one);
-  sched_setaffinity(0, sizeof one, &one);
-  const sched_param none = {};
-  sched_setscheduler(0, SCHED_BATCH, &none);
-  setpriority(PRIO_PROCESS, 0, 5);
-  syscall(SYS_ioprio_set, 1, 0, 3 << 13);
-  prctl(PR_SET_TIMERSLACK, 1'000'000'000UL, 0, 0, 0);
-}
 
 // All that can be asked of a process, in words.
 std::string Scheduling(pid_t pid) {
-  cpu_set_t processors;
-  sched_getaffinity(pid, sizeof processors, &processors);
-  const std::string proc = "/proc/" + std::to_string(pid);
-  return "class " + std::to_string(sched_getscheduler(pid)) + ", priority " +
-         std::to_string(getpriority(PRIO_PROCESS, static_cast<id_t>(pid))) + ", of input " +
-         std::to_string(syscall(SYS_ioprio_get, 1, pid) >> 13) + ", processors " +
-         std::to_string(CPU_COUNT(&processors)) + ", slack " + ReadFile(proc + "/timerslack_ns") +
-         "out of memory " + ReadFile(proc + "/oom_score_adj");
+  Process shell(
+      {{"/bin/sh", "-ec",
+        "ps -o class=,ni= -p $0; ionice -p $0; cd /proc/$0; grep Cpus_allowed_list status; "
+        "cat timerslack_ns oom_score_adj",
+        std::to_string(pid)},
+       0,
+       {"PATH=/usr/bin:/bin"}});
+  EXPECT_EQ(0, shell.Wait());
+  return shell.Output();
 }
 
 // The local time of the service's first record, less that of this process.
@@ -238,37 +224,24 @@ TEST_F(ServiceTest, TakesAfterTheSystemAndNotAfterItsStarter) {
   Platform_ResetScheduling();
   StopServices();
   unlink(kServiceLogPath.c_str());
-  Launch launch = OpenerLaunch(FileWith("from below"), [] {
-    for (const auto &row : kLimits) {
-      rlimit limit;
-      getrlimit(row.resource, &limit);
-      limit.rlim_cur = row.before;
-      // A hard limit, too; but root cannot raise one everywhere.
-      if (row.resource == RLIMIT_STACK) limit.rlim_max = row.before;
-      setrlimit(row.resource, &limit);
-    }
-    WorsenScheduling();
-  });
-  launch.env.push_back("TZ=XXX-13:45");
-  // Only after exec the file is the user's.
-  launch.argv = {"/bin/sh", "-c",        "echo 900 >/proc/self/oom_score_adj && exec \"$@\"",
-                 "-",       kOpenerPath, "7"};
+  Launch launch = OpenerLaunch(FileWith("from below"));
+  launch.env.insert(launch.env.end(), {"PATH=/usr/bin:/bin", "TZ=XXX-13:45"});
+  launch.argv = {"/bin/sh", "-ec", kWorsen, "-", kOpenerPath, "7"};
   EXPECT_EQ(kDelivered, OutcomeOf(launch));
   const auto services = Services();
   ASSERT_EQ(1U, services.size());
   EXPECT_EQ(Scheduling(getpid()), Scheduling(services[0]));
-  for (const auto &row : kLimits) {
+  for (const auto &[resource, least] : kLimits) {
     rlimit now = {};
-    ASSERT_EQ(0, prlimit(services[0], row.resource, nullptr, &now));
-    EXPECT_EQ(std::min(row.after, now.rlim_max), now.rlim_cur) << row.resource;
+    ASSERT_EQ(0, prlimit(services[0], resource, nullptr, &now));
+    EXPECT_EQ(std::min(least, now.rlim_max), now.rlim_cur) << resource;
   }
   ExpectService(std::string(2 * kLittleStack, 'x'));
   EXPECT_NEAR(0, HoursAhead(), 1);
 }
 
 TEST_F(ServiceTest, IsOutOfTheUsersPowerAndStopsForRoot) {
-  const auto end = [this] { _exit(kill(service_, SIGKILL) == -1 && errno == EPERM ? 0 : 1); };
-  EXPECT_EQ(0, OutcomeOf(OpenerLaunch(Fd(), end)).status);
+  ShellAsUser("! kill -KILL " + std::to_string(service_));
   const Fd silent = ConnectTo(kSocketPath);
   EXPECT_NE('\0', Receive(silent).byte);
   ASSERT_EQ(0, kill(service_, SIGTERM));

@@ -14,13 +14,10 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <regex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "fd.h"
@@ -37,12 +34,11 @@ bool closeRangeRefused = false;
 int emptyLists = 0;  // as many of the next directories are read as empty
 bool setsidKills = false;
 
-const std::string kWho = "Warning: Hostinfo_Daemonize: ";
-const std::string kDead = kWho + "Child died before it could exec /missing/x.\n";
-
-std::string CouldNotExec(const std::string &program, int error) {
-  return kWho + "Child could not exec " + program + ", read 4, error " + std::to_string(error) +
-         ".\n";
+// And allows no more than `limit`.
+void CloseStandardDescriptors(rlim_t limit) {
+  for (const int number : {0, 1, 2}) close(number);
+  const rlimit both = {limit, limit};
+  setrlimit(RLIMIT_NOFILE, &both);
 }
 
 // In the end its descriptors, by a process of their own: the shell opens none for that.
@@ -75,13 +71,7 @@ class Daemonize : public testing::Test {
     fs::remove(report_);
   }
 
-  // What a start that must fail logs; its errno must be `error`.
-  static std::string Failure(int error, const std::function<bool()> &start) {
-    return WithoutStamps(CaptureOutput([&] {
-      EXPECT_FALSE(start());
-      EXPECT_EQ(error, errno);
-    }));
-  }
+  bool StartLocked() { return Start("/bin/sh", HOSTINFO_DAEMONIZE_LOCKPID, {}, "linger"); }
 };
 
 // However the host closes descriptors: by ranges, by those that /proc lists, by the limit where /proc
@@ -125,23 +115,6 @@ TEST_F(Daemonize, InheritsTheKeptDescriptorsAndNothingElse) {
   }
 }
 
-// The PID file and the pipe for reports must not be what /dev/null replaces in the daemon.
-TEST_F(Daemonize, StartsFromAProcessWithoutStandardDescriptors) {
-  for (const int error : {ENOENT, EMFILE, 0}) {
-    const ChildResult starter = RunInChild([&] {
-      for (const int number : {0, 1, 2}) close(number);
-      const rlimit none = {STDERR_FILENO + 1, STDERR_FILENO + 1};
-      if (error == EMFILE) setrlimit(RLIMIT_NOFILE, &none);
-      const char *const program = error == 0 ? "/bin/sh" : "/missing/x";
-      _exit(Start(program, HOSTINFO_DAEMONIZE_LOCKPID) ? 0 : errno);
-    });
-    EXPECT_EQ(error, starter.exitStatus);
-    EXPECT_EQ(error == 0, fs::exists(pidPath_));
-  }
-  AwaitReport();
-  EXPECT_EQ(std::to_string(pid_) + "\n", ReadFile(pidPath_));
-}
-
 TEST_F(Daemonize, FlagsKeepDirectorySessionAndStandardDescriptorsAndEndTheStarter) {
   const int flags =
       HOSTINFO_DAEMONIZE_NOCHDIR | HOSTINFO_DAEMONIZE_NOCLOSE | HOSTINFO_DAEMONIZE_EXIT;
@@ -151,93 +124,96 @@ TEST_F(Daemonize, FlagsKeepDirectorySessionAndStandardDescriptorsAndEndTheStarte
   EXPECT_EQ(std::string::npos, files_.find("1=/dev/null")) << files_;
 }
 
+// The first one is started by a process whose PID file would be what /dev/null replaces in the daemon.
 TEST_F(Daemonize, PidFileIsALockWhileTheDaemonLives) {
   dir_.Write("pid", "a much longer text of an earlier daemon\n");
-  const auto start = [&] { return Start("/bin/sh", HOSTINFO_DAEMONIZE_LOCKPID, {}, "linger"); };
-  ASSERT_TRUE(start());
+  const ChildResult starter = RunInChild([&] {
+    CloseStandardDescriptors(64);
+    _exit(StartLocked() ? 0 : errno);
+  });
+  ASSERT_EQ(0, starter.exitStatus);
+  AwaitReport();
+  const std::string records = CaptureOutput([&] {
+    EXPECT_FALSE(StartLocked());
+    EXPECT_EQ(EWOULDBLOCK, errno);
+  });
   EXPECT_EQ("Warning: Hostinfo_Daemonize: Lock held on PID path [" + pidPath_ + "], error " +
                 std::to_string(EWOULDBLOCK) + ", not daemonizing.\n",
-            Failure(EWOULDBLOCK, start));
+            WithoutStamps(records));
   // Nor does a starter remove it that has no room for descriptors above 2.
-  const ChildResult starter = RunInChild([&] {
-    for (const int number : {0, 1, 2}) close(number);
-    const rlimit none = {STDERR_FILENO + 1, STDERR_FILENO + 1};
-    setrlimit(RLIMIT_NOFILE, &none);
-    _exit(start() ? 0 : errno);
+  const ChildResult cramped = RunInChild([&] {
+    CloseStandardDescriptors(3);
+    _exit(StartLocked() ? 0 : errno);
   });
-  EXPECT_EQ(EWOULDBLOCK, starter.exitStatus);
-  AwaitReport();
+  EXPECT_EQ(EWOULDBLOCK, cramped.exitStatus);
   EXPECT_EQ(std::to_string(pid_) + "\n", ReadFile(pidPath_));
   kill(pid_, SIGKILL);
 }
 
-TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
-  const std::string plain = dir_.Write("plain", "no program");
-  const char *const badArgv[] = {"x", "\xff", nullptr};
-  EXPECT_EQ(CouldNotExec(plain, EACCES), Failure(EACCES, [&] { return Start(plain.c_str(), 0); }));
-  EXPECT_EQ(kWho + "Couldn't convert path [a\xc3] to default encoding.\n",
-            Failure(EINVAL, [&] { return Start("a\xc3", 0); }));
-  EXPECT_EQ(kWho + "Couldn't convert arguments to default encoding.\n", Failure(EINVAL, [&] {
-              return Hostinfo_Daemonize("/x", badArgv, 0, pidPath_.c_str(), nullptr, 0);
-            }));
-  EXPECT_FALSE(fs::exists(pidPath_));
-}
-
-TEST_F(Daemonize, DoesNotExecWhenTheHookFailsOrTheCallerCannotBeTold) {
-  const auto failure = [&](int error, HostinfoPreExecHook *hook) {
-    Hostinfo_SetPreExecHook(hook);
-    std::string records = Failure(error, [&] { return Start("/missing/x", 0); });
-    Hostinfo_SetPreExecHook(nullptr);
-    return records;
-  };
-  EXPECT_EQ(CouldNotExec("/missing/x", EIDRM), failure(EIDRM, [] { return errno = EIDRM, false; }));
-  EXPECT_EQ(CouldNotExec("/missing/x", EINVAL), failure(EINVAL, [] { return errno = 0, false; }));
-  EXPECT_EQ(kDead, failure(EINVAL, [] {
-              static const SysFault report("write", 1, EIO);
-              return true;
-            }));
-}
-
-TEST_F(Daemonize, TellsWhatFailsInItsChildren) {
-  const auto pidFile = [&](const std::string &step) {
-    return kWho + "Couldn't " + step + " path [" + pidPath_ + "], error 5.\n" +
-           CouldNotExec("/missing/x", EIO);
-  };
-  const struct {
-    std::string call;
-    int error;  // 0: the child is killed
-    std::string records;
-  } rows[] = {{"setsid", 0, kWho + "Child N exited with signal 9.\n"},
-              {"write", EIO, pidFile("write PID to")},
-              {"fsync", EIO, pidFile("flush PID to")},
-              {"fsync", 0, kDead}};
-  signal(SIGCHLD, SIG_IGN);  // which must not keep the first child's status from the caller
-  for (const auto &row : rows) {
-    setsidKills = row.call == "setsid";
-    const SysFault fault(row.call, 1, row.error, [&] {
-      if (row.error == 0) raise(SIGKILL);
-    });
-    const int flags = setsidKills ? 0 : HOSTINFO_DAEMONIZE_NOCLOSE;
-    const std::string records =
-        Failure(row.error == 0 ? EINVAL : row.error, [&] { return Start("/missing/x", flags); });
-    EXPECT_EQ(row.records, std::regex_replace(records, std::regex("Child \\d+"), "Child N"));
-    EXPECT_FALSE(fs::exists(pidPath_));
-  }
-  setsidKills = false;
-  EXPECT_EQ(SIG_IGN, signal(SIGCHLD, SIG_DFL));
-}
-
 // Nobody reads the log any more, and the PID file may have only so many bytes.
-TEST_F(Daemonize, TellsThatItCannotWhenWritingRaisesASignal) {
-  for (const auto &[room, error] : {std::pair{RLIM_INFINITY, ENOENT}, {0, EFBIG}, {1, ENOSPC}}) {
-    const ChildResult starter = RunInChild([limit = rlimit{room, room}, this] {
-      int ends[2];
-      if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0 || close(ends[0]) != 0) _exit(1);
-      setrlimit(RLIMIT_FSIZE, &limit);
-      signal(SIGPIPE, SIG_IGN);
-      _exit(Start("/missing/x", HOSTINFO_DAEMONIZE_NOCLOSE) ? 0 : errno);
+void AllowToWrite(rlim_t room) {
+  int ends[2];
+  if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0 || close(ends[0]) != 0) _exit(1);
+  const rlimit limit = {room, room};
+  setrlimit(RLIMIT_FSIZE, &limit);
+  signal(SIGPIPE, SIG_IGN);
+}
+
+// One call fails, or with `error` 0 the process is killed there.
+void FailOnce(const char *call, int error) {
+  static const SysFault once(call, 1, error, [=] {
+    if (error == 0) raise(SIGKILL);
+  });
+}
+
+TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
+  const auto notExec = [](int error) {
+    return "Child could not exec /missing/x, read 4, error " + std::to_string(error) + ".\n";
+  };
+  const auto hookFails = [&](int error) {
+    return "Couldn't prepare for exec of /missing/x, error " + std::to_string(error) + ".\n" +
+           notExec(error);
+  };
+  const auto pidFile = [&](const std::string &step) {
+    return "Couldn't " + step + " path [" + pidPath_ + "], error 5.\n" + notExec(EIO);
+  };
+  const std::string killed = "Child N exited with signal 9.\n",
+                    dead = "Child died before it could exec /missing/x.\n";
+  const struct {
+    void (*prepare)();
+    int error;
+    std::string records;
+    const char *program = "/missing/x", *argument = nullptr;
+  } rows[] = {
+      {[] {}, ENOENT, "Couldn't exec /missing/x, error 2.\n" + notExec(ENOENT)},
+      {[] {}, EINVAL, "Couldn't convert path [a\xc3] to default encoding.\n", "a\xc3"},
+      {[] {}, EINVAL, "Couldn't convert arguments to default encoding.\n", "/x", "\xff"},
+      {[] { Hostinfo_SetPreExecHook([] { return errno = EIDRM, false; }); }, EIDRM,
+       hookFails(EIDRM)},
+      {[] { Hostinfo_SetPreExecHook([] { return errno = 0, false; }); }, EINVAL, hookFails(EINVAL)},
+      {[] { Hostinfo_SetPreExecHook([] { return FailOnce("write", EIO), true; }); }, EINVAL,
+       "Couldn't write to parent pipe: 5, original error: 0.\n" + dead},
+      {[] { setsidKills = true; }, EINVAL, killed},
+      {[] { FailOnce("write", EIO); }, EIO, pidFile("write PID to")},
+      {[] { FailOnce("fsync", EIO); }, EIO, pidFile("flush PID to")},
+      {[] { FailOnce("fsync", 0); }, EINVAL, dead},
+      {[] { AllowToWrite(RLIM_INFINITY); }, ENOENT, ""},
+      {[] { AllowToWrite(0); }, EFBIG, ""},
+      {[] { AllowToWrite(1); }, ENOSPC, ""},
+      {[] { CloseStandardDescriptors(3); }, EMFILE, ""},
+  };
+  for (const auto &row : rows) {
+    const ChildResult starter = RunInChild([&] {
+      signal(SIGCHLD, SIG_IGN);  // which must not keep the first child's status from the caller
+      row.prepare();
+      const int flags = setsidKills ? 0 : HOSTINFO_DAEMONIZE_NOCLOSE;
+      const int error = Start(row.program, flags, {}, row.argument) ? 0 : errno;
+      _exit(signal(SIGCHLD, SIG_DFL) == SIG_IGN ? error : -1);
     });
-    EXPECT_EQ(error, starter.exitStatus);
+    EXPECT_EQ(row.error, starter.exitStatus) << row.records;
+    static const std::regex who("Warning: Hostinfo_Daemonize: "), child("Child \\d+");
+    const std::string records = std::regex_replace(WithoutStamps(starter.output), who, "");
+    EXPECT_EQ(row.records, std::regex_replace(records, child, "Child N"));
     EXPECT_FALSE(fs::exists(pidPath_));
   }
 }
