@@ -172,21 +172,22 @@ TEST_F(Verifier, NoCallerMakesItSayYes) {
   rows.insert(rows.end(), {{RLIMIT_FSIZE, 1 << 20}, {RLIMIT_STACK, 0}, {RLIMIT_DATA, 0}});
   for (rlim_t n = 3; n < 16; n++) rows.emplace_back(RLIMIT_NOFILE, n);
   int obstacles = 0;
-  for (const auto &[resource, most] : rows) {
-    const ChildResult result = RunInChild([&, limit = rlimit{most, most}] {
+  for (const auto &row : rows) {
+    const ChildResult result = RunInChild([&] {
+      const rlimit limit = {row.second, row.second};
       signal(SIGCHLD, SIG_IGN);
       signal(SIGXFSZ, SIG_IGN);
-      if (resource == RLIMIT_NPROC) BecomeUser(kUser);
+      if (row.first == RLIMIT_NPROC) BecomeUser(kUser);
       const Fd changed = Platform_OpenSignedItem("/run/changed");
       const Fd valid = Platform_OpenSignedItem(kBundleDaemon.c_str());
-      setrlimit(resource, &limit);
+      setrlimit(row.first, &limit);
       const char *const name = kDaemonName.c_str();
       if (Platform_VerifyCodeSignature("", changed.Get(), name).failure != 7) _exit(3);
       const PlatformSignature found = Platform_VerifyCodeSignature("", valid.Get(), name);
       _exit(found.failure == 0 ? 0 : found.failure == 7 && found.obstacle != nullptr ? 1 : 4);
     });
     EXPECT_TRUE(result.exitStatus == 0 || result.exitStatus == 1 || result.signal != 0)
-        << result.exitStatus << ": limit " << resource << " " << most;
+        << result.exitStatus << ": limit " << row.first << " " << row.second;
     obstacles += result.exitStatus == 1 ? 1 : 0;
   }
   EXPECT_LT(1, obstacles);
