@@ -1,5 +1,5 @@
 // serviceImplWire.cpp -- single bytes, and a descriptor as SCM_RIGHTS control data.
-// Tests: tests/unit/wire_test.cpp
+// Tests: tests/unit/opener_test.cpp
 
 #include "opener/serviceImplWire.h"
 

@@ -1,5 +1,5 @@
 // startup.cpp -- the environment scrub, what is inherited besides, and the ownership check.
-// Tests: tests/unit/location_test.cpp, tests/system/caller_test.cpp, staging_test.cpp
+// Tests: tests/unit/opener_test.cpp, tests/system/caller_test.cpp, staging_test.cpp
 
 #include "opener/startup.h"
 

@@ -4,7 +4,7 @@
 //         follows it, read as a number in [1, 2): the next 8 bits choose a row of a table, the 16
 //         bits after them a point on the line to the next row.  No floating point, no library.
 //         Between two rows the line is at most 0.18 below the curve, in units of the last place.
-// Tests:  tests/unit/lockStats_test.cpp
+// Tests:  tests/unit/lock_test.cpp
 #pragma once
 
 #include <array>

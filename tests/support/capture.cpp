@@ -1,15 +1,10 @@
 #include "tests/support/capture.h"
 
-#include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
-#include <regex>
 
-#include "fd.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -56,9 +51,22 @@ ChildResult RunInChild(const std::function<void()> &body) {
   return result;
 }
 
+void InChild(const std::function<void()> &body) {
+  const ChildResult child = RunInChild([&] {
+    body();
+    fflush(stdout);
+    if (testing::Test::HasFailure()) _exit(1);
+  });
+  EXPECT_EQ(42, child.exitStatus) << child.output;
+}
+
 std::string WithoutStamps(const std::string &records) {
   static const std::regex stamp(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| )");
   return std::regex_replace(records, stamp, "");
+}
+
+std::string LogOf(const std::function<void()> &body) {
+  return WithoutStamps(CaptureOutput(body));
 }
 
 std::string FatalText(const std::function<void()> &body) {

@@ -16,8 +16,14 @@ struct ChildResult {
 };
 ChildResult RunInChild(const std::function<void()> &body);
 
+// Runs `body` in a child process, to its end; what it expects in vain fails here.
+void InChild(const std::function<void()> &body);
+
 // The text after the stamps "YYYY-MM-DDThh:mm:ss.mmm| " of each record.
 std::string WithoutStamps(const std::string &records);
+
+// What `body` logs in this process, without stamps.
+std::string LogOf(const std::function<void()> &body);
 
 // The log output, without stamps, of a child that must have ended by Panic (exit status 1).
 std::string FatalText(const std::function<void()> &body);

@@ -6,12 +6,9 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <vector>
 
 #include "tests/support/process.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -1,15 +1,11 @@
 // printfPeer.h -- the same format and arguments through the product's printf and the host's.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdarg>
-#include <cstdio>
-#include <string>
 
 #include "bsd_vsnprintf.h"
-#include "heap.h"
 #include "str.h"
+#include "tests/support/test.h"
 
 // Formats come from tables, where the compiler cannot check them.
 #pragma GCC diagnostic ignored "-Wformat-security"

@@ -2,22 +2,16 @@
 
 #include "tests/support/process.h"
 
-#include <fcntl.h>
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <limits.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <csignal>
-#include <filesystem>
 #include <system_error>
 
-#include "tests/support/scratchDir.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -77,6 +71,12 @@ int Process::Wait() {
   while (waitpid(pid_, &status, 0) < 0) Check(errno == EINTR, "waitpid");
   pid_ = -1;
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+std::string OutputOf(const std::vector<std::string> &argv) {
+  Process process({argv});
+  EXPECT_EQ(0, process.Wait()) << process.Output();
+  return process.Output();
 }
 
 void Check(bool ok, const char *call) {

@@ -12,9 +12,9 @@
 #include "fd.h"
 
 struct Launch {
-  std::vector<std::string> argv;  // argv[0] is the path
-  uid_t user = 0;                 // and group
-  std::vector<std::string> env;   // "NAME=value"; nothing else is there
+  std::vector<std::string> argv;      // argv[0] is the path
+  uid_t user = 0;                     // and group
+  std::vector<std::string> env = {};  // "NAME=value"; nothing else is there
   // Last adjustments in the child, as the user, standard output already being the captured one.
   std::function<void()> adjust = [] {};
 };
@@ -41,6 +41,9 @@ class Process {
   // end within kTimeoutMs is a failure of the test, and killed.
   int Wait();
 };
+
+// What a program writes, run to its end.
+std::string OutputOf(const std::vector<std::string> &argv);
 
 // Throws std::system_error for errno, unless `ok`.
 void Check(bool ok, const char *call);

@@ -2,21 +2,9 @@
 
 #include "tests/support/product.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <cinttypes>
-#include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <ostream>
-#include <regex>
-
-#include "tests/support/capture.h"
-#include "tests/support/scratchDir.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 

@@ -4,14 +4,8 @@
 // folder of makeAuthority and makeBundle, LUMEN_SUPPORT.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/types.h>
-
-#include <string>
-#include <vector>
-
 #include "tests/support/process.h"
-#include "tests/support/rounds.h"
+#include "tests/support/test.h"
 
 inline constexpr char kSandboxMark[] = "/.lumen-sandbox";
 inline const std::string kSocketPath = "/var/run/Zephrin Lumen Client Services.sock";

@@ -2,21 +2,18 @@
 
 #include "tests/support/scratchDir.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
-namespace fs = std::filesystem;
-
 ScratchDir::ScratchDir() {
-  std::string name = fs::temp_directory_path() / "lumen-XXXXXX";
+  std::string name = std::filesystem::temp_directory_path() / "lumen-XXXXXX";
   if (mkdtemp(name.data()) == nullptr) abort();
-  path_ = fs::canonical(name);
+  path_ = std::filesystem::canonical(name);
 }
 
 ScratchDir::~ScratchDir() {
   std::error_code ignored;
-  fs::remove_all(path_, ignored);
+  std::filesystem::remove_all(path_, ignored);
 }
 
 std::string ScratchDir::Path(const std::string &name) const {

@@ -1,12 +1,10 @@
 #include "tests/support/sysFault.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
+
+#include "tests/support/test.h"
 
 namespace {
 
@@ -35,8 +33,7 @@ bool MustFail(const char *call) {
 // Symbol, the name it counts as, its result, what a failure returns, parameters, arguments.
 #define WRAP(symbol, name, Result, failure, parameters, arguments) \
   extern "C" Result __real_##symbol parameters;                    \
-  extern "C" Result __wrap_##symbol parameters;                    \
-  Result __wrap_##symbol parameters {                              \
+  extern "C" Result __wrap_##symbol parameters {                   \
     return MustFail(name) ? failure : __real_##symbol arguments;   \
   }
 #define WRAP_INT(symbol, parameters, arguments) \
@@ -75,8 +72,7 @@ WRAP_INT(openat, (int dir, const char *path, int flags, mode_t mode), (dir, path
 WRAP_INT(fcntl, (int fd, int command, void *argument), (fd, command, argument))
 
 extern "C" int __real_close(int fd);
-extern "C" int __wrap_close(int fd);
-int __wrap_close(int fd) {
+extern "C" int __wrap_close(int fd) {
   const bool fails = MustFail("close");
   const int error = errno;
   const int result = __real_close(fd);

@@ -1,11 +1,6 @@
 // trace.h -- the opener under strace(1), which shows its system calls and makes them fail.
 #pragma once
 
-#include <map>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "tests/support/product.h"
 
 inline const std::string kTracePath = "/run/trace";

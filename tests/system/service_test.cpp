@@ -56,7 +56,7 @@ class ServiceTest : public ProductTest {
   }
 };
 
-// How one message of the service decides is tested in wire_test.cpp.
+// How one message of the service decides is tested in opener_test.cpp.
 void (*const kBadPeers[])(const Fd &) = {
     [](const Fd &) {},                      // leaves at once
     [](const Fd &sock) { Receive(sock); },  // leaves after the greeting

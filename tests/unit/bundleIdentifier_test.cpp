@@ -1,15 +1,9 @@
 // bundleIdentifier_test.cpp -- what a bundle calls itself, out of property lists good and bad.
 
-#include <gtest/gtest.h>
 #include <plist/plist.h>
 
-#include <filesystem>
-#include <string>
-#include <utility>
-
-#include "heap.h"
 #include "platform/codeSignature.h"
-#include "tests/support/scratchDir.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -74,7 +68,7 @@ TEST(BundleIdentifier, ComesFromThePropertyList) {
       {Endless(), ""},
   };
   const ScratchDir dir;
-  std::filesystem::create_directory(dir.Path("Contents"));
+  fs::create_directory(dir.Path("Contents"));
   for (const auto &[list, identifier] : kRows) {
     const std::string file = dir.Write("Contents/Info.plist", list);
     const PlatformBundleIdentifier found = Identifier(dir.Path());

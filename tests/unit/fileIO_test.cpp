@@ -2,34 +2,18 @@
 
 #include "fileIO.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <filesystem>
-#include <functional>
-#include <random>
-#include <string>
-#include <thread>
 #include <tuple>
-#include <vector>
 
-#include "fd.h"
 #include "msg.h"
 #include "platform/files.h"
 #include "tests/support/asRoot.h"
-#include "tests/support/capture.h"
 #include "tests/support/process.h"
-#include "tests/support/sandboxSkip.h"
-#include "tests/support/scratchDir.h"
 #include "tests/support/sysFault.h"
+#include "tests/support/test.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr uint32_t kRead = FILEIO_ACCESS_READ, kWrite = FILEIO_ACCESS_WRITE;
 constexpr uint32_t kReadWrite = kRead | kWrite;
@@ -50,10 +34,6 @@ struct Opened {
     if (FileIO_IsValid(&fd)) FileIO_Close(&fd);
   }
 };
-
-std::string LogOf(const std::function<void()> &body) {
-  return WithoutStamps(CaptureOutput(body));
-}
 
 std::string Record(const std::string &call, const std::string &path) {
   return "FILE:" + call + " error on " + path + ": Input/output error\n";
@@ -132,14 +112,13 @@ TEST(FileIO, PrivilegedOpensReachWhatTheUserMayNot) {
   const ScratchDir dir;
   const std::string secret = dir.Write("secret", "secret");
   ASSERT_TRUE(chmod(dir.Path().c_str(), 0755) == 0 && chmod(secret.c_str(), 0600) == 0);
-  const ChildResult child = RunInChild([&] {
-    if (seteuid(kUser) != 0 || Opened(secret, kRead).error != EACCES) _exit(1);
-    if (Opened(secret, kPrivileged).error != 0 || geteuid() != kUser) _exit(2);
-    if (Opened(dir.Path("no"), kPrivileged).error != ENOENT || geteuid() != kUser) _exit(3);
+  InChild([&] {
+    EXPECT_TRUE(seteuid(kUser) == 0 && Opened(secret, kRead).error == EACCES);
+    EXPECT_TRUE(Opened(secret, kPrivileged).error == 0 && geteuid() == kUser);
+    EXPECT_TRUE(Opened(dir.Path("no"), kPrivileged).error == ENOENT && geteuid() == kUser);
     FileIO_SetPrivilegedOpen([](const char *, int flags) { return open("/dev/null", flags); });
-    if (Opened(dir.Path("no"), kPrivileged).error != 0) _exit(4);
+    EXPECT_EQ(0, Opened(dir.Path("no"), kPrivileged).error);
   });
-  EXPECT_EQ(42, child.exitStatus) << child.output;
 }
 
 // ---- copies with all metadata ---------------------------------------------------------------
@@ -247,13 +226,7 @@ TEST(FileVector, ArrivesWholeWithAnySettings) {
       RoundTrip(count, FILEIO_FLAG_UNBUFFERED, &random);
     }
   };
-  for (setting = 0; setting <= 1000; setting += 1000) {
-    const ChildResult child = RunInChild([&] {
-      roundTrips();
-      _exit(HasFailure());
-    });
-    EXPECT_EQ(0, child.exitStatus) << child.output;
-  }
+  for (setting = 0; setting <= 1000; setting += 1000) InChild(roundTrips);
   setting = -1;
   roundTrips();
 }

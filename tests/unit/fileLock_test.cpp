@@ -5,54 +5,24 @@
 
 #include "fileLock.h"
 
-#include <gtest/gtest.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <ctime>
-#include <filesystem>
-#include <functional>
-#include <regex>
 #include <set>
-#include <string>
-#include <utility>
 
 #include "fileIO.h"
 #include "lib/file/fileLockInt.h"
 #include "platform/processStart.h"
-#include "tests/support/capture.h"
 #include "tests/support/process.h"
-#include "tests/support/scratchDir.h"
 #include "tests/support/sysFault.h"
-
-namespace fs = std::filesystem;
+#include "tests/support/test.h"
 
 namespace {
+
 uint64_t nowMs = 0;
-}  // namespace
-
-extern "C" {
-uint64_t __wrap__Z13FileLockNowMsv();
-uint64_t __wrap__Z13FileLockNowMsv() {
-  return nowMs;
-}
-int __wrap_nanosleep(const timespec *time, timespec *left);
-int __wrap_nanosleep(const timespec *time, timespec *) {
-  nowMs += static_cast<uint64_t>(time->tv_sec * 1000 + time->tv_nsec / 1'000'000);
-  return 0;
-}
-}
-
-namespace {
 
 const std::string kElsewhere = "uuid=52-00-00-00-00-00-00-00-00-00-00-00-00-00-00-00";
-
-std::string LogOf(const std::function<void()> &body) {
-  return WithoutStamps(CaptureOutput(body));
-}
 
 // "PID-START" of a process.
 std::string IdOf(pid_t pid) {
@@ -68,9 +38,7 @@ std::string Padded(std::string text) {
 
 // A process that is there until the end of the scope.
 Process Sleeper() {
-  Launch launch;
-  launch.argv = {"/bin/sleep", "1000"};
-  return Process(launch);
+  return Process({{"/bin/sleep", "1000"}});
 }
 
 // A lock or its refusal.
@@ -321,3 +289,13 @@ TEST_F(FileLockTest, SurvivesADeathAtAnySystemCall) {
 }
 
 }  // namespace
+
+extern "C" {
+uint64_t __wrap__Z13FileLockNowMsv() {
+  return nowMs;
+}
+int __wrap_nanosleep(const timespec *time, timespec *) {
+  nowMs += static_cast<uint64_t>(time->tv_sec * 1000 + time->tv_nsec / 1'000'000);
+  return 0;
+}
+}

@@ -1,34 +1,17 @@
 // fileTree_test.cpp -- trees copied, moved, removed and added up, against cp, diff and find.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <limits.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <functional>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "file.h"
 #include "msg.h"
-#include "tests/support/capture.h"
 #include "tests/support/process.h"
-#include "tests/support/product.h"
-#include "tests/support/scratchDir.h"
 #include "tests/support/sysFault.h"
+#include "tests/support/test.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // Whether there were pending messages; none are left.
 bool HadMessages() {
@@ -41,21 +24,14 @@ bool Shell(const std::string &command) {
   return system(command.c_str()) == 0;  // NOLINT(cert-env33-c): the paths are the test's own
 }
 
-std::string Outcome(bool ok) {
-  return ok ? "ok" : strerrorname_np(errno);
-}
-
 std::string Delete(const std::string &tree) {
-  return Outcome(File_DeleteDirectoryTree(tree.c_str()));
+  return OkOrErrno(File_DeleteDirectoryTree(tree.c_str()));
 }
 
-// What find knows of a tree, inodes and times included.
+// What find knows of a tree, inodes and times included; that there is none, too.
 std::string Snapshot(const std::string &tree) {
-  Launch launch;
-  launch.argv = {"/usr/bin/find", tree, "-printf", "%p %y %m %i %s %T@ %l\\n"};
-  Process find(launch);
-  find.Wait();
-  return find.Output();
+  if (!fs::exists(tree)) return "none";
+  return OutputOf({"/usr/bin/find", tree, "-printf", "%p %y %m %i %s %T@ %l\\n"});
 }
 
 // ---- random trees ----------------------------------------------------------------------------
@@ -120,11 +96,11 @@ TEST(DeleteTree, GoesDeeperThanPathsAndDescriptors) {
     ASSERT_TRUE(mkdir("downwards", 0700) == 0 && chdir("downwards") == 0);
   }
   fs::current_path("/");
-  const ChildResult child = RunInChild([&] {
+  InChild([&] {
     const rlimit few = {OpenDescriptors() + 3, OpenDescriptors() + 3};
-    if (setrlimit(RLIMIT_NOFILE, &few) != 0 || Delete(dir.Path("downwards")) != "ok") _exit(1);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+    EXPECT_EQ("ok", Delete(dir.Path("downwards")));
   });
-  EXPECT_EQ(42, child.exitStatus);
 }
 
 TEST(DeleteTree, IsNotLedElsewhereByWhoChangesTheTree) {
@@ -231,7 +207,7 @@ TEST(FileTree, EveryCase) {
     const std::string from = dir.Path("from"), to = dir.Path("to");
     const std::string shell = "F='" + from + "' T='" + to + "'; ";
     ASSERT_TRUE(Shell(shell + "mkdir $F $T; " + row.setUp)) << row.setUp;
-    CaptureOutput([&] { EXPECT_EQ(row.outcome, Outcome(row.call(from, to))) << row.setUp; });
+    CaptureOutput([&] { EXPECT_EQ(row.outcome, OkOrErrno(row.call(from, to))) << row.setUp; });
     EXPECT_EQ(row.outcome != std::string("ok"), HadMessages()) << row.setUp;
     EXPECT_TRUE(Shell(shell + row.check)) << row.setUp << " / " << row.check;
   }
@@ -332,7 +308,7 @@ TEST(Rename, IsACopyWhereItCannotBeARename) {
   fs::remove(bad);
   fs::resize_file(dir.Path("from/big"), fs::space(dir.Path()).available + (1 << 20));
   const SysFault last("rename", 1, EXDEV);
-  EXPECT_EQ("ENOSPC", Outcome(MoveTree(dir.Path("from"), made)));
+  EXPECT_EQ("ENOSPC", OkOrErrno(MoveTree(dir.Path("from"), made)));
   EXPECT_TRUE(HadMessages() && fs::exists(made) && fs::exists(dir.Path("from/sub/small")));
 }
 

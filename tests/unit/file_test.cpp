@@ -2,57 +2,32 @@
 
 #include "file.h"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <random>
 #include <set>
-#include <string>
 
 #include "lib/file/fileInt.h"
-#include "tests/support/capture.h"
 #include "tests/support/process.h"
-#include "tests/support/scratchDir.h"
 #include "tests/support/sysFault.h"
+#include "tests/support/test.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-std::string Take(char *owned) {
-  const HeapStr string(owned);
-  return string == nullptr ? "(null)" : string.get();
-}
-
-std::string Outcome(bool ok) {
-  return ok ? "ok" : strerrorname_np(errno);
-}
-
-std::string WithoutSlashes(std::string path) {
-  path.erase(path.find_last_not_of('/') + 1);
-  return path;
-}
-
-TEST(Paths, AreTakenApartAndJoinedAsTheModelSays) {
-  std::mt19937 random(1);
-  for (int round = 0; round < 5000; round++) {
-    std::string path, name;
-    for (auto length = random() % 9; length > 0; length--) path += "//ab."[random() % 5];
-    for (auto length = random() % 4; length > 0; length--) name += "//a"[random() % 3];
-    const size_t cut = path.rfind('/') + 1;  // 0 when there is none
+TEST(Paths, AreTakenApartAndJoined) {
+  // The path; its directory with the slashes behind it, and without; its name; itself without them.
+  const char *const rows[][5] = {
+      {"", "", "", "", ""},         {"a.b", "", "", "a.b", "a.b"},
+      {"//", "//", "", "", ""},     {"//a", "//", "", "a", "//a"},
+      {"a//", "a//", "a", "", "a"}, {"/a//.b", "/a//", "/a", ".b", "/a//.b"},
+  };
+  for (const auto &[path, directory, bare, name, stripped] : rows) {
     char *dir, *base, *pathName;
-    File_SplitName(path.c_str(), nullptr, &dir, &base);
-    File_GetPathName(path.c_str(), &pathName, nullptr);
-    EXPECT_EQ(path.substr(0, cut), Take(dir));
-    EXPECT_EQ(path.substr(cut), Take(base));
-    EXPECT_EQ(WithoutSlashes(path.substr(0, cut)), Take(pathName));
-    EXPECT_EQ(WithoutSlashes(path), Take(File_StripSlashes(path.c_str())));
-    EXPECT_EQ(WithoutSlashes(path) + "/" + name.substr(strspn(name.c_str(), "/")),
-              Take(File_PathJoin(path.c_str(), name.c_str())));
+    File_SplitName(path, nullptr, &dir, &base);
+    File_GetPathName(path, &pathName, nullptr);
+    EXPECT_EQ(directory, Owned(dir));
+    EXPECT_EQ(name, Owned(base));
+    EXPECT_EQ(bare, Owned(pathName));
+    EXPECT_EQ(stripped, Owned(File_StripSlashes(path)));
+    EXPECT_EQ(stripped + std::string("/x/"), Owned(File_PathJoin(path, "//x/")));
+    EXPECT_EQ(stripped + std::string("/"), Owned(File_PathJoin(path, "")));
   }
 }
 
@@ -65,18 +40,15 @@ TEST(FullPath, IsThatOfRealpathAsFarAsThePathExists) {
   fs::current_path(dir.Path("real"));
   for (const std::string path : {"", "./sub/../file", "missing", "a/b/c", "../link/sub/x/y",
                                  "file/x", "//", "//missing/x", "../link//file"}) {
-    Launch launch;
-    launch.argv = {"/usr/bin/realpath", "-m", path.empty() ? "." : path};
-    Process peer(launch);
-    ASSERT_EQ(0, peer.Wait());
-    EXPECT_EQ(peer.Output(), Take(File_FullPath(path.c_str())) + "\n") << path;
+    EXPECT_EQ(OutputOf({"/usr/bin/realpath", "-m", path.empty() ? "." : path}),
+              Owned(File_FullPath(path.c_str())) + "\n");
   }
   // Not realpath's way: what does not exist stays as it stands, and so does a link to nothing.
-  EXPECT_EQ(dir.Path("dangling"), Take(File_FullPath("../dangling")));
-  EXPECT_EQ(dir.Path("real/x/..//y/"), Take(File_FullPath("x/..//y/")));
+  EXPECT_EQ(dir.Path("dangling"), Owned(File_FullPath("../dangling")));
+  EXPECT_EQ(dir.Path("real/x/..//y/"), Owned(File_FullPath("x/..//y/")));
   // What exists cannot be resolved either.
   const SysFault fault("realpath", 2, EIO);
-  EXPECT_EQ("/missing/x/", Take(File_FullPath("//missing///x//")));
+  EXPECT_EQ("/missing/x/", Owned(File_FullPath("//missing///x//")));
 }
 
 TEST(Cwd, MayBeLongOrGone) {
@@ -86,9 +58,9 @@ TEST(Cwd, MayBeLongOrGone) {
   for (const std::string name(250, 'd'); expected.size() < 3500; expected += "/" + name) {
     ASSERT_TRUE(mkdir(name.c_str(), 0700) == 0 && chdir(name.c_str()) == 0);
   }
-  EXPECT_EQ(expected, Take(File_Cwd("")));
+  EXPECT_EQ(expected, Owned(File_Cwd("")));
   fs::remove_all(dir.Path());
-  CaptureOutput([] { EXPECT_EQ("(null)", Take(File_FullPath("x"))); });
+  CaptureOutput([] { EXPECT_EQ("(null)", Owned(File_FullPath("x"))); });
   EXPECT_EQ(ENOENT, errno);
   fs::current_path("/");
 }
@@ -102,7 +74,7 @@ TEST(CreateIfAbsent, AcceptsDirectoriesAsTheyStandAndNothingElse) {
   fs::create_symlink("gone", dir.Path("dangling"));
   std::string outcomes;
   for (const char *name : {"new", "there", "link", "file", "dangling", "no/x", "file/x"}) {
-    outcomes += " " + Outcome(File_CreateDirectoryIfAbsent(dir.Path(name).c_str(), 0700));
+    outcomes += " " + OkOrErrno(File_CreateDirectoryIfAbsent(dir.Path(name).c_str(), 0700));
   }
   EXPECT_EQ(" ok ok ok ENOTDIR ENOENT ENOENT ENOTDIR", outcomes);
   int mode;
@@ -116,8 +88,8 @@ TEST(CreateHierarchy, MakesWhatIsMissingAndTellsTheFirst) {
   const auto create = [](const std::string &path) {
     char *topmost;
     const bool ok = File_CreateDirectoryHierarchyEx(path.c_str(), 0750, &topmost);
-    const std::string outcome = Outcome(ok);
-    return outcome + " " + Take(topmost);
+    const std::string outcome = OkOrErrno(ok);
+    return outcome + " " + Owned(topmost);
   };
   EXPECT_EQ("ok " + dir.Path("a"), create(dir.Path("a//b/c//")));
   EXPECT_TRUE(fs::is_directory(dir.Path("a/b/c")));
@@ -156,7 +128,7 @@ TEST(List, HasEachNameOnceOrNone) {
   // Names that are not UTF-8 are one, which is not removed.
   for (const char *name : {"bad\xFF", "b\xC3"}) dir.Write(name, "");
   const std::string log = CaptureOutput([&] {
-    EXPECT_EQ("ENOTEMPTY", Outcome(File_DeleteDirectoryTree(dir.Path().c_str())));
+    EXPECT_EQ("ENOTEMPTY", OkOrErrno(File_DeleteDirectoryTree(dir.Path().c_str())));
     EXPECT_TRUE(names.List(dir.Path().c_str()) && names.Count() == 1);
   });
   EXPECT_NE(std::string::npos, log.find("' in directory 'bad\\xFF' cannot be converted to UTF8\n"));

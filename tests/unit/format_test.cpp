@@ -3,26 +3,17 @@
 //
 // Not compared, for they differ by design: %p, %a, null and wide strings, unknown conversions, the
 // flag 0 for strings, halves without decimals.  These have a table.  Whole formats, in sequence and
-// by position: fuzz/format_fuzz.cpp; captured arguments: msgfmt_test.cpp.
-
-#include <gtest/gtest.h>
-#include <signal.h>
+// by position: fuzz/format_fuzz.cpp; captured arguments: messages_test.cpp.
 
 #include <bit>
-#include <cerrno>
 #include <cfloat>
 #include <climits>
 #include <clocale>
 #include <cmath>
-#include <cstdint>
-#include <functional>
-#include <random>
-#include <utility>
 
 #include "tests/support/allocFault.h"
-#include "tests/support/capture.h"
 #include "tests/support/printfPeer.h"
-#include "tests/support/rounds.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -1,46 +1,27 @@
 // lock_test.cpp -- both kinds of locks and their condition variables: depth, owners, waiting, life,
-// and misuse with what it leaves in the log.
+// and misuse with what it leaves in the log; statistics: lines byte for byte, numbers against floating
+// point, the pass while locks come and go.
 //
-// Linked so that native calls fail where a test wants it.
+// Linked with wraps of the native calls below.
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <functional>
+#include <cmath>
 #include <latch>
-#include <regex>
-#include <string>
-#include <string_view>
-#include <thread>
 #include <tuple>
-#include <utility>
-#include <vector>
 
+#include "lib/lock/mxUserLog10.h"
 #include "lib/lock/mxUserStats.h"
-#include "tests/support/capture.h"
+#include "tests/support/test.h"
 
 namespace {
+
+// Native calls fail where a test wants it.
 constinit const char *failingCall = "";
 std::function<void()> whenFailing = [] {};
-}  // namespace
-
-#define FAILS_ON_DEMAND(call, parameters, arguments)                            \
-  extern "C" int __real_##call parameters;                                      \
-  extern "C" int __wrap_##call parameters;                                      \
-  extern "C" int __wrap_##call parameters {                                     \
-    if (failingCall != std::string_view(#call)) return __real_##call arguments; \
-    whenFailing();                                                              \
-    return EINVAL;                                                              \
-  }
-FAILS_ON_DEMAND(pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t *a), (m, a))
-FAILS_ON_DEMAND(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t *m), (c, m))
-FAILS_ON_DEMAND(pthread_cond_signal, (pthread_cond_t * c), (c))
-
-namespace {
 
 // Both kinds under the same names.
 #define KIND(Kind)                                                        \
@@ -265,6 +246,107 @@ TEST(LockMisuse, TheSixthFailureIsAPanicOfTheOtherSystemToo) {
             })));
 }
 
+// ---- statistics ------------------------------------------------------------------------------
+
+void Append(void *context, const char *line) {
+  *static_cast<std::string *>(context) += line;
+}
+
+// What a pass writes, "L" standing for the serial number.
+std::string Pass(size_t lineLength = 1024) {
+  std::string text;
+  MXUser_SetStatsFunc(&text, lineLength, false, Append);
+  MXUser_PerLockData();
+  MXUser_SetStatsFunc(nullptr, 0, false, nullptr);
+  return std::regex_replace(text, std::regex(" l=\\d+ "), " l=L ");
+}
+
+TEST(LockStats, LinesAreAsDocumented) {
+  MXUserExclLock *const plain = MXUser_CreateExclLock("plain", 1);
+  EXPECT_FALSE(MXUser_SetContentionCountFloorExclLock(plain, 1));
+  {
+    // The list may be the caller's already; it is not waited for.
+    const MXUserListHolder list(MXUserListHolder::Mode::wait);
+    std::string text;
+    MXUser_SetStatsFunc(&text, 100, false, Append);
+    std::thread(MXUser_PerLockData).join();
+    EXPECT_EQ("", text);
+    EXPECT_EQ("MXUser: n n=plain l=L r=0x1\n", Pass());
+  }
+  MXUser_DestroyExclLock(plain);
+  MXUser_SetContentionFloors(4, 100, 0.5);
+  MXUserSetStatsMode(2);
+  MXUserExclLock *const lock = MXUser_CreateExclLock("stat", 0xFF00);
+  EXPECT_EQ(
+      "MXUser: n n=stat l=L r=0xff00\n"
+      "MXUser: e l=L t=h c=0 min=18446744073709551615 max=0 mean=0 sd=0\n",
+      Pass());
+  MXUserAcquireStats *const acquire = lock->acquireStats.Get();
+  MXUserAcquisitionSample(acquire, false, true, 2000);
+  EXPECT_NE(std::string::npos, Pass().find("MXUser: ce l=L a=1 s=0 sc=0 sct=0 t=2000\n"));
+  MXUserAcquisitionSample(acquire, true, true, 99);  // too short to count
+  MXUserAcquisitionSample(acquire, true, true, 100);
+  MXUserAcquisitionSample(acquire, true, false, 102);
+  for (const uint64_t time : {1000U, 2000U, 4000U}) {
+    MXUserBasicStatsSample(&lock->heldStats.Get()->basic, time);
+  }
+  const std::string lines =
+      "MXUser: e l=L t=h c=3 min=1000 max=4000 mean=2333 sd=1528\n"
+      "MXUser: e l=L t=a c=3 min=99 max=102 mean=100 sd=2\n"
+      "MXUser: ce l=L a=4 s=3 sc=1 sct=100 t=2100\n";
+  EXPECT_EQ(lines, Pass());  // one in three contended, one in four failed
+
+  // A third of the acquisitions was contended, and that must exceed the floor.
+  ASSERT_TRUE(MXUser_SetContentionRatioFloorExclLock(lock, 0.33));
+  EXPECT_EQ("HOT LOCK (stat); contention ratio 0.333333\n",
+            LogOf([&] { EXPECT_EQ(lines, Pass()); }));
+  ASSERT_TRUE(MXUser_SetContentionCountFloorExclLock(lock, 5));
+  for (const uint64_t time : {UINT64_MAX / 2, 0UL, 999UL, 1000UL, 9999UL, 10000UL, 100000UL}) {
+    MXUserBasicStatsSample(&acquire->basic, time);
+  }
+  const std::string hot = Pass();
+  const std::string histo =
+      "MXUser: h l=L t=a min=1000 max=10000000000 0-3 99-1 100-1 200-1 699-1\n";
+  EXPECT_TRUE(hot.ends_with(histo)) << hot;
+  // A bin is written if two bytes stay free behind it.
+  const size_t room = histo.size() - 1 + std::to_string(lock->serialNumber).size() + 3;
+  EXPECT_TRUE(Pass(room).ends_with(" 699-1\n"));
+  EXPECT_TRUE(Pass(room - 1).ends_with(" 200-1\n"));
+  EXPECT_EQ("", Pass(0));
+  MXUser_DestroyExclLock(lock);
+  MXUserSetStatsMode(0);
+}
+
+TEST(LockStats, NumbersAreCloseToThoseOfTheLibrary) {
+  for (uint64_t x = 1; x < UINT64_MAX / 2; x += x / 997 + 1) {
+    EXPECT_NEAR(65536 * std::log2(static_cast<double>(x)), MXUserLog10::Log2(x), 1.7) << x;
+  }
+  for (double spread = 0.6; spread < 2e18; spread *= 1.37) {
+    const double deviation = spread * std::sqrt(2.0);  // of -spread and spread
+    EXPECT_NEAR(deviation, static_cast<double>(MXUserStandardDeviation(2, 0, 2 * spread * spread)),
+                0.5 + deviation * 1e-15);
+  }
+  EXPECT_EQ(UINT64_MAX, MXUserStandardDeviation(3, 0, 0x1p132));
+}
+
+TEST(LockStats, ThePassMeetsLocksThatComeAndGo) {
+  MXUserSetStatsMode(2);
+  std::string text;
+  MXUser_SetStatsFunc(&text, 256, true, Append);
+  InThreads(3, [](size_t) {
+    for (int round = 0; round < 300; round++) {
+      MXUserRecLock *const lock = MXUser_CreateRecLock("brief", 0);
+      MXUserAcquisitionSample(lock->acquireStats.Get(), true, true, 5000);
+      MXUser_PerLockData();
+      MXUserBasicStatsSample(&lock->heldStats.Get()->basic, 5000);
+      MXUser_DestroyRecLock(lock);
+    }
+  });
+  MXUser_SetStatsFunc(nullptr, 0, false, nullptr);
+  MXUserSetStatsMode(0);
+  EXPECT_NE(std::string::npos, text.find("MXUser: ce "));
+}
+
 // ---- bound locks -----------------------------------------------------------------------------
 
 // The other system, which remembers what it was asked.
@@ -296,3 +378,14 @@ TEST(BoundLock, ForwardsToTheHooksInstalledFirst) {
 }
 
 }  // namespace
+
+#define FAILS_ON_DEMAND(call, parameters, arguments)                            \
+  extern "C" int __real_##call parameters;                                      \
+  extern "C" int __wrap_##call parameters {                                     \
+    if (failingCall != std::string_view(#call)) return __real_##call arguments; \
+    whenFailing();                                                              \
+    return EINVAL;                                                              \
+  }
+FAILS_ON_DEMAND(pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t *a), (m, a))
+FAILS_ON_DEMAND(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t *m), (c, m))
+FAILS_ON_DEMAND(pthread_cond_signal, (pthread_cond_t * c), (c))

@@ -1,17 +1,11 @@
 // seal_test.cpp -- seals, as far as bytes go: their texts, and who may write the anchors.  What seals
 // are believed, and what changes they notice, is tested with the tool: tests/system/seals_test.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <string>
-
 #include "platform/linux/sealCheck.h"
 #include "platform/linux/sealSignature.h"
 #include "platform/linux/sealText.h"
 #include "tests/support/asRoot.h"
-#include "tests/support/scratchDir.h"
+#include "tests/support/test.h"
 
 namespace {
 

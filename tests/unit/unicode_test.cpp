@@ -3,30 +3,15 @@
 
 #include "unicode.h"
 
-#include <gtest/gtest.h>
 #include <unicode/uchar.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <iterator>
-#include <random>
-#include <string>
-#include <utility>
-
 #include "codeset.h"
-#include "heap.h"
 #include "lib/unicode/unicodeCaseFold.h"
-#include "tests/support/capture.h"
-#include "tests/support/rounds.h"
+#include "tests/support/test.h"
 
 namespace {
 
 using std::string_literals::operator""s;
-
-std::string Owned(char *string) {
-  const HeapStr owner(string);
-  return string == nullptr ? "(null)" : string;
-}
 
 // ---- by code points --------------------------------------------------------------------------
 

@@ -1,4 +1,4 @@
-// copyfile.h -- copies and file flags of macOS; see tests/unit/platformDarwin_test.cpp.
+// copyfile.h -- copies and file flags of macOS; see tests/unit/darwin_test.cpp.
 #pragma once
 
 #include <sys/stat.h>

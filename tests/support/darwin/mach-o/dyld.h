@@ -1,4 +1,4 @@
-// dyld.h -- see tests/unit/platformDarwin_test.cpp.
+// dyld.h -- see tests/unit/darwin_test.cpp.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// acl.h -- see tests/unit/platformDarwin_test.cpp.
+// acl.h -- see tests/unit/darwin_test.cpp.
 #pragma once
 
 using acl_t = struct _acl *;

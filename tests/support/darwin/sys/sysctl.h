@@ -1,4 +1,4 @@
-// sysctl.h -- see tests/unit/platformDarwin_test.cpp.
+// sysctl.h -- see tests/unit/darwin_test.cpp.
 #pragma once
 
 #include <sys/types.h>

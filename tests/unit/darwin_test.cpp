@@ -1,8 +1,8 @@
-// platformDarwin_test.cpp -- small pieces of the macOS platform code, against fakes of its calls.
+// darwin_test.cpp -- the macOS platform code against fakes of its calls: small pieces; normalisation,
+// also by this host's code; and signatures: what is asked of the system, the failure code of each
+// step, that every object is released whatever fails, and what is vouched for.
 
 #include <copyfile.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <ifaddrs.h>
 #include <mach-o/dyld.h>
 #include <net/if_dl.h>
@@ -12,27 +12,20 @@
 #include <sys/socket.h>
 #include <sys/sysctl.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <numeric>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "heap.h"
+#include "codeset.h"
+#include "dynbuf.h"
+#include "platform/codeSignature.h"
 #include "platform/decimalDigits.h"
 #include "platform/files.h"
 #include "platform/linkAddress.h"
 #include "platform/process.h"
 #include "platform/senderUser.h"
+#include "tests/support/darwin/frameworks.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -76,18 +69,16 @@ char *Convert(const char *kind, double value, int *point) {
 }
 
 TEST(DecimalDigitsDarwin, ThreadsDoNotShareDigits) {
+  const auto convert = [](int from) {
+    for (int n = from, point = -1; n < 2000; ++n) {
+      ASSERT_EQ("f" + std::to_string(n), Owned(Platform_FixedDigits(n, 6, &point)));
+      ASSERT_EQ("e" + std::to_string(point), Owned(Platform_SignificantDigits(n, 6, &point)));
+    }
+  };
   int noPoint;
   EXPECT_EQ(nullptr, Platform_FixedDigits(-1, 6, &noPoint));  // and the lock was given back
   std::vector<std::jthread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([i] {
-      for (int n = i, point = -1; n < 2000; ++n) {
-        ASSERT_EQ("f" + std::to_string(n), HeapStr(Platform_FixedDigits(n, 6, &point)).get());
-        ASSERT_EQ("e" + std::to_string(point),
-                  HeapStr(Platform_SignificantDigits(n, 6, &point)).get());
-      }
-    });
-  }
+  for (int i = 0; i < 4; ++i) threads.emplace_back(convert, i);
 }
 
 // A locked copy could not be made root's, nor be removed the next time; a compressed file without its
@@ -124,13 +115,11 @@ TEST(FileCopyDarwin, EndsAtItsLimit) {
       {1000, 1000, UINT64_MAX, 0, 1000},
       {0, 0, 0, 0, 0},
   };
-  for (const auto &row : rows) {
-    sourceSize = row.size;
-    grownSize = row.grown;
-    targetSize = 0;
-    const bool ok = Platform_CopyFileWithMetadata(kSource, kTarget, row.limit);
-    EXPECT_EQ(row.error, ok ? 0 : errno) << row.limit;
-    EXPECT_EQ(row.most, targetSize) << row.limit;
+  for (const auto &[size, grown, limit, error, most] : rows) {
+    sourceSize = size, grownSize = grown, targetSize = 0;
+    const bool ok = Platform_CopyFileWithMetadata(kSource, kTarget, limit);
+    EXPECT_EQ(error, ok ? 0 : errno) << limit;
+    EXPECT_EQ(most, targetSize) << limit;
   }
   sourceSize = grownSize = 0;
   // An error is the end, and its cause is told.
@@ -157,8 +146,7 @@ constexpr int kPerProcess = 300;
 
 TEST(ProcessDarwin, DescriptorsAboveALoweredOrARaisedLimitAreClosed) {
   for (const bool lowered : {true, false}) {
-    const pid_t child = fork();
-    if (child == 0) {
+    InChild([=] {
       const int top = lowered ? kPerProcess - 1 : kPerProcess + 1;
       for (const int fd : {5, 6, kPerProcess - 2, top}) dup2(STDERR_FILENO, fd);
       const rlim_t limit = lowered ? 10 : kPerProcess + 2;
@@ -170,11 +158,8 @@ TEST(ProcessDarwin, DescriptorsAboveALoweredOrARaisedLimitAreClosed) {
       for (int fd = 0; fd <= top; fd++) {
         if (fcntl(fd, F_GETFD) != -1) open += std::to_string(fd) + " ";
       }
-      _exit(open == "0 1 2 5 298 " ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(0, status) << lowered;
+      EXPECT_EQ("0 1 2 5 298 ", open) << lowered;
+    });
   }
 }
 
@@ -192,6 +177,145 @@ TEST(SenderUserDarwin, IsTheUserOfALiveProcess) {
     EXPECT_EQ(number < 0 ? ENOTCONN : ESRCH, errno);
   }
 }
+
+TEST(Normalize, GoesToBothFormsUnlessACallFailsAndLeaksNothing) {
+  const std::string rows[][3] = {
+      {"caf\xC3\xA9 cafe\xCC\x81", "caf\xC3\xA9 caf\xC3\xA9", "cafe\xCC\x81 cafe\xCC\x81"},
+      {"\xEA\xB0\x81", "\xEA\xB0\x81", "\xE1\x84\x80\xE1\x85\xA1\xE1\x86\xA8"},  // Hangul
+      {"a\xCC\x82\xCC\xA3", "\xE1\xBA\xAD", "a\xCC\xA3\xCC\x82"},                // marks in order
+      {"\xF0\x9D\x85\x9E", "\xF0\x9D\x85\x97\xF0\x9D\x85\xA5", "\xF0\x9D\x85\x97\xF0\x9D\x85\xA5"},
+  };
+  const auto normalize = [](const std::string &text, bool precomposed) {
+    ScopedDynBuf out;
+    const bool ok = CodeSet_Utf8Normalize(text.c_str(), precomposed, &out);
+    EXPECT_EQ(0, frameworks.liveObjects);
+    return (ok ? "" : "failed ") + std::string(out.data, out.size);
+  };
+  for (const auto &[in, composed, decomposed] : rows) {
+    EXPECT_EQ(composed, normalize(in, true));
+    EXPECT_EQ(decomposed, normalize(in, false));
+  }
+  for (int nth = 1; nth <= 4; nth++) {
+    frameworks = {.callsToFailure = nth};
+    EXPECT_EQ("failed ", normalize("a", true));
+  }
+  frameworks = {};
+  EXPECT_EQ("failed ", normalize("a\xC3", true));
+}
+
+// ---- signatures -------------------------------------------------------------------------------
+
+PlatformSignature Verify(const std::string &path, const char *identifier = "Zephrin Services") {
+  const Fd item = Platform_OpenSignedItem(path.c_str());
+  return Platform_VerifyCodeSignature(path.c_str(), item.Get(), identifier);
+}
+
+TEST(CodeSignatureDarwin, TellsTheStepThatFailedAndReleasesAll) {
+  const ScratchDir dir;
+  const std::string path = dir.Write("item", "");
+  // A row for each call that can fail, in order; creating code and requirement fails in three ways.
+  int nth = 0;
+  for (const int step : {1, 2, 3, 3, 3, 5, 6, 6, 6, 7, 0}) {
+    frameworks = {.callsToFailure = ++nth};
+    EXPECT_EQ(step, Verify(path).failure) << nth;
+    EXPECT_EQ(0, frameworks.liveObjects) << nth;
+  }
+  EXPECT_EQ(
+      "code 0\n"
+      "requirement identifier \"Zephrin Services\" and anchor apple generic and anchor trusted and "
+      "cert leaf[subject.CN] = *\"Zephrin, Inc.\"* 0\n"
+      "check 1\n",
+      frameworks.securityCalls);
+  // An identifier cannot change the requirement.
+  for (const char *const identifier :
+       {"a\" or anchor apple or identifier \"b", "a\\", "a\n", "\xC3\xA9"}) {
+    frameworks = {};
+    EXPECT_EQ(6, Verify(path, identifier).failure) << identifier;
+    EXPECT_EQ("code 0\n", frameworks.securityCalls);
+  }
+}
+
+// $I is the item, a file of 5 bytes or a bundle, and `act` is done during the check.
+struct Exchange {
+  bool bundle;
+  const char *act;
+  int failure;
+};
+
+constexpr Exchange kExchanges[] = {
+    {false, "true", 0},
+    {false, "mv $I $I.old; cp $I.old $I", 7},
+    {false, "mv $I $I.old; ln -s $I.old $I", 7},
+    {false, "rm $I", 7},
+    {false, "printf 54321 >$I", 7},
+    {false, "echo >>$I", 7},
+    {true, "true", 0},
+    {true, "mv $I $I.old; cp -r $I.old $I", 7},
+    {true, "touch $I/more", 7},
+};
+
+TEST(CodeSignatureDarwin, VouchesForTheOpenItemAndItsExtent) {
+  for (const Exchange &row : kExchanges) {
+    const ScratchDir dir;
+    const std::string item = dir.Path("item"), shell = "I='" + item + "'; ";
+    const std::string make = row.bundle
+                                 ? "mkdir -p $I/a/b; printf 123 >$I/a/x; printf 45 >$I/a/b/y;"
+                                   "ln -s x $I/a/z; mkfifo $I/f"
+                                 : "printf 12345 >$I";
+    ASSERT_EQ(0, system((shell + make).c_str()));
+    frameworks = {.atCheck = [&] {
+      usleep(20'000);  // by which times differ
+      EXPECT_EQ(0, system((shell + row.act).c_str()));
+    }};
+    const PlatformSignature found = Verify(item);
+    EXPECT_EQ(row.failure, found.failure) << row.act;
+    EXPECT_EQ(row.failure == 0 ? 5U : 0U, found.extent.bytes) << row.act;
+    EXPECT_EQ(row.failure == 0 && row.bundle ? 6U : 0U, found.extent.entries) << row.act;
+  }
+  frameworks = {};
+}
+
+TEST(CodeSignatureDarwin, OpensFilesAndDirectoriesAndNothingElse) {
+  const ScratchDir dir;
+  const std::string link = dir.Path("link"), fifo = dir.Path("fifo"), deep = dir.Path("deep");
+  ASSERT_TRUE(symlink(".", link.c_str()) == 0 && mkfifo(fifo.c_str(), 0600) == 0);
+  for (const auto &[path, error] :
+       {std::pair{link, ELOOP}, {fifo, ENOTSUP}, {deep, ENOENT}, {"/dev/null", ENOTSUP}}) {
+    EXPECT_TRUE(!Platform_OpenSignedItem(path.c_str()) && errno == error) << path;
+    EXPECT_EQ(3, Verify(path).failure) << path;
+  }
+  // Deeper than any bundle.
+  fs::path path = deep;
+  for (int i = 0; i < 40; i++) path /= "d";
+  fs::create_directories(path);
+  const PlatformSignature found = Verify(deep);
+  EXPECT_TRUE(found.failure == 7 && found.obstacle != nullptr && found.error == ELOOP);
+}
+
+TEST(CodeSignatureDarwin, BundlesNameThemselvesAndReleaseAll) {
+  // Path, URL, bundle, identifier; then room for the text and the text itself.
+  int nth = 0;
+  for (const int step : {1, 2, 3, 4, 0, 0, 0}) {
+    frameworks = {.callsToFailure = ++nth};
+    const PlatformBundleIdentifier found = Platform_BundleIdentifier("/a/b.kext", 0);
+    EXPECT_EQ(step, found.failure) << nth;
+    EXPECT_STREQ(nth == 7 ? kFrameworksBundle : nullptr, found.text.get()) << nth;
+    EXPECT_EQ(0, frameworks.liveObjects) << nth;
+  }
+  EXPECT_EQ(1, Platform_BundleIdentifier("/a/\xFF", 0).failure);
+  EXPECT_EQ(3, Platform_BundleIdentifier("/a/b.kext", -1).failure);
+  // A property list may have a number there.
+  frameworks.oddIdentifier = true;
+  EXPECT_EQ(4, Platform_BundleIdentifier("/a/b.kext", 0).failure);
+  frameworks.oddIdentifier = false;
+  frameworks.direct = "at hand";
+  const PlatformBundleIdentifier found = Platform_BundleIdentifier("/a/b.kext", 0);
+  EXPECT_STREQ("at hand", found.text.get());
+  EXPECT_NE(frameworks.direct, found.text.get());
+  frameworks = {};
+}
+
+// ---- the fakes --------------------------------------------------------------------------------
 
 int Answer(int error) {
   errno = error;
@@ -239,7 +363,7 @@ int fcopyfile(int from, int to, copyfile_state_t state, unsigned flags) {
   }
   return 0;
 }
-int fakeFstat(int fd, struct stat *status) noexcept {
+extern "C" int fakeFstat(int fd, struct stat *status) noexcept {
   *status = {};
   status->st_flags = fileFlags;
   status->st_size = fd == kSource ? sourceSize : targetSize;

@@ -1,0 +1,255 @@
+// opener_test.cpp -- the opener's modules, as far as its system tests do not see into them: records of
+// the log, the environment scrub, the paths of the product's files, messages that carry anything but
+// one descriptor, and what each pass of the rendezvous leaves open.
+//
+// Linked with --wrap=gettimeofday and the wraps of allocFault.h.
+
+#include <linux/capability.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+
+#include <ctime>
+#include <limits>
+
+#include "log.h"
+#include "opener/location.h"
+#include "opener/serviceImpl.h"
+#include "opener/serviceImplWire.h"
+#include "opener/startup.h"
+#include "tests/support/allocFault.h"
+#include "tests/support/asRoot.h"
+#include "tests/support/peer.h"
+#include "tests/support/process.h"
+#include "tests/support/test.h"
+
+namespace {
+
+// ---- the log ---------------------------------------------------------------------------------
+
+TEST(Log, StampsAreLocalTimeCutToMilliseconds) {
+  // Half an hour off, so that no mistake about the zone goes unseen.
+  setenv("TZ", "ODD-05:30", 1);
+  tzset();
+  EXPECT_EQ("2024-03-05T09:07:02.045| x", CaptureOutput([] { Log("x"); }));
+}
+
+TEST(Log, LogOpenTruncatesTheFileAndTakesAllFurtherRecordsOrNone) {
+  const ScratchDir dir;
+  const std::string old = dir.Write("old", std::string(5000, 'o')), fresh = dir.Path("fresh");
+  const ChildResult result = RunInChild([&] {
+    umask(0);
+    const int first = LogOpen(old.c_str());
+    Log("to old\n");
+    const int second = LogOpen(fresh.c_str());
+    Log("to fresh %d\n", first >= 0 && second > first);
+    if (LogOpen(dir.Path("missing/log").c_str()) != -1 || errno != ENOENT) _exit(3);
+    Panic("lost\n");
+  });
+  EXPECT_TRUE(result.exitStatus == 1 && result.output.empty()) << result.output;
+  EXPECT_EQ("to old\n", WithoutStamps(ReadFile(old)));
+  EXPECT_EQ("to fresh 1\n", WithoutStamps(ReadFile(fresh)));
+  EXPECT_EQ(fs::perms{0644}, fs::status(fresh).permissions());
+}
+
+TEST(Log, AllocatesNothingAndDropsTheBodyThatDoesNotFit) {
+  const std::string body(1023, 'b');
+  const AllocFault fault(1);
+  const std::string records = CaptureOutput([&] {
+    Warning("%s", body.c_str());
+    Warning("%s!", body.c_str());
+    Log("%d%%\n", 7);
+  });
+  EXPECT_FALSE(fault.Fired());
+  EXPECT_EQ("Warning: " + body + "Warning: 7%\n", WithoutStamps(records));
+}
+
+// ---- the environment --------------------------------------------------------------------------
+
+using Entries = std::vector<std::string>;
+
+// What `scrub` leaves of an environment.
+Entries Scrubbed(Entries entries, const std::function<void()> &scrub = ScrubEnvironment) {
+  std::vector<char *> list;
+  for (std::string &entry : entries) list.push_back(entry.data());
+  list.push_back(nullptr);
+  char **const before = std::exchange(environ, list.data());
+  scrub();
+  environ = before;
+  return {list.begin(), std::find(list.begin(), list.end(), nullptr)};
+}
+
+TEST(Scrub, HasTheEffectOfUnsetenv) {
+  const char *const names[] = {"a", "b", "ab", "ENV", "BASH_ENV", "SHELLOPTS", "XENV"};
+  const char *const values[] = {"", "=", "=() {", "=() { x", "=x", "=() ", "=()  {", "=k=() {"};
+  const std::regex harmful(R"(([^=]*)=\(\) \{.*|((?:BASH_)?ENV|SHELLOPTS)=.*)");
+  std::mt19937 random(1);
+  for (int i = 0; i < 2000; i++) {
+    Entries entries(random() % 12);
+    for (std::string &entry : entries) {
+      entry = names[random() % std::size(names)];
+      entry += values[random() % std::size(values)];
+    }
+    const auto unset = [&] {
+      std::smatch match;
+      for (const std::string &entry : entries) {
+        if (std::regex_match(entry, match, harmful))
+          unsetenv((match.str(1) + match.str(2)).c_str());
+      }
+    };
+    EXPECT_EQ(Scrubbed(entries, unset), Scrubbed(entries));
+  }
+  char **const before = std::exchange(environ, nullptr);
+  ScrubEnvironment();
+  EXPECT_EQ(nullptr, std::exchange(environ, before));
+}
+
+// With a walk for each entry that goes it would take 64 times as long, not 8.
+TEST(Scrub, TakesTimeInProportion) {
+  clock_t least[2] = {};  // on the clock of this process alone
+  for (const int size : {7500, 60000}) {
+    Entries entries;
+    for (int i = 0; i < size; i++)
+      entries.push_back(std::to_string(i) + (i % 2 != 0 ? "=" : "=() {"));
+    clock_t &time = least[size == 60000] = std::numeric_limits<clock_t>::max();
+    for (int i = 0; i < 5; i++) {
+      const clock_t start = clock();
+      EXPECT_EQ(size / 2, std::ssize(Scrubbed(entries)));
+      time = std::min(time, clock() - start);
+    }
+  }
+  EXPECT_LT(least[1], 32 * least[0]);
+}
+
+// ---- the bundle ------------------------------------------------------------------------------
+
+// A link to the program, and a program elsewhere: tests/system/caller_test.cpp.
+TEST(Location, FindsTheFilesOfItsBundle) {
+  const std::string program = fs::read_symlink("/proc/self/exe");
+  for (const auto &[tag, levels] : {std::pair{"lumenClient-daemon", 3},
+                                    {"lumenClient-opener", 3},
+                                    {"lumen-remotedisplay-bundle", 6}}) {
+    InChild([&, tag = tag, levels = levels] {
+      Location_Init(tag);
+      const std::string root = Owned(LocationGetRoot("rootDir"));
+      ASSERT_TRUE(program.starts_with(root + "/")) << root;
+      EXPECT_EQ(levels, std::count(program.begin() + std::ssize(root), program.end(), '/')) << root;
+      EXPECT_EQ(root + "/Contents/Library/kexts/zioplug.kext",
+                Owned(LocationGetRoot("usbarbKext")));
+      EXPECT_EQ(nullptr, LocationGetRoot("RootDir"));
+    });
+  }
+}
+
+// Another effective user takes root's rights away: this program may lie where only they let one look.
+void KeepRights() {
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3];
+  ASSERT_EQ(0, syscall(SYS_capget, &header, data));
+  for (auto &word : data) word.effective = word.permitted;
+  ASSERT_EQ(0, syscall(SYS_capset, &header, data));
+}
+
+TEST(Location, ASetUserIdProcessMustDeclareItselfOnce) {
+  RUN_AS_ROOT();
+  InChild([] {
+    ASSERT_EQ(0, seteuid(65534));
+    KeepRights();
+    const std::string refusal =
+        "Warning: LocationGetRoot: Cannot get location root of a setuid process.\n";
+    const std::string invalid = "Warning: Location_Init: Invalid initialization: sUpCount ";
+    const auto refused = [] { EXPECT_EQ(nullptr, LocationGetRoot("rootDir")); };
+    EXPECT_EQ(refusal, LogOf(refused));
+    Location_Init("lumenClient-opener");
+    EXPECT_NE(nullptr, HeapStr(LocationGetRoot("rootDir")));
+    EXPECT_EQ(invalid + "3, processTag lumen-remotedisplay-bundle.\n",
+              LogOf([] { Location_Init("lumen-remotedisplay-bundle"); }));
+    EXPECT_EQ(invalid + "6, processTag Unknown.\n", LogOf([] { Location_Init("Unknown"); }));
+    EXPECT_EQ(refusal, LogOf(refused));
+  });
+}
+
+// ---- the one-byte protocol --------------------------------------------------------------------
+
+struct Wire : testing::Test {
+  Fd a, b;
+  Wire() {
+    int ends[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
+    a.Reset(ends[0]);
+    b.Reset(ends[1]);
+  }
+  // What a procedure logs when it fails.
+  static std::string Failure(const std::function<bool()> &procedure) {
+    return LogOf([&] { EXPECT_FALSE(procedure()); });
+  }
+};
+
+TEST_F(Wire, TakesExactlyOneDescriptorAndClosesOthers) {
+  for (const size_t count : {0U, 1U, 2U, 20U}) {
+    SendFds(a, "\xe7", STDIN_FILENO, count);
+    const size_t before = OpenDescriptors();
+    int received = -1;
+    const auto receive = [&] { return ServiceImplRecvFd(b.Get(), &received); };
+    if (count == 1) {
+      EXPECT_TRUE(receive());
+      EXPECT_EQ('\xe7', ServiceImplExchangeByte());
+      Fd(received).Reset();
+    } else {
+      EXPECT_EQ("Warning: ServiceImplRecvFd: Unexpected message.\n", Failure(receive));
+    }
+    EXPECT_EQ(before, OpenDescriptors()) << count;
+  }
+}
+
+TEST_F(Wire, SaysNothingOfAPeerThatHasGone) {
+  int fd;
+  signal(SIGPIPE, SIG_IGN);
+  ASSERT_EQ(1, write(b.Get(), "x", 1));
+  a.Reset();  // with a byte unread: Linux resets the connection
+  EXPECT_EQ("", Failure([&] { return ServiceImplRecvFd(b.Get(), &fd); }));
+  EXPECT_EQ("", Failure([&] { return ServiceImplWriteOne(b.Get(), '1'); }));
+  signal(SIGPIPE, SIG_DFL);  // which would end the test
+  EXPECT_EQ("", Failure([&] { return ServiceImplSendFd(b.Get(), STDIN_FILENO); }));
+}
+
+// ---- the rendezvous --------------------------------------------------------------------------
+
+constexpr uid_t kCaller = 54321;
+int hookCalls;
+bool hookWasLowered = true;
+
+bool ThirdCallFails() {
+  // Lowered, and out of the caller's reach.
+  hookWasLowered = hookWasLowered && geteuid() == kCaller && getuid() == 0;
+  return ++hookCalls < 3;
+}
+
+// /bin/true is a service that dies before it greets anybody: each start ends in another pass.
+TEST(Rendezvous, AsksTheHookAsTheCallerBeforeEachStartAndLeavesNothingOpen) {
+  RUN_AS_ROOT();
+  const ScratchDir dir;
+  const ChildResult result = RunInChild([&] {
+    alarm(20);  // without the hook there is no end
+    if (setresuid(kCaller, 0, 0) != 0) _exit(3);
+    ServiceImpl_SetPreStartHook(ThirdCallFails);
+    EXPECT_TRUE(ServiceImpl_PrivLower());
+    const size_t before = OpenDescriptors();
+    std::string program = "opener", fd = "0";
+    char *argv[] = {program.data(), fd.data(), nullptr};
+    const int status = ServiceImpl_Opener(2, argv, 2, dir.Path("lock").c_str(),
+                                          dir.Path("sock").c_str(), "/bin/true");
+    dprintf(STDOUT_FILENO, "status %d, hook %d, lowered %d, leaked %zd, now %u\n", status,
+            hookCalls, hookWasLowered, OpenDescriptors() - before, geteuid());
+  });
+  const std::string log = WithoutStamps(result.output);
+  EXPECT_NE(std::string::npos, log.find("status 1, hook 3, lowered 1, leaked 0, now 54321\n"))
+      << log;
+}
+
+}  // namespace
+
+extern "C" int __wrap_gettimeofday(timeval *time, void * /*zone*/) {
+  *time = {1709609822, 45999};
+  return 0;
+}
