@@ -2,6 +2,7 @@
 
 #include "fileIO.h"
 
+#include <sys/resource.h>
 #include <sys/xattr.h>
 
 #include <tuple>
@@ -156,6 +157,12 @@ TEST(FileCopy, HasDataAndMetadataAndNothingElse) {
   });
   EXPECT_TRUE(!copy(from, content.size()) && errno == EFBIG && grow.Fired());
   EXPECT_GE(content.size(), fs::file_size(to));
+  // A source whose size nobody knows is copied by hand, and there may be no room for it.
+  InChild([&] {
+    const rlimit little = {100, 100};
+    ASSERT_TRUE(signal(SIGXFSZ, SIG_IGN) != SIG_ERR && setrlimit(RLIMIT_FSIZE, &little) == 0);
+    EXPECT_TRUE(!copy("/proc/self/maps", UINT64_MAX) && errno == EFBIG);
+  });
   // Across file systems, with a size said to be 0; and what is no file.
   const std::string mounts = "/proc/self/mounts", mounted = ReadFile(mounts);
   EXPECT_TRUE(!copy(mounts, mounted.size() - 1) && errno == EFBIG);
