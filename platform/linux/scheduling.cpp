@@ -32,7 +32,7 @@ void AllowAllProcessors() {
 void ResetOutOfMemoryScore() {
   const Fd file(open("/proc/self/oom_score_adj", O_RDWR | O_CLOEXEC));
   char text[16] = {};
-  if (file && read(file.Get(), text, sizeof text - 1) > 0 && atoi(text) > 0) {
+  if (file && read(file.Get(), text, sizeof text - 1) > 0 && strtol(text, nullptr, 10) > 0) {
     [[maybe_unused]] const ssize_t written = pwrite(file.Get(), "0", 1, 0);
   }
 }
