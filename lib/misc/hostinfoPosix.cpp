@@ -279,12 +279,14 @@ int Exec(const Plan &plan) {
 
 bool Report(const Plan &plan, int error) {
   if (write(plan.errorWrite.Get(), &error, sizeof error) == sizeof error) return true;
+  // The caller was killed, or could not read.  Others may be waiting for the daemon all the same.
+  if (error == 0 && errno == EPIPE) return true;
   Warning("%s: Couldn't write to parent pipe: %u, original error: %u.\n", kWho,
           static_cast<unsigned>(errno), static_cast<unsigned>(error));
   return false;
 }
 
-// No exec unless the caller has been told of it: it would take that daemon for a failed start.
+// No exec unless a caller that waits has been told of it: it would take that daemon for a failed start.
 [[noreturn]] void SecondChild(Plan *plan) {
   const int error = PrepareForExec(plan);
   if (Report(*plan, error) && error == 0) Report(*plan, Exec(*plan));

@@ -59,7 +59,7 @@ TEST_F(Handoff, AnOpenerThatFindsAnotherOneStartingLetsGoOfEverythingAndComesBac
 }
 
 // Otherwise another opener could stage anew under a child that is about to execute what is staged.
-TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockToItsEnd) {
+TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockUntilItIsTheDaemon) {
   StoppedOpener first("chdir", "/");
   ASSERT_TRUE(first.AwaitStop());
   Shell(R"(opener=$(pgrep -o -x lumenClient-ope); kill -KILL "$opener"
@@ -67,7 +67,9 @@ TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockToItsEnd) {
   EXPECT_FALSE(Locked(kStartLockPath));
   Process second(OpenerLaunch(FileWith("second")));
   EXPECT_EQ(128 + SIGKILL, first.ContinueToEnd().status);
+  // By the killed one's daemon.
   EXPECT_EQ(kDelivered, Finish(&second));
+  EXPECT_EQ(0U, Count(second.Output(), "construction complete")) << second.Output();
   EXPECT_EQ(1U, Services().size());
   EXPECT_TRUE(Locked(kStartLockPath));
 }
