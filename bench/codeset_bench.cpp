@@ -18,9 +18,9 @@
 #include <vector>
 
 #include "bench/ratios.h"
-#include "codeset.h"
-#include "dynbuf.h"
-#include "encoding.h"
+#include "lib/public/codeset.h"
+#include "lib/public/dynbuf.h"
+#include "lib/public/encoding.h"
 #include "lib/unicode/encodingTable.h"
 
 namespace {

@@ -17,8 +17,8 @@
 
 #include "bench/ratios.h"
 #include "bench/wholeRuns.h"
-#include "fd.h"
-#include "file.h"
+#include "lib/public/fd.h"
+#include "lib/public/file.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 
 #include "bench/ratios.h"
 #include "bench/wholeRuns.h"
-#include "file.h"
+#include "lib/public/file.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "bench/ratios.h"
-#include "str.h"
+#include "lib/public/str.h"
 
 namespace {
 

@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "bench/ratios.h"
-#include "hashTable.h"
+#include "lib/public/hashTable.h"
 
 namespace {
 

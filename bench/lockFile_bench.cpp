@@ -20,7 +20,7 @@
 
 #include "bench/ratios.h"
 #include "bench/wholeRuns.h"
-#include "fileLock.h"
+#include "lib/public/fileLock.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "bench/ratios.h"
-#include "mxUser.h"
+#include "lib/public/mxUser.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <string>
 
 #include "bench/ratios.h"
-#include "err.h"
-#include "heap.h"
-#include "msg.h"
-#include "str.h"
+#include "lib/public/err.h"
+#include "lib/public/heap.h"
+#include "lib/public/msg.h"
+#include "lib/public/str.h"
 
 namespace {
 

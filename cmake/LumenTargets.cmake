@@ -25,8 +25,7 @@ target_compile_options(lumen_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconve
 
 # What the project's libraries ask of whoever links them.
 add_library(lumen_common INTERFACE)
-target_include_directories(lumen_common INTERFACE ${PROJECT_SOURCE_DIR}
-                                                  ${PROJECT_SOURCE_DIR}/lib/public)
+target_include_directories(lumen_common INTERFACE ${PROJECT_SOURCE_DIR})
 if(NOT APPLE)
   # glibc declares close_range, ppoll and the like only for those who ask.
   target_compile_definitions(lumen_common INTERFACE _GNU_SOURCE)

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "encoding.h"
+#include "lib/public/encoding.h"
+#include "lib/public/log.h"
 #include "lib/unicode/encodingTable.h"
-#include "log.h"
 
 namespace {
 

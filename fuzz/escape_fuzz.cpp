@@ -10,8 +10,8 @@
 #include <cstring>
 #include <string>
 
-#include "escape.h"
-#include "heap.h"
+#include "lib/public/escape.h"
+#include "lib/public/heap.h"
 
 namespace {
 

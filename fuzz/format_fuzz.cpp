@@ -15,9 +15,9 @@
 #include <cstring>
 #include <string>
 
-#include "bsd_vsnprintf.h"
-#include "heap.h"
-#include "str.h"
+#include "lib/public/bsd_vsnprintf.h"
+#include "lib/public/heap.h"
+#include "lib/public/str.h"
 
 #pragma GCC diagnostic ignored "-Wformat-security"
 

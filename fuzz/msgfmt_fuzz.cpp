@@ -11,9 +11,9 @@
 #include <cstring>
 #include <string>
 
-#include "bsd_vsnprintf.h"
-#include "heap.h"
-#include "msgfmt.h"
+#include "lib/public/bsd_vsnprintf.h"
+#include "lib/public/heap.h"
+#include "lib/public/msgfmt.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include "opener/codeSignature.h"
 
-#include "log.h"
+#include "lib/public/log.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 
 #include <dispatch/dispatch.h>
 
-#include "log.h"
+#include "lib/public/log.h"
 #include "opener/helperListenerEvents.h"
 
 namespace {

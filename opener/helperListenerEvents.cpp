@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "log.h"
+#include "lib/public/log.h"
 
 namespace {
 

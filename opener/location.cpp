@@ -16,11 +16,11 @@
 #include <cstdint>
 #include <string_view>
 
-#include "heap.h"
-#include "hostinfo.h"
-#include "log.h"
-#include "posix.h"
-#include "str.h"
+#include "lib/public/heap.h"
+#include "lib/public/hostinfo.h"
+#include "lib/public/log.h"
+#include "lib/public/posix.h"
+#include "lib/public/str.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 //         these, so it can have its records kept until they wait no longer.  They are in shared
 //         memory, because children of fork(2) have records, too, and end or exec before that.
 
-#include "log.h"
+#include "lib/public/log.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -24,7 +24,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "str.h"
+#include "lib/public/str.h"
 
 namespace {
 

@@ -15,13 +15,13 @@
 
 #include <cstdlib>
 
-#include "heap.h"
-#include "log.h"
+#include "lib/public/heap.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 #include "opener/location.h"
 #include "opener/serviceImpl.h"
 #include "opener/staging.h"
 #include "opener/startup.h"
-#include "str.h"
 
 namespace {
 

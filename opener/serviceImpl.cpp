@@ -31,12 +31,12 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "hostinfo.h"
-#include "log.h"
+#include "lib/public/hostinfo.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 #include "opener/pause.h"
 #include "opener/serviceImplSide.h"
 #include "opener/serviceImplWire.h"
-#include "str.h"
 
 namespace {
 

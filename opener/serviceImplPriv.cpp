@@ -18,8 +18,8 @@
 #include <csignal>
 #include <initializer_list>
 
-#include "errnoKeeper.h"
-#include "log.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/log.h"
 #include "opener/serviceImpl.h"
 
 namespace {

@@ -24,8 +24,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "fd.h"
-#include "log.h"
+#include "lib/public/fd.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 #include "opener/pause.h"
 #include "opener/serviceImpl.h"
 #include "opener/serviceImplWire.h"
@@ -33,7 +34,6 @@
 #include "platform/connect.h"
 #include "platform/files.h"
 #include "platform/unixSocket.h"
-#include "str.h"
 
 namespace {
 

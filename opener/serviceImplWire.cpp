@@ -13,7 +13,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "log.h"
+#include "lib/public/log.h"
 #include "platform/unixSocket.h"
 
 namespace {

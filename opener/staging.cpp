@@ -22,17 +22,17 @@
 #include <cerrno>
 #include <cstring>
 
-#include "fd.h"
-#include "file.h"
-#include "heap.h"
-#include "log.h"
+#include "lib/public/fd.h"
+#include "lib/public/file.h"
+#include "lib/public/heap.h"
+#include "lib/public/log.h"
+#include "lib/public/scopeGuard.h"
+#include "lib/public/str.h"
 #include "opener/codeSignature.h"
 #include "opener/location.h"
 #include "opener/serviceImpl.h"
 #include "opener/startup.h"
 #include "platform/files.h"
-#include "scopeGuard.h"
-#include "str.h"
 
 namespace {
 

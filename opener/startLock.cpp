@@ -6,9 +6,9 @@
 
 #include <cerrno>
 
-#include "heap.h"
+#include "lib/public/heap.h"
+#include "lib/public/str.h"
 #include "platform/files.h"
-#include "str.h"
 
 int StartLockTake(const char *lockPath) {
   const HeapStr path(Str_Asprintf(nullptr, "%s.start", lockPath));

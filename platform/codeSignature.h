@@ -8,8 +8,8 @@
 
 #include <cstdint>
 
-#include "fd.h"
-#include "heap.h"
+#include "lib/public/fd.h"
+#include "lib/public/heap.h"
 
 struct PlatformSignedExtent {
   uint64_t bytes = 0;    // of all regular files together, those of the signature included

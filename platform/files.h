@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 
 // Opens the regular file or directory `name` for reading, close-on-exec; `name` (not null) is
 // relative to the directory `dir`, which may be AT_FDCWD.  Nothing of another kind is ever opened,

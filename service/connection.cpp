@@ -11,7 +11,7 @@
 
 #include <utility>
 
-#include "log.h"
+#include "lib/public/log.h"
 #include "opener/serviceImplWire.h"
 #include "platform/senderUser.h"
 #include "service/slots.h"

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 #include "service/delivery.h"
 
 class Slots;

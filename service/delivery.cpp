@@ -21,8 +21,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "errnoKeeper.h"
-#include "log.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/log.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 
 class Delivery {
   static constexpr size_t kShown = 40;

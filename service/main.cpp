@@ -34,8 +34,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "fd.h"
-#include "log.h"
+#include "lib/public/fd.h"
+#include "lib/public/log.h"
 #include "service/detach.h"
 #include "service/service.h"
 #include "service/signals.h"

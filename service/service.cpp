@@ -14,7 +14,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "log.h"
+#include "lib/public/log.h"
 #include "opener/serviceImplWire.h"
 
 namespace {

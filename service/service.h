@@ -7,7 +7,7 @@
 #include <array>
 #include <cstddef>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 #include "service/slots.h"
 
 // Large: not for the stack.

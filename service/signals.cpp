@@ -6,8 +6,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "errnoKeeper.h"
-#include "fd.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fd.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <system_error>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 #include "platform/files.h"
 #include "platform/linux/sealCheck.h"
 #include "tools/sealMaker.h"

@@ -25,11 +25,11 @@
 #include <tuple>
 #include <vector>
 
-#include "fileLock.h"
-#include "heap.h"
 #include "lib/file/fileLockInt.h"
-#include "log.h"
-#include "msgList.h"
+#include "lib/public/fileLock.h"
+#include "lib/public/heap.h"
+#include "lib/public/log.h"
+#include "lib/public/msgList.h"
 
 extern char **environ;
 

@@ -16,8 +16,8 @@
 #include <system_error>
 #include <vector>
 
-#include "codeset.h"
-#include "fd.h"
+#include "lib/public/codeset.h"
+#include "lib/public/fd.h"
 #include "platform/linux/openssl.h"
 #include "platform/linux/sealDigest.h"
 #include "platform/linux/sealSignature.h"

@@ -13,13 +13,13 @@
 
 #include <cerrno>
 
-#include "err.h"
-#include "errnoKeeper.h"
-#include "fd.h"
-#include "file.h"
 #include "lib/file/fileIOInt.h"
 #include "lib/file/fileInt.h"
-#include "msg.h"
+#include "lib/public/err.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fd.h"
+#include "lib/public/file.h"
+#include "lib/public/msg.h"
 #include "platform/files.h"
 
 namespace {

@@ -22,13 +22,13 @@
 #include <climits>
 #include <cstring>
 
-#include "err.h"
-#include "errnoKeeper.h"
-#include "fd.h"
-#include "file.h"
 #include "lib/file/fileInt.h"
-#include "msg.h"
-#include "posix.h"
+#include "lib/public/err.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fd.h"
+#include "lib/public/file.h"
+#include "lib/public/msg.h"
+#include "lib/public/posix.h"
 
 namespace {
 

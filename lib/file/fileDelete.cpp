@@ -22,11 +22,11 @@
 #include <cstring>
 #include <new>
 
-#include "dynbuf.h"
-#include "fd.h"
-#include "file.h"
 #include "lib/file/fileInt.h"
-#include "log.h"
+#include "lib/public/dynbuf.h"
+#include "lib/public/fd.h"
+#include "lib/public/file.h"
+#include "lib/public/log.h"
 
 namespace {
 

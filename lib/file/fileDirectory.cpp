@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "file.h"
 #include "lib/file/fileInt.h"
-#include "log.h"
+#include "lib/public/file.h"
+#include "lib/public/log.h"
 
 namespace {
 

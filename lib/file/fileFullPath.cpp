@@ -5,14 +5,14 @@
 #include <cerrno>
 #include <cstring>
 
-#include "err.h"
-#include "file.h"
 #include "lib/file/fileInt.h"
-#include "log.h"
-#include "msg.h"
-#include "posix.h"
-#include "str.h"
-#include "unicode.h"
+#include "lib/public/err.h"
+#include "lib/public/file.h"
+#include "lib/public/log.h"
+#include "lib/public/msg.h"
+#include "lib/public/posix.h"
+#include "lib/public/str.h"
+#include "lib/public/unicode.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 // Opening: fileIOOpen.cpp.  With locks: fileIOFace.cpp.  Vectors: fileIOVector.cpp.
 // Tests:  tests/unit/fileIO_test.cpp
 
-#include "fileIO.h"
+#include "lib/public/fileIO.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,10 +14,10 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "errnoKeeper.h"
-#include "fatal.h"
 #include "lib/file/fileIOInt.h"
-#include "log.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fatal.h"
+#include "lib/public/log.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 
 #include <atomic>
 
-#include "fileIO.h"
 #include "lib/file/fileIOFaceInt.h"
 #include "lib/misc/onceCell.h"
+#include "lib/public/fileIO.h"
 
 namespace {
 

@@ -6,12 +6,12 @@
 
 #include <unistd.h>
 
-#include "errnoKeeper.h"
-#include "file.h"
-#include "fileIO.h"
-#include "heap.h"
 #include "lib/file/fileIOFaceInt.h"
 #include "lib/file/fileIOInt.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/file.h"
+#include "lib/public/fileIO.h"
+#include "lib/public/heap.h"
 
 FileIOResult FileIO_Open(FileIODescriptor *fd, const char *path, uint32_t access,
                          FileIOOpenAction action) {

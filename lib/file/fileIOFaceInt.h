@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "fileIO.h"
+#include "lib/public/fileIO.h"
 
 // `access` with one of FILEIO_FLAG_LOCK_PORTABLE and FILEIO_FLAG_LOCK_NATIVE in place of the flags
 // that stand for them.

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "fileIO.h"
+#include "lib/public/fileIO.h"
 
 // No transfer is larger; macOS refuses more than that with EINVAL.
 inline constexpr size_t kFileIOMaxRequest = 0x7FFFFFFF;

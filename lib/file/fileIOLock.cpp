@@ -4,14 +4,14 @@
 #include <cerrno>
 #include <utility>
 
-#include "err.h"
-#include "errnoKeeper.h"
-#include "fileIO.h"
-#include "fileLock.h"
 #include "lib/file/fileIOFaceInt.h"
 #include "lib/file/fileLockInt.h"
-#include "log.h"
-#include "msg.h"
+#include "lib/public/err.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fileIO.h"
+#include "lib/public/fileLock.h"
+#include "lib/public/log.h"
+#include "lib/public/msg.h"
 
 namespace {
 

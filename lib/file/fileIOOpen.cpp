@@ -9,14 +9,14 @@
 #include <atomic>
 #include <cerrno>
 
-#include "err.h"
-#include "errnoKeeper.h"
-#include "fd.h"
-#include "fileIO.h"
-#include "heap.h"
-#include "id.h"
 #include "lib/file/fileIOInt.h"
-#include "log.h"
+#include "lib/public/err.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fd.h"
+#include "lib/public/fileIO.h"
+#include "lib/public/heap.h"
+#include "lib/public/id.h"
+#include "lib/public/log.h"
 #include "platform/files.h"
 #include "platform/uncached.h"
 

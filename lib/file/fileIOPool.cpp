@@ -14,10 +14,10 @@
 #include <atomic>
 #include <cstdlib>
 
-#include "errnoKeeper.h"
-#include "fatal.h"
 #include "lib/file/fileIOFaceInt.h"
-#include "mxUser.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fatal.h"
+#include "lib/public/mxUser.h"
 
 namespace {
 

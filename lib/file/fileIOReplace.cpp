@@ -11,10 +11,10 @@
 
 #include <utility>
 
-#include "fd.h"
-#include "fileIO.h"
 #include "lib/file/fileIOFaceInt.h"
 #include "lib/file/fileIOInt.h"
+#include "lib/public/fd.h"
+#include "lib/public/fileIO.h"
 
 FileIOResult FileIO_Replace(FileIODescriptor *current, FileIODescriptor *fresh) {
   if (fsync(fresh->posix) != 0) {

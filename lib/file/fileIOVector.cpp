@@ -16,11 +16,11 @@
 #include <cstring>
 #include <span>
 
-#include "fatal.h"
-#include "fileIO.h"
-#include "heap.h"
 #include "lib/file/fileIOFaceInt.h"
 #include "lib/file/fileIOInt.h"
+#include "lib/public/fatal.h"
+#include "lib/public/fileIO.h"
+#include "lib/public/heap.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 
 #include <cstdint>
 
-#include "errnoKeeper.h"
-#include "file.h"
-#include "heap.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/file.h"
+#include "lib/public/heap.h"
 
 // What stat(2) tells of a file.
 struct FileData {

@@ -19,16 +19,16 @@
 //         (who is there), fileLockWait.cpp (who goes first), fileLockRecord.cpp, fileLockIdentity.cpp.
 // Tests:  tests/unit/fileLock_test.cpp, tests/system/lockCrowd_test.cpp, fuzz/lockRecord_fuzz.cpp
 
-#include "fileLock.h"
+#include "lib/public/fileLock.h"
 
 #include <cerrno>
 
-#include "err.h"
-#include "file.h"
-#include "heap.h"
 #include "lib/file/fileLockInt.h"
-#include "msgList.h"
-#include "str.h"
+#include "lib/public/err.h"
+#include "lib/public/file.h"
+#include "lib/public/heap.h"
+#include "lib/public/msgList.h"
+#include "lib/public/str.h"
 
 namespace {
 

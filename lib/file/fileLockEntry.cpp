@@ -17,15 +17,15 @@
 #include <cstdio>
 #include <cstring>
 
-#include "err.h"
-#include "errnoKeeper.h"
-#include "fileIO.h"
 #include "lib/file/fileIOInt.h"
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
-#include "log.h"
-#include "mxUser.h"
-#include "str.h"
+#include "lib/public/err.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fileIO.h"
+#include "lib/public/log.h"
+#include "lib/public/mxUser.h"
+#include "lib/public/str.h"
 
 namespace {
 

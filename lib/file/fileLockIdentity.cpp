@@ -11,15 +11,15 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base64.h"
-#include "fatal.h"
-#include "hostinfo.h"
 #include "lib/file/fileLockInt.h"
 #include "lib/misc/onceCell.h"
-#include "log.h"
+#include "lib/public/base64.h"
+#include "lib/public/fatal.h"
+#include "lib/public/hostinfo.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
+#include "lib/public/uuid.h"
 #include "platform/processStart.h"
-#include "str.h"
-#include "uuid.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "fileLock.h"
-#include "heap.h"
 #include "lib/file/fileInt.h"
+#include "lib/public/fileLock.h"
+#include "lib/public/heap.h"
 
 inline constexpr size_t kFileLockRecordSize = 512;
 inline constexpr char kFileLockSuffix[] = ".lck";

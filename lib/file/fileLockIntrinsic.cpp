@@ -8,11 +8,11 @@
 #include <new>
 #include <utility>
 
-#include "fatal.h"
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
-#include "log.h"
-#include "str.h"
+#include "lib/public/fatal.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 
 namespace {
 

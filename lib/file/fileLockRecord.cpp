@@ -14,14 +14,14 @@
 #include <cstring>
 #include <string_view>
 
-#include "err.h"
-#include "errnoKeeper.h"
-#include "fileIO.h"
 #include "lib/file/fileIOInt.h"
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
-#include "log.h"
-#include "str.h"
+#include "lib/public/err.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fileIO.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 
 namespace {
 

@@ -23,13 +23,13 @@
 #include <string_view>
 #include <utility>
 
-#include "err.h"
-#include "errnoKeeper.h"
-#include "fd.h"
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
-#include "log.h"
-#include "str.h"
+#include "lib/public/err.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fd.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include "lib/file/fileInt.h"
 #include "lib/file/fileLockInt.h"
-#include "log.h"
-#include "str.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 
 namespace {
 

@@ -11,12 +11,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "errnoKeeper.h"
-#include "file.h"
 #include "lib/file/fileInt.h"
-#include "msg.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/file.h"
+#include "lib/public/msg.h"
+#include "lib/public/str.h"
 #include "platform/freeSpace.h"
-#include "str.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "file.h"
 #include "lib/file/fileInt.h"
-#include "str.h"
+#include "lib/public/file.h"
+#include "lib/public/str.h"
 
 namespace {
 

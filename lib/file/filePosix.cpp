@@ -6,9 +6,9 @@
 
 #include <cerrno>
 
-#include "file.h"
 #include "lib/file/fileInt.h"
-#include "posix.h"
+#include "lib/public/file.h"
+#include "lib/public/posix.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "errnoKeeper.h"
-#include "file.h"
 #include "lib/file/fileIOInt.h"
 #include "lib/file/fileInt.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/file.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <atomic>
 #include <cerrno>
 
-#include "errnoKeeper.h"
 #include "lib/file/fileLockInt.h"
-#include "mxUser.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/mxUser.h"
 
 namespace {
 

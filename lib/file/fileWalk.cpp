@@ -13,13 +13,13 @@
 #include <cstring>
 #include <new>
 
-#include "codeset.h"
-#include "fd.h"
-#include "file.h"
-#include "hashTable.h"
 #include "lib/file/fileInt.h"
-#include "log.h"
-#include "unicode.h"
+#include "lib/public/codeset.h"
+#include "lib/public/fd.h"
+#include "lib/public/file.h"
+#include "lib/public/hashTable.h"
+#include "lib/public/log.h"
+#include "lib/public/unicode.h"
 
 namespace {
 

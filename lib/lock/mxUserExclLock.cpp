@@ -2,7 +2,7 @@
 
 #include "lib/lock/mxUserInt.h"
 #include "lib/lock/mxUserStats.h"
-#include "log.h"
+#include "lib/public/log.h"
 
 namespace {
 

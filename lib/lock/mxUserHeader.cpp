@@ -5,8 +5,8 @@
 
 #include "lib/lock/mxUserInt.h"
 #include "lib/lock/mxUserStats.h"
-#include "log.h"
-#include "str.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 
 namespace {
 

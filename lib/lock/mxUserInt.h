@@ -22,9 +22,9 @@
 #include <new>
 #include <utility>
 
-#include "fatal.h"
-#include "heap.h"
-#include "mxUser.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
+#include "lib/public/mxUser.h"
 #include "threadSelf.h"
 
 // ---- memory ----------------------------------------------------------------------------------

@@ -2,8 +2,8 @@
 // that takes part in it.
 
 #include "lib/lock/mxUserInt.h"
-#include "log.h"
-#include "str.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 
 namespace {
 

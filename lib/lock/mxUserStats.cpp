@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "lib/lock/mxUserLog10.h"
-#include "log.h"
+#include "lib/public/log.h"
 
 namespace {
 

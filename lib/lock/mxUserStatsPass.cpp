@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "lib/lock/mxUserStats.h"
-#include "log.h"
-#include "str.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 
 namespace {
 

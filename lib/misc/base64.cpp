@@ -1,6 +1,6 @@
 // base64.cpp -- Base64: three bytes become four characters of six bits each, and back.
 
-#include "base64.h"
+#include "lib/public/base64.h"
 
 #include <cstdint>
 #include <cstring>

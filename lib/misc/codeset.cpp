@@ -1,17 +1,17 @@
 // codeset.cpp -- conversion between encodings, whoever does it.
 
-#include "codeset.h"
+#include "lib/public/codeset.h"
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 
-#include "dynbuf.h"
-#include "encoding.h"
-#include "fatal.h"
-#include "heap.h"
 #include "lib/misc/codesetEngine.h"
-#include "utf8.h"
+#include "lib/public/dynbuf.h"
+#include "lib/public/encoding.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
+#include "lib/public/utf8.h"
 
 namespace {
 

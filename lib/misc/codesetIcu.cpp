@@ -11,13 +11,13 @@
 #include <iterator>
 #include <memory>
 
-#include "codeset.h"
-#include "dynbuf.h"
-#include "fatal.h"
-#include "heap.h"
 #include "lib/misc/codesetEngine.h"
-#include "productDir.h"
-#include "str.h"
+#include "lib/public/codeset.h"
+#include "lib/public/dynbuf.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
+#include "lib/public/productDir.h"
+#include "lib/public/str.h"
 
 namespace {
 

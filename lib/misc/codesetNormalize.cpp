@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "codeset.h"
-#include "dynbuf.h"
-#include "heap.h"
+#include "lib/public/codeset.h"
+#include "lib/public/dynbuf.h"
+#include "lib/public/heap.h"
 #include "platform/unicodeNormalize.h"
 
 bool CodeSet_Utf8Normalize(const char *string, bool precomposed, DynBuf *out) {

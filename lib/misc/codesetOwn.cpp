@@ -9,12 +9,12 @@
 #include <algorithm>
 #include <string_view>
 
-#include "codeset.h"
-#include "dynbuf.h"
-#include "encoding.h"
 #include "lib/misc/codesetEngine.h"
 #include "lib/misc/codesetUtf8.h"
-#include "utf8.h"
+#include "lib/public/codeset.h"
+#include "lib/public/dynbuf.h"
+#include "lib/public/encoding.h"
+#include "lib/public/utf8.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 
 #include <array>
 
-#include "codeset.h"
+#include "lib/public/codeset.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 //        outlives its block.
 // Tests: tests/unit/containers_test.cpp
 
-#include "dynbuf.h"
+#include "lib/public/dynbuf.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <utility>
 
-#include "heap.h"
+#include "lib/public/heap.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // Two tables with the same entries, one by value and one by the address of the text.  They stay
 // until the process ends, because a thread may still hold a text while others run exit handlers.
 
-#include "err.h"
+#include "lib/public/err.h"
 
 #include <array>
 #include <atomic>
@@ -14,9 +14,9 @@
 #include <new>
 #include <span>
 
-#include "errnoKeeper.h"
-#include "hashTable.h"
-#include "heap.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/hashTable.h"
+#include "lib/public/heap.h"
 #include "platform/errorText.h"
 
 namespace {

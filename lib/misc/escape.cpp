@@ -5,15 +5,15 @@
 //        after it.
 // Tests: tests/unit/containers_test.cpp, fuzz/escape_fuzz.cpp
 
-#include "escape.h"
+#include "lib/public/escape.h"
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 
-#include "dynbuf.h"
-#include "heap.h"
+#include "lib/public/dynbuf.h"
+#include "lib/public/heap.h"
 
 namespace {
 

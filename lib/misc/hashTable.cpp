@@ -19,7 +19,7 @@
 // Tests: tests/unit/containers_test.cpp
 // Speed: bench/hashTable_bench.cpp, against the C++ library's table
 
-#include "hashTable.h"
+#include "lib/public/hashTable.h"
 
 #include <strings.h>
 
@@ -32,9 +32,9 @@
 #include <span>
 #include <type_traits>
 
-#include "fatal.h"
-#include "heap.h"
-#include "log.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
+#include "lib/public/log.h"
 
 namespace {
 

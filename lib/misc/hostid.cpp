@@ -7,13 +7,13 @@
 #include <cstring>
 #include <memory>
 
-#include "heap.h"
-#include "hostinfo.h"
 #include "lib/misc/onceCell.h"
-#include "log.h"
+#include "lib/public/heap.h"
+#include "lib/public/hostinfo.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 #include "platform/errorText.h"
 #include "platform/linkAddress.h"
-#include "str.h"
 
 namespace {
 

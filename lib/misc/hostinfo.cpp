@@ -1,6 +1,6 @@
 // hostinfo.cpp -- the path of the running program, the name of the host, and whether a process lives.
 
-#include "hostinfo.h"
+#include "lib/public/hostinfo.h"
 
 #include <signal.h>
 #include <sys/utsname.h>
@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "codeset.h"
-#include "errnoKeeper.h"
-#include "log.h"
+#include "lib/public/codeset.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/log.h"
 #include "platform/process.h"
 
 namespace {

@@ -26,14 +26,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "codeset.h"
-#include "fatal.h"
-#include "fd.h"
-#include "heap.h"
-#include "hostinfo.h"
-#include "log.h"
+#include "lib/public/codeset.h"
+#include "lib/public/fatal.h"
+#include "lib/public/fd.h"
+#include "lib/public/heap.h"
+#include "lib/public/hostinfo.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 #include "platform/process.h"
-#include "str.h"
 
 namespace {
 

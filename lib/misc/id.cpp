@@ -1,11 +1,11 @@
 // id.cpp -- the super-user bracket and the identity queries.
 
-#include "id.h"
+#include "lib/public/id.h"
 
 #include <unistd.h>
 
-#include "fatal.h"
-#include "log.h"
+#include "lib/public/fatal.h"
+#include "lib/public/log.h"
 #include "platform/threadIdentity.h"
 
 namespace {

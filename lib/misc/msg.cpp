@@ -7,7 +7,7 @@
 //         2. An entry is never removed from the table; a thread that has ended leaves null.  Ids
 //            are given out again, so there are as many entries as there were threads at one time.
 
-#include "msg.h"
+#include "lib/public/msg.h"
 
 #include <pthread.h>
 
@@ -17,11 +17,11 @@
 #include <new>
 #include <utility>
 
-#include "errnoKeeper.h"
-#include "fatal.h"
-#include "hashTable.h"
-#include "heap.h"
-#include "mxUser.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fatal.h"
+#include "lib/public/hashTable.h"
+#include "lib/public/heap.h"
+#include "lib/public/mxUser.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // msgList.cpp -- lists of messages.
 
-#include "msgList.h"
+#include "lib/public/msgList.h"
 
 #include <cerrno>
 #include <cstring>
@@ -8,12 +8,12 @@
 #include <new>
 #include <string_view>
 
-#include "errnoKeeper.h"
-#include "fatal.h"
-#include "heap.h"
 #include "lib/misc/msgfmtInternal.h"
-#include "log.h"
-#include "str.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
 
 namespace {
 

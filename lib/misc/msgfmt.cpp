@@ -4,16 +4,16 @@
 // be done from the first on and knowing each type; copy the strings.  Strings come last because a
 // precision may be an argument behind its string, and no more of a string may be read than that.
 
-#include "msgfmt.h"
+#include "lib/public/msgfmt.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstring>
 #include <utility>
 
-#include "fatal.h"
 #include "lib/misc/msgfmtCapture.h"
 #include "lib/misc/msgfmtInternal.h"
+#include "lib/public/fatal.h"
 
 namespace {
 

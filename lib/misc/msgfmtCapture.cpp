@@ -6,9 +6,9 @@
 #include <climits>
 #include <cwchar>
 
-#include "err.h"
-#include "fatal.h"
 #include "lib/misc/msgfmtInternal.h"
+#include "lib/public/err.h"
+#include "lib/public/fatal.h"
 
 void MsgFmtCapture::Drop() {
   MsgFmt_FreeArgs(inHeap_.release(), static_cast<int>(copied_));

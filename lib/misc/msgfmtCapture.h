@@ -7,9 +7,9 @@
 #include <cstring>
 #include <type_traits>
 
-#include "heap.h"
-#include "msgfmt.h"
-#include "str.h"
+#include "lib/public/heap.h"
+#include "lib/public/msgfmt.h"
+#include "lib/public/str.h"
 
 // A va_list as a parameter is: on some hosts the list itself, on others a pointer to it.
 using MsgFmtArgList = std::decay_t<va_list>;

@@ -3,8 +3,8 @@
 
 #include <string_view>
 
-#include "formatGrammar.h"
-#include "msgfmt.h"
+#include "lib/public/formatGrammar.h"
+#include "lib/public/msgfmt.h"
 
 // Splits a text that begins with a well-formed message id, "@&!*@*@(" id ")", into the id and what
 // follows.  False for any other text.

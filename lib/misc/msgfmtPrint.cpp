@@ -5,9 +5,9 @@
 #include <iterator>
 #include <span>
 
-#include "bsd_vsnprintf.h"
-#include "heap.h"
 #include "lib/misc/msgfmtInternal.h"
+#include "lib/public/bsd_vsnprintf.h"
+#include "lib/public/heap.h"
 
 namespace {
 

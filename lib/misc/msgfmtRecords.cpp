@@ -5,9 +5,9 @@
 #include <cwchar>
 #include <span>
 
-#include "fatal.h"
-#include "heap.h"
 #include "lib/misc/msgfmtInternal.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
 
 namespace {
 

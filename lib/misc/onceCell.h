@@ -9,7 +9,7 @@
 #include <new>
 #include <type_traits>
 
-#include "heap.h"
+#include "lib/public/heap.h"
 
 template <typename T>
 class OnceCell {

@@ -3,7 +3,7 @@
 // A wrong path of the caller is ERANGE, a wrong answer of the system EILSEQ.  Every clean-up keeps
 // errno, so what the caller sees is what the system call left.
 
-#include "posix.h"
+#include "lib/public/posix.h"
 
 #include <fcntl.h>
 #include <limits.h>
@@ -13,9 +13,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "codeset.h"
-#include "errnoKeeper.h"
-#include "heap.h"
+#include "lib/public/codeset.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/heap.h"
 
 namespace {
 

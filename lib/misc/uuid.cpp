@@ -1,12 +1,12 @@
 // uuid.cpp -- the host's identity as a text of sixteen bytes.
 
-#include "uuid.h"
+#include "lib/public/uuid.h"
 
-#include "heap.h"
-#include "hostinfo.h"
 #include "lib/misc/onceCell.h"
+#include "lib/public/heap.h"
+#include "lib/public/hostinfo.h"
+#include "lib/public/str.h"
 #include "platform/sha1.h"
-#include "str.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include <cstddef>
 
-#include "fatal.h"
+#include "lib/public/fatal.h"
 
 struct DynBuf {
   char *data;        // null, or a block from malloc

@@ -5,7 +5,7 @@
 // are when the file changes around them.
 #pragma once
 
-#include "log.h"
+#include "lib/public/log.h"
 
 [[noreturn]] inline void Fatal_Verify(const char *source, int line) {
   Panic("VERIFY %s:%d\n", source, line);

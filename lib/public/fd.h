@@ -8,7 +8,7 @@
 
 #include <utility>
 
-#include "errnoKeeper.h"
+#include "lib/public/errnoKeeper.h"
 
 class Fd {
   int fd_;

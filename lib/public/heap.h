@@ -10,8 +10,8 @@
 #include <memory>
 #include <type_traits>
 
-#include "errnoKeeper.h"
-#include "fatal.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fatal.h"
 
 struct HeapFreer {
   void operator()(void *p) const noexcept {

@@ -8,7 +8,7 @@
 
 #include <cstdarg>
 
-#include "msgList.h"
+#include "lib/public/msgList.h"
 
 // As MsgList_Append and its kin, on the pending messages of this thread.
 void Msg_Append(const char *idFormat, ...) __attribute__((format(printf, 1, 2)));

@@ -14,7 +14,7 @@
 #include <cstdarg>
 #include <memory>
 
-#include "msgfmt.h"
+#include "lib/public/msgfmt.h"
 
 // One message; everything in it is its own.
 struct MsgList {

@@ -9,7 +9,7 @@
 
 #include <cstddef>
 
-#include "encoding.h"
+#include "lib/public/encoding.h"
 
 using UnicodeIndex = ptrdiff_t;
 

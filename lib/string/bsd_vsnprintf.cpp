@@ -7,9 +7,9 @@
 //
 // Conversions differ from the host's printf where str.h says so.  Nothing is written but to memory.
 
-#include "bsd_vsnprintf.h"
+#include "lib/public/bsd_vsnprintf.h"
 
-#include "formatGrammar.h"
+#include "lib/public/formatGrammar.h"
 #include "lib/string/formatBind.h"
 #include "lib/string/formatConvert.h"
 #include "lib/string/formatLocale.h"

@@ -11,9 +11,9 @@
 #include <span>
 #include <type_traits>
 
-#include "bsd_vsnprintf.h"
-#include "formatGrammar.h"
-#include "heap.h"
+#include "lib/public/bsd_vsnprintf.h"
+#include "lib/public/formatGrammar.h"
+#include "lib/public/heap.h"
 
 // How an argument is passed; None for a conversion without one.
 enum class FormatArgType : uint32_t { None, Int, Int64, Pointer, Double, LongDouble };

@@ -3,10 +3,10 @@
 #include <climits>
 #include <cwchar>
 
-#include "fatal.h"
+#include "lib/public/fatal.h"
+#include "lib/public/str.h"
+#include "lib/public/utf8.h"
 #include "lib/string/formatConvert.h"
-#include "str.h"
-#include "utf8.h"
 
 namespace {
 

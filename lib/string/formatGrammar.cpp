@@ -3,7 +3,7 @@
 // One table row per character says what the character means inside a conversion, so that the common
 // conversions, a `%` and a letter, cost one look-up.
 
-#include "formatGrammar.h"
+#include "lib/public/formatGrammar.h"
 
 #include <array>
 #include <climits>

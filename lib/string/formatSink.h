@@ -9,7 +9,7 @@
 #include <climits>
 #include <cstddef>
 
-#include "heap.h"
+#include "lib/public/heap.h"
 #include "lib/string/formatBytes.h"
 
 class FormatSink {

@@ -1,11 +1,11 @@
 // str.cpp -- formatting into bounded buffers and new strings.
 
-#include "str.h"
+#include "lib/public/str.h"
 
 #include <bit>
 #include <cstdint>
 
-#include "bsd_vsnprintf.h"
+#include "lib/public/bsd_vsnprintf.h"
 #include "lib/string/strInternal.h"
 
 namespace {

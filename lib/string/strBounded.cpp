@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "lib/public/str.h"
 #include "lib/string/strInternal.h"
-#include "str.h"
 
 char *Str_Strcpy(char *dest, const char *src, size_t size) {
   const size_t length = strlen(src);

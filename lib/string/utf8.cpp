@@ -1,6 +1,6 @@
 // utf8.cpp -- from 32-bit code units to UTF-8.
 
-#include "utf8.h"
+#include "lib/public/utf8.h"
 
 #include <bit>
 #include <cstddef>

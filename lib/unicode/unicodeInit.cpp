@@ -3,9 +3,9 @@
 #include <atomic>
 #include <ctime>
 
-#include "codeset.h"
-#include "log.h"
-#include "unicode.h"
+#include "lib/public/codeset.h"
+#include "lib/public/log.h"
+#include "lib/public/unicode.h"
 
 namespace {
 

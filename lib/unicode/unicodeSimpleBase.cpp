@@ -6,13 +6,13 @@
 #include <cstring>
 #include <string_view>
 
-#include "codeset.h"
-#include "escape.h"
-#include "fatal.h"
-#include "heap.h"
-#include "scopeGuard.h"
-#include "str.h"
-#include "unicode.h"
+#include "lib/public/codeset.h"
+#include "lib/public/escape.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
+#include "lib/public/scopeGuard.h"
+#include "lib/public/str.h"
+#include "lib/public/unicode.h"
 
 namespace {
 

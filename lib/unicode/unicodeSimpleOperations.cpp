@@ -9,11 +9,11 @@
 #include <initializer_list>
 #include <string_view>
 
-#include "codeset.h"
-#include "fatal.h"
-#include "heap.h"
+#include "lib/public/codeset.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
+#include "lib/public/unicode.h"
 #include "lib/unicode/unicodeCaseFold.h"
-#include "unicode.h"
 
 namespace {
 

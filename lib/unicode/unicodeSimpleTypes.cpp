@@ -6,11 +6,11 @@
 #include <optional>
 #include <string_view>
 
-#include "encoding.h"
-#include "fatal.h"
-#include "hashTable.h"
+#include "lib/public/encoding.h"
+#include "lib/public/fatal.h"
+#include "lib/public/hashTable.h"
+#include "lib/public/log.h"
 #include "lib/unicode/encodingTable.h"
-#include "log.h"
 
 namespace {
 

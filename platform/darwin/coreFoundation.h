@@ -6,7 +6,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "heap.h"
+#include "lib/public/heap.h"
 
 struct CfReleaser {
   void operator()(const void *object) const noexcept { CFRelease(object); }

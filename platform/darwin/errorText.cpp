@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "errnoKeeper.h"
+#include "lib/public/errnoKeeper.h"
 
 const char *Platform_ErrorText(int error, std::span<char> buffer) {
   const ErrnoKeeper keeper;

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "errnoKeeper.h"
+#include "lib/public/errnoKeeper.h"
 #include "platform/files.h"
 
 namespace {

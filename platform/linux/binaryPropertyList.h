@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "heap.h"
+#include "lib/public/heap.h"
 
 // Whether the bytes claim to be a binary property list.
 bool BinaryPropertyList_Is(std::string_view list);

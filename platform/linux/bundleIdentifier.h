@@ -1,7 +1,7 @@
 // bundleIdentifier.h -- what a bundle calls itself, on Linux.
 #pragma once
 
-#include "heap.h"
+#include "lib/public/heap.h"
 
 // The text that the property list Contents/Info.plist of the bundle, open as the directory `bundle`,
 // has under the key CFBundleIdentifier; the list is in XML or binary form.  The list is untrusted,

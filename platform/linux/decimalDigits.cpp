@@ -17,7 +17,7 @@
 #include <bit>
 #include <cstdint>
 
-#include "heap.h"
+#include "lib/public/heap.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "heap.h"
+#include "lib/public/heap.h"
 #include "platform/files.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 
 namespace {
 

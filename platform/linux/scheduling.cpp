@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 
 namespace {
 

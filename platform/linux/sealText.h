@@ -10,7 +10,7 @@
 #include <span>
 #include <string_view>
 
-#include "heap.h"
+#include "lib/public/heap.h"
 #include "platform/linux/sealVerdict.h"
 
 inline constexpr size_t kSealMaxItems = 65536;

@@ -16,7 +16,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 #include "platform/process.h"
 
 namespace {

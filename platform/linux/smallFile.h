@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "fd.h"
-#include "heap.h"
+#include "lib/public/fd.h"
+#include "lib/public/heap.h"
 
 struct SmallFileBytes {
   HeapArray<char> data;  // null: there are none

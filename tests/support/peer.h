@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 
 // A socket that listens at `path`, which is replaced, mode 0600; the next connection to it; one that
 // is connected to `path`.

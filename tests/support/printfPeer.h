@@ -3,8 +3,8 @@
 
 #include <cstdarg>
 
-#include "bsd_vsnprintf.h"
-#include "str.h"
+#include "lib/public/bsd_vsnprintf.h"
+#include "lib/public/str.h"
 #include "tests/support/test.h"
 
 // Formats come from tables, where the compiler cannot check them.

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 
 struct Launch {
   std::vector<std::string> argv;      // argv[0] is the path

@@ -23,8 +23,8 @@
 #include <utility>
 #include <vector>
 
-#include "fd.h"
-#include "heap.h"
+#include "lib/public/fd.h"
+#include "lib/public/heap.h"
 #include "tests/support/capture.h"
 #include "tests/support/sandboxSkip.h"
 #include "tests/support/scratchDir.h"

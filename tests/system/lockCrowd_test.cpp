@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "fileLock.h"
+#include "lib/public/fileLock.h"
 #include "tests/support/product.h"
 #include "tests/support/scratchDir.h"
 

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <string>
 
-#include "fd.h"
+#include "lib/public/fd.h"
 #include "tests/support/product.h"
 
 int main(int argc, char *argv[], char *environment[]) {

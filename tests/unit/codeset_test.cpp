@@ -5,7 +5,7 @@
 // Conversions of any bytes: fuzz/codeset_fuzz.cpp; the look-up of any name: fuzz/encoding_fuzz.cpp.
 // Linked with --wrap=malloc,--wrap=realloc for AllocFault.
 
-#include "codeset.h"
+#include "lib/public/codeset.h"
 
 #include <unicode/putil.h>
 #include <unicode/ustring.h>
@@ -15,13 +15,13 @@
 #include <optional>
 #include <set>
 
-#include "encoding.h"
+#include "lib/public/encoding.h"
+#include "lib/public/productDir.h"
+#include "lib/public/unicode.h"
+#include "lib/public/utf8.h"
 #include "lib/unicode/encodingTable.h"
-#include "productDir.h"
 #include "tests/support/allocFault.h"
 #include "tests/support/test.h"
-#include "unicode.h"
-#include "utf8.h"
 
 namespace {
 

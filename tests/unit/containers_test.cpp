@@ -11,9 +11,9 @@
 #include <map>
 #include <span>
 
-#include "dynbuf.h"
-#include "escape.h"
-#include "hashTable.h"
+#include "lib/public/dynbuf.h"
+#include "lib/public/escape.h"
+#include "lib/public/hashTable.h"
 #include "tests/support/allocFault.h"
 #include "tests/support/test.h"
 

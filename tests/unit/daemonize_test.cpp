@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
-#include "fd.h"
-#include "hostinfo.h"
+#include "lib/public/fd.h"
+#include "lib/public/hostinfo.h"
 #include "tests/support/capture.h"
 #include "tests/support/scratchDir.h"
 #include "tests/support/sysFault.h"

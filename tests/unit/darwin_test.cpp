@@ -16,8 +16,8 @@
 #include <array>
 #include <numeric>
 
-#include "codeset.h"
-#include "dynbuf.h"
+#include "lib/public/codeset.h"
+#include "lib/public/dynbuf.h"
 #include "platform/codeSignature.h"
 #include "platform/decimalDigits.h"
 #include "platform/files.h"

@@ -1,13 +1,13 @@
 // fileIO_test.cpp -- open files: what each open does, whole transfers, vectors, and failures.
 
-#include "fileIO.h"
+#include "lib/public/fileIO.h"
 
 #include <sys/resource.h>
 #include <sys/xattr.h>
 
 #include <tuple>
 
-#include "msg.h"
+#include "lib/public/msg.h"
 #include "platform/files.h"
 #include "tests/support/asRoot.h"
 #include "tests/support/process.h"

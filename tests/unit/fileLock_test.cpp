@@ -3,7 +3,7 @@
 //
 // Time is the test's own: a sleep moves the clock and returns.
 
-#include "fileLock.h"
+#include "lib/public/fileLock.h"
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -11,8 +11,8 @@
 #include <ctime>
 #include <set>
 
-#include "fileIO.h"
 #include "lib/file/fileLockInt.h"
+#include "lib/public/fileIO.h"
 #include "platform/processStart.h"
 #include "tests/support/process.h"
 #include "tests/support/sysFault.h"

@@ -5,8 +5,8 @@
 
 #include <fstream>
 
-#include "file.h"
-#include "msg.h"
+#include "lib/public/file.h"
+#include "lib/public/msg.h"
 #include "tests/support/process.h"
 #include "tests/support/sysFault.h"
 #include "tests/support/test.h"

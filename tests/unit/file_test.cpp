@@ -1,6 +1,6 @@
 // file_test.cpp -- paths taken apart and resolved; what a path is; making, removing and listing.
 
-#include "file.h"
+#include "lib/public/file.h"
 
 #include <set>
 

@@ -13,14 +13,14 @@
 #include <climits>
 #include <fstream>
 
-#include "base64.h"
-#include "hostinfo.h"
-#include "id.h"
+#include "lib/public/base64.h"
+#include "lib/public/hostinfo.h"
+#include "lib/public/id.h"
+#include "lib/public/posix.h"
+#include "lib/public/uuid.h"
 #include "platform/process.h"
-#include "posix.h"
 #include "tests/support/asRoot.h"
 #include "tests/support/test.h"
-#include "uuid.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <climits>
 #include <memory>
 
-#include "err.h"
-#include "msg.h"
-#include "msgList.h"
-#include "msgfmt.h"
+#include "lib/public/err.h"
+#include "lib/public/msg.h"
+#include "lib/public/msgList.h"
+#include "lib/public/msgfmt.h"
 #include "tests/support/allocFault.h"
 #include "tests/support/printfPeer.h"
 #include "tests/support/test.h"

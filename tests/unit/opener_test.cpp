@@ -12,7 +12,7 @@
 #include <ctime>
 #include <limits>
 
-#include "log.h"
+#include "lib/public/log.h"
 #include "opener/location.h"
 #include "opener/serviceImpl.h"
 #include "opener/serviceImplWire.h"

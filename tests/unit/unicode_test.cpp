@@ -1,11 +1,11 @@
 // unicode_test.cpp -- strings by code points against a straightforward model, and the ways from and
 // to other encodings without ICU in the code sets.
 
-#include "unicode.h"
+#include "lib/public/unicode.h"
 
 #include <unicode/uchar.h>
 
-#include "codeset.h"
+#include "lib/public/codeset.h"
 #include "lib/unicode/unicodeCaseFold.h"
 #include "tests/support/test.h"
 

@@ -12,7 +12,7 @@
 #include <map>
 #include <utility>
 
-#include "heap.h"
+#include "lib/public/heap.h"
 
 // platform/linux/unicodeNormalize.cpp by another name: null for what is not UTF-8.
 HeapStr LinuxNormalizeUnicode(const char *string, bool precomposed);
