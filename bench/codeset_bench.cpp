@@ -21,7 +21,7 @@
 #include "lib/public/codeset.h"
 #include "lib/public/dynbuf.h"
 #include "lib/public/encoding.h"
-#include "lib/unicode/encodingTable.h"
+#include "lib/unicode/encodings/encodingTable.h"
 
 namespace {
 

@@ -12,12 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "lib/misc/codesetEngine.h"
+#include "lib/misc/codeset/codesetEngine.h"
 #include "lib/public/codeset.h"
 #include "lib/public/dynbuf.h"
 #include "lib/public/encoding.h"
 #include "lib/public/log.h"
-#include "lib/unicode/encodingTable.h"
+#include "lib/unicode/encodings/encodingTable.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 
 #include "lib/public/encoding.h"
 #include "lib/public/log.h"
-#include "lib/unicode/encodingTable.h"
+#include "lib/unicode/encodings/encodingTable.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "lib/file/fileLockInt.h"
+#include "lib/file/lock/fileLockInt.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/linux/binaryPropertyList.h"
-#include "platform/linux/sealSignature.h"
-#include "platform/linux/sealText.h"
+#include "platform/linux/seal/binaryPropertyList.h"
+#include "platform/linux/seal/sealSignature.h"
+#include "platform/linux/seal/sealText.h"
 
 namespace {
 

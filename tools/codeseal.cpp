@@ -13,7 +13,7 @@
 
 #include "lib/public/fd.h"
 #include "platform/files.h"
-#include "platform/linux/sealCheck.h"
+#include "platform/linux/seal/sealCheck.h"
 #include "tools/sealMaker.h"
 
 namespace {

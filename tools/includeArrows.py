@@ -1,41 +1,44 @@
 #!/usr/bin/env python3
 """includeArrows.py -- checks that includes follow the layers of the tree.
 
-Prints each #include "..." of a tracked C++ file that points the wrong way, or that names no file of
-the tree, and exits with 1 if there is any.  The arrows are those of docs/map.md.
+A folder is a layer; a header of lib/public belongs to the folder that implements it.  Prints each
+#include "..." of a tracked C++ file that points the wrong way, is not the path from the root, or names
+no file of the tree, and exits with 1 if there is any.  The arrows are those of docs/map.md.
 """
 import os
 import re
 import subprocess
 import sys
 
-# Layer -> the layers it may include.  A layer may always include itself and "base", the headers of
-# lib/public that no source file stands behind (owners, keepers, fatal messages) and the log, which
-# every program supplies.  Folders without a row (tests, bench, ...) include what they need.
+# Folder -> the folders that it may include, besides itself and BASE.  A folder may not include what
+# has no row, unless it has none itself (tests, bench, ...): those include what they need.
+LIB = ['lib/string', 'lib/misc/containers', 'lib/unicode/encodings', 'lib/misc/codeset', 'lib/unicode',
+       'lib/misc/host', 'lib/lock', 'lib/misc/messages', 'lib/file', 'lib/file/raw']
 ARROWS = {
-    'base': set(),
-    'platform': set(),
-    'lib/string': {'platform'},
-    'containers': {'lib/string'},
-    'encoding': {'lib/string', 'containers'},
-    'codeset': {'platform', 'lib/string', 'containers', 'encoding'},
-    'lib/unicode': {'lib/string', 'containers', 'encoding', 'codeset'},
-    'lib/misc': {'platform', 'lib/string', 'containers', 'encoding', 'codeset'},
-    'lib/lock': {'platform', 'lib/string'},
-    'messages': {'platform', 'lib/string', 'containers', 'codeset', 'lib/lock'},
-    'lib/file': {'platform', 'lib/string', 'containers', 'encoding', 'codeset', 'lib/misc',
-                 'lib/unicode', 'lib/lock', 'messages'},
-    'opener': {'platform', 'lib/string', 'containers', 'encoding', 'codeset', 'lib/misc',
-               'lib/unicode', 'lib/file'},
-    'service': {'platform', 'lib/string', 'containers', 'encoding', 'codeset', 'lib/misc',
-                'lib/unicode', 'opener'},
+    'platform': [],
+    'platform/darwin': ['platform'],
+    'platform/linux': ['platform'],
+    'platform/linux/seal': ['platform', 'platform/linux'],
+    'lib/string': ['platform'],
+    'lib/misc/containers': ['lib/string'],
+    'lib/unicode/encodings': ['lib/string', 'lib/misc/containers'],
+    'lib/misc/codeset': ['platform', 'lib/string', 'lib/misc/containers', 'lib/unicode/encodings'],
+    'lib/unicode': ['lib/string', 'lib/misc/containers', 'lib/unicode/encodings', 'lib/misc/codeset'],
+    'lib/misc/host': ['platform', 'lib/string', 'lib/misc/containers', 'lib/misc/codeset'],
+    'lib/lock': ['platform', 'lib/string'],
+    'lib/misc/messages': ['platform', 'lib/string', 'lib/misc/containers', 'lib/misc/codeset',
+                          'lib/lock'],
+    'lib/file': ['platform'] + LIB[:-2],
+    'lib/file/raw': ['platform'] + LIB[:-1],
+    'lib/file/copy': ['platform'] + LIB,
+    'lib/file/lock': ['platform'] + LIB,
+    'lib/file/io': ['platform', 'lib/file/lock'] + LIB,
+    'opener': ['platform', 'lib/file/copy'] + LIB[:-1],
+    'service': ['platform', 'lib/string', 'opener'],
 }
-# Folders that hold more than one library: files whose names begin so are of another layer.
-SPLIT = {
-    'lib/misc': {'dynbuf': 'containers', 'escape': 'containers', 'hashTable': 'containers',
-                 'codeset': 'codeset', 'err': 'messages', 'msg': 'messages'},
-    'lib/unicode': {'encoding': 'encoding', 'unicodeSimpleTypes': 'encoding'},
-}
+# Whoever includes these says nothing about layers: owners, keepers and fatal errors, which no source
+# file stands behind or every program has, and the log, which each program supplies.
+BASE = 'lib/public'
 PUBLIC = 'lib/public/'
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 
@@ -46,53 +49,41 @@ def tracked_sources():
     return [name for name in os.fsdecode(out).split('\0') if name]
 
 
-def folder_layer(path):
-    parts = path.split('/')
-    folder = '/'.join(parts[:2]) if parts[0] == 'lib' else parts[0]
-    beginnings = SPLIT.get(folder, {})
-    return next((beginnings[b] for b in beginnings if parts[-1].startswith(b)), folder)
-
-
 def layer(path, sources):
-    """The layer of a file; a public header belongs to the module that implements it."""
+    """The folder of a file, or for a public header the outermost one that implements it."""
     if not path.startswith(PUBLIC):
-        return folder_layer(path)
+        return os.path.dirname(path)
     stem = re.escape(os.path.basename(path)[:-len('.h')])
-    source = re.compile(rf'lib/(?!public/).*/{stem}([A-Z]\w*)?\.cpp')     # hostinfo[Posix].cpp
-    owners = {folder_layer(s) for s in sources if source.fullmatch(s)}
-    return min(owners, default='base')
+    for name in (stem, stem + r'[A-Z]\w*'):     # file.h: file[Delete].cpp
+        source = re.compile(rf'lib/(?!public/).*/{name}\.cpp')
+        owners = {os.path.dirname(s) for s in sources if source.fullmatch(s)}
+        if owners:
+            return min(owners, key=len)
+    return BASE
 
 
-def resolve(name, includer, files):
-    candidates = (os.path.join(os.path.dirname(includer), name), name, PUBLIC + name,
-                  'platform/linux/' + name)     # stands for each host's header of that name
-    return next((c for c in map(os.path.normpath, candidates) if c in files), None)
+def fault(source, name, sources):
+    """What is wrong with an include, or None."""
+    home = layer(source, sources)
+    if name not in sources:
+        return f'no file "{name}" (a path begins at the root of the tree)'
+    to = layer(name, sources)
+    allowed = ARROWS.get(home)
+    if allowed is None or to in [home, BASE] + allowed:
+        return None
+    return f'{home} must not include "{name}" of {to}'
 
 
 def main():
-    if subprocess.run(['git', 'rev-parse', '--git-dir'], stdout=subprocess.DEVNULL,
-                      stderr=subprocess.DEVNULL, check=False).returncode != 0:
-        print(f'{sys.argv[0]}: not a git work tree')
-        return 77
     sources = tracked_sources()
-    files = set(sources)
+    known = set(sources)
     faults = []
     for source in sources:
-        home = layer(source, sources)
-        allowed = ARROWS.get(home)
-        if allowed is None and not source.startswith('lib/'):
-            continue
         with open(source, encoding='utf-8') as f:
-            names = INCLUDE.findall(f.read())
-        for name in names:
-            target = resolve(name, source, files)
-            to = layer(target, sources) if target else None
-            if target is None:
-                faults.append(f'{source}: no file "{name}"')
-            elif allowed is None:
-                faults.append(f'{source}: {home} has no row in {sys.argv[0]}')
-            elif to not in allowed | {home, 'base'}:
-                faults.append(f'{source}: {home} must not include "{name}" of {to}')
+            for name in INCLUDE.findall(f.read()):
+                what = fault(source, name, known)
+                if what:
+                    faults.append(f'{source}: {what}')
     print('\n'.join(faults) if faults else f'{len(sources)} files follow the arrows')
     return 1 if faults else 0
 

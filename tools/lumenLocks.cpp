@@ -25,7 +25,7 @@
 #include <tuple>
 #include <vector>
 
-#include "lib/file/fileLockInt.h"
+#include "lib/file/lock/fileLockInt.h"
 #include "lib/public/fileLock.h"
 #include "lib/public/heap.h"
 #include "lib/public/log.h"

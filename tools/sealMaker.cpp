@@ -18,11 +18,11 @@
 
 #include "lib/public/codeset.h"
 #include "lib/public/fd.h"
-#include "platform/linux/openssl.h"
-#include "platform/linux/sealDigest.h"
-#include "platform/linux/sealSignature.h"
-#include "platform/linux/sealText.h"
-#include "platform/linux/sealWalk.h"
+#include "platform/linux/seal/openssl.h"
+#include "platform/linux/seal/sealDigest.h"
+#include "platform/linux/seal/sealSignature.h"
+#include "platform/linux/seal/sealText.h"
+#include "platform/linux/seal/sealWalk.h"
 
 namespace {
 

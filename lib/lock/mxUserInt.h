@@ -25,7 +25,7 @@
 #include "lib/public/fatal.h"
 #include "lib/public/heap.h"
 #include "lib/public/mxUser.h"
-#include "threadSelf.h"
+#include "platform/threadSelf.h"
 
 // ---- memory ----------------------------------------------------------------------------------
 

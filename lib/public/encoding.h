@@ -6,7 +6,7 @@
 #include <cstdint>
 
 // The encodings that code asks for.  The type holds any of the 324 numbers, 0 to 323, of the name
-// table (lib/unicode/encodings.inc); those without an enumerator come from their names.
+// table (lib/unicode/encodings/encodings.inc); those without an enumerator come from their names.
 enum class StringEncoding : int32_t {
   Unknown = -2,
   Current = -1,

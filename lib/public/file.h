@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "lib/public/fileIO.h"
+struct FileIODescriptor;
 
 // Types of files, as records keep them: 5 and 6 are not used.
 enum FileType : uint32_t {

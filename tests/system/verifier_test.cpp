@@ -15,7 +15,7 @@
 #include <map>
 
 #include "platform/codeSignature.h"
-#include "platform/linux/sealJail.h"
+#include "platform/linux/seal/sealJail.h"
 #include "tests/support/capture.h"
 #include "tests/support/product.h"
 #include "tests/support/scratchDir.h"

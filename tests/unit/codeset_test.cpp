@@ -19,7 +19,7 @@
 #include "lib/public/productDir.h"
 #include "lib/public/unicode.h"
 #include "lib/public/utf8.h"
-#include "lib/unicode/encodingTable.h"
+#include "lib/unicode/encodings/encodingTable.h"
 #include "tests/support/allocFault.h"
 #include "tests/support/test.h"
 

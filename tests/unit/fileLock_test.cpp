@@ -11,7 +11,7 @@
 #include <ctime>
 #include <set>
 
-#include "lib/file/fileLockInt.h"
+#include "lib/file/lock/fileLockInt.h"
 #include "lib/public/fileIO.h"
 #include "platform/processStart.h"
 #include "tests/support/process.h"

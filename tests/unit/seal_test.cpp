@@ -1,9 +1,9 @@
 // seal_test.cpp -- seals, as far as bytes go: their texts, and who may write the anchors.  What seals
 // are believed, and what changes they notice, is tested with the tool: tests/system/seals_test.
 
-#include "platform/linux/sealCheck.h"
-#include "platform/linux/sealSignature.h"
-#include "platform/linux/sealText.h"
+#include "platform/linux/seal/sealCheck.h"
+#include "platform/linux/seal/sealSignature.h"
+#include "platform/linux/seal/sealText.h"
 #include "tests/support/asRoot.h"
 #include "tests/support/test.h"
 

@@ -1,0 +1,73 @@
+// fileSleeper.cpp -- random sleeps, so that those who wait for the same thing do not meet for ever.
+
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "lib/file/lock/fileLockInt.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/mxUser.h"
+
+namespace {
+
+constexpr MX_Rank kRandomRank = 0xFF000000;
+
+// PCG-XSH-RR: O'Neill, "PCG: A Family of Simple Fast Space-Efficient Statistically Good Algorithms
+// for Random Number Generation".
+struct Generator {
+  uint64_t state;
+
+  uint32_t Next() {
+    const uint64_t old = state;
+    state = old * 6364136223846793005U + 1442695040888963407U;
+    const auto shifted = static_cast<uint32_t>((old >> 18 ^ old) >> 27);
+    const auto rotation = static_cast<uint32_t>(old >> 59);
+    return shifted >> rotation | shifted << (-rotation & 31);
+  }
+};
+
+struct SleeperState {
+  std::atomic<MXUserExclLock *> lock;
+  Generator generator;
+  pid_t seededFor;  // a child must not draw what its parent draws
+};
+constinit SleeperState chance{};
+
+timespec TimeOf(uint32_t ms) {
+  return {.tv_sec = ms / 1000, .tv_nsec = static_cast<long>(ms % 1000) * 1000000};
+}
+
+}  // namespace
+
+uint32_t FileSimpleRandom() {
+  MXUserExclLock *const lock =
+      MXUser_CreateSingletonExclLock(&chance.lock, "fileSimpleRandomLock", kRandomRank);
+  MXUser_AcquireExclLock(lock);
+  const pid_t self = getpid();
+  if (chance.seededFor != self) {
+    chance.seededFor = self;
+    chance.generator.state = static_cast<uint64_t>(self);
+    chance.generator.Next();  // neighbours begin with neighbouring states
+  }
+  const uint32_t number = chance.generator.Next();
+  MXUser_ReleaseExclLock(lock);
+  return number;
+}
+
+uint32_t FileSleeper(uint32_t lo, uint32_t hi) {
+  const uint64_t range = hi > lo ? hi - lo : 0;
+  const uint32_t ms = lo + static_cast<uint32_t>(range * FileSimpleRandom() >> 32);
+  const ErrnoKeeper keeper;
+  timespec left = TimeOf(ms);
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+  return ms;
+}
+
+uint64_t FileLockNowMs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}

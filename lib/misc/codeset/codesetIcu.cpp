@@ -1,0 +1,151 @@
+// codesetIcu.cpp -- ICU as the engine of the code sets, and how it gets in.
+//
+// Nobody but CodeSet_Init refers to this file's code, so a program that does not call that has no
+// ICU in it.
+
+#include <sys/stat.h>
+#include <unicode/putil.h>
+#include <unicode/ucnv.h>
+#include <unicode/ucnv_err.h>
+
+#include <iterator>
+#include <memory>
+
+#include "lib/misc/codeset/codesetEngine.h"
+#include "lib/public/codeset.h"
+#include "lib/public/dynbuf.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
+#include "lib/public/productDir.h"
+#include "lib/public/str.h"
+
+namespace {
+
+struct Closer {
+  void operator()(UConverter *converter) const noexcept { ucnv_close(converter); }
+};
+using Converter = std::unique_ptr<UConverter, Closer>;
+
+// Null when ICU does not know the name.
+Converter Open(const char *name) {
+  UErrorCode error = U_ZERO_ERROR;
+  return Converter(ucnv_open(name, &error));
+}
+
+// ---- what becomes of invalid text ------------------------------------------------------------
+
+struct Callbacks {
+  int flags;
+  UConverterToUCallback toUnicode;
+  UConverterFromUCallback fromUnicode;
+};
+
+// clang-format off
+const Callbacks kCallbacks[] = {
+    {CODESET_STOP,       UCNV_TO_U_CALLBACK_STOP,       UCNV_FROM_U_CALLBACK_STOP},
+    {CODESET_SUBSTITUTE, UCNV_TO_U_CALLBACK_SUBSTITUTE, UCNV_FROM_U_CALLBACK_SUBSTITUTE},
+    {CODESET_SKIP,       UCNV_TO_U_CALLBACK_SKIP,       UCNV_FROM_U_CALLBACK_SKIP},
+};
+// clang-format on
+
+const Callbacks &CallbacksFor(int flags) {
+  for (const Callbacks &row : kCallbacks) {
+    if (row.flags == flags) return row;
+  }
+  Fatal_NotImplemented(kCodeSetSource, 988);
+}
+
+bool SetToUnicode(UConverter *converter, UConverterToUCallback callback) {
+  UErrorCode error = U_ZERO_ERROR;
+  ucnv_setToUCallBack(converter, callback, nullptr, nullptr, nullptr, &error);
+  return U_SUCCESS(error);
+}
+
+bool SetFromUnicode(UConverter *converter, UConverterFromUCallback callback) {
+  UErrorCode error = U_ZERO_ERROR;
+  ucnv_setFromUCallBack(converter, callback, nullptr, nullptr, nullptr, &error);
+  return U_SUCCESS(error);
+}
+
+// ---- the engine ------------------------------------------------------------------------------
+
+// Makes room for the text and a terminator of any encoding: a first guess.
+bool ReserveFirst(DynBuf *out, size_t length) {
+  constexpr size_t kTerminator = 4;
+  size_t whole;
+  if (__builtin_add_overflow(out->size, length, &whole)) return false;
+  if (__builtin_add_overflow(whole, kTerminator, &whole)) return false;
+  return whole <= out->allocated || DynBuf_Enlarge(out, whole);
+}
+
+bool ReserveTwice(DynBuf *out) {
+  size_t twice;
+  return !__builtin_mul_overflow(out->allocated, 2, &twice) && DynBuf_Enlarge(out, twice);
+}
+
+// Converts through UTF-16, in one pass that goes on with more room whenever the room is full.
+bool ConvertAll(UConverter *from, const char *bytes, size_t length, UConverter *to, DynBuf *out) {
+  UChar pivot[1024];
+  UChar *pivotSource = pivot;
+  UChar *pivotTarget = pivot;
+  const char *source = bytes;
+  if (!ReserveFirst(out, length)) return false;
+  for (bool first = true;; first = false) {
+    char *target = out->data + out->size;
+    UErrorCode error = U_ZERO_ERROR;
+    ucnv_convertEx(to, from, &target, out->data + out->allocated, &source, bytes + length, pivot,
+                   &pivotSource, &pivotTarget, std::end(pivot), first, true, &error);
+    out->size = static_cast<size_t>(target - out->data);
+    if (error != U_BUFFER_OVERFLOW_ERROR) return U_SUCCESS(error);
+    if (!ReserveTwice(out)) return false;
+  }
+}
+
+bool Convert(const char *fromName, const char *bytes, size_t length, const char *toName, int flags,
+             DynBuf *out) {
+  const Converter from = Open(fromName);
+  const Converter to = Open(toName);
+  if (from == nullptr || to == nullptr) return false;
+  const Callbacks &callbacks = CallbacksFor(flags);
+  return SetToUnicode(from.get(), callbacks.toUnicode) &&
+         SetFromUnicode(to.get(), callbacks.fromUnicode) &&
+         ConvertAll(from.get(), bytes, length, to.get(), out);
+}
+
+bool IsValid(const char *bytes, size_t length, const char *name) {
+  const Converter converter = Open(name);
+  if (converter == nullptr) Fatal_Verify(kCodeSetSource, 1723);
+  if (!SetToUnicode(converter.get(), UCNV_TO_U_CALLBACK_STOP)) Fatal_Verify(kCodeSetSource, 1725);
+  // Into no room at all: when that is the only complaint, the text is valid.
+  UErrorCode error = U_ZERO_ERROR;
+  ucnv_toUChars(converter.get(), nullptr, 0, bytes, static_cast<int32_t>(length), &error);
+  return error == U_BUFFER_OVERFLOW_ERROR;
+}
+
+constinit const CodeSetEngine kIcuEngine = {Convert, IsValid};
+
+// ---- its data --------------------------------------------------------------------------------
+
+constexpr char kLibraryRoot[] = "/Library/Application Support/Zephrin Calder Lumen";
+constexpr char kIcuFolder[] = "/icu";
+
+// The folder of ICU's data; null when the program has a look-up that does not know one.
+HeapStr DataFolder(const char *given) {
+  if (given != nullptr) return Heap_SafeStrdup(given);
+  const ProductDirLookup lookup = ProductDir_GetLookup();
+  if (lookup != nullptr) return HeapStr(lookup("icuDir"));
+  return HeapStr(Str_SafeAsprintf(nullptr, "%s%s", kLibraryRoot, kIcuFolder));
+}
+
+}  // namespace
+
+bool CodeSet_Init(const char *icuDataDir) {
+  const HeapStr folder = DataFolder(icuDataDir);
+  if (folder == nullptr) return true;
+  const HeapStr file(Str_SafeAsprintf(nullptr, "%s/%s", folder.get(), "icudt44l.dat"));
+  struct stat status;
+  if (stat(file.get(), &status) != 0 || S_ISDIR(status.st_mode)) return true;
+  u_setDataDirectory(file.get());
+  CodeSetInstallEngine(&kIcuEngine);
+  return true;
+}

@@ -1,0 +1,155 @@
+// msgList.cpp -- lists of messages.
+
+#include "lib/public/msgList.h"
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "lib/misc/messages/msgfmtInternal.h"
+#include "lib/public/errnoKeeper.h"
+#include "lib/public/fatal.h"
+#include "lib/public/heap.h"
+#include "lib/public/log.h"
+#include "lib/public/str.h"
+
+namespace {
+
+// A message without arguments.
+MsgListOwner MakeMessage(std::string_view id, const char *format) {
+  auto *const message = new (Heap_SafeMalloc(sizeof(MsgList))) MsgList{};
+  message->id = Heap_SafeStrndup(id.data(), id.size()).release();
+  message->format = Heap_SafeStrdup(format).release();
+  return MsgListOwner(message);
+}
+
+__attribute__((format(printf, 2, 0))) void CaptureArgs(MsgList *message, const char *format,
+                                                       va_list args) {
+  char *error = nullptr;
+  if (MsgFmt_GetArgs(format, args, &message->args, &message->numArgs, &error)) return;
+  Panic("%s error: %s\nformat <%s>\n", "MsgList_VAppend", error, format);
+}
+
+void PushFront(MsgList **list, MsgListOwner message) {
+  message->next = *list;
+  *list = message.release();
+}
+
+void AppendLiteral(MsgList **list, const char *text) {
+  MsgList_Append(list, "@&!*@*@(msg.literal)%s", text);
+}
+
+// The text of one message.  A format that does not suit its arguments, as a text with a stray %,
+// stands for itself: better than nothing.
+HeapStr TextOf(const MsgList &message) {
+  const ErrnoKeeper keeper;
+  HeapStr text(MsgFmt_Asprintf(nullptr, message.format, message.args, message.numArgs));
+  if (text == nullptr && errno == ENOMEM) Fatal_MemAlloc();
+  return text != nullptr ? std::move(text) : Heap_SafeStrdup(message.format);
+}
+
+const char *MissingNewline(const char *text) {
+  const size_t length = strlen(text);
+  return length > 0 && text[length - 1] == '\n' ? "" : "\n";
+}
+
+}  // namespace
+
+void MsgList_VAppend(MsgList **list, const char *idFormat, va_list args) {
+  if (list == nullptr) return;
+  const ErrnoKeeper keeper;
+  std::string_view id;
+  const char *format;
+  if (!MsgFmtSplitId(idFormat, &id, &format)) return AppendLiteral(list, idFormat);
+  MsgListOwner message = MakeMessage(id, format);
+  CaptureArgs(message.get(), message->format, args);
+  PushFront(list, std::move(message));
+}
+
+void MsgList_Append(MsgList **list, const char *idFormat, ...) {
+  va_list args;
+  va_start(args, idFormat);
+  MsgList_VAppend(list, idFormat, args);
+  va_end(args);
+}
+
+void MsgList_AppendStr(MsgList **list, const char *idText) {
+  if (list == nullptr) return;
+  const ErrnoKeeper keeper;
+  std::string_view id;
+  const char *text;
+  if (!MsgFmtSplitId(idText, &id, &text)) return AppendLiteral(list, idText);
+  PushFront(list, MakeMessage(id, text));
+}
+
+void MsgList_AppendMsgList(MsgList **list, MsgList *messages) {
+  MsgListOwner owner(messages);
+  if (list == nullptr || messages == nullptr) return;
+  MsgList *last = messages;
+  while (last->next != nullptr) last = last->next;
+  last->next = *list;
+  *list = owner.release();
+}
+
+MsgList *MsgList_VCreate(const char *idFormat, va_list args) {
+  MsgList *list = nullptr;
+  MsgList_VAppend(&list, idFormat, args);
+  return list;
+}
+
+MsgList *MsgList_Create(const char *idFormat, ...) {
+  va_list args;
+  va_start(args, idFormat);
+  MsgList *const list = MsgList_VCreate(idFormat, args);
+  va_end(args);
+  return list;
+}
+
+MsgList *MsgList_CreateStr(const char *idText) {
+  MsgList *list = nullptr;
+  MsgList_AppendStr(&list, idText);
+  return list;
+}
+
+MsgList *MsgList_Copy(const MsgList *list) {
+  MsgList *copies = nullptr;
+  MsgList **end = &copies;
+  for (const MsgList *message = list; message != nullptr; message = message->next) {
+    *end = MakeMessage(message->id, message->format).release();
+    (*end)->args = MsgFmt_CopyArgs(message->args, message->numArgs);
+    (*end)->numArgs = message->numArgs;
+    end = &(*end)->next;
+  }
+  return copies;
+}
+
+void MsgList_Free(MsgList *list) {
+  const ErrnoKeeper keeper;
+  while (list != nullptr) {
+    const std::unique_ptr<MsgList, HeapFreer> message(list);
+    list = message->next;
+    HeapStr(message->format).reset();
+    HeapStr(message->id).reset();
+    MsgFmt_FreeArgs(message->args, message->numArgs);
+  }
+}
+
+// A loop: recursion would need a stack as long as the list.
+char *MsgList_ToString(const MsgList *list) {
+  HeapStr all;
+  for (; list != nullptr; list = list->next) {
+    const HeapStr text = TextOf(*list);
+    all.reset(Str_SafeAsprintf(nullptr, "%s%s%s", all != nullptr ? all.get() : "", text.get(),
+                               MissingNewline(text.get())));
+  }
+  return all.release();
+}
+
+void MsgList_Log(const MsgList *list) {
+  for (; list != nullptr; list = list->next) {
+    const HeapStr text = TextOf(*list);
+    Log("[%s] %s%s", list->id, text.get(), MissingNewline(text.get()));
+  }
+}

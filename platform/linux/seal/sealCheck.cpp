@@ -1,0 +1,129 @@
+// sealCheck.cpp -- whether an item is what its seal says.
+//
+// The seal's signature comes first: nothing else of it is looked at while anybody may have written
+// it.  Then what is there is compared with what it lists.
+
+#include "platform/linux/seal/sealCheck.h"
+
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <cstring>
+#include <memory>
+
+#include "platform/linux/seal/sealDigest.h"
+#include "platform/linux/seal/sealSignature.h"
+#include "platform/linux/seal/sealText.h"
+#include "platform/linux/seal/sealWalk.h"
+
+namespace {
+
+constexpr size_t kMaxAnchors = size_t{1} << 20;
+
+// What a failed call means: something about the item, or that it could not be looked at.
+SealVerdict FailureOf(SealVerdict verdict) {
+  return SmallFileIsItemsFault(errno) ? verdict : SealVerdict::Unreadable;
+}
+
+bool ReadAttribute(int fd, SmallFileBytes *seal) {
+  const ssize_t size = fgetxattr(fd, kSealAttribute, nullptr, 0);
+  if (size == 0) errno = ENODATA;
+  if (size <= 0) return false;
+  SmallFileBytes found{Heap_Array<char>(static_cast<size_t>(size))};
+  if (found.data == nullptr) return false;
+  const ssize_t n = fgetxattr(fd, kSealAttribute, found.data.get(), static_cast<size_t>(size));
+  if (n < 0) return false;
+  found.size = static_cast<size_t>(n);
+  *seal = std::move(found);
+  return true;
+}
+
+// What there is against what is listed.
+struct Comparison {
+  const SealText &text;
+  HeapArray<bool> seen;  // one for each item of the text
+  size_t count = 0;      // of those seen
+  SealVerdict verdict = SealVerdict::Valid;
+
+  SealVerdict Judge(const SealItem *item, const SealFound &found) {
+    if (item == nullptr) return SealVerdict::Unlisted;
+    bool &before = seen[static_cast<size_t>(item - text.items.get())];
+    // An entry that turns up twice is one that was moved under the walk.
+    if (before || (item->target == nullptr) != (found.target == nullptr)) {
+      return SealVerdict::Changed;
+    }
+    before = true;
+    count++;
+    if (item->target != nullptr) {
+      return strcmp(item->target, found.target) == 0 ? SealVerdict::Valid : SealVerdict::Changed;
+    }
+    return JudgeFile(*item, found.fd);
+  }
+
+  // A file of another size is not read, and one that grows meanwhile not beyond its size and a byte.
+  static SealVerdict JudgeFile(const SealItem &item, int fd) {
+    struct stat info;
+    if (fstat(fd, &info) != 0) return SealVerdict::Unreadable;
+    if (static_cast<uint64_t>(info.st_size) != item.size) return SealVerdict::Changed;
+    SealDigest digest;
+    uint64_t size = 0;
+    if (!SealDigestOf(fd, item.size + 1, &digest, &size)) return SealVerdict::Unreadable;
+    return size == item.size && digest == item.digest ? SealVerdict::Valid : SealVerdict::Changed;
+  }
+
+  static bool Visit(void *context, const SealFound &found) {
+    auto *const self = static_cast<Comparison *>(context);
+    self->verdict = self->Judge(SealFind(self->text, found.path), found);
+    return self->verdict == SealVerdict::Valid;
+  }
+};
+
+SealVerdict Compare(int item, const SealText &text, uint64_t *entries) {
+  Comparison comparison{text, Heap_Array<bool>(text.count)};
+  if (comparison.seen == nullptr) return SealVerdict::Unreadable;
+  std::uninitialized_fill_n(comparison.seen.get(), text.count, false);
+  bool complete = false;
+  *entries = 0;
+  if (SealIsDirectory(item)) {
+    SealWalk walk(Comparison::Visit, &comparison);
+    complete = walk.Below(item);
+    *entries = walk.Entries();
+  } else {
+    complete = Comparison::Visit(&comparison, {kSealSinglePath, item, nullptr});
+  }
+  if (comparison.verdict != SealVerdict::Valid) return comparison.verdict;
+  if (!complete) return FailureOf(SealVerdict::Unsealable);
+  return comparison.count == text.count ? SealVerdict::Valid : SealVerdict::Missing;
+}
+
+}  // namespace
+
+SealVerdict SealReadAnchors(int start, const char *path, SmallFileBytes *anchors) {
+  const Fd fd = SmallFileOpen(start, path, SmallFileRoots);
+  return fd && SmallFileRead(fd.Get(), kMaxAnchors, anchors) ? SealVerdict::Valid
+                                                             : SealVerdict::NoAnchors;
+}
+
+SealVerdict SealRead(int item, SmallFileBytes *seal) {
+  if (!SealIsDirectory(item)) {
+    return ReadAttribute(item, seal) ? SealVerdict::Valid : FailureOf(SealVerdict::NoSeal);
+  }
+  const Fd fd = SmallFileOpen(item, kSealFile, SmallFileAny);
+  return fd && SmallFileRead(fd.Get(), kSealMaxSize, seal) ? SealVerdict::Valid
+                                                           : FailureOf(SealVerdict::NoSeal);
+}
+
+SealVerdict SealCheck(int item, const char *identifier, std::string_view anchors,
+                      SealExtent *extent) {
+  SmallFileBytes seal;
+  SmallFileBytes content;
+  SealVerdict verdict = SealRead(item, &seal);
+  if (verdict == SealVerdict::Valid) verdict = SealOpen(seal.View(), anchors, &content);
+  if (verdict != SealVerdict::Valid) return verdict;
+  SealText text;
+  verdict = SealParse(content.View(), &text);
+  if (verdict != SealVerdict::Valid) return verdict;
+  if (strcmp(text.identifier, identifier) != 0) return SealVerdict::OtherName;
+  *extent = {text.bytes + (SealIsDirectory(item) ? seal.size : 0), 0};
+  return Compare(item, text, &extent->entries);
+}

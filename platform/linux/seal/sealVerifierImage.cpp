@@ -1,0 +1,19 @@
+// sealVerifierImage.cpp -- the verifier's executable file, as data.  The build list names the file.
+
+#include "platform/linux/seal/sealVerifier.h"
+
+asm(R"(
+  .section .sealVerifier, "a"
+  .balign 16
+sealVerifierBegin:
+  .incbin ")" LUMEN_SEAL_VERIFIER R"("
+sealVerifierEnd:
+  .previous
+)");
+
+extern "C" const char sealVerifierBegin[];
+extern "C" const char sealVerifierEnd[];
+
+std::string_view SealVerifierImage() {
+  return {sealVerifierBegin, static_cast<size_t>(sealVerifierEnd - sealVerifierBegin)};
+}
