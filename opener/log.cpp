@@ -30,16 +30,23 @@ namespace {
 
 constexpr size_t kBufferSize = 1024;
 
-// Processes that share it take pieces of it, each its own.
+// Processes that share it take room in it, each its own.
 struct HeldRecords {
   static constexpr size_t kRoom = size_t{32} << 10;
 
-  std::atomic<size_t> taken = 0;  // more than kRoom: something was lost
+  std::atomic<size_t> taken = 0;
+  std::atomic<bool> lost = false;  // something did not fit
   char bytes[kRoom] = {};
 
   void Add(std::string_view piece) {
-    const size_t at = taken.fetch_add(piece.size(), std::memory_order_relaxed);
-    if (at <= kRoom && piece.size() <= kRoom - at) piece.copy(bytes + at, piece.size());
+    size_t at = taken.load(std::memory_order_relaxed);
+    do {
+      if (piece.size() > kRoom - at) {
+        lost.store(true, std::memory_order_relaxed);
+        return;
+      }
+    } while (!taken.compare_exchange_weak(at, at + piece.size(), std::memory_order_relaxed));
+    piece.copy(bytes + at, piece.size());
   }
 };
 
@@ -139,7 +146,6 @@ void LogHold() {
         mmap(nullptr, sizeof(HeldRecords), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANON, -1, 0);
     state.shared = memory == MAP_FAILED ? &unshared : static_cast<HeldRecords *>(memory);
   }
-  state.shared->taken.store(0, std::memory_order_relaxed);
   state.held.store(state.shared, std::memory_order_relaxed);
 }
 
@@ -147,10 +153,11 @@ void LogRelease() {
   HeldRecords *const held = state.held.exchange(nullptr, std::memory_order_relaxed);
   if (held == nullptr) return;
   const size_t size = held->taken.exchange(0, std::memory_order_relaxed);
+  const bool lost = held->lost.exchange(false, std::memory_order_relaxed);
   const int fd = state.fd.load(std::memory_order_relaxed);
-  if (fd == -1 || size == 0) return;
-  WriteIgnoringResult(fd, held->bytes, std::min(size, HeldRecords::kRoom));
-  if (size > HeldRecords::kRoom) Warning("%s: Some records did not fit.\n", "LogRelease");
+  if (fd == -1) return;
+  if (size > 0) WriteIgnoringResult(fd, held->bytes, size);
+  if (lost) Warning("%s: Some records did not fit.\n", "LogRelease");
 }
 
 // Not close-on-exec: the log stands in for standard output, which programs inherit, too.

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 
 #include <ctime>
 #include <limits>
@@ -50,6 +51,32 @@ TEST(Log, LogOpenTruncatesTheFileAndTakesAllFurtherRecordsOrNone) {
   EXPECT_EQ("to old\n", WithoutStamps(ReadFile(old)));
   EXPECT_EQ("to fresh 1\n", WithoutStamps(ReadFile(fresh)));
   EXPECT_EQ(fs::perms{0644}, fs::status(fresh).permissions());
+}
+
+TEST(Log, KeepsItsRecordsAndThoseOfChildrenUntilItMayWriteThem) {
+  const std::string body(1000, 'b');
+  const std::string records = CaptureOutput([&] {
+    LogHold();
+    Log("held\n");
+    const pid_t child = fork();
+    if (child == 0) {
+      Warning("from a child\n");
+      _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    dprintf(STDOUT_FILENO, "nothing yet\n");
+    LogRelease();
+    Log("at once\n");
+    LogHold();
+    for (int i = 0; i < 40; i++) Log("%s\n", body.c_str());
+    LogRelease();
+  });
+  const std::string text = WithoutStamps(records);
+  EXPECT_TRUE(text.starts_with("nothing yet\nheld\nWarning: from a child\nat once\n" + body))
+      << text;
+  EXPECT_TRUE(text.ends_with("Warning: LogRelease: Some records did not fit.\n"));
+  // Whole pieces, and nothing of an earlier time behind them.
+  EXPECT_EQ(std::string::npos, text.find('\0'));
 }
 
 TEST(Log, AllocatesNothingAndDropsTheBodyThatDoesNotFit) {
