@@ -6,7 +6,6 @@
 // Cost:  the table has 2048 chains, so the time per name grows with directories far above that
 //        many names; bench/file_bench.cpp has the numbers.
 
-#include <dirent.h>
 #include <fcntl.h>
 
 #include <cerrno>
@@ -15,6 +14,7 @@
 
 #include "lib/file/fileInt.h"
 #include "lib/public/codeset.h"
+#include "lib/public/dirStream.h"
 #include "lib/public/fd.h"
 #include "lib/public/file.h"
 #include "lib/public/hashTable.h"
@@ -27,14 +27,6 @@ constexpr uint32_t kNameBuckets = 2048;
 
 // U+FFFD three times: what a name that is not UTF-8 is called.
 constexpr char kUndecodable[] = "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD";
-
-struct DirCloser {
-  void operator()(DIR *stream) const noexcept {
-    const ErrnoKeeper keeper;
-    closedir(stream);
-  }
-};
-using DirStream = std::unique_ptr<DIR, DirCloser>;
 
 }  // namespace
 
@@ -62,11 +54,7 @@ WalkDirContext *StartWalk(const char *path, DirStream stream) {
 
 // A stream of its own for the directory that is open as `dir`; null with errno set.
 DirStream OpenStream(int dir) {
-  Fd copy(fcntl(dir, F_DUPFD_CLOEXEC, 0));
-  DirStream stream(copy ? fdopendir(copy.Get()) : nullptr);
-  // The stream owns the descriptor now.
-  if (stream != nullptr) static_cast<void>(copy.Release());
-  return stream;
+  return DirStreamOf(Fd(fcntl(dir, F_DUPFD_CLOEXEC, 0)));
 }
 
 bool IsDots(const char *name) {

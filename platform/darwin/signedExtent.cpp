@@ -2,12 +2,12 @@
 
 #include "platform/darwin/signedExtent.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <memory>
 #include <string_view>
+
+#include "lib/public/dirStream.h"
 
 namespace {
 
@@ -15,29 +15,12 @@ constexpr uint64_t kMaxEntries = 100'000;
 constexpr int kMaxDepth = 32;  // directories one in the other, each with two descriptors
 constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-struct DirCloser {
-  void operator()(DIR *stream) const noexcept {
-    const ErrnoKeeper keeper;
-    closedir(stream);
-  }
-};
-using DirStream = std::unique_ptr<DIR, DirCloser>;
-
 bool Refuse(int error) {
   errno = error;
   return false;
 }
 
 bool CountBelow(int dir, int depth, PlatformSignedExtent *extent);
-
-// With an offset of its own.
-DirStream OpenStream(int dir) {
-  Fd again(openat(dir, ".", kDirectory));
-  DirStream stream(again ? fdopendir(again.Get()) : nullptr);
-  // The stream owns the descriptor now.
-  if (stream != nullptr) static_cast<void>(again.Release());
-  return stream;
-}
 
 bool CountEntry(int dir, const char *name, int depth, PlatformSignedExtent *extent) {
   struct stat info;
@@ -51,7 +34,8 @@ bool CountEntry(int dir, const char *name, int depth, PlatformSignedExtent *exte
 
 bool CountBelow(int dir, int depth, PlatformSignedExtent *extent) {
   if (depth > kMaxDepth) return Refuse(ELOOP);
-  const DirStream stream = OpenStream(dir);
+  // Opened anew, for an offset of its own.
+  const DirStream stream = DirStreamOf(Fd(openat(dir, ".", kDirectory)));
   if (stream == nullptr) return false;
   for (;;) {
     errno = 0;

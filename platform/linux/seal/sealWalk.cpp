@@ -6,13 +6,12 @@
 
 #include "platform/linux/seal/sealWalk.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstring>
-#include <memory>
 
+#include "lib/public/dirStream.h"
 #include "platform/files.h"
 #include "platform/linux/seal/sealText.h"
 
@@ -20,13 +19,6 @@ namespace {
 
 // Files and links, which the seal's text limits, and directories.
 constexpr size_t kMaxEntries = 2 * kSealMaxItems;
-
-struct DirCloser {
-  void operator()(DIR *dir) const noexcept {
-    const ErrnoKeeper keeper;
-    closedir(dir);
-  }
-};
 
 bool Refuse(int error) {
   errno = error;
@@ -51,11 +43,8 @@ bool SealWalk::Below(int dirFd) {
 
 bool SealWalk::Directory(int fd, int depth) {
   if (depth > kSealMaxDepth) return Refuse(ELOOP);
-  Fd copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
-  if (!copy) return false;
-  const std::unique_ptr<DIR, DirCloser> dir(fdopendir(copy.Get()));
+  const DirStream dir = DirStreamOf(Fd(fcntl(fd, F_DUPFD_CLOEXEC, 0)));
   if (dir == nullptr) return false;
-  static_cast<void>(copy.Release());  // the stream's now
   for (;;) {
     errno = 0;
     const dirent *const entry = readdir(dir.get());
