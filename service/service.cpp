@@ -8,13 +8,13 @@
 #include "service/service.h"
 
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
 #include "lib/public/log.h"
+#include "lib/public/monotonicClock.h"
 #include "opener/serviceImplWire.h"
 
 namespace {
@@ -25,13 +25,6 @@ constexpr int kStarvedMs = 100;
 
 bool IsStarvation(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
-// A clock that nobody sets.
-int64_t NowMs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
 }  // namespace
@@ -50,7 +43,7 @@ bool Service::Wait() {
   for (Connection &connection : slots_.Used()) Watch(connection.Descriptor(), &connection);
   if (!starved_) Watch(listener_.Get(), nullptr);
 
-  const int timeoutMs = starved_ ? kStarvedMs : slots_.MsToEndOfSilence(NowMs());
+  const int timeoutMs = starved_ ? kStarvedMs : slots_.MsToEndOfSilence(MonotonicClock_Ms());
   const int events = poll(watched_.data(), static_cast<nfds_t>(numWatched_), timeoutMs);
   if (events >= 0) return true;
   if (errno == EINTR) {
@@ -78,7 +71,7 @@ void Service::AcceptAll() {
     Fd peer(accept(listener_.Get(), nullptr, nullptr));
     if (peer) {
       starved_ = false;
-      slots_.Greet(std::move(peer), NowMs());
+      slots_.Greet(std::move(peer), MonotonicClock_Ms());
     } else if (!GoOnAfterAcceptFailure(errno)) {
       return;
     }
@@ -115,7 +108,7 @@ bool Service::Run(Fd listener, Fd status, Fd stop) {
       }
       if (!starved_) AcceptAll();
     }
-    slots_.EndSilence(NowMs());
+    slots_.EndSilence(MonotonicClock_Ms());
     if (starved_) AcceptAll();
   }
   return false;

@@ -19,7 +19,7 @@ struct MXUserCondVar {
 namespace {
 
 MXUserCondVar *CreateCondVar(MXUserLock *lock, bool hasMutex) {
-  MXUserPtr<MXUserCondVar> condVar = MXUserNew<MXUserCondVar>();
+  HeapPtr<MXUserCondVar> condVar = Heap_New<MXUserCondVar>();
   if (!hasMutex || pthread_cond_init(&condVar->cond, nullptr) != 0) {
     Panic("%s: native lock initialization routine failed\n", "MXUserCreateCondVar");
   }
@@ -98,7 +98,7 @@ void MXUser_DestroyCondVar(MXUserCondVar *condVar) {
   }
   condVar->signature.Set(0);
   pthread_cond_destroy(&condVar->cond);
-  MXUserPtr<MXUserCondVar>(condVar).reset();
+  HeapPtr<MXUserCondVar>(condVar).reset();
 }
 
 // ---- waiting and waking ----------------------------------------------------------------------

@@ -25,7 +25,7 @@ struct ExclLockDestroyer {
 using ExclLockOwner = std::unique_ptr<MXUserExclLock, ExclLockDestroyer>;
 
 ExclLockOwner NewExclLock(const char *name, MX_Rank rank, const void *creator) {
-  MXUserPtr<MXUserExclLock> lock = MXUserNew<MXUserExclLock>();
+  HeapPtr<MXUserExclLock> lock = Heap_New<MXUserExclLock>();
   MXUserInitLock(lock.get(), kKind, name, rank, creator);
   return ExclLockOwner(lock.release());
 }
@@ -40,7 +40,7 @@ MXUserExclLock *MXUser_CreateSingletonExclLock(std::atomic<MXUserExclLock *> *sl
                                                const char *name, MX_Rank rank) {
   MXUserExclLock *const lock = slot->load(std::memory_order_acquire);
   if (lock != nullptr) return lock;
-  return MXUserInstallOnce(slot, NewExclLock(name, rank, __builtin_return_address(0)));
+  return OnceSlot_Install(slot, NewExclLock(name, rank, __builtin_return_address(0)));
 }
 
 void MXUser_AcquireExclLock(MXUserExclLock *lock) {
@@ -74,7 +74,7 @@ void MXUser_DestroyExclLock(MXUserExclLock *lock) {
     MXUserNativeFailure(*lock, __func__, error);
   MXUserRemoveFromList(lock);
   lock->signature.Set(0);
-  MXUserPtr<MXUserExclLock>(lock).reset();
+  HeapPtr<MXUserExclLock>(lock).reset();
 }
 
 bool MXUser_SetContentionRatioFloorExclLock(MXUserExclLock *lock, double ratioFloor) {

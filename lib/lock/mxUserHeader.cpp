@@ -22,7 +22,7 @@ constinit HeaderState state;
 struct NativeLockDeleter {
   void operator()(MXUserNativeLock *lock) const noexcept {
     lock->Destroy();
-    MXUserDeleter()(lock);
+    HeapDeleter()(lock);
   }
 };
 
@@ -30,10 +30,10 @@ struct NativeLockDeleter {
 MXUserNativeLock *GetListLock() {
   MXUserNativeLock *const lock = state.listLock.load(std::memory_order_acquire);
   if (lock != nullptr) return lock;
-  MXUserPtr<MXUserNativeLock> fresh = MXUserNew<MXUserNativeLock>();
+  HeapPtr<MXUserNativeLock> fresh = Heap_New<MXUserNativeLock>();
   if (fresh->Init() != 0) return nullptr;
-  return MXUserInstallOnce(&state.listLock,
-                           std::unique_ptr<MXUserNativeLock, NativeLockDeleter>(fresh.release()));
+  return OnceSlot_Install(&state.listLock,
+                          std::unique_ptr<MXUserNativeLock, NativeLockDeleter>(fresh.release()));
 }
 
 uint32_t Salt() {

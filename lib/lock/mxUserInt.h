@@ -25,50 +25,10 @@
 #include "lib/public/fatal.h"
 #include "lib/public/heap.h"
 #include "lib/public/mxUser.h"
+#include "lib/public/onceSlot.h"
 #include "platform/threadSelf.h"
 
 // ---- memory ----------------------------------------------------------------------------------
-
-struct MXUserDeleter {
-  template <typename T>
-  void operator()(T *p) const noexcept {
-    std::destroy_at(p);
-    HeapFreer()(p);
-  }
-};
-
-template <typename T>
-using MXUserPtr = std::unique_ptr<T, MXUserDeleter>;
-
-// Room for a T; never null.
-template <typename T>
-[[nodiscard]] void *MXUserAllocate() {
-  if constexpr (alignof(T) <= alignof(std::max_align_t)) {
-    return Heap_SafeMalloc(sizeof(T));
-  } else {
-    void *p = nullptr;
-    if (posix_memalign(&p, alignof(T), sizeof(T)) != 0) Fatal_MemAlloc();
-    return p;
-  }
-}
-
-// A new object, zeroed but for what its type sets; never null.
-template <typename T>
-[[nodiscard]] MXUserPtr<T> MXUserNew() {
-  return MXUserPtr<T>(new (MXUserAllocate<T>()) T{});
-}
-
-// Puts `fresh` into the empty slot, or gives it up when another thread was first; what is in the
-// slot then.
-template <typename T, typename Deleter>
-T *MXUserInstallOnce(std::atomic<T *> *slot, std::unique_ptr<T, Deleter> fresh) {
-  T *winner = nullptr;
-  if (!slot->compare_exchange_strong(winner, fresh.get(), std::memory_order_acq_rel,
-                                     std::memory_order_acquire)) {
-    return winner;
-  }
-  return fresh.release();
-}
 
 // A slot that owns what is installed in it.
 template <typename T>
@@ -79,10 +39,10 @@ class MXUserOnceSlot {
   MXUserOnceSlot() = default;
   MXUserOnceSlot(const MXUserOnceSlot &) = delete;
   MXUserOnceSlot &operator=(const MXUserOnceSlot &) = delete;
-  ~MXUserOnceSlot() { MXUserPtr<T>(value_.load(std::memory_order_acquire)).reset(); }
+  ~MXUserOnceSlot() { HeapPtr<T>(value_.load(std::memory_order_acquire)).reset(); }
 
   T *Get() const { return value_.load(std::memory_order_acquire); }
-  T *Install(MXUserPtr<T> fresh) { return MXUserInstallOnce(&value_, std::move(fresh)); }
+  T *Install(HeapPtr<T> fresh) { return OnceSlot_Install(&value_, std::move(fresh)); }
 };
 
 // A value that one thread at a time changes and that others may read meanwhile: a plain load and

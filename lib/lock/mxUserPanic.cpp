@@ -30,9 +30,9 @@ bool HasAny(const MXUserMxHooks &hooks) {
 
 void MXUser_InstallMxHooks(const MXUserMxHooks &hooks) {
   if (!HasAny(hooks)) return;
-  MXUserPtr<MXUserMxHooks> fresh = MXUserNew<MXUserMxHooks>();
+  HeapPtr<MXUserMxHooks> fresh = Heap_New<MXUserMxHooks>();
   *fresh = hooks;
-  MXUserInstallOnce(&state.hooks, std::move(fresh));
+  OnceSlot_Install(&state.hooks, std::move(fresh));
 }
 
 const MXUserMxHooks &MXUserGetMxHooks() {

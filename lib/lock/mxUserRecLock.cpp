@@ -34,7 +34,7 @@ struct RecLockDropper {
 using RecLockOwner = std::unique_ptr<MXUserRecLock, RecLockDropper>;
 
 RecLockOwner NewRecLock(const char *name, MX_Rank rank, const void *creator) {
-  MXUserPtr<MXUserRecLock> lock = MXUserNew<MXUserRecLock>();
+  HeapPtr<MXUserRecLock> lock = Heap_New<MXUserRecLock>();
   MXUserInitLock(lock.get(), kKind, name, rank, creator);
   return RecLockOwner(lock.release());
 }
@@ -63,7 +63,7 @@ MXUserRecLock *MXUser_CreateSingletonRecLock(std::atomic<MXUserRecLock *> *slot,
                                              MX_Rank rank) {
   MXUserRecLock *const lock = slot->load(std::memory_order_acquire);
   if (lock != nullptr) return lock;
-  return MXUserInstallOnce(slot, NewRecLock(name, rank, __builtin_return_address(0)));
+  return OnceSlot_Install(slot, NewRecLock(name, rank, __builtin_return_address(0)));
 }
 
 MXUserRecLock *MXUser_BindMXMutexRec(MX_MutexRec *external, MX_Rank rank) {
@@ -76,7 +76,7 @@ MXUserRecLock *MXUser_BindMXMutexRec(MX_MutexRec *external, MX_Rank rank) {
   HeapStr ownName(name != nullptr
                       ? Str_SafeAsprintf(nullptr, "%s *", name)
                       : Str_SafeAsprintf(nullptr, "MX_%p", static_cast<void *>(external)));
-  MXUserPtr<MXUserRecLock> lock = MXUserNew<MXUserRecLock>();
+  HeapPtr<MXUserRecLock> lock = Heap_New<MXUserRecLock>();
   MXUserInitHeader(lock.get(), kKind, std::move(ownName), rank);
   lock->serialNumber = MXUserAllocSerialNumber();
   lock->vmmLock = external;
@@ -93,7 +93,7 @@ void MXUser_DecRefRecLock(MXUserRecLock *lock) {
   MX_MutexRec *const external = lock->vmmLock;
   if (external == nullptr) DestroyNative(lock);
   lock->signature.Set(0);
-  MXUserPtr<MXUserRecLock>(lock).reset();
+  HeapPtr<MXUserRecLock>(lock).reset();
 
   const MXUserMxHooks &hooks = MXUserGetMxHooks();
   if (external != nullptr && hooks.unbind != nullptr) hooks.unbind(external);

@@ -21,8 +21,8 @@ struct StatsState {
 
 constinit StatsState state;
 
-MXUserPtr<MXUserAcquireStats> NewAcquireStats() {
-  MXUserPtr<MXUserAcquireStats> stats = MXUserNew<MXUserAcquireStats>();
+HeapPtr<MXUserAcquireStats> NewAcquireStats() {
+  HeapPtr<MXUserAcquireStats> stats = Heap_New<MXUserAcquireStats>();
   stats->ratioFloor.Set(state.ratioFloor.Get());
   stats->countFloor.Set(state.countFloor.Get());
   stats->durationFloor.Set(state.durationFloor.Get());
@@ -30,8 +30,8 @@ MXUserPtr<MXUserAcquireStats> NewAcquireStats() {
   return stats;
 }
 
-MXUserPtr<MXUserHeldStats> NewHeldStats() {
-  MXUserPtr<MXUserHeldStats> stats = MXUserNew<MXUserHeldStats>();
+HeapPtr<MXUserHeldStats> NewHeldStats() {
+  HeapPtr<MXUserHeldStats> stats = Heap_New<MXUserHeldStats>();
   stats->basic.typeName = "h";
   return stats;
 }
@@ -68,9 +68,9 @@ double Part(uint64_t part, uint64_t whole) {
 
 // ---- histograms ------------------------------------------------------------------------------
 
-MXUserPtr<MXUserHisto> MXUserNewHisto(const char *typeName, uint64_t minValue, uint32_t decades) {
+HeapPtr<MXUserHisto> MXUserNewHisto(const char *typeName, uint64_t minValue, uint32_t decades) {
   using Bin = MXUserShared<uint64_t>;
-  MXUserPtr<MXUserHisto> histo = MXUserNew<MXUserHisto>();
+  HeapPtr<MXUserHisto> histo = Heap_New<MXUserHisto>();
   histo->typeName = typeName;
   histo->numBins = kBinsPerDecade * decades;
   histo->minValue = minValue;

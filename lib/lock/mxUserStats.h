@@ -24,8 +24,8 @@ struct MXUserHisto {
 };
 
 // From minValue > 0 on, with 100 bins a decade.
-[[nodiscard]] MXUserPtr<MXUserHisto> MXUserNewHisto(const char *typeName, uint64_t minValue,
-                                                    uint32_t decades);
+[[nodiscard]] HeapPtr<MXUserHisto> MXUserNewHisto(const char *typeName, uint64_t minValue,
+                                                  uint32_t decades);
 
 // What lies below the range goes to the first bin, what lies above to the last.
 void MXUserHistoSample(MXUserHisto *histo, uint64_t value);

@@ -4,11 +4,14 @@
 // HeapArray own them.  errno survives the freeing.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <type_traits>
+#include <utility>
 
 #include "lib/public/errnoKeeper.h"
 #include "lib/public/fatal.h"
@@ -21,6 +24,18 @@ struct HeapFreer {
 };
 
 using HeapStr = std::unique_ptr<char, HeapFreer>;
+
+// Ends an object of Heap_New: its destructor, then free().
+struct HeapDeleter {
+  template <typename T>
+  void operator()(T *object) const noexcept {
+    std::destroy_at(object);
+    HeapFreer()(const_cast<std::remove_const_t<T> *>(object));
+  }
+};
+
+template <typename T>
+using HeapPtr = std::unique_ptr<T, HeapDeleter>;
 
 // An array of plain records: nothing is constructed or destroyed.
 template <typename T>
@@ -42,6 +57,18 @@ template <typename T>
   void *const p = malloc(size == 0 ? 1 : size);
   if (p == nullptr) Fatal_MemAlloc();
   return p;
+}
+
+// A new T, initialised as `T{args...}`; never null.  One that leaves its owner ends in HeapDeleter.
+template <typename T, typename... Args>
+[[nodiscard]] HeapPtr<T> Heap_New(Args &&...args) {
+  void *room = nullptr;
+  if constexpr (alignof(T) <= alignof(std::max_align_t)) {
+    room = Heap_SafeMalloc(sizeof(T));
+  } else if (posix_memalign(&room, alignof(T), sizeof(T)) != 0) {
+    Fatal_MemAlloc();
+  }
+  return HeapPtr<T>(new (room) T{std::forward<Args>(args)...});
 }
 
 // A copy of `s` (not null); never null.

@@ -5,11 +5,10 @@
 #pragma once
 
 #include <atomic>
-#include <memory>
-#include <new>
 #include <type_traits>
 
 #include "lib/public/heap.h"
+#include "lib/public/onceSlot.h"
 
 template <typename T>
 class OnceCell {
@@ -20,11 +19,6 @@ class OnceCell {
   const T &Get(T (*compute)()) {
     const T *value = value_.load(std::memory_order_acquire);
     if (value != nullptr) return *value;
-    std::unique_ptr<T, HeapFreer> mine(new (Heap_SafeMalloc(sizeof(T))) T(compute()));
-    if (value_.compare_exchange_strong(value, mine.get(), std::memory_order_acq_rel,
-                                       std::memory_order_acquire)) {
-      return *mine.release();
-    }
-    return *value;
+    return *OnceSlot_Install(&value_, Heap_New<T>(compute()));
   }
 };

@@ -24,12 +24,13 @@
 #include "lib/public/errnoKeeper.h"
 #include "lib/public/fileIO.h"
 #include "lib/public/log.h"
+#include "lib/public/monotonicClock.h"
 #include "lib/public/mxUser.h"
 #include "lib/public/str.h"
 
 namespace {
 
-constexpr uint64_t kMaxEntryMs = 8000;
+constexpr int64_t kMaxEntryMs = 8000;
 
 constexpr mode_t kDirectoryMode = 0777;
 constexpr int kEntryFileMode = 0644;
@@ -218,7 +219,7 @@ int FileLockCreateEntryDirectory(const FileLockRequest &request, FileLockPlaces 
       DrawNumber(request.lockDir, places);
       error = MakeEntryDirectory(*places);
     }
-    if (error == kAgain && FileLockNowMs() - request.startMs > kMaxEntryMs) {
+    if (error == kAgain && MonotonicClock_Ms() - request.startMs > kMaxEntryMs) {
       Log("FILE: %s lack of progress on '%s'\n", "FileLockCreateEntryDirectory", request.lockDir);
       return EBUSY;
     }

@@ -13,6 +13,7 @@
 
 #include "lib/file/lock/fileLockInt.h"
 #include "lib/public/base64.h"
+#include "lib/public/djb2.h"
 #include "lib/public/fatal.h"
 #include "lib/public/hostinfo.h"
 #include "lib/public/log.h"
@@ -174,9 +175,7 @@ bool FileLockValidExecutionID(const char *executionID) {
 }
 
 FileLockPayload FileLockMakePayload(const char *lockDir) {
-  uint32_t hash = 5381;
-  for (const char *p = lockDir; *p != '\0'; p++) hash = hash * 33 + static_cast<uint8_t>(*p);
   FileLockPayload payload;
-  Str_Sprintf(payload.text, sizeof payload.text, "%u", hash);
+  Str_Sprintf(payload.text, sizeof payload.text, "%u", Djb2_Hash(lockDir));
   return payload;
 }

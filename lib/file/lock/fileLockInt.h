@@ -40,7 +40,7 @@ struct FileLockRequest {
   const char *path;  // of the file to be locked
   const char *lockDir;
   uint32_t msecMaxWait;
-  uint64_t startMs;    // FileLockNowMs when it began
+  int64_t startMs;     // MonotonicClock_Ms when it began
   uint64_t startTime;  // of this process, as in the execution ID
   FileLockMember me;   // number 0 until it has been chosen
 
@@ -157,9 +157,6 @@ struct FileLockPlaces {
 
 // Sleeps a random time of lo to hi milliseconds, also through signals, and returns it.
 uint32_t FileSleeper(uint32_t lo, uint32_t hi);
-
-// Milliseconds of a clock that only goes forward.
-[[nodiscard]] uint64_t FileLockNowMs();
 
 // A number that another process is not likely to get at the same time.  No secret.
 [[nodiscard]] uint32_t FileSimpleRandom();

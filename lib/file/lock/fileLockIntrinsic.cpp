@@ -12,6 +12,7 @@
 #include "lib/file/lock/fileLockInt.h"
 #include "lib/public/fatal.h"
 #include "lib/public/log.h"
+#include "lib/public/monotonicClock.h"
 #include "lib/public/str.h"
 
 namespace {
@@ -57,7 +58,7 @@ FileLockToken *LockPortable(const char *path, bool exclusive, uint32_t msecMaxWa
   FileLockRequest request = {.path = path,
                              .lockDir = lockDir.get(),
                              .msecMaxWait = msecMaxWait,
-                             .startMs = FileLockNowMs(),
+                             .startMs = MonotonicClock_Ms(),
                              .startTime = startTime,
                              .me = {.machineID = FileLockMachineID(),
                                     .executionID = executionID.text,

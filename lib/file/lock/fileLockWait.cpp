@@ -6,6 +6,7 @@
 #include "lib/file/fileInt.h"
 #include "lib/file/lock/fileLockInt.h"
 #include "lib/public/log.h"
+#include "lib/public/monotonicClock.h"
 #include "lib/public/str.h"
 
 namespace {
@@ -38,7 +39,7 @@ int StillThere(const char *lockDir, const char *name, const char *path,
 // Returns whether there is time left; sleeps some of it.
 bool SleepBit(const FileLockRequest &request) {
   if (request.msecMaxWait == FILELOCK_TRYLOCK_WAIT) return false;
-  const uint64_t elapsedMs = FileLockNowMs() - request.startMs;
+  const auto elapsedMs = static_cast<uint64_t>(MonotonicClock_Ms() - request.startMs);
   if (request.msecMaxWait != FILELOCK_INFINITE_WAIT && elapsedMs >= request.msecMaxWait) {
     return false;
   }

@@ -65,9 +65,3 @@ uint32_t FileSleeper(uint32_t lo, uint32_t hi) {
   }
   return ms;
 }
-
-uint64_t FileLockNowMs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
-}

@@ -35,6 +35,7 @@
 #include "lib/public/fatal.h"
 #include "lib/public/heap.h"
 #include "lib/public/log.h"
+#include "lib/public/onceSlot.h"
 
 namespace {
 
@@ -292,10 +293,7 @@ HashTable *HashTable_AllocOnce(std::atomic<HashTable *> *slot, uint32_t numBucke
                                HashTableFreeFn freeFn) {
   HashTable *table = slot->load(std::memory_order_acquire);
   if (table != nullptr) return table;
-  HashTableOwner fresh(HashTable_Alloc(numBuckets, flags, freeFn));
-  const bool won = slot->compare_exchange_strong(table, fresh.get(), std::memory_order_release,
-                                                 std::memory_order_acquire);
-  return won ? fresh.release() : table;
+  return OnceSlot_Install(slot, HashTableOwner(HashTable_Alloc(numBuckets, flags, freeFn)));
 }
 
 void HashTable_Free(HashTable *table) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "lib/public/djb2.h"
 #include "lib/public/heap.h"
 #include "lib/public/hostinfo.h"
 #include "lib/public/log.h"
@@ -37,9 +38,7 @@ uint32_t ComputeHostNameHash() {
     Warning("%s Hostinfo_HostName failure; providing default.\n", "Hostinfo_MachineID");
     return 0;
   }
-  uint32_t hash = 5381;
-  for (const char *p = name.get(); *p != '\0'; p++) hash = hash * 33 + static_cast<uint8_t>(*p);
-  return hash;
+  return Djb2_Hash(name.get());
 }
 
 bool FindLinkAddress(const ifaddrs *list, const char *name, PlatformLinkAddress *address) {

@@ -14,9 +14,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "lib/public/fd.h"
+#include "lib/public/monotonicClock.h"
 #include "platform/process.h"
 
 namespace {
@@ -102,18 +102,12 @@ bool Send(int socket, int item, const char *identifier) {
   return n >= 0;
 }
 
-int64_t Now() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
-}
-
 // Until there is something to read, or the end.  False with errno; ETIMEDOUT.
 bool Await(int socket) {
-  const int64_t end = Now() + kPatience;
+  const int64_t end = MonotonicClock_Ms() + kPatience;
   for (;;) {
     pollfd one = {socket, POLLIN, 0};
-    const int64_t left = end - Now();
+    const int64_t left = end - MonotonicClock_Ms();
     const int n = left <= 0 ? 0 : poll(&one, 1, static_cast<int>(left));
     if (n > 0) return true;
     if (n == 0) errno = ETIMEDOUT;
