@@ -19,15 +19,13 @@
 #include "lib/public/log.h"
 #include "lib/public/str.h"
 #include "opener/location.h"
+#include "opener/rendezvousPlaces.h"
 #include "opener/serviceImpl.h"
 #include "opener/staging.h"
+#include "opener/stagingPlan.h"
 #include "opener/startup.h"
 
 namespace {
-
-constexpr char kServicesDir[] = "Services";
-constexpr char kLockPath[] = "/var/run/Zephrin Lumen Client Services.lock";
-constexpr char kSockPath[] = "/var/run/Zephrin Lumen Client Services.sock";
 
 // The daemon that the bundle carries must be root's before anything else happens.
 bool BundleDaemonIsRootOwned() {
@@ -37,7 +35,7 @@ bool BundleDaemonIsRootOwned() {
 
 // The daemon is started from the root-owned staging tree, never from the bundle.
 char *StagedDaemonPath() {
-  return Str_Asprintf(nullptr, "%s/%s%s", Location_GetInstallRoot(), kServicesDir,
+  return Str_Asprintf(nullptr, "%s%s%s", Location_GetInstallRoot(), kServicesFolder,
                       LocationGetRelative("serviceDaemonFile"));
 }
 
@@ -59,5 +57,5 @@ int main(int argc, char *argv[]) {
     return EXIT_FAILURE;
   }
   ServiceImpl_SetPreStartHook(constructWorkingDir);
-  return ServiceImpl_Opener(argc, argv, 2, kLockPath, kSockPath, daemonPath.get());
+  return ServiceImpl_Opener(argc, argv, 2, kServiceLockPath, kServiceSocketPath, daemonPath.get());
 }

@@ -31,32 +31,13 @@
 #include "opener/codeSignature.h"
 #include "opener/location.h"
 #include "opener/serviceImpl.h"
+#include "opener/stagingPlan.h"
 #include "opener/startup.h"
 #include "platform/files.h"
 
 namespace {
 
 constexpr int kDirMode = 0755;
-
-// Stands for the bundle identifier that the item itself carries.
-constexpr char kOwnIdentifier[] = "zioplug";
-
-enum class SourceOwner : uint8_t { kAnybody, kRoot };
-
-struct Item {
-  const char *key;  // of the location service
-  const char *identifier;
-  mode_t mode;  // of a file's copy
-  SourceOwner owner;
-};
-
-constexpr Item kItems[] = {
-    {"productInfo", "productInfo", 0644, SourceOwner::kAnybody},
-    {"serviceDaemonFile", "Zephrin Lumen Client Services", 0755, SourceOwner::kRoot},
-    {"serviceScriptFile", "services", 0755, SourceOwner::kRoot},
-    {"usbarbFile", "zephrin-usbarbitrator", 0755, SourceOwner::kRoot},
-    {"usbarbKext", kOwnIdentifier, 0755, SourceOwner::kAnybody},
-};
 
 // ---- the folders ------------------------------------------------------------------------------
 
@@ -83,7 +64,7 @@ bool RequireRootsFolder(const char *path) {
   struct stat info;
   const bool known = folder && fstat(folder.Get(), &info) == 0;
   if (!Recorded(known, "look at folder", path)) return false;
-  if (info.st_uid == 0 && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0) return true;
+  if (IsRootsAlone(info)) return true;
   Warning("%s: Folder %s is not root's alone.\n", "constructWorkingDir", path);
   return false;
 }
@@ -153,7 +134,7 @@ bool EmptyCopy(const char *dst) {
 
 // ---- the items --------------------------------------------------------------------------------
 
-bool StageSource(const Item &item, const Source &src, const char *dst) {
+bool StageSource(const StagedItem &item, const Source &src, const char *dst) {
   HeapStr own;
   const char *identifier = item.identifier;
   if (strcmp(identifier, kOwnIdentifier) == 0) {
@@ -172,7 +153,7 @@ bool StageSource(const Item &item, const Source &src, const char *dst) {
   return false;
 }
 
-bool StageItem(const Item &item, const char *services) {
+bool StageItem(const StagedItem &item, const char *services) {
   const bool mustBeRoots = item.owner == SourceOwner::kRoot;
   const HeapStr src(LocationGetRoot(item.key));
   if (src == nullptr || (mustBeRoots && CheckRootOwned(src.get()) != 0)) return false;
@@ -188,7 +169,7 @@ bool StageItem(const Item &item, const char *services) {
 }
 
 bool StageItems(const char *services) {
-  for (const Item &item : kItems) {
+  for (const StagedItem &item : kStagedItems) {
     if (!StageItem(item, services)) return false;
   }
   return true;
@@ -197,7 +178,7 @@ bool StageItems(const char *services) {
 }  // namespace
 
 bool constructWorkingDir() {
-  const HeapStr services(Str_Asprintf(nullptr, "%s%s", Location_GetInstallRoot(), "/Services"));
+  const HeapStr services(Str_Asprintf(nullptr, "%s%s", Location_GetInstallRoot(), kServicesFolder));
   if (services == nullptr) return false;
   // PRIV: the tree is root's, and stays so.
   return ServiceImplWithPrivileges([&] {

@@ -17,12 +17,14 @@ struct PlatformSignedExtent {
 };
 
 struct PlatformSignature {
-  int failure;                  // 0, or the number of the step that failed
-  PlatformSignedExtent extent;  // when failure is 0: no more than this is to be copied
+  int failure = 0;                   // 0, or the number of the step that failed
+  PlatformSignedExtent extent = {};  // when failure is 0: no more than this is to be copied
   // Null; or why nothing could be found out about the item, in a few static words, and the errno, or
   // 0.  The item may then be valid or not; the failure is that of an item that is not.
-  const char *obstacle;
-  int error;
+  const char *obstacle = nullptr;
+  int error = 0;
+  const char *reason = nullptr;  // unless failure is 0: what is wrong, for people, in static words
+  bool noTrust = false;          // the obstacle: this machine trusts nobody's signatures
 };
 
 // Opens the regular file or directory at `path` (not null) for reading, close-on-exec.  Nothing

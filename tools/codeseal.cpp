@@ -103,46 +103,6 @@ SmallFileBytes ReadAnchors(const std::string &path) {
   return anchors;
 }
 
-const char *Reason(SealVerdict verdict) {
-  switch (verdict) {
-    case SealVerdict::Valid:
-      return "valid";
-    case SealVerdict::NoAnchors:
-      return "no certificate among the anchors";
-    case SealVerdict::NoSeal:
-      return "not sealed";
-    case SealVerdict::NotCms:
-      return "the seal is not one signature in DER";
-    case SealVerdict::WeakDigest:
-      return "the signature's digest is not SHA-2";
-    case SealVerdict::BadSignature:
-      return "the signature is wrong";
-    case SealVerdict::Untrusted:
-      return "the certificate does not lead to an anchor now";
-    case SealVerdict::NotForCode:
-      return "the certificate is not for code signing";
-    case SealVerdict::NotMaker:
-      return "the certificate is not in the maker's name";
-    case SealVerdict::OldText:
-      return "sealed in the format's first version, without sizes: sign it anew";
-    case SealVerdict::BadText:
-      return "the text of the seal is malformed";
-    case SealVerdict::OtherName:
-      return "sealed under another identifier";
-    case SealVerdict::Changed:
-      return "something has changed";
-    case SealVerdict::Unlisted:
-      return "something has been added";
-    case SealVerdict::Missing:
-      return "something is missing";
-    case SealVerdict::Unsealable:
-      return "something in it cannot be sealed";
-    case SealVerdict::Unreadable:
-      return "it cannot be read, and may be valid or not";
-  }
-  return "not valid";
-}
-
 Status Verify(const Arguments &arguments) {
   const std::string identifier = arguments.Need("identifier");
   const SmallFileBytes anchors = ReadAnchors(arguments.Get("anchors"));
@@ -151,7 +111,7 @@ Status Verify(const Arguments &arguments) {
   const SealVerdict verdict = SealCheck(item.Get(), identifier.c_str(), anchors.View(), &extent);
   if (verdict == SealVerdict::Valid) return kOk;
   const std::string outcome = verdict == SealVerdict::Unreadable ? "" : "not valid: ";
-  throw std::runtime_error(outcome + Reason(verdict));
+  throw std::runtime_error(outcome + SealVerdictWords(verdict));
 }
 
 Status Show(const Arguments &arguments) {

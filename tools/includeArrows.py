@@ -35,6 +35,7 @@ ARROWS = {
     'lib/file/io': ['platform', 'lib/file/lock'] + LIB,
     'opener': ['platform', 'lib/file/copy'] + LIB[:-1],
     'service': ['platform', 'lib/string', 'opener'],
+    'checker': ['platform', 'opener', 'lib/file/copy'] + LIB,
 }
 # Whoever includes these says nothing about layers: owners, keepers and fatal errors, which no source
 # file stands behind or every program has, and the log, which each program supplies.
@@ -75,6 +76,9 @@ def fault(source, name, sources):
 
 
 def main():
+    if subprocess.run(['git', 'rev-parse', '--git-dir'], capture_output=True).returncode != 0:
+        print('not a git work tree')
+        return 77
     sources = tracked_sources()
     known = set(sources)
     faults = []

@@ -84,6 +84,19 @@ int Verify(const char *path, int item, const char *identifier) {
   return status == errSecSuccess ? kNone : kInvalid;
 }
 
+const char *ReasonOf(int failure) {
+  switch (failure) {
+    case kCode:
+      return "there is nothing that could be signed";
+    case kRequirement:
+      return "the identifier cannot be asked about";
+    case kInvalid:
+      return "it is not signed under the identifier by the maker, or has changed";
+    default:
+      return "its path cannot be expressed";
+  }
+}
+
 bool IsSameFile(const struct stat &one, const struct stat &other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
@@ -111,12 +124,13 @@ PlatformSignature Platform_VerifyCodeSignature(const char *path, int item, const
   struct stat before = {};
   PlatformSignedExtent extent;
   if (item >= 0 && (fstat(item, &before) != 0 || !SignedExtentOf(item, &extent))) {
-    return {kInvalid, {}, "its size cannot be told", errno};
+    const char *const words = "its size cannot be told";
+    return {.failure = kInvalid, .obstacle = words, .error = errno, .reason = words};
   }
   int failure = Verify(path, item, identifier);
   if (failure == kNone && !IsStill(path, item, before)) failure = kInvalid;
-  if (failure != kNone) return {failure, {}, nullptr, 0};
-  return {kNone, extent, nullptr, 0};
+  if (failure != kNone) return {.failure = failure, .reason = ReasonOf(failure)};
+  return {.extent = extent};
 }
 
 void Platform_EndCodeSignatureChecks() {}

@@ -37,14 +37,20 @@ Fd Platform_OpenSignedItem(const char *path) {
 }
 
 PlatformSignature Platform_VerifyCodeSignature(const char *, int item, const char *identifier) {
-  if (item < 0) return {kNothingThere, {}, nullptr, 0};
-  if (strlen(identifier) > kVerifierMaxText) return {kInvalid, {}, nullptr, 0};
-  VerifierAnswer answer;
-  VerifierObstacle obstacle;
-  if (!Ask(VerifierJob::Seals, item, identifier, &answer, &obstacle)) {
-    return {kInvalid, {}, obstacle.words, obstacle.error};
+  if (item < 0) return {.failure = kNothingThere, .reason = "there is no file or folder"};
+  if (strlen(identifier) > kVerifierMaxText) {
+    return {.failure = kInvalid, .reason = "the identifier is too long"};
   }
-  return {kNone, {answer.bytes, answer.entries}, nullptr, 0};
+  VerifierAnswer answer = {};
+  VerifierObstacle obstacle;
+  if (Ask(VerifierJob::Seals, item, identifier, &answer, &obstacle)) {
+    return {.extent = {answer.bytes, answer.entries}};
+  }
+  return {.failure = kInvalid,
+          .obstacle = obstacle.words,
+          .error = obstacle.error,
+          .reason = obstacle.words != nullptr ? obstacle.words : SealVerdictWords(answer.verdict),
+          .noTrust = answer.finding == VerifierFinding::NoAnchors};
 }
 
 PlatformBundleIdentifier Platform_BundleIdentifier(const char *, int item) {

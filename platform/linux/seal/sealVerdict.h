@@ -20,3 +20,6 @@ enum class SealVerdict {
   Unsealable,  // something in it is of a kind that cannot be sealed, lies too deep, or is too much
   Unreadable,  // the item or what belongs to the check cannot be read; it may be valid or not
 };
+
+// A static text for people, about "it", the item; any value may be given.
+[[nodiscard]] const char *SealVerdictWords(SealVerdict verdict);

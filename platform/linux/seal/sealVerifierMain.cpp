@@ -43,6 +43,7 @@ void JudgeSeal(const Anchors &anchors, const Question &question, VerifierAnswer 
   if (verdict == SealVerdict::Valid) {
     verdict = SealCheck(question.item.Get(), question.identifier, anchors.bytes.View(), &extent);
   }
+  answer->verdict = verdict;
   switch (verdict) {
     case SealVerdict::Valid:
       answer->finding = VerifierFinding::Yes;

@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/linux/seal/sealVerdict.h"
+
 // The process has one of these jobs, by its one argument, and its socket as this descriptor.
 inline constexpr char kVerifierSeals[] = "seals";
 inline constexpr char kVerifierIdentifiers[] = "identifiers";
@@ -26,6 +28,7 @@ enum class VerifierFinding : uint32_t {
 struct VerifierAnswer {
   VerifierFinding finding;
   int32_t error;                    // errno, or 0
+  SealVerdict verdict;              // of the job "seals": why the finding is what it is
   uint64_t bytes;                   // of the item; with Yes, of the job "seals"
   uint64_t entries;                 // likewise
   char text[kVerifierMaxText + 8];  // the identifier; with Yes, of the job "identifiers"

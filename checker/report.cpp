@@ -1,0 +1,118 @@
+// report.cpp -- results as lines or as JSON (RFC 8259).
+// Tested by tests/system/check_test.cpp.
+
+#include "checker/report.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "lib/public/codeset.h"
+#include "lib/public/escape.h"
+#include "lib/public/str.h"
+
+namespace {
+
+// As users see it and as scripts read it, in the order of CheckState.
+constexpr const char *kLabels[] = {"ok   ", "FAIL ", "?    "};
+constexpr const char *kNames[] = {"ok", "fail", "unknown"};
+
+bool IsControl(unsigned char byte) {
+  return byte < 0x20 || byte == 0x7F;
+}
+
+// Paths and identifiers may hold anything, a terminal's commands included.
+void PrintClean(const char *text) {
+  const bool isUtf8 = CodeSet_IsValidUTF8(text, strlen(text));
+  for (const char *p = text; *p != '\0'; p++) {
+    const auto byte = static_cast<unsigned char>(*p);
+    const bool isC1 = byte == 0xC2 && static_cast<unsigned char>(p[1]) < 0xA0;
+    putchar(IsControl(byte) || (byte >= 0x80 && (!isUtf8 || isC1)) ? '?' : byte);
+    if (isUtf8 && isC1) p++;
+  }
+}
+
+void PrintJsonString(const char *text) {
+  const bool isUtf8 = CodeSet_IsValidUTF8(text, strlen(text));
+  putchar('"');
+  for (; *text != '\0'; text++) {
+    const auto byte = static_cast<unsigned char>(*text);
+    if (byte == '"' || byte == '\\') {
+      printf("\\%c", byte);
+    } else if (IsControl(byte)) {
+      printf("\\u%04x", byte);
+    } else if (byte >= 0x80 && !isUtf8) {
+      fputs("\\ufffd", stdout);
+    } else {
+      putchar(byte);
+    }
+  }
+  putchar('"');
+}
+
+void PrintJsonMember(const char *name, const char *value) {
+  printf("\"%s\":", name);
+  if (value == nullptr) {
+    fputs("null", stdout);
+  } else {
+    PrintJsonString(value);
+  }
+}
+
+}  // namespace
+
+HeapStr Text(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  HeapStr text(Str_SafeVasprintf(nullptr, format, args));
+  va_end(args);
+  return text;
+}
+
+HeapStr Quoted(const char *text) {
+  HeapStr quoted(Escape_Sh(text, strlen(text), nullptr));
+  if (quoted == nullptr) Fatal_MemAlloc();
+  return quoted;
+}
+
+void Report::PrintLines(CheckState state, const char *check, const char *detail,
+                        const char *mend) const {
+  printf("%s %s: ", kLabels[static_cast<size_t>(state)], check);
+  PrintClean(detail);
+  if (mend != nullptr) {
+    fputs("\n          ", stdout);
+    PrintClean(mend);
+  }
+  putchar('\n');
+}
+
+void Report::PrintObject(CheckState state, const char *check, const char *detail,
+                         const char *mend) const {
+  fputs(count_ == 0 ? "[\n " : ",\n ", stdout);
+  putchar('{');
+  PrintJsonMember("check", check);
+  putchar(',');
+  PrintJsonMember("state", kNames[static_cast<size_t>(state)]);
+  putchar(',');
+  PrintJsonMember("detail", detail);
+  putchar(',');
+  PrintJsonMember("mend", mend);
+  putchar('}');
+}
+
+void Report::Add(CheckState state, const char *check, const HeapStr &detail, const HeapStr &mend) {
+  if (json_) {
+    PrintObject(state, check, detail.get(), mend.get());
+  } else {
+    PrintLines(state, check, detail.get(), mend.get());
+  }
+  count_++;
+  failed_ |= state == CheckState::kFail;
+  unknown_ |= state == CheckState::kUnknown;
+}
+
+bool Report::End() const {
+  if (json_) fputs(count_ == 0 ? "[]\n" : "\n]\n", stdout);
+  return fflush(stdout) == 0 && ferror(stdout) == 0;
+}

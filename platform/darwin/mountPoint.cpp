@@ -1,0 +1,12 @@
+// mountPoint.cpp -- mount points on macOS.
+
+#include "platform/mountPoint.h"
+
+#include <sys/mount.h>
+
+#include <cstring>
+
+bool Platform_IsMountPoint(const char *path) {
+  struct statfs info;
+  return statfs(path, &info) == 0 && strcmp(info.f_mntonname, path) == 0;
+}

@@ -1,0 +1,16 @@
+// mendingCommand.cpp -- the operator's commands on Linux; codeseal(1) signs.
+
+#include "platform/mendingCommand.h"
+
+const char *Platform_SigningCommand() {
+  return "codeseal sign --key KEY.pem --cert CERT.pem --identifier %s %s";
+}
+
+const char *Platform_TrustCommand() {
+  return "install -D -o root -g root -m 644 ANCHORS.pem /etc/zephrin/code-signing-anchors.pem && "
+         "chown root: /etc/zephrin && chmod go-w /etc/zephrin";
+}
+
+const char *Platform_RemountCommand() {
+  return "mount -o remount,%s %s";
+}
