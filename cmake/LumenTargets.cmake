@@ -18,6 +18,9 @@ else()
   set(LUMEN_DIRECT_CALLS -fno-plt)
 endif()
 
+# No path of the machine that builds goes into what is shipped: builds from two folders are the same.
+add_compile_options($<$<CONFIG:Release>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>)
+
 # Of the code here, and nobody else's: what links a library of the project keeps its own warnings.
 add_library(lumen_warnings INTERFACE)
 target_compile_options(lumen_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
