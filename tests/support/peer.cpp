@@ -3,7 +3,6 @@
 #include "tests/support/peer.h"
 
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 

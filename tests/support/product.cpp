@@ -56,7 +56,7 @@ void InstallBundle() {
 }
 
 void InstallProbe() {
-  Shell(R"(install "$LUMEN_PROBE" "$daemon"; sign "$daemon" "$daemon")");
+  Shell(R"(install "$LUMEN_SUPPORT/probeDaemon" "$daemon"; sign "$daemon" "$daemon")");
 }
 
 void InstallOpener(const std::string &program) {

@@ -1,7 +1,7 @@
 // product.h -- the product installed in a sandbox, ready to run.
 //
-// CTest gives in the environment the probe's path, LUMEN_PROBE, the build folder, LUMEN_BUILD, and the
-// folder of makeAuthority and makeBundle, LUMEN_SUPPORT.
+// CTest names in the environment the build folder, LUMEN_BUILD, and the folder of the scripts makeAuthority,
+// makeBundle and probeDaemon, LUMEN_SUPPORT.
 #pragma once
 
 #include "tests/support/process.h"
@@ -23,7 +23,7 @@ inline const std::string kInstallParent = "/Library/Application Support/Zephrin"
 inline const std::string kInstallRoot = kInstallParent + "/Zephrin Calder Lumen";
 inline const std::string kStaged = kInstallRoot + "/Services";
 inline const std::string kStagedDaemon = kStaged + "/Contents/Library/" + kDaemonName;
-inline const std::string kProbeReport = "/var/run/probe.report";  // of tests/system/probeDaemon.cpp
+inline const std::string kProbeReport = "/var/run/probe.report";  // of probeDaemon
 inline constexpr uid_t kUser = 12345;
 
 // Runs shell commands as root in the folder of the bundle's daemon.  They may use

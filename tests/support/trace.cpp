@@ -4,12 +4,7 @@
 
 #include <sys/resource.h>
 
-#include <csignal>
-#include <filesystem>
-#include <regex>
 #include <sstream>
-
-#include "tests/support/scratchDir.h"
 
 Trace::Trace(const std::string &text) {
   static const std::regex call(R"(^(\w+)\(([^,)]*).*)");

@@ -1,18 +1,13 @@
 // caller_test.cpp -- whoever starts the opener: what of theirs reaches the service, what is cleaned
 // before, and what they cannot choose.
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <sstream>
 
 #include "tests/support/peer.h"
 #include "tests/support/product.h"
-#include "tests/support/scratchDir.h"
 
 namespace {
 
@@ -60,7 +55,7 @@ const std::vector<std::string> kKept = {
     "SHELLOPTS",
 };
 
-// The report of probeDaemon.cpp for a service whose descriptors are `sock` and `status`.
+// The report of probeDaemon for a service whose descriptors are `sock` and `status`.
 std::string ExpectedReport(const std::string &sock, const std::string &status, uid_t user) {
   std::ostringstream text;
   text << "argument " << kStagedDaemon << "\nargument " << sock << "\nargument " << status

@@ -2,15 +2,9 @@
 // and their children are stopped and killed, and the service is slow.  LUMEN_ROUNDS makes the crowds
 // larger and the rounds more.
 
-#include <unistd.h>
-
 #include <chrono>
-#include <csignal>
-#include <cstdio>
 #include <deque>
-#include <random>
 #include <set>
-#include <string>
 
 #include "tests/support/product.h"
 

@@ -3,14 +3,10 @@
 // call, and what comes of it.  A run without faults shows which calls there are, and a call without
 // a row fails the test.
 
-#include <cerrno>
-#include <cstring>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 
-#include "tests/support/scratchDir.h"
 #include "tests/support/trace.h"
 
 namespace {

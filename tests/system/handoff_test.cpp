@@ -1,23 +1,12 @@
 // handoff_test.cpp -- one opener and one service, as installed: who starts whom, and what arrives.
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
-#include <filesystem>
-#include <utility>
 
 #include "tests/support/peer.h"
-#include "tests/support/product.h"
-#include "tests/support/scratchDir.h"
 #include "tests/support/trace.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 

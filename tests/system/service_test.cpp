@@ -1,24 +1,17 @@
 // service_test.cpp -- the reference service: no peer harms it or the others, and the user who
 // happened to start it has no power over it.
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <ctime>
 #include <deque>
 
 #include "platform/scheduling.h"
 #include "tests/support/peer.h"
 #include "tests/support/product.h"
-#include "tests/support/sandboxSkip.h"
-#include "tests/support/scratchDir.h"
 
 namespace {
 

@@ -3,21 +3,12 @@
 // system calls that fail.  LUMEN_ROUNDS makes the faults all there are.
 
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
 
-#include <cstring>
-#include <filesystem>
-#include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 
-#include "tests/support/product.h"
-#include "tests/support/scratchDir.h"
 #include "tests/support/trace.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 

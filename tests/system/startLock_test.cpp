@@ -5,11 +5,7 @@
 #include <sys/inotify.h>
 #include <sys/socket.h>
 
-#include <filesystem>
-
 #include "tests/support/peer.h"
-#include "tests/support/product.h"
-#include "tests/support/scratchDir.h"
 #include "tests/support/trace.h"
 
 namespace {

@@ -1,24 +1,18 @@
 // verifier_test.cpp -- the process that reads seals and property lists: what it may not do, what it
 // is left with, and that its end is never taken for a yes.
 
-#include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
-#include <csignal>
 #include <fstream>
 #include <iterator>
-#include <map>
 
 #include "platform/codeSignature.h"
 #include "platform/linux/seal/sealJail.h"
-#include "tests/support/capture.h"
 #include "tests/support/product.h"
-#include "tests/support/scratchDir.h"
 
 namespace {
 bool nobodyAnswers = false;

@@ -4,9 +4,7 @@
 //
 // Linked with --wrap=gettimeofday and the wraps of allocFault.h.
 
-#include <linux/capability.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 
@@ -168,20 +166,10 @@ TEST(Location, FindsTheFilesOfItsBundle) {
   }
 }
 
-// Another effective user takes root's rights away: this program may lie where only they let one look.
-void KeepRights() {
-  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3];
-  ASSERT_EQ(0, syscall(SYS_capget, &header, data));
-  for (auto &word : data) word.effective = word.permitted;
-  ASSERT_EQ(0, syscall(SYS_capset, &header, data));
-}
-
 TEST(Location, ASetUserIdProcessMustDeclareItselfOnce) {
   RUN_AS_ROOT();
   InChild([] {
-    ASSERT_EQ(0, seteuid(65534));
-    KeepRights();
+    ASSERT_EQ(0, setreuid(65534, 0));
     const std::string refusal =
         "Warning: LocationGetRoot: Cannot get location root of a setuid process.\n";
     const std::string invalid = "Warning: Location_Init: Invalid initialization: sUpCount ";
