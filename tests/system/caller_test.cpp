@@ -44,16 +44,11 @@ constexpr struct {
      }},
 };
 
-const std::vector<std::string> kRemoved = {
-    "f=() { :; }; reboot", "BASH_ENV=/x",        "ENV=",
-    "SHELLOPTS=xtrace",    "BASH_FUNC_g%%=() {", "ENV=twin",
-};
-const std::vector<std::string> kKept = {
-    "PATH=/usr/bin:/bin", "MYENV=1",     "XBASH_ENV=1", "env=1",   "ENVIRON=1",
-    "a= () { :;}",        "b=x() { :;}", "c=()  {",     "d=(){ :", "e=k=() {",
-    "short=() ",          "EMPTY=",      "() {",        "ENV",     "BASH_ENV",
-    "SHELLOPTS",
-};
+// What is removed is tested in opener_test.cpp.
+const std::vector<std::string> kRemoved = {"f=() { :; }; reboot", "BASH_ENV=/x",
+                                           "ENV=", "ENV=twin"};
+const std::vector<std::string> kKept = {"PATH=/usr/bin:/bin", "a= () { :;}", "() {", "ENV",
+                                        "EMPTY="};
 
 // The report of probeDaemon for a service whose descriptors are `sock` and `status`.
 std::string ExpectedReport(const std::string &sock, const std::string &status, uid_t user) {
@@ -76,7 +71,7 @@ TEST_F(Caller, LeavesNothingToTheServiceButAnEnvironmentWithoutCode) {
     Launch launch = OpenerLaunch(FileWith(state.name), state.make);
     launch.user = state.user;
     launch.env.insert(launch.env.end(), kKept.begin(), kKept.end());
-    launch.env.insert(launch.env.begin() + 5, kRemoved.begin(), kRemoved.end());
+    launch.env.insert(launch.env.begin() + 3, kRemoved.begin(), kRemoved.end());
     EXPECT_EQ(kDelivered, OutcomeOf(launch));
     EXPECT_TRUE(ServiceRead(state.name));
 

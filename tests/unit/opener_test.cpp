@@ -105,8 +105,9 @@ Entries Scrubbed(Entries entries, const std::function<void()> &scrub = ScrubEnvi
 }
 
 TEST(Scrub, HasTheEffectOfUnsetenv) {
-  const char *const names[] = {"a", "b", "ab", "ENV", "BASH_ENV", "SHELLOPTS", "XENV"};
-  const char *const values[] = {"", "=", "=() {", "=() { x", "=x", "=() ", "=()  {", "=k=() {"};
+  const char *const names[] = {"a", "ab", "ENV", "BASH_ENV", "SHELLOPTS", "XENV", "ENVI", "env"};
+  const char *const values[] = {"",     "=",      "=() {",   "=() { x", "=x",
+                                "=() ", "=()  {", "=k=() {", "=(){ "};
   const std::regex harmful(R"(([^=]*)=\(\) \{.*|((?:BASH_)?ENV|SHELLOPTS)=.*)");
   std::mt19937 random(1);
   for (int i = 0; i < 2000; i++) {
