@@ -2,40 +2,30 @@
 
 #include <sys/wait.h>
 
-#include <memory>
-
 #include "tests/support/test.h"
 
 namespace {
 
-using Scratch = std::unique_ptr<FILE, int (*)(FILE *)>;
-
 // From now on what goes to standard output goes to the file.
-void Redirect(const Scratch &file) {
+void Redirect(const Fd &file) {
   fflush(stdout);
-  if (file == nullptr || dup2(fileno(file.get()), STDOUT_FILENO) < 0) abort();
-}
-
-std::string Contents(const Scratch &file) {
-  const int fd = fileno(file.get());
-  std::string text(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
-  return pread(fd, text.data(), text.size(), 0) == std::ssize(text) ? text : "(not to be read)";
+  if (dup2(file.Get(), STDOUT_FILENO) < 0) abort();
 }
 
 }  // namespace
 
 std::string CaptureOutput(const std::function<void()> &body) {
   const Fd saved(dup(STDOUT_FILENO));
-  const Scratch file(tmpfile(), fclose);
+  const Fd file = FileWith("");
   Redirect(file);
   body();
   dup2(saved.Get(), STDOUT_FILENO);
-  return Contents(file);
+  return ContentOf(file);
 }
 
 ChildResult RunInChild(const std::function<void()> &body) {
   fflush(nullptr);
-  const Scratch file(tmpfile(), fclose);
+  const Fd file = FileWith("");
   const pid_t child = fork();
   if (child == 0) {
     Redirect(file);
@@ -45,7 +35,7 @@ ChildResult RunInChild(const std::function<void()> &body) {
   int status = 0;
   if (child < 0 || waitpid(child, &status, 0) != child) abort();
   ChildResult result;
-  result.output = Contents(file);
+  result.output = ContentOf(file);
   if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
   return result;

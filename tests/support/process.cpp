@@ -5,7 +5,6 @@
 #include <grp.h>
 #include <limits.h>
 #include <sys/inotify.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -108,26 +107,14 @@ Pipe::Pipe() {
 }
 
 size_t OpenDescriptors() {
-  const std::filesystem::directory_iterator files("/dev/fd");
-  return static_cast<size_t>(std::distance(begin(files), end(files)));
-}
-
-Fd FileWith(const std::string &content) {
-  Fd file(memfd_create("content", MFD_CLOEXEC));
-  Check(pwrite(file.Get(), content.data(), content.size(), 0) >= 0, "memfd_create");
-  return file;
-}
-
-std::string ContentOf(const Fd &fd) {
-  return ReadFile("/proc/self/fd/" + std::to_string(fd.Get()));
+  return FilesOf(getpid()).size();
 }
 
 std::map<int, std::string> FilesOf(pid_t pid) {
   std::map<int, std::string> files;
-  for (const auto &entry :
-       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+  for (const auto &entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
     std::error_code closed;
-    const std::string target = std::filesystem::read_symlink(entry.path(), closed);
+    const std::string target = fs::read_symlink(entry.path(), closed);
     files[std::stoi(entry.path().filename())] = target.substr(0, target.find(":["));
   }
   return files;

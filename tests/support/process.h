@@ -24,7 +24,7 @@ class Process {
   pid_t pid_;  // -1 once it has been waited for
 
  public:
-  static constexpr int kTimeoutMs = 30'000;
+  static constexpr int kTimeoutMs = 3'000;
 
   explicit Process(const Launch &launch);
   Process(const Process &) = delete;
@@ -64,12 +64,6 @@ struct Pipe {
 
 // How many descriptors this process has.
 size_t OpenDescriptors();
-
-// A file without a name that holds `content`, at its beginning.
-Fd FileWith(const std::string &content);
-
-// What is in the file that is open as `fd`, from its first byte.
-std::string ContentOf(const Fd &fd);
 
 // What a process has open, by number: a path, or "socket", "pipe" and the like.
 std::map<int, std::string> FilesOf(pid_t pid);

@@ -2,6 +2,9 @@
 
 #include "tests/support/scratchDir.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <fstream>
 #include <sstream>
 
@@ -23,6 +26,16 @@ std::string ScratchDir::Path(const std::string &name) const {
 std::string ScratchDir::Write(const std::string &name, const std::string &content) const {
   std::ofstream(Path(name)) << content;
   return Path(name);
+}
+
+Fd FileWith(const std::string &content) {
+  Fd file(memfd_create("content", MFD_CLOEXEC));
+  if (pwrite(file.Get(), content.data(), content.size(), 0) < 0) abort();
+  return file;
+}
+
+std::string ContentOf(const Fd &fd) {
+  return ReadFile("/proc/self/fd/" + std::to_string(fd.Get()));
 }
 
 std::string ReadFile(const std::string &path) {

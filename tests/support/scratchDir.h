@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <string>
 
+#include "lib/public/fd.h"
+
 class ScratchDir {
   std::filesystem::path path_;
 
@@ -23,3 +25,9 @@ class ScratchDir {
 
 // The whole content of a file; empty when there is none.
 std::string ReadFile(const std::string &path);
+
+// A file without a name that holds `content`, at its beginning.
+Fd FileWith(const std::string &content);
+
+// What is in the file that is open as `fd`, from its first byte.
+std::string ContentOf(const Fd &fd);

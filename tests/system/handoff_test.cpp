@@ -25,6 +25,16 @@ TEST_F(Handoff, TheFirstOpenerStartsTheServiceAndTheNextOneUsesIt) {
   EXPECT_EQ(services, Services());
 }
 
+// Every start is preceded by staging, and no pass leaves anything open but the status pipe's write end.
+TEST_F(Handoff, ADaemonThatDiesAtOnceIsStagedAndStartedAgainAndAgain) {
+  Shell(R"(echo '#!/bin/sh' >"$daemon"; sign "$daemon" "$daemon")");
+  Process opener(OpenerLaunch(
+      FileWith(""), [] { close_range(4, ~0U, 0); }, 3));
+  EXPECT_TRUE(Eventually([&] { return Count(opener.Output(), "construction complete") == 9; }));
+  EXPECT_TRUE(Eventually([&] { return FilesOf(opener.Pid()).size() == 5; }));
+  EXPECT_TRUE(opener.Running());
+}
+
 // ---- the start lock -----------------------------------------------------------------------------
 
 // An open lock file, locked; not open when another process has the lock.

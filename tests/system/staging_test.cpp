@@ -314,7 +314,6 @@ TEST_F(Staging, ASystemCallThatFailsLeavesNothingHalfDone) {
   ASSERT_LT(100U, calls.size());
   // A prime: the calls of the ten checks are alike.
   const size_t stride = Rounds() > 10 ? 1 : 29;
-  int failures = 0;
   for (size_t i = 0; i < calls.size(); i += stride) {
     const std::string number = std::to_string(calls[i].second),
                       error = i % 2 == 0 ? "EIO" : "ENOSPC";
@@ -325,7 +324,6 @@ TEST_F(Staging, ASystemCallThatFailsLeavesNothingHalfDone) {
     if (status == 0) {
       ExpectStaged();
     } else {
-      failures++;
       EXPECT_EQ(1, status);
       ExpectClosed(true);
       const std::string trace = ReadFile(kTracePath);
@@ -335,7 +333,6 @@ TEST_F(Staging, ASystemCallThatFailsLeavesNothingHalfDone) {
     StopServices();
     ExpectStart();
   }
-  printf("%d of %zu calls failed the start\n", failures, (calls.size() + stride - 1) / stride);
 }
 
 }  // namespace

@@ -162,10 +162,11 @@ TEST_F(Verifier, WhatCannotBeReadIsToldApartFromWhatIsNotValid) {
 
 TEST_F(Verifier, NoCallerMakesItSayYes) {
   Shell(R"(cp -a "$daemon" /run/changed; echo >>/run/changed)");
-  std::vector<std::pair<__rlimit_resource_t, rlim_t>> rows = {{RLIMIT_NPROC, 0}, {RLIMIT_CPU, 0}};
-  rows.insert(rows.end(), {{RLIMIT_FSIZE, 1 << 20}, {RLIMIT_STACK, 0}, {RLIMIT_DATA, 0}});
+  std::vector<std::pair<__rlimit_resource_t, rlim_t>> rows = {
+      {RLIMIT_NPROC, 0},       {RLIMIT_CORE, 0},  {RLIMIT_CPU, 0},
+      {RLIMIT_FSIZE, 1 << 20}, {RLIMIT_STACK, 0}, {RLIMIT_DATA, 0}};
   for (rlim_t n = 3; n < 16; n++) rows.emplace_back(RLIMIT_NOFILE, n);
-  int obstacles = 0;
+  int yes = 0, obstacles = 0;
   for (const auto &row : rows) {
     const ChildResult result = RunInChild([&] {
       const rlimit limit = {row.second, row.second};
@@ -182,14 +183,11 @@ TEST_F(Verifier, NoCallerMakesItSayYes) {
     });
     EXPECT_TRUE(result.exitStatus == 0 || result.exitStatus == 1 || result.signal != 0)
         << result.exitStatus << ": limit " << row.first << " " << row.second;
+    yes += result.exitStatus == 0 ? 1 : 0;
     obstacles += result.exitStatus == 1 ? 1 : 0;
   }
+  EXPECT_LT(0, yes);
   EXPECT_LT(1, obstacles);
-  const ChildResult unaware = RunInChild([] {
-    signal(SIGCHLD, SIG_IGN);
-    _exit(Judge(kBundleDaemon).failure);
-  });
-  EXPECT_EQ(0, unaware.exitStatus);
 }
 
 }  // namespace
