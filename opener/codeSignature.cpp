@@ -1,4 +1,5 @@
-// codeSignature.cpp -- what the host finds out about a signature, with a record of each failure.
+// codeSignature.cpp -- asks the host about signatures, and logs each failure.
+// Tests: tests/system/staging_test.cpp, tests/system/verifier_test.cpp
 
 #include "opener/codeSignature.h"
 
@@ -6,14 +7,14 @@
 
 namespace {
 
-// That something could not be checked is told apart from that it is not as it should be.
+// "Could not be checked" has a record of its own, apart from "checked and not valid".
 void LogObstacle(const char *what, const char *path, const char *obstacle, int error) {
   if (obstacle == nullptr) return;
   Log("PrivilegedHelper: The %s of %s could not be checked: %s, errno %d.\n", what, path, obstacle,
       error);
 }
 
-// Null when nothing that could be signed is at the path, or it is open.
+// Null if the item is open, or if nothing that could be signed is at the path.
 const char *OpenObstacle(int item, int error) {
   if (item >= 0) return nullptr;
   switch (error) {

@@ -8,12 +8,11 @@
 
 // Listens on the Mach service `serviceName` (not null), which the launchd job of the program must
 // list, and passes each dictionary that a client sends to `messageHandler` (not null).  Never
-// returns; failures are recorded and the service goes on, also when the name cannot be had.  Only on
-// the main thread, which it ends.
+// returns: failures are logged and the service keeps running, even if the name is not available.  Call
+// it on the main thread, which it ends.
 //
-// The handler is copied; the caller's reference stays the caller's.  It is called on XPC's queues,
-// for several clients at the same time and for one client in order.  It borrows the message.  Nobody
-// answers but the handler, and nobody has asked who the client is: the process ids in the records
-// are no proof, as they are used again.  A handler that does something privileged checks its client
-// first.
+// The handler is copied; the caller keeps its own reference.  XPC calls the handler on its queues,
+// for several clients concurrently and for each client in order.  The message is borrowed.  Replies are
+// the handler's business.  Clients are not authenticated, and the process ids in the log prove nothing,
+// since they are reused: a handler that does anything privileged must check its client first.
 [[noreturn]] void HelperListener_Run(const char *serviceName, xpc_handler_t messageHandler);

@@ -1,5 +1,5 @@
-// helperListenerEvents.cpp -- events of the listener and of its peers: one record each, but for
-// messages.
+// helperListenerEvents.cpp -- events of the listener and of its peers: every one but a message is
+// logged.
 // Tests: tests/unit/helperListener_test.cpp
 
 #include "opener/helperListenerEvents.h"
@@ -12,17 +12,17 @@
 
 namespace {
 
-// The call refuses a larger buffer; a shorter one could be too short.
+// The largest buffer that proc_pidpath accepts, and the smallest that holds every path.
 constexpr uint32_t kPathSize = 4096;
 
-// XPC's own words; null, which the log can print, when it has none.
+// XPC's description; may be null, which the log prints as such.
 const char *Description(xpc_object_t error) {
   return xpc_dictionary_get_string(error, XPC_ERROR_KEY_DESCRIPTION);
 }
 
 void RecordPeer(pid_t pid) {
   char path[kPathSize];
-  const bool known = proc_pidpath(pid, path, sizeof path) > 0;  // not when it has exited already
+  const bool known = proc_pidpath(pid, path, sizeof path) > 0;  // fails if it has exited
   Log("%5d: Received connection from %s\n", pid, known ? path : "unknown process");
 }
 

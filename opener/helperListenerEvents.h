@@ -1,7 +1,7 @@
-// helperListenerEvents.h -- what the helper listener makes of each event that XPC hands it.
+// helperListenerEvents.h -- how the helper listener handles each event from XPC.
 //
-// Apart from the Blocks of helperListener.cpp, so that any compiler takes it.  Any thread may call
-// these.  Events are borrowed.
+// Kept apart from the Blocks of helperListener.cpp, so that any compiler accepts it.  Any thread may
+// call these.  Events are borrowed.
 #pragma once
 
 #include <sys/types.h>
@@ -10,14 +10,14 @@
 #include <optional>
 
 struct HelperPeer {
-  xpc_connection_t connection;  // XPC's own; not resumed yet, without a handler
-  pid_t pid;                    // as it was when the connection came
+  xpc_connection_t connection;  // owned by XPC; not resumed yet, without a handler
+  pid_t pid;                    // at the time of the connection
 };
 
-// The client whose connection `event` is, after a record of its process.  Nothing, after a warning,
-// when the listener was handed anything else.
+// If `event` is a client's new connection, logs the client's process and returns both.  Warns about
+// any other event and returns nothing.
 [[nodiscard]] std::optional<HelperPeer> HelperListenerAdmit(xpc_object_t event);
 
-// Whether `event`, which came over the connection of the process `pid`, is for the message handler.
-// False after a record of what it is instead: the end of the connection, or a surprise.
+// Whether `event`, received on the connection of the process `pid`, is a message for the handler.
+// Any other event is logged: the end of the connection, or something unexpected.
 [[nodiscard]] bool HelperListenerIsMessage(xpc_object_t event, pid_t pid);

@@ -1,11 +1,12 @@
 // location.cpp -- the product's files, found from the path of the running executable.
 //
 //   /Applications/Client.app/Contents/Library/opener        real path of the executable
-//   /Applications/Client.app                                less the up-count of components, here 3
-//   /Applications/Client.app/Contents/Library/services.sh   with the key's path
+//   /Applications/Client.app                                minus "up-count" components, here 3
+//   /Applications/Client.app/Contents/Library/services.sh   plus the path of the key
 //
-// Who can start a program can also start it through a link, so nothing is derived from the path
-// before it is resolved.
+// Anybody who may run the program may run it through a link, so the path is resolved before anything is
+// derived from it.
+// Tests: tests/unit/opener_test.cpp, tests/system/caller_test.cpp
 
 #include "opener/location.h"
 
@@ -81,7 +82,7 @@ HeapStr ExecutableRealPath() {
   return realPath;
 }
 
-// The bundle's root; empty when that is "/", null after a warning.
+// The bundle's root; "" if that is "/"; null after a warning.
 HeapStr BundleRoot() {
   HeapStr path = ExecutableRealPath();
   if (path == nullptr) return nullptr;
@@ -114,7 +115,7 @@ void Location_Init(const char *processTag) {
 char *LocationGetRoot(const char *key) {
   const char *const relative = LocationGetRelative(key);
   if (relative == nullptr) return nullptr;
-  // Whoever starts a set-user-ID program may have linked it to a place of their own.
+  // The user who runs a set-user-ID program may have hard-linked it into a folder of their own.
   if (state.upCount == 0 && geteuid() != getuid()) {
     Warning("%s: Cannot get location root of a setuid process.\n", "LocationGetRoot");
     return nullptr;

@@ -1,13 +1,14 @@
 // log.cpp -- the diagnostic log: one descriptor, three writes a record, nothing else.
 //
-// The process is set-user-ID root, so the log opens no file by itself: it starts on standard
-// output, which belongs to whoever started the program.  It neither allocates nor locks, so that it
-// also works where exhausted memory or a broken lock is what there is to report.
+// The process is set-user-ID root, so the log opens no file by itself: it starts on standard output,
+// which the caller chose.  It neither allocates nor locks, so that it can report exhausted memory or a
+// broken lock.
 //
-// Held:   standard output may be a pipe that nobody empties, a terminal that is stopped, or a file of a
-//         file system that its user serves.  A process that others wait for must not wait for any of
-//         these, so it can have its records kept until they wait no longer.  They are in shared
-//         memory, because children of fork(2) have records, too, and end or exec before that.
+// Held:   a write to standard output can block: on a pipe that nobody empties, a stopped terminal, a
+//         file of a file system that the user serves.  While other processes wait for this one, it must
+//         not block, so its records can be held back until LogRelease.  They are kept in memory
+//         shared with the children of fork(2), which may log and then exit or exec in the meantime.
+// Tests:  tests/unit/opener_test.cpp, tests/system/caller_test.cpp
 
 #include "lib/public/log.h"
 
@@ -30,7 +31,7 @@ namespace {
 
 constexpr size_t kBufferSize = 1024;
 
-// Processes that share it take room in it, each its own.
+// Shared between processes; each piece is written to a range that its writer has reserved.
 struct HeldRecords {
   static constexpr size_t kRoom = size_t{32} << 10;
 
@@ -53,13 +54,13 @@ struct HeldRecords {
 struct LogState {
   std::atomic<int> fd = STDOUT_FILENO;        // -1: logging is off
   std::atomic<HeldRecords *> held = nullptr;  // null: records are written at once
-  HeldRecords *shared = nullptr;              // kept for the next time
+  HeldRecords *shared = nullptr;              // mapped once, then reused
 };
 
 constinit LogState state;
-constinit HeldRecords unshared;  // where there is no memory to share
+constinit HeldRecords unshared;  // if mapping shared memory fails
 
-// There is nowhere to report that the log cannot be written.
+// A log that cannot be written cannot be reported anywhere.
 void WriteIgnoringResult(int fd, const char *bytes, size_t length) {
   [[maybe_unused]] const ssize_t written = write(fd, bytes, length);
 }
@@ -73,7 +74,7 @@ void Put(int fd, std::string_view piece) {
   }
 }
 
-// Local time, cut to milliseconds: a record never bears a time that has not come yet.
+// Local time in milliseconds: truncated, not rounded, so a stamp is never in the future.
 int FormatStamp(char *buffer, size_t size) {
   timeval now;
   gettimeofday(&now, nullptr);
@@ -94,13 +95,13 @@ __attribute__((format(printf, 2, 0))) void WriteRecord(std::string_view tag, con
   if (stampLength >= 0) Put(fd, {buffer, static_cast<size_t>(stampLength)});
   Put(fd, tag);
 
-  // A body that does not fit is dropped, not cut: half a message can mislead, a bare tag cannot.
+  // A body that does not fit is dropped, not truncated: half a message can mislead, a bare tag cannot.
   const int bodyLength = Str_Vsnprintf(buffer, sizeof buffer, format, args);
   if (bodyLength >= 0) Put(fd, {buffer, static_cast<size_t>(bodyLength)});
 }
 
-// The process is about to end, and others may wait for that: what its last words wait for may not take
-// longer than this.
+// Others may be waiting for this process to end, and its last write may block: SIGALRM ends it after a
+// second in any case.
 void EndSoon() {
   struct sigaction action = {};
   action.sa_handler = SIG_DFL;
@@ -160,7 +161,7 @@ void LogRelease() {
   if (lost) Warning("%s: Some records did not fit.\n", "LogRelease");
 }
 
-// Not close-on-exec: the log stands in for standard output, which programs inherit, too.
+// Not close-on-exec: the file replaces standard output, which is inherited across exec as well.
 int LogOpen(const char *path) {
   const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
   state.fd.store(fd, std::memory_order_relaxed);

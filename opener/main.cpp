@@ -1,15 +1,16 @@
 // main.cpp -- lumenClient-opener: delivers one descriptor to the service daemon.
 //
-//   lumenClient-opener FD    hands over the open descriptor FD and exits: 0 delivered, 1 not
+//   lumenClient-opener FD    hands over the open descriptor FD and exits: 0 if delivered, 1 if not
 //   lumenClient-opener       hands over one end of a pipe and stays until it is killed
 //
-// The program is installed set-user-ID root and started by anybody, with any environment, limits,
-// signal dispositions and descriptors.  FillStandardDescriptors sees to it that no socket or lock
-// file gets the number of the log, IgnoreWriteSignals that a log which cannot be written costs its
-// records and nothing else.
+// The program is installed set-user-ID root and may be started by any user with any environment,
+// limits, signal dispositions and descriptors.  FillStandardDescriptors makes sure that no socket or
+// lock file is opened as descriptor 0, 1 or 2; IgnoreWriteSignals makes sure that losing the log costs
+// only log records.
 //
-// Privileges: effective user 0 up to ServiceImpl_PrivLower; from there the caller's, but for the
-// brackets in serviceImpl.cpp and staging.cpp.
+// Privileges: effective user 0 up to ServiceImpl_PrivLower; after that the caller's, except inside
+// ServiceImplWithPrivileges.
+// Tests: tests/system/
 
 #include <sys/stat.h>
 
@@ -27,7 +28,7 @@
 
 namespace {
 
-// The daemon that the bundle carries must be root's before anything else happens.
+// Checked before anything else: the daemon in the bundle must belong to root.
 bool BundleDaemonIsRootOwned() {
   const HeapStr path(LocationGetRoot("serviceDaemonFile"));
   return path != nullptr && CheckRootOwned(path.get()) == 0;

@@ -1,10 +1,10 @@
-// pause.h -- waiting for a time, whatever signals come.
+// pause.h -- sleeping that signals do not cut short.
 #pragma once
 
 #include <cerrno>
 #include <ctime>
 
-// Not shortened by a signal: whoever runs the opener could otherwise make it impatient.
+// A signal does not shorten the pause: the user could otherwise turn a retry loop into a busy one.
 inline void PauseMs(long ms) {
   timespec left = {ms / 1000, ms % 1000 * 1'000'000};
   while (ms > 0 && nanosleep(&left, &left) != 0 && errno == EINTR) continue;

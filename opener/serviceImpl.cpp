@@ -1,26 +1,27 @@
 // serviceImpl.cpp -- getting one descriptor into the service daemon.
 //
 // Idea:   a loop of passes.  Each pass chooses a side (serviceImplSide.cpp): it connects to the
-//         daemon's socket, or, where nobody listens, listens itself.  An opener that listens starts
-//         the daemon, which inherits the listening socket, and then connects like any other in its
-//         next pass.
+//         daemon's socket, or, if nobody listens there, listens itself.  An opener that listens starts
+//         the daemon, which inherits the listening socket, and connects like any other in its next
+//         pass.
 // Races:  only the holder of the start lock listens, stages and starts, and its children keep the lock
-//         until exec: killing the opener does not let another one in while a child of it may still
-//         exec the staged file.  An opener that comes meanwhile connects to the first one's socket and
-//         waits in its queue for the greeting.  If the first one dies before the daemon runs, the
-//         socket goes with it, and those in the queue see an end of file and begin again.
-// Holds:  1. Root only inside ServiceImplWithPrivileges: while the side is chosen and while the
-//            daemon is started.  The bytes are exchanged as the user; an identity that cannot be
-//            switched ends the rendezvous.
-//         2. Descriptors stay in slots (-1: empty) that ServiceImplClose empties.  The daemon gets
-//            the listening socket and the status pipe's read end; its start closes all others, the
-//            start lock last, at exec.  Nothing else here calls exec.
-//         3. A failed system call is logged once and fails the rendezvous.
-//         4. No lock is held during a pause between passes.
-//         5. From the lock file to the end of the choice, and on the server side to the end of the
-//            start, the process is shielded from its user: from signals, and from a log that cannot
-//            be written.  The shield goes down when locks and listener are closed.
-// Format: docs/protocol.md.  Tests: tests/system/
+//         until exec: killing the opener does not admit another one while a child may still exec the
+//         staged file.  Openers that arrive in the meantime connect to the first one's socket and
+//         wait in its queue for the greeting.  If the first one dies before the daemon runs, its
+//         socket is closed; those in the queue see an end of file and start over.
+// Format: docs/protocol.md
+// Invariants:
+//   1. Root only inside ServiceImplWithPrivileges: while choosing the side and while starting the
+//      daemon.  The bytes are exchanged as the user; failing to switch identity ends the rendezvous.
+//   2. Descriptors are kept in variables that are -1 when empty; ServiceImplClose empties them.  The
+//      daemon gets the listening socket and the read end of the status pipe; Hostinfo_Daemonize closes
+//      all others, the start lock last, at exec.  Nothing else here calls exec.
+//   3. A failed system call is logged once and ends the rendezvous.
+//   4. No lock is held during a pause between passes.
+//   5. While choosing the side, and on the server side until the daemon has been started, the process is
+//      shielded from its user: from signals, and from a log that blocks.  The shield is lowered only
+//      after locks and listener have been closed.
+// Tests:  tests/system/handoff_test.cpp, faults_test.cpp, crowd_test.cpp, startLock_test.cpp
 
 #include "opener/serviceImpl.h"
 
@@ -65,7 +66,7 @@ bool RunDaemon(const char *daemonPath, const RendezvousFds &fds, int statusRead)
   });
 }
 
-// Starts the daemon on the listening socket; afterwards the status pipe's write end is in its slot.
+// Starts the daemon on the listening socket, and sets fds->statusWrite.
 bool ServiceImplDaemonStart(const char *daemonPath, RendezvousFds *fds) {
   int ends[2];
   if (pipe(ends) != 0) {
@@ -79,15 +80,15 @@ bool ServiceImplDaemonStart(const char *daemonPath, RendezvousFds *fds) {
 }
 
 Pass ServeOnce(const RendezvousPaths &paths, RendezvousFds *fds) {
-  // Left from an earlier pass, whose daemon did not live to serve this client.
+  // From an earlier pass, whose daemon died before it served this client.
   bool ok = ServiceImplClose(&fds->statusWrite, nullptr);
   ok = ok && (serviceState.preStartHook == nullptr || serviceState.preStartHook());
   ok = ok && ServiceImplDaemonStart(paths.daemonPath, fds);
-  // Others wait for these, so they are closed before this process is its user's again.  The daemon has
-  // its own copy of the socket.
+  // Other openers wait for these, so they are closed before the user may signal this process again.
+  // The daemon has its own copy of the socket.
   ServiceImplClose(&fds->startLock, &ok);
   ServiceImplClose(&fds->sock, &ok);
-  // PRIV: the real user id is root's.
+  // PRIV: only root may give the real user id back.
   ok = ServiceImplWithPrivileges(ServiceImplUnshield) && ok;
   return ok ? Pass::kAgain : Pass::kFailed;
 }
@@ -99,7 +100,7 @@ Pass DeliverOnce(int fd, RendezvousFds *fds) {
     case SERVICEIMPL_READ_BYTE:
       break;
     case SERVICEIMPL_READ_EOF:
-      // The listener went away before it accepted: look for another, or start it.
+      // The listener closed before it accepted: find or start another one.
       return ServiceImplClose(&fds->sock, nullptr) ? Pass::kAgain : Pass::kFailed;
     default:
       return Pass::kFailed;
@@ -126,9 +127,9 @@ Pass ServiceImplPass(int fd, const RendezvousPaths &paths, RendezvousFds *fds) {
   return Pass::kFailed;
 }
 
-// Between passes.  The first repetition comes at once: it is the one that connects to a daemon just
-// started, or replaces a service that was just stopping.  After that, something keeps failing, and
-// the pauses keep it from using up the machine.
+// The pauses between passes.  The second pass follows at once: usually it connects to the daemon just
+// started, or replaces a service that was stopping.  If a third one is needed, something keeps
+// failing; growing pauses keep the loop from consuming the machine.
 class Backoff {
   static constexpr long kLongestMs = 1000;
 
@@ -152,11 +153,11 @@ bool ServiceImplOpener(int fd, const RendezvousPaths &paths) {
   bool ok = pass == Pass::kDelivered;
   ServiceImplClose(&fds.statusWrite, &ok);
   ServiceImplClose(&fds.sock, &ok);
-  LogRelease();  // if an identity could not be switched
+  LogRelease();  // in case the shield could not be lowered
   return ok;
 }
 
-// The daemon gets the read end, and sees its end of file when this process, which alone has the
+// The daemon gets the read end and sees an end of file when this process, the only one that has the
 // write end, dies.
 int ServiceImplShell(const RendezvousPaths &paths) {
   int ends[2];
@@ -175,8 +176,8 @@ int ServiceImplShell(const RendezvousPaths &paths) {
 
 // ---- the library's module set-up ------------------------------------------------------------
 //
-// Other programs of the family read here, from a file, how talkative each module is.  This one
-// reads no configuration, so no level can be set.
+// Other programs of the family read the log level of each module from a file here.  This one reads no
+// configuration, so no level can be set.
 
 void SetUpModules() {}
 
@@ -199,7 +200,7 @@ int ServiceImpl_Opener(int argc, char *argv[], int level, const char *lockPath,
   const RendezvousPaths paths = {lockPath, sockPath, daemonPath};
   if (argc == 1) return ServiceImplShell(paths);
   if (argc == 2) {
-    // Not validated: no number is 0, and a number that nothing has fails when it is sent.
+    // Not validated: text that is no number counts as 0, and a closed descriptor fails when sent.
     const int fd = static_cast<int>(strtol(argv[1], nullptr, 10));
     return ServiceImplOpener(fd, paths) ? EXIT_SUCCESS : EXIT_FAILURE;
   }

@@ -1,15 +1,16 @@
 // serviceImplPriv.cpp -- the user ids of the process: switching the effective one between the caller
-// and root, and keeping the caller's signals out.
+// and root, and the shield against the caller's signals.
 //
-//                          real    effective  saved   who may signal it
+//                          real    effective  saved   may be signalled by
 //   started                user    0          0       the user
 //   lowered                user    user       0       the user
 //   shielded               0       0          0       root
 //   shielded and lowered   0       user       0       root
 //
-// A shield is comfort for others, never safety: a terminal's user can still end the process by a key, a
-// control group can freeze it, and limits and timers that were inherited can end it.  The daemon to be
-// is the user's to signal from its last step before exec on.
+// The shield keeps one user from delaying others; safety never depends on it.  The user can still
+// end the process by a key at its terminal or by an inherited limit or timer, and freeze it by a control
+// group.  The child that becomes the daemon can be signalled again from its last step before exec.
+// Tests: tests/system/caller_test.cpp, faults_test.cpp
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -35,7 +36,7 @@ uid_t Caller() {
   return privState.shielded ? privState.caller : getuid();
 }
 
-// Those by which a terminal stops a process come from the kernel, whoever the process belongs to.
+// The kernel sends these to the processes of a terminal, whatever their user.
 sigset_t StopSignals() {
   sigset_t stops;
   sigemptyset(&stops);
@@ -53,7 +54,7 @@ bool ServiceImpl_PrivLower() {
 }
 
 bool ServiceImpl_PrivRaise() {
-  // PRIV: back to root, which the saved set-user-ID still allows.
+  // PRIV: back to root, which the saved user id still allows.
   if (seteuid(privState.saved) == 0) return true;
   Warning("%s: seteuid errno %d.\n", "ServiceImpl_PrivRaise", errno);
   return false;
@@ -64,7 +65,7 @@ bool ServiceImplShield() {
   const uid_t caller = getuid();
   const sigset_t stops = StopSignals();
   sigprocmask(SIG_BLOCK, &stops, &privState.callerMask);
-  // PRIV: all three ids are root's; the effective one was already.
+  // PRIV: all three ids become root's; the effective one was already.
   if (setreuid(0, 0) == 0) {
     privState.caller = caller;
     privState.shielded = true;
@@ -88,14 +89,14 @@ bool ServiceImplUnshield() {
   return true;
 }
 
-// Linux counts the process as the user's from here on, and where that is one too many it would refuse
-// the exec that follows.  The limit was none for root until now, and must not become one here.
+// From here on Linux counts the process as one of the user's, and would refuse the exec that follows if
+// the user has too many.  The limit did not apply to root, so it is lifted for this step.
 bool ServiceImplGiveDaemonItsUser() {
   rlimit limit = {};
   const bool known = getrlimit(RLIMIT_NPROC, &limit) == 0;
   const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
   const rlimit most = {limit.rlim_max, limit.rlim_max};
-  // The second where even root may not raise a hard limit.
+  // Some hosts do not let even root raise a hard limit: then the soft one is raised to it.
   if (known && setrlimit(RLIMIT_NPROC, &none) != 0) setrlimit(RLIMIT_NPROC, &most);
   const bool given = setreuid(Caller(), 0) == 0;
   const ErrnoKeeper keeper;

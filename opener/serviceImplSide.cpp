@@ -1,18 +1,19 @@
 // serviceImplSide.cpp -- choosing the side under two locks.
 //
-// Idea:   under the lock file, connect.  If nobody listens, also take the start lock, without waiting;
-//         its holder alone may unlink, bind and listen, and keeps it until its daemon runs.
-// Why:    the lock file is free while an opener stages and starts the daemon.  On Linux that is safe
-//         by itself, since a listener never refuses.  On macOS one with a full queue does: without
-//         the second lock, another opener would replace the socket and rebuild the staging tree under
-//         a first one that has already checked it.
-// Repeat: on macOS a refusal may also come from a daemon that runs and is slow to accept.  So the
-//         start lock's new holder repeats the call with both locks held: meanwhile nobody else can
-//         enter the queue, which therefore only drains.  Together these pauses stay below half a
-//         second, since everybody else waits for the lock file.
-// Shield: everybody waits for the holder of a lock, so its user must not be able to stop it.  A server
+// Idea:   connect while holding the lock file.  If nobody listens, also take the start lock, without
+//         waiting.  Only its holder may unlink, bind and listen, and keeps it until the daemon runs.
+// Why:    the lock file is not held while an opener stages and starts the daemon.  On Linux that alone
+//         is safe, since a listener never refuses.  On macOS a listener with a full queue does: without
+//         the second lock, another opener would replace the socket and rebuild the staging tree that
+//         the first one has already checked and is about to execute.
+// Repeat: on macOS a refusal may also come from a running daemon that is slow to accept.  So the new
+//         holder of the start lock repeats the call while it holds both locks: nobody else can enter
+//         the queue, so it can only drain.  The pauses add up to less than half a second, because
+//         all other openers wait for the lock file meanwhile.
+// Shield: all openers wait for the holder of a lock, so its user must not be able to stop it.  A server
 //         stays shielded until its daemon runs.
-// Proof:  docs/models/rendezvous.pml.  Tests: tests/system/
+// Proof:  docs/models/rendezvous.pml
+// Tests:  tests/system/handoff_test.cpp, faults_test.cpp, startLock_test.cpp
 
 #include "opener/serviceImplSide.h"
 
@@ -39,10 +40,10 @@ namespace {
 
 constexpr char kWho[] = "ServiceImplPickSockSide";
 
-// Before each further call after a refusal that proves nothing.
+// The pauses before each further call after a refusal that proves nothing.
 constexpr long kRepeatMs[] = {10, 20, 40, 80, 160};
 
-// `format` takes the procedure and errno.
+// Logs `format` with the procedure's name and errno.
 ServiceImplSide Failed(const char *format) {
   Warning(format, kWho, errno);
   return ServiceImplSide::kNone;
@@ -74,7 +75,7 @@ ServiceImplSide ListenAt(int sock, const sockaddr_un &address) {
   return ServiceImplSide::kServer;
 }
 
-// Under the lock file.  The start lock stays in its slot whatever the result.
+// Called with the lock file held.  Once taken, the start lock stays in *fds whatever the result.
 ServiceImplSide ConnectOrListen(const sockaddr_un &address, const char *lockPath,
                                 RendezvousFds *fds) {
   if (Platform_Connect(fds->sock, address) == 0) return ServiceImplSide::kClient;
@@ -93,9 +94,9 @@ ServiceImplSide ConnectOrListen(const sockaddr_un &address, const char *lockPath
   return Failed("%s: connect errno %d.\n");
 }
 
-// A peer that has gone is to give EPIPE, never a signal.  That is asked for while there is no peer
-// yet: macOS refuses it on a socket whose peer has already gone, and an opener that meets a service
-// which is just stopping begins again.
+// Writing to a peer that has closed must give EPIPE, never a signal.  The option is set before there is
+// a peer: macOS refuses it once the peer has closed, and meeting a service that is just stopping must
+// lead to another pass, not to a failure.
 int MakeSocket() {
   Fd sock(socket(AF_UNIX, SOCK_STREAM, 0));
   if (!sock) {
@@ -117,7 +118,7 @@ ServiceImplSide ChooseUnderLock(const RendezvousPaths &paths, RendezvousFds *fds
   int lock = Platform_OpenLocked(paths.lockPath, O_CREAT, 0600);
   if (lock < 0) return Failed("%s: open errno %d.\n");
   const ServiceImplSide side = ConnectOrListen(address, paths.lockPath, fds);
-  // Not held any longer than this: openers that only want to connect need it.
+  // Released at once: openers that only want to connect need it.
   return ServiceImplClose(&lock, nullptr) ? side : ServiceImplSide::kNone;
 }
 
@@ -131,7 +132,7 @@ ServiceImplSide ServiceImplPickSockSide(const RendezvousPaths &paths, Rendezvous
     fds->sock = MakeSocket();
     if (fds->sock >= 0) side = ChooseUnderLock(paths, fds);
     if (side == ServiceImplSide::kServer) return true;
-    // What others wait for goes before this process is its user's again.
+    // Locks and sockets that others wait for are closed before the user may signal this process again.
     if (side != ServiceImplSide::kClient) ServiceImplClose(&fds->sock, nullptr);
     const bool closed = ServiceImplClose(&fds->startLock, nullptr);
     return ServiceImplUnshield() && closed;

@@ -22,7 +22,7 @@ struct {
   char exchangeByte = 0;
 } wireState;
 
-// Room for the control data of one descriptor, aligned as a header must be.
+// Room for the control data of one descriptor, with the alignment of a header.
 union OneFdControl {
   cmsghdr header;
   char bytes[CMSG_SPACE(sizeof(int))];
@@ -50,7 +50,7 @@ bool IsRights(const cmsghdr &header) {
   return header.cmsg_level == SOL_SOCKET && header.cmsg_type == SCM_RIGHTS;
 }
 
-// Closes the descriptors that lie from `at` to `end`.
+// Closes the descriptors stored in [at, end).
 void CloseAll(const unsigned char *at, const unsigned char *end) {
   for (int fd; end - at >= static_cast<ptrdiff_t>(sizeof fd); at += sizeof fd) {
     memcpy(&fd, at, sizeof fd);
@@ -58,8 +58,8 @@ void CloseAll(const unsigned char *at, const unsigned char *end) {
   }
 }
 
-// The end of the data behind `header`, as far as they lie in the buffer: of control data that has
-// been cut, macOS leaves the sender's length in the header.
+// The end of the data behind `header`, but not beyond the buffer: if control data has been truncated,
+// macOS leaves the sender's length in the header.
 const unsigned char *EndOfData(const msghdr &message, const cmsghdr &header) {
   const auto *const begin = reinterpret_cast<const unsigned char *>(&header);
   const auto *const bufferEnd =
@@ -67,8 +67,8 @@ const unsigned char *EndOfData(const msghdr &message, const cmsghdr &header) {
   return std::min(bufferEnd, begin + header.cmsg_len);
 }
 
-// For messages that are not what was expected: they may hold descriptors all the same.  Some
-// alignments leave room for a second one.
+// An unexpected message may carry descriptors all the same, which this process owns by now.  With the
+// padding of CMSG_SPACE there is room for two.
 void CloseReceived(msghdr *message) {
   for (cmsghdr *header = CMSG_FIRSTHDR(message); header != nullptr;
        header = CMSG_NXTHDR(message, header)) {

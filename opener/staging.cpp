@@ -1,17 +1,18 @@
 // staging.cpp -- the root-owned copies that the daemon runs from.
 //
-// Idea:   the owner of the bundle's folders can exchange what lies in them at any moment, so nothing
-//         is run from there.  Each item is opened once, checked, copied to where only root can
-//         write, and the copy is checked again: that second check is the one that counts, since
-//         nobody can change what it has looked at.  The first one keeps unsigned files from being
-//         copied at all.
-// Holds:  1. Nobody but root gets into the tree before all of it is there (Gate): while it is
-//            copied, a file has its source's owner and mode for a moment.
-//         2. What is copied is what was opened, checked and, where it matters, found to be root's,
-//            whatever has its name by then.  It can still be written to by its owner: no more of it
-//            is copied than was checked, and of a failed copy nothing is kept but the name.
-//         3. Root only inside ServiceImplWithPrivileges.
+// Idea:   the owner of the bundle's folders can replace what is in them at any moment, so nothing is
+//         run from there.  Each item is opened once, checked, copied to where only root can write,
+//         and the copy is checked again.  The second check is the one that counts, since nobody can
+//         change what it has examined; the first one keeps unsigned files from being copied at all.
+// Invariants:
+//   1. Nobody but root can enter the tree before it is complete (SetGate): while a file is being copied,
+//      it has its source's owner and mode for a moment.
+//   2. The file copied is the one that was opened, checked and, where required, found to belong to root,
+//      whatever its name refers to by then.  Its owner can still write to it: no more is copied than was
+//      checked, and of a failed copy only the name is kept.
+//   3. Root only inside ServiceImplWithPrivileges.
 // More:   docs/staging.md
+// Tests:  tests/system/staging_test.cpp
 
 #include "opener/staging.h"
 
@@ -41,7 +42,7 @@ constexpr int kDirMode = 0755;
 
 // ---- the folders ------------------------------------------------------------------------------
 
-// The library makes, removes and copies without a word in the log.  Passes `ok` on.
+// Logs a failure, which the library's file procedures do not, and returns `ok`.
 bool Recorded(bool ok, const char *what, const char *path) {
   if (!ok) Warning("%s: Cannot %s %s, errno %d.\n", "constructWorkingDir", what, path, errno);
   return ok;
@@ -51,14 +52,14 @@ bool MakeFolder(const char *path) {
   return Recorded(File_CreateDirectoryIfAbsent(path, kDirMode), "make folder", path);
 }
 
-// Closes the tree to everybody but root, and opens it when it is complete.
+// The mode of the tree's top: 0700 keeps everybody but root out until the tree is complete.
 bool SetGate(const char *services, mode_t mode) {
   if (chmod(services, mode) == 0) return true;
   Warning("%s: chmod errno %d.\n", "constructWorkingDir", errno);
   return false;
 }
 
-// Whether the folder, and no link to one, is root's and nobody else may write to it.
+// The folder must be a directory and no link to one, belong to root, and be writable by root only.
 bool RequireRootsFolder(const char *path) {
   const Fd folder(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat info;
@@ -69,7 +70,7 @@ bool RequireRootsFolder(const char *path) {
   return false;
 }
 
-// The product's own folders; those above them are the system's.
+// Checks the product's own folders; those above them belong to the system.
 bool MakeInstallRoot() {
   const char *const root = Location_GetInstallRoot();
   char *parent;
@@ -95,7 +96,7 @@ bool MakeFolders(const char *services) {
 
 // ---- the copies -------------------------------------------------------------------------------
 
-// What is copied: open, and by the name that it had when it was opened.
+// An open item, and the path by which it was opened.
 struct Source {
   const char *path;
   int fd;
@@ -107,8 +108,8 @@ bool IsRoots(const Source &src) {
          info.st_gid == 0;
 }
 
-// The copy has the source's data and metadata, but root for its owner, the mode `mode`, and no
-// access list, which could let somebody write all the same.
+// The copy has the source's data and metadata, but belongs to root, has the mode `mode`, and no access
+// control list, which could let others write despite the mode.
 bool CopyFileAsRoot(int from, const char *dst, mode_t mode, uint64_t limit) {
   // The mode is set below.
   const Fd to(open(dst, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
@@ -125,7 +126,7 @@ bool CopyItem(const Source &src, const char *dst, mode_t mode, const PlatformSig
          File_CopyOpenTree(src.fd, src.path, dst, {extent.bytes, extent.entries});
 }
 
-// Leaves the name of a copy that failed, if there is one, and nothing of its content.
+// After a failed copy: if its name exists, keeps the name and removes all content.
 bool EmptyCopy(const char *dst) {
   if (File_IsDirectory(dst)) return File_DeleteDirectoryContent(dst);
   if (File_UnlinkNoFollow(dst) != 0) return errno == ENOENT;
@@ -161,7 +162,7 @@ bool StageItem(const StagedItem &item, const char *services) {
   if (relative == nullptr) return false;
   const HeapStr dst(Str_Asprintf(nullptr, "%s%s", services, relative));
   if (dst == nullptr) return false;
-  // Nothing there: the check says so, with its record.
+  // If this fails, the check below reports it.
   const Fd open = Platform_OpenSignedItem(src.get());
   const Source source = {src.get(), open.Get()};
   if (mustBeRoots && open && !IsRoots(source)) return false;
@@ -180,7 +181,7 @@ bool StageItems(const char *services) {
 bool constructWorkingDir() {
   const HeapStr services(Str_Asprintf(nullptr, "%s%s", Location_GetInstallRoot(), kServicesFolder));
   if (services == nullptr) return false;
-  // PRIV: the tree is root's, and stays so.
+  // PRIV: the tree belongs to root.
   return ServiceImplWithPrivileges([&] {
     const ScopeGuard checks([] { Platform_EndCodeSignatureChecks(); });
     return MakeFolders(services.get()) && StageItems(services.get()) &&

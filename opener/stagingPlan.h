@@ -10,7 +10,7 @@
 // The folder of the tree, below the install root.
 inline constexpr char kServicesFolder[] = "/Services";
 
-// Stands for the bundle identifier that the item itself carries.
+// A placeholder: the item is a bundle, and its own bundle identifier is the one to check.
 inline constexpr char kOwnIdentifier[] = "zioplug";
 
 enum class SourceOwner : uint8_t { kAnybody, kRoot };

@@ -1,4 +1,5 @@
-// startLock.cpp -- one starter of the daemon at a time.
+// startLock.cpp -- only one opener at a time may start the daemon.
+// Tests: tests/system/startLock_test.cpp, handoff_test.cpp
 
 #include "opener/startLock.h"
 

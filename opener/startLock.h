@@ -1,13 +1,11 @@
-// startLock.h -- one starter of the daemon at a time.
+// startLock.h -- only one opener at a time may start the daemon.
 //
-// The lock beside the socket covers the choice of side alone.  From before an opener makes the socket
-// its own until its daemon runs, it holds this second lock as well.  Nobody waits for it.
-//
-// A header of its own, so that a test can show what happens without the lock.
+// The lock file covers only the choice of side.  An opener holds this second lock from before it
+// replaces the socket until its daemon runs.  Nobody waits for it.
 #pragma once
 
 // Takes the lock that goes with the lock file `lockPath` (not null): the file of that name with
-// ".start" appended, made with mode 0600 if absent.  Returns a descriptor, closed on exec; all copies
-// of it, those of children included, must be closed to release the lock.  -1 with errno set: EAGAIN
-// when another process has it.  Needs the rights to write in the folder.
+// ".start" appended, created with mode 0600 if absent.  Returns a close-on-exec descriptor; the lock is
+// released when all copies of it are closed, those of children included.  -1 with errno set: EAGAIN if
+// another process holds it.  The caller must be able to write to the folder.
 [[nodiscard]] int StartLockTake(const char *lockPath);

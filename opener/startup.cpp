@@ -1,4 +1,4 @@
-// startup.cpp -- the environment scrub, what is inherited besides, and the ownership check.
+// startup.cpp -- the environment, descriptors and signals that were inherited, and the ownership check.
 // Tests: tests/unit/opener_test.cpp, tests/system/caller_test.cpp, staging_test.cpp
 
 #include "opener/startup.h"
@@ -17,7 +17,7 @@ extern char **environ;
 
 namespace {
 
-// A value that begins so is a function which a shell defines when it starts.
+// A shell defines a function from a value that begins with this when it starts.
 constexpr std::string_view kFunctionMarker = "() {";
 
 constexpr std::string_view kForbidden[] = {
@@ -26,7 +26,7 @@ constexpr std::string_view kForbidden[] = {
     "SHELLOPTS=",
 };
 
-// All of an entry without "=", which is no variable.
+// An entry without "=" is no variable, and counts as all name.
 std::string_view NameOf(std::string_view entry) {
   return {entry.data(), std::min(entry.find('='), entry.size())};
 }
@@ -54,16 +54,15 @@ char **MoveHarmlessToFront(char **first, char **end) {
 
 }  // namespace
 
-// The effect is that of unsetenv(3) for the name of each harmful entry, which removes every entry of
-// that name.  But unsetenv walks through all of them each time, and the caller decides how many there
-// are.
+// Has the effect of unsetenv(3) for the name of each harmful entry, which removes every entry of that
+// name.  But unsetenv walks the whole environment each time, whose size the caller chooses.
 void ScrubEnvironment() {
   if (environ == nullptr) return;
   char **end = environ;
   while (*end != nullptr) end++;
   char **const harmful = MoveHarmlessToFront(environ, end);
   std::ranges::sort(harmful, end, {}, NameOf);
-  // The empty name, which unsetenv refuses, comes first.
+  // An empty name sorts first; unsetenv refuses it.
   if (harmful != end && NameOf(*harmful).empty()) exit(EXIT_FAILURE);
 
   char **const kept = std::remove_if(environ, harmful, [=](const char *entry) {
@@ -74,7 +73,7 @@ void ScrubEnvironment() {
 
 void FillStandardDescriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
-    // The lowest free number is the one that open takes.
+    // open(2) returns the lowest free number.
     if (fcntl(fd, F_GETFD) == -1 && open("/dev/null", O_RDWR) != fd) exit(EXIT_FAILURE);
   }
 }
