@@ -1,6 +1,6 @@
 // connect.h -- connecting to a Unix-domain socket that may or may not have a listener.
 //
-// A header of its own, so that a test can link another host's behaviour.
+// A header of its own, so that a test can link the other host's behaviour instead.
 #pragma once
 
 #include <sys/un.h>

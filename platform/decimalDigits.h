@@ -3,11 +3,11 @@
 
 // `value` is finite and not negative; `count` is at least 1.  The value is 0.DDD... times ten to
 // the power `*point`, where DDD... are the digits of the result: a new string that the caller
-// frees.  Null with errno ENOMEM when there is no memory.  Any thread.
+// frees.  Null with errno ENOMEM if memory is exhausted.  Any thread.
 
 // `count` significant digits.  Of zero: zeros, with *point 1.
 [[nodiscard]] char *Platform_SignificantDigits(double value, int count, int *point);
 
-// All digits up to the one `count` places behind the decimal point, from the first that is not zero
-// on: none, with *point -count, when all of these are zero.  Of zero: `count` zeros, with *point 0.
+// All digits up to the one `count` places after the decimal point, without leading zeros; if only zeros
+// are left, "" with *point -count.  Of zero: `count` zeros, with *point 0.
 [[nodiscard]] char *Platform_FixedDigits(double value, int count, int *point);

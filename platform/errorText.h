@@ -3,6 +3,6 @@
 
 #include <span>
 
-// The text of the errno value `error`, which lives as long as the buffer (80 bytes are enough); an
-// unknown number gets a text that names it.  errno is unchanged.
+// The text for the errno value `error`, valid as long as `buffer`, for which 80 bytes are enough.  The
+// text for an unknown number contains the number.  errno is unchanged.
 [[nodiscard]] const char *Platform_ErrorText(int error, std::span<char> buffer);

@@ -9,14 +9,14 @@
 
 // Opens the regular file or directory `name` for reading, close-on-exec; `name` (not null) is
 // relative to the directory `dir`, which may be AT_FDCWD.  Nothing of another kind is ever opened,
-// even if it is put there meanwhile: merely opening a device can have side effects, and a FIFO or a
-// lease would make the caller wait.  Empty with errno set: ELOOP for a link at the end of the path,
-// ENOTSUP for another kind, EAGAIN for a file that somebody has leased.
+// even if it is put there in the meantime: merely opening a device can have side effects, and a FIFO or
+// a lease would block the caller.  Empty with errno set: ELOOP for a link at the end of the path,
+// ENOTSUP for any other kind, EAGAIN for a file under a lease.
 [[nodiscard]] Fd Platform_OpenRegularOrDirectory(int dir, const char *name);
 
 // Opens `path` close-on-exec with `flags` and `mode` and waits until it holds an exclusive flock(2)
-// on it; O_TRUNC acts under the lock.  Returns the descriptor, or -1 with errno set: EINTR when a
-// signal came while it waited, EAGAIN in place of waiting with O_NONBLOCK.
+// on it; O_TRUNC takes effect under the lock.  Returns the descriptor, or -1 with errno set: EINTR if a
+// signal interrupts the wait, EAGAIN instead of waiting with O_NONBLOCK.
 [[nodiscard]] int Platform_OpenLocked(const char *path, int flags, mode_t mode);
 
 // Makes the regular file open as `to` a copy of the one open as `from`, which has at most `limit` bytes:
@@ -30,6 +30,6 @@
 // does not come along.
 [[nodiscard]] bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit);
 
-// Takes away the access control list of the open file, so that its mode alone says who may do what.
-// False with errno set; a file or file system without a list is a success.
+// Removes the access control list of the open file, so that its mode alone decides on access.  False
+// with errno set; true for a file or a file system without lists.
 [[nodiscard]] bool Platform_RemoveAccessList(int fd);

@@ -1,8 +1,8 @@
-// freeSpace.h -- the room that a file system has.
+// freeSpace.h -- the free space of a file system.
 #pragma once
 
 #include <cstdint>
 
-// The bytes that an ordinary user may still fill in the file system of `path` (not null).  False with
-// errno set.
+// Stores how many bytes an ordinary user may still fill in the file system of `path` (not null).  False
+// with errno set.
 [[nodiscard]] bool Platform_FreeSpace(const char *path, uint64_t *bytes);

@@ -9,5 +9,5 @@ struct ifaddrs;
 using PlatformLinkAddress = std::array<uint8_t, 6>;
 
 // Whether the address of `entry` is a link-layer address.  Then *address is its first six bytes;
-// one that is shorter, or whose record ends earlier, is filled up with zeros.
+// a shorter address, or a truncated record, is padded with zeros.
 [[nodiscard]] bool Platform_LinkAddress(const ifaddrs &entry, PlatformLinkAddress *address);

@@ -1,15 +1,15 @@
-// processStart.h -- when a process started, to tell it from a later one with the same number.
+// processStart.h -- when a process started, to distinguish it from a later one with the same pid.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
 
-// Stores when the process `pid` (a zombie is one, too) started, in microseconds; 0 when the host
-// does not tell.  All processes of this machine are told the same value while it is up, whatever
-// is done to its clock; two processes never have the same number and the same value, also across
-// a restart of the machine.  False with ESRCH when there is no such process.  Any thread.
+// Stores the start time of the process `pid` (which may be a zombie) in microseconds; 0 if the host does
+// not reveal it.  Until the machine restarts, every process of this machine gets the same value,
+// whatever happens to the clock; no two processes have both the same pid and the same value, not even
+// across a restart.  False with ESRCH if there is no such process.  Any thread.
 //
-// On macOS the value counts from 1970.  On Linux it counts from a moment that differs from one
-// start of the machine to the next: the wall time that the host derives moves with the clock.
+// On macOS the value is the time since 1970.  On Linux its origin differs from one boot to the next,
+// since a wall time derived from the kernel's ticks would move whenever the clock is set.
 [[nodiscard]] bool Platform_ProcessStartTime(pid_t pid, uint64_t *microseconds);

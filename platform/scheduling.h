@@ -1,9 +1,8 @@
-// scheduling.h -- how the host treats a process in comparison with others.
+// scheduling.h -- the priorities that the host gives to a process.
 #pragma once
 
-// Gives the calling process, which is root, what one that the system starts has: priority,
-// scheduling class, priority of its reads and writes, and where the host has them processors,
-// memory nodes, precision of timers and the order in which processes are killed when memory runs
-// out.  All of it is inherited, and an ordinary user may worsen it before starting a set-user-ID
-// program.  As far as the host allows: what it refuses stays as it was, and nothing tells.
+// Resets the calling process, which must be root, to what the system gives its own daemons: priority,
+// scheduling class and I/O priority, and on hosts that have them CPU affinity, memory policy, timer
+// slack and out-of-memory score.  All of it is inherited, and an ordinary user may worsen it before
+// starting a set-user-ID program.  What the host refuses to reset stays as it was, without an error.
 void Platform_ResetScheduling();

@@ -1,7 +1,7 @@
-// unixSocket.h -- stream sockets of the Unix domain.
+// unixSocket.h -- Unix-domain stream sockets.
 //
-// The contract is macOS's: a peer that has gone is an end of file to the reader and EPIPE to the
-// writer, never a signal and never a reset.
+// The contract is that of macOS: if the peer has closed, readers see an end of file and writers get
+// EPIPE, never a signal and never a reset.
 #pragma once
 
 #include <sys/socket.h>
@@ -18,11 +18,11 @@ void Platform_InitUnixAddress(sockaddr_un *address, size_t pathLength);
 // On macOS it fails with EINVAL when the peer has already closed.
 [[nodiscard]] bool Platform_SetNoSigpipe(int sock);
 
-// sendmsg(2) with flags 0 on a socket that Platform_SetNoSigpipe has seen.
+// sendmsg(2) with flags 0, for sockets that were passed to Platform_SetNoSigpipe.
 [[nodiscard]] ssize_t Platform_SendMessage(int sock, const msghdr *message);
 
-// read(2); on a socket, 0 when the peer has gone, whatever it left unread.
+// read(2); on a socket, 0 if the peer has closed, even with data unread.
 [[nodiscard]] ssize_t Platform_Read(int fd, void *buffer, size_t size);
 
-// recvmsg(2) with flags 0; 0 when the peer has gone, whatever it left unread.
+// recvmsg(2) with flags 0; 0 if the peer has closed, even with data unread.
 [[nodiscard]] ssize_t Platform_ReceiveMessage(int sock, msghdr *message);

@@ -81,7 +81,7 @@ Status Sign(const Arguments &arguments) {
   const SealMakerFiles files{arguments.Need("key"), arguments.Need("cert"), arguments.Get("chain")};
   const std::string identifier = arguments.Need("identifier");
   const Fd item = OpenItem(arguments.path);
-  SealMaker_Clear(item.Get());
+  SealMaker_RemoveHalfDone(item.Get());
   SealMaker_Attach(item.Get(), SealMaker_Sign(SealMaker_Text(item.Get(), identifier), files));
   return kOk;
 }

@@ -169,7 +169,7 @@ std::string SealMaker_Sign(const std::string &text, const SealMakerFiles &files)
   return seal;
 }
 
-void SealMaker_Clear(int item) {
+void SealMaker_RemoveHalfDone(int item) {
   if (SealIsDirectory(item) && unlinkat(item, kHalfDone, 0) != 0 && errno != ENOENT) {
     ThrowErrno(kHalfDone);
   }

@@ -17,7 +17,7 @@ struct SealMakerFiles {
 std::string SealMaker_Sign(const std::string &text, const SealMakerFiles &files);
 
 // Takes what an earlier run may have left half done out of a directory.
-void SealMaker_Clear(int item);
+void SealMaker_RemoveHalfDone(int item);
 
 // Puts the seal where the item carries it, in place of an older one.
 void SealMaker_Attach(int item, const std::string &seal);

@@ -1,4 +1,5 @@
 // bundleIdentifier.cpp -- bundle identifiers on macOS, by CoreFoundation.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/codeSignature.h"
 #include "platform/darwin/coreFoundation.h"
@@ -7,7 +8,7 @@ namespace {
 
 enum Failure { kNone = 0, kPath = 1, kUrl = 2, kBundle = 3, kIdentifier = 4 };
 
-// A copy as UTF-8; null when there is none.
+// A copy in UTF-8; null if it cannot be made.
 HeapStr ToUtf8(CFStringRef string) {
   const char *const direct = CFStringGetCStringPtr(string, kCFStringEncodingUTF8);
   if (direct != nullptr) return HeapStr(strdup(direct));
@@ -24,8 +25,8 @@ PlatformBundleIdentifier Platform_BundleIdentifier(const char *path, int item) {
   if (item < 0) return {kBundle, nullptr};
   const CfOwner<CFBundleRef> bundle(CFBundleCreate(nullptr, url.get()));
   if (bundle == nullptr) return {kBundle, nullptr};
-  // It belongs to the bundle, whose property list may have anything but a string there.  The look-up
-  // by key would not help: it prefers the value of a localised list, which is yet another file.
+  // Borrowed from the bundle.  The property list may have a value of any type there.  A look-up by key
+  // would not help: it prefers the value of a localised list, which is yet another file.
   CFStringRef const identifier = CFBundleGetIdentifier(bundle.get());
   if (identifier == nullptr || CFGetTypeID(identifier) != CFStringGetTypeID()) {
     return {kIdentifier, nullptr};

@@ -1,9 +1,10 @@
 // codeSignature.cpp -- code signatures on macOS, by the Security framework.
 //
-// The framework looks items up by their paths.  So the path must lead to the open item when it has
-// finished, and that must not have changed; an item that was exchanged and put back in between goes
-// unnoticed, or one changed below its top.  That is why the copy, where nobody else can do so, is
-// checked again.
+// The framework looks items up by path.  So when it has finished, the path must still lead to the open
+// item, and the item must not have changed.  This misses an item that was replaced and put back in
+// between, and changes below the top of a bundle.  That is why the copy, which nobody else can
+// change, is checked again.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/codeSignature.h"
 
@@ -30,14 +31,14 @@ enum Failure {
   kInvalid = 7
 };
 
-// Whether `identifier` between quotation marks is one string of the requirement language, and %s
-// below reads it alike in each encoding that the user may have set.
+// Whether `identifier` between quotation marks is a single string of the requirement language, and %s
+// below means the same characters in every encoding that the user may have set.
 bool CanBeQuoted(std::string_view identifier) {
   return std::ranges::all_of(identifier,
                              [](char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; });
 }
 
-// The code object of what is at `path`, and open as `item`; null with *failure.
+// The code object for the item at `path`, open as `item`; null with *failure set.
 CfOwner<SecStaticCodeRef> StaticCode(const char *path, int item, int *failure) {
   *failure = kPath;
   const auto string = CfPathString(path);
@@ -54,7 +55,7 @@ CfOwner<SecStaticCodeRef> StaticCode(const char *path, int item, int *failure) {
   return owner;
 }
 
-// The designated requirement for `identifier`; null with *failure.
+// The designated requirement for `identifier`; null with *failure set.
 CfOwner<SecRequirementRef> Requirement(const char *identifier, int *failure) {
   *failure = kText;
   const CfOwner<CFStringRef> text(CFStringCreateWithFormat(
@@ -106,7 +107,7 @@ bool IsUnchanged(const struct stat &before, const struct stat &now) {
          before.st_ctimespec.tv_nsec == now.st_ctimespec.tv_nsec;
 }
 
-// Whether `path` leads to the open item, and that is as it was before.
+// Whether `path` leads to the open item, and the item has not changed.
 bool IsStill(const char *path, int item, const struct stat &before) {
   struct stat named;
   struct stat now;

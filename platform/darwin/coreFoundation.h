@@ -1,4 +1,4 @@
-// coreFoundation.h -- owners of CoreFoundation objects, and texts on their way in and out.
+// coreFoundation.h -- owners of CoreFoundation objects, and conversions of strings.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -12,13 +12,11 @@ struct CfReleaser {
   void operator()(const void *object) const noexcept { CFRelease(object); }
 };
 
-// Owns an object of the reference type Ref, as functions named Create and Copy return it; null
-// owns none.
+// Owns an object of the reference type Ref, as returned by functions named Create and Copy, or none.
 template <typename Ref>
 using CfOwner = std::unique_ptr<std::remove_pointer_t<Ref>, CfReleaser>;
 
-// The path as a string, and as the URL of something that is not said to be a directory; null on
-// failure.
+// The path as a string, and as a URL that is not marked as a directory; null on failure.
 inline CfOwner<CFStringRef> CfPathString(const char *path) {
   return CfOwner<CFStringRef>(CFStringCreateWithCString(nullptr, path, kCFStringEncodingUTF8));
 }
@@ -28,7 +26,7 @@ inline CfOwner<CFURLRef> CfPathUrl(CFStringRef path) {
       CFURLCreateWithFileSystemPath(nullptr, path, kCFURLPOSIXPathStyle, false));
 }
 
-// A copy of the string as UTF-8; null when it cannot be expressed or memory is exhausted.
+// A copy of the string in UTF-8; null if it cannot be converted or memory is exhausted.
 [[nodiscard]] inline HeapStr CfCopyUtf8(CFStringRef string) {
   const CFIndex size =
       CFStringGetMaximumSizeForEncoding(CFStringGetLength(string), kCFStringEncodingUTF8);

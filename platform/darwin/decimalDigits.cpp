@@ -1,5 +1,6 @@
-// decimalDigits.cpp -- decimal digits on macOS: ecvt(3) and fcvt(3), which give as many exact
-// digits as they are asked for, but in memory that they share among all threads.
+// decimalDigits.cpp -- decimal digits on macOS: ecvt(3) and fcvt(3), which return any number of exact
+// digits, but in a buffer that all threads share.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/decimalDigits.h"
 

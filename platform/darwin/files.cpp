@@ -1,4 +1,5 @@
 // files.cpp -- opening with an exclusive lock, and without side effects, on macOS.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/files.h"
 
@@ -16,8 +17,7 @@ bool IsRegularOrDirectory(const struct stat &info) {
 }  // namespace
 
 Fd Platform_OpenRegularOrDirectory(int dir, const char *name) {
-  // macOS cannot find a file without opening it: the kind is asked by name first, and again of what
-  // was opened.
+  // macOS has no O_PATH: the kind of the file is checked by name first, and again once it is open.
   struct stat info;
   if (fstatat(dir, name, &info, AT_SYMLINK_NOFOLLOW) != 0 || !IsRegularOrDirectory(info)) {
     return Fd();

@@ -1,5 +1,5 @@
-// freeSpace.cpp -- room in a file system, on macOS: statfs(2), whose counts have 64 bits; those of
-// statvfs(3) have 32 and end at 16 TiB.
+// freeSpace.cpp -- free space on macOS: statfs(2), whose counts have 64 bits; those of statvfs(3) have
+// 32 and overflow at 16 TiB.
 
 #include "platform/freeSpace.h"
 

@@ -1,4 +1,5 @@
 // linkAddress.cpp -- hardware addresses of interfaces, on macOS: link-level socket addresses.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/linkAddress.h"
 
@@ -9,8 +10,8 @@
 #include <algorithm>
 #include <cstddef>
 
-// The record has the length it states, which may be more or less than sizeof(sockaddr_dl): the
-// interface's name comes first, and the address where the name ends.
+// The length of a record is in sdl_len, and may be more or less than sizeof(sockaddr_dl): its data are
+// the interface's name, followed by the address.
 bool Platform_LinkAddress(const ifaddrs &entry, PlatformLinkAddress *address) {
   if (entry.ifa_addr == nullptr) return false;
   const auto *const link = reinterpret_cast<const sockaddr_dl *>(entry.ifa_addr);

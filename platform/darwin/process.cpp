@@ -1,4 +1,5 @@
 // process.cpp -- the running program and its descriptors, on macOS.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/process.h"
 
@@ -19,9 +20,9 @@ bool IsKept(const int *keep, size_t count, int fd) {
   return false;
 }
 
-// One past the highest descriptor that can be open: the soft limit, or the kernel's limit per process
-// where that is higher.  The soft limit may be unlimited, which sysconf tells as -1, or have been
-// lowered below a descriptor that was open already; root's may be above the kernel's for all others.
+// One past the highest descriptor that can be open: the higher one of the soft limit and the kernel's
+// limit per process.  The soft limit may be unlimited (sysconf returns -1), may have been lowered below
+// a descriptor that is open, and for root may exceed the kernel's limit.
 int DescriptorLimit() {
   int mib[] = {CTL_KERN, KERN_MAXFILESPERPROC};
   int perProcess = 0;

@@ -1,4 +1,4 @@
-// processStart.cpp -- when a process started, on macOS: from the kernel's table of processes.
+// processStart.cpp -- start times of processes on macOS, from the kernel's process table.
 
 #include "platform/processStart.h"
 
@@ -11,7 +11,7 @@ bool Platform_ProcessStartTime(pid_t pid, uint64_t *microseconds) {
   int mib[] = {CTL_KERN, KERN_PROC, KERN_PROC_PID, pid};
   kinfo_proc info;
   size_t size = sizeof info;
-  // Without such a process the call succeeds, with nothing.
+  // If there is no such process, the call succeeds with size 0.
   if (pid > 0 && sysctl(mib, 4, &info, &size, nullptr, 0) == 0 && size > 0) {
     const timeval &start = info.kp_proc.p_starttime;
     *microseconds =
@@ -19,7 +19,7 @@ bool Platform_ProcessStartTime(pid_t pid, uint64_t *microseconds) {
     return true;
   }
   *microseconds = 0;
-  // A sandbox may keep processes from each other's entries.
+  // A sandbox may hide the entries of other processes.
   if (pid > 0 && (kill(pid, 0) == 0 || errno == EPERM)) return true;
   errno = ESRCH;
   return false;

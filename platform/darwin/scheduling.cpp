@@ -1,8 +1,8 @@
-// scheduling.cpp -- how the host treats a process in comparison with others, on macOS.
+// scheduling.cpp -- priorities on macOS.
 //
-// There is no binding to processors, and users have no say in which process is killed when memory
-// runs out.  What a process cannot take off itself stays: a background state that another process
-// imposed (taskpolicy -b -p), and a limit of quality of service that was given at posix_spawn.
+// macOS has no CPU affinity, and users cannot choose which process is killed when memory runs out.  A
+// process cannot undo a background state imposed by another process (taskpolicy -b -p), nor a
+// quality-of-service limit given at posix_spawn.
 
 #include "platform/scheduling.h"
 
@@ -10,6 +10,6 @@
 
 void Platform_ResetScheduling() {
   setpriority(PRIO_PROCESS, 0, 0);
-  setpriority(PRIO_DARWIN_PROCESS, 0, 0);  // out of the background: taskpolicy -b PROGRAM
+  setpriority(PRIO_DARWIN_PROCESS, 0, 0);  // leaves the background: taskpolicy -b PROGRAM
   setiopolicy_np(IOPOL_TYPE_DISK, IOPOL_SCOPE_PROCESS, IOPOL_DEFAULT);
 }

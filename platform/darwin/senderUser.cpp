@@ -1,7 +1,8 @@
-// senderUser.cpp -- the sender of a message, on macOS: the process that used the other end last.
+// senderUser.cpp -- the sender of a message, on macOS: the process that last used the other end.
 //
-// LOCAL_PEERCRED would not do: it has the effective user at connect(2), who is root when a
-// set-user-ID program had to raise itself for that.
+// LOCAL_PEERCRED would not do: it is the effective user at connect(2), and a set-user-ID program may
+// need root's rights to connect.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/senderUser.h"
 
@@ -11,7 +12,7 @@
 
 #include <cerrno>
 
-// The kernel always knows the process.
+// macOS needs no preparation: the kernel always knows the process.
 bool Platform_PrepareForSender(int /*sock*/) {
   return true;
 }
@@ -25,7 +26,7 @@ bool Platform_SenderUser(int sock, uid_t *user) {
   kinfo_proc info;
   size_t infoSize = sizeof info;
   if (sysctl(mib, 4, &info, &infoSize, nullptr, 0) != 0) return false;
-  // Without such a process the call succeeds, with nothing.
+  // If there is no such process, the call succeeds with size 0.
   if (infoSize == 0) {
     errno = ESRCH;
     return false;

@@ -1,4 +1,5 @@
-// signedExtent.cpp -- counting what a file or a bundle has.
+// signedExtent.cpp -- counts the bytes and entries of a file or a bundle.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/darwin/signedExtent.h"
 
@@ -12,7 +13,7 @@
 namespace {
 
 constexpr uint64_t kMaxEntries = 100'000;
-constexpr int kMaxDepth = 32;  // directories one in the other, each with two descriptors
+constexpr int kMaxDepth = 32;  // nested directories; each one needs two descriptors
 constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 bool Refuse(int error) {
@@ -34,7 +35,7 @@ bool CountEntry(int dir, const char *name, int depth, PlatformSignedExtent *exte
 
 bool CountBelow(int dir, int depth, PlatformSignedExtent *extent) {
   if (depth > kMaxDepth) return Refuse(ELOOP);
-  // Opened anew, for an offset of its own.
+  // Opened again, so that it has its own offset.
   const DirStream stream = DirStreamOf(Fd(openat(dir, ".", kDirectory)));
   if (stream == nullptr) return false;
   for (;;) {

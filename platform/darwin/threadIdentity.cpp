@@ -1,8 +1,8 @@
-// threadIdentity.cpp -- the calling thread's identity, on macOS: settid, which has a number but no
-// name in the library.
+// threadIdentity.cpp -- the calling thread's identity, on macOS: settid, a system call without a
+// function in the library.
 //
-// The kernel assumes an identity only for a thread that has none, and only in a process whose own
-// effective user is root; otherwise both calls are EPERM and change nothing.
+// A thread can assume an identity only if it has none so far, and only if the effective user of the
+// process is root; otherwise both calls fail with EPERM and change nothing.
 
 #include "platform/threadIdentity.h"
 
@@ -23,7 +23,7 @@ int Settid(uid_t uid, gid_t gid) {
 
 }  // namespace
 
-int Platform_DropThreadIdentity() {
+int Platform_ResumeProcessIdentity() {
   return Settid(KAUTH_UID_NONE, KAUTH_GID_NONE);
 }
 

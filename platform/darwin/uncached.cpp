@@ -1,4 +1,4 @@
-// uncached.cpp -- open files that bypass the cache, on macOS: two switches of the descriptor.
+// uncached.cpp -- open files that bypass the cache, on macOS: two fcntl(2) settings.
 
 #include "platform/uncached.h"
 
@@ -10,6 +10,6 @@ int Platform_UncachedOpenFlags(bool /*synchronous*/) {
 
 int Platform_SetUncached(int fd, bool synchronous) {
   if (fcntl(fd, F_NOCACHE, 1) == -1) return -1;
-  // Without this one, writes are direct and therefore synchronous.
+  // Without F_NODIRECT, uncached writes are direct, and therefore synchronous.
   return synchronous ? 0 : fcntl(fd, F_NODIRECT, 1);
 }

@@ -1,4 +1,5 @@
 // unicodeNormalize.cpp -- normalisation on macOS, by CoreFoundation.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/unicodeNormalize.h"
 

@@ -1,4 +1,4 @@
-// unixSocket.cpp -- sockets of the Unix domain, on macOS.
+// unixSocket.cpp -- Unix-domain sockets on macOS.
 
 #include "platform/unixSocket.h"
 
@@ -12,7 +12,7 @@ const int kOn = 1;
 
 void Platform_InitUnixAddress(sockaddr_un *address, size_t pathLength) {
   *address = {};
-  // The kernel puts the length argument of connect and bind here; this is for the reader of a dump.
+  // Only for people who read a dump: the kernel uses the length argument of connect and bind.
   address->sun_len = static_cast<unsigned char>(pathLength + 1);
   address->sun_family = AF_UNIX;
 }

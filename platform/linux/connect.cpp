@@ -1,4 +1,5 @@
 // connect.cpp -- connecting to a Unix-domain socket, on Linux.
+// Tests: tests/system/handoff_test.cpp
 
 #include "platform/connect.h"
 

@@ -1,9 +1,10 @@
 // decimalDigits.cpp -- decimal digits on Linux.
 //
-// glibc's ecvt and fcvt stop at 17 digits and are inexact for large exponents; its printf is exact
-// for any number of digits and reentrant.  The digits are taken out of what it prints, whatever the
-// locale's decimal point is.  Values with few decimals that are neither huge nor tiny need no
-// printf: they become whole numbers in exact 128-bit arithmetic.
+// glibc's ecvt and fcvt stop at 17 digits and are inexact for large exponents; its printf is reentrant
+// and exact for any number of digits.  The digits are extracted from its output, whatever the locale's
+// decimal point is.  Values with few decimals that are neither huge nor tiny do not need printf: they
+// are scaled to integers in exact 128-bit arithmetic.
+// Tests: tests/unit/format_test.cpp
 
 #include "platform/decimalDigits.h"
 
@@ -34,7 +35,7 @@ HeapStr Print(const char *format, double value, int count) {
   return text;
 }
 
-// Moves the digits of [from, end) to `to`, which is not behind them, and terminates them there.
+// Moves the digits of [from, end) to `to`, which may be `from` or before it, and terminates them.
 void KeepDigits(char *to, const char *from, const char *end) {
   for (; from < end; ++from) {
     if (isdigit(static_cast<unsigned char>(*from)) != 0) *to++ = *from;
@@ -42,15 +43,15 @@ void KeepDigits(char *to, const char *from, const char *end) {
   *to = '\0';
 }
 
-// As many as 64 bits hold.
+// As many as fit in 64 bits.
 constexpr auto kPowersOf10 = [] {
   std::array<uint64_t, 20> powers{1};
   for (size_t i = 1; i < powers.size(); ++i) powers[i] = 10 * powers[i - 1];
   return powers;
 }();
 
-// `value` times ten to the power `count`, rounded to the nearest whole number, halves to the even
-// one.  False when the numbers are too large to be sure.
+// `value` times ten to the power `count`, rounded to the nearest integer, ties to even.  False if the
+// result might not be exact.
 bool Scale(double value, int count, uint64_t *scaled) {
   constexpr int kFractionBits = DBL_MANT_DIG - 1;
   const uint64_t bits = std::bit_cast<uint64_t>(value);

@@ -1,4 +1,5 @@
 // files.cpp -- opening with an exclusive lock, and without side effects, on Linux.
+// Tests: tests/unit/fileIO_test.cpp, tests/system/staging_test.cpp, verifier_test.cpp, faults_test.cpp
 
 #include "platform/files.h"
 
@@ -10,7 +11,7 @@
 
 namespace {
 
-// What O_TRUNC does; it means nothing to a FIFO or a device.
+// As O_TRUNC, which has no effect on FIFOs and devices.
 bool Empty(int fd) {
   struct stat status;
   if (fstat(fd, &status) != 0) return false;
@@ -20,8 +21,8 @@ bool Empty(int fd) {
 }  // namespace
 
 Fd Platform_OpenRegularOrDirectory(int dir, const char *name) {
-  // O_PATH only finds the file: its kind is known before it is opened for reading, through the
-  // descriptor's own link, which leads to that file whatever the name stands for by then.
+  // O_PATH finds the file without opening it, so its kind is known first.  It is then opened for reading
+  // through the descriptor's link in /proc, which leads to that file whatever the name refers to by then.
   const Fd found(openat(dir, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat info;
   if (!found || fstat(found.Get(), &info) != 0) return Fd();
@@ -31,12 +32,12 @@ Fd Platform_OpenRegularOrDirectory(int dir, const char *name) {
   }
   char link[sizeof "/proc/self/fd/" + 10];
   snprintf(link, sizeof link, "/proc/self/fd/%d", found.Get());
-  // O_NONBLOCK: nobody waits for a lease that the file's owner has taken.
+  // O_NONBLOCK: do not wait for the owner of the file to give up a lease.
   return Fd(open(link, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
 int Platform_OpenLocked(const char *path, int flags, mode_t mode) {
-  // The file is emptied under the lock: before, it belongs to whoever holds that.
+  // Truncated only under the lock: until then the content belongs to the lock's holder.
   Fd fd(open(path, (flags & ~O_TRUNC) | O_CLOEXEC, mode));
   const int wait = (flags & O_NONBLOCK) != 0 ? LOCK_NB : 0;
   if (!fd || flock(fd.Get(), LOCK_EX | wait) != 0) return -1;

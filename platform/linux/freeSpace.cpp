@@ -1,4 +1,4 @@
-// freeSpace.cpp -- room in a file system, on Linux.
+// freeSpace.cpp -- free space of a file system, on Linux.
 
 #include "platform/freeSpace.h"
 

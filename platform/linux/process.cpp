@@ -1,4 +1,5 @@
 // process.cpp -- the running program and its descriptors, on Linux.
+// Tests: tests/unit/daemonize_test.cpp, tests/unit/hostServices_test.cpp
 
 #include "platform/process.h"
 
@@ -17,8 +18,8 @@ bool IsKept(const int *keep, size_t count, int fd) {
   return false;
 }
 
-// The lowest kept descriptor at or above `from`, or -1.  The list is a handful, so looking through
-// it once for each entry beats sorting a copy, and needs no memory.
+// The lowest kept descriptor at or above `from`, or -1.  The list is short: one scan for each entry is
+// cheaper than sorting a copy, and needs no memory.
 int NextKept(const int *keep, size_t count, unsigned from) {
   int next = -1;
   for (size_t i = 0; i < count; i++) {
@@ -28,8 +29,8 @@ int NextKept(const int *keep, size_t count, unsigned from) {
   return next;
 }
 
-// In the gaps between the kept ones, which takes the same time whatever the descriptor limit.  False
-// when the host has no such call: kernels before 5.9, and some sandboxes.
+// Closes the ranges between the kept descriptors, in a time that does not depend on the descriptor
+// limit.  False if close_range is missing: kernels before 5.9, and some sandboxes.
 bool CloseGaps(const int *keep, size_t count) {
   unsigned first = STDERR_FILENO + 1;
   for (int kept; (kept = NextKept(keep, count, first)) >= 0;) {
@@ -40,7 +41,7 @@ bool CloseGaps(const int *keep, size_t count) {
   return close_range(first, ~0U, 0) == 0;
 }
 
-// The number that a name in the list is; -1 for "." and "..".
+// The descriptor that an entry of /proc/self/fd names; -1 for "." and "..".
 int NumberOf(const char *name) {
   int number = 0;
   for (; *name != '\0'; name++) {
@@ -50,12 +51,13 @@ int NumberOf(const char *name) {
   return number;
 }
 
-// Those that /proc lists, also above a limit that was lowered.  False when there is no list, or no
-// number to open it as.  The kernel lists by number, so that closing leaves none out.
+// Closes the descriptors that /proc lists, including those above a limit that was lowered later.  False
+// if there is no list, or no free descriptor to read it.  The kernel lists them in ascending order, so
+// closing some does not make it skip others.
 bool CloseListed(const int *keep, size_t count) {
   const Fd list(open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!list) return false;
-  bool foundItself = false;  // as in a real /proc
+  bool foundItself = false;  // proves that this is a real /proc
   alignas(dirent64) char buffer[1024];
   ssize_t size;
   while ((size = getdents64(list.Get(), buffer, sizeof buffer)) > 0) {
@@ -92,6 +94,6 @@ bool Platform_ExecutablePath(char *buffer, size_t size) {
 void Platform_CloseDescriptorsExcept(const int *keep, size_t count) {
   if (CloseGaps(keep, count) || CloseListed(keep, count)) return;
   CloseBelowLimit(keep, count);
-  // Now there is a number for the list, if that was what it lacked.
+  // If the list could not be read for want of a descriptor, now it can.
   (void)CloseListed(keep, count);
 }

@@ -1,9 +1,9 @@
-// processStart.cpp -- when a process started, on Linux: from /proc.
+// processStart.cpp -- start times of processes on Linux, from /proc.
 //
-// Idea:   /proc/PID/stat has the start in clock ticks since the machine's.  Its sum with the start
-//         of the machine in wall time ("btime") is no identity: that moves whenever the clock is
-//         set, and a live process would look like another one.  The sum with a number made of the
-//         machine's boot id stays, and is another one after a restart.
+// Idea:   /proc/PID/stat has the start in clock ticks since boot.  Adding the wall time of the boot
+//         ("btime") would not give a stable value: it moves whenever the clock is set, and a live
+//         process would look like another one.  So a hash of the boot id is added, which stays the
+//         same until the next boot.
 // Tests:  tests/unit/fileLock_test.cpp
 
 #include "platform/processStart.h"
@@ -22,9 +22,9 @@
 namespace {
 
 constexpr char kBootId[] = "/proc/sys/kernel/random/boot_id";
-constexpr int kStartField = 22;  // of stat; 1 is the number, 2 the name in brackets
+constexpr int kStartField = 22;  // of stat; field 1 is the pid, field 2 the name in parentheses
 
-// Reads the small file into `buffer` and terminates it.  /proc gives such files in one piece.
+// Reads a small file of /proc into `buffer` and terminates it.  One read returns all of it.
 bool ReadSmall(const char *path, char *buffer, size_t size) {
   const Fd fd(open(path, O_RDONLY | O_CLOEXEC));
   const ssize_t length = fd ? read(fd.Get(), buffer, size - 1) : -1;
@@ -40,8 +40,8 @@ uint64_t HashOf(const char *text) {
   return hash | 1;
 }
 
-// Ticks since the machine's start.  The name may hold blanks and brackets, so the fields are counted
-// from the last bracket.
+// Ticks since boot.  The name may contain blanks and parentheses, so fields are counted from the last
+// parenthesis.
 bool StartTicks(pid_t pid, uint64_t *ticks) {
   char path[32];
   char stat[1024];
@@ -61,14 +61,14 @@ bool Platform_ProcessStartTime(pid_t pid, uint64_t *microseconds) {
   uint64_t ticks;
   char bootId[64];
   if (pid > 0 && StartTicks(pid, &ticks)) {
-    // One without the other would differ from what a process that sees both is told.
+    // Without the boot id, 0: ticks alone would differ from the value that other processes get.
     if (ReadSmall(kBootId, bootId, sizeof bootId)) {
       const auto perSecond = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
       *microseconds = HashOf(bootId) + ticks * (1000000 / perSecond);
     }
     return true;
   }
-  // /proc may be missing, or hide other users' processes.
+  // /proc may be missing, or hide the processes of other users.
   if (pid > 0 && (kill(pid, 0) == 0 || errno == EPERM)) return true;
   errno = ESRCH;
   return false;

@@ -1,4 +1,5 @@
-// scheduling.cpp -- how the host treats a process in comparison with others, on Linux.
+// scheduling.cpp -- priorities on Linux.
+// Tests: tests/system/service_test.cpp
 
 #include "platform/scheduling.h"
 
@@ -21,14 +22,14 @@ namespace {
 constexpr size_t kMaxProcessors = 8192;  // more than any kernel is built for
 constexpr unsigned long kTimerSlackNs = 50'000;
 
-// The kernel takes from the set what the machine and the process's cpuset have.
+// The kernel intersects the set with the processors of the machine and of the process's cpuset.
 void AllowAllProcessors() {
   static cpu_set_t all[kMaxProcessors / CPU_SETSIZE];
   memset(all, 0xff, sizeof all);
   sched_setaffinity(0, sizeof all, all);
 }
 
-// A score below 0, which only root can have given, is a protection and stays.
+// A score below 0, which only root can set, is a protection and is kept.
 void ResetOutOfMemoryScore() {
   const Fd file(open("/proc/self/oom_score_adj", O_RDWR | O_CLOEXEC));
   char text[16] = {};
@@ -43,7 +44,7 @@ void Platform_ResetScheduling() {
   const sched_param none = {};
   sched_setscheduler(0, SCHED_OTHER, &none);
   setpriority(PRIO_PROCESS, 0, 0);
-  syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, 0);  // follows the priority
+  syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, 0);  // derived from the nice value
   syscall(SYS_set_mempolicy, MPOL_DEFAULT, nullptr, 0UL);
   prctl(PR_SET_TIMERSLACK, kTimerSlackNs, 0UL, 0UL, 0UL);
   AllowAllProcessors();

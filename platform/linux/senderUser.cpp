@@ -1,7 +1,8 @@
 // senderUser.cpp -- the sender of a message, on Linux: credentials that the kernel attaches.
 //
-// SO_PEERCRED would not do: it has the effective user at connect(2), who is root when a
-// set-user-ID program had to raise itself for that.
+// SO_PEERCRED would not do: it is the effective user at connect(2), and a set-user-ID program may need
+// root's rights to connect.
+// Tests: tests/system/service_test.cpp
 
 #include "platform/senderUser.h"
 
@@ -18,7 +19,7 @@ bool AttachCredentials(int sock, bool wanted) {
   return setsockopt(sock, SOL_SOCKET, SO_PASSCRED, &value, sizeof value) == 0;
 }
 
-// Room for the credentials and nothing else: descriptors stay in a message that is only looked at.
+// Room for the credentials and nothing else: descriptors stay in a message that is only peeked at.
 union CredentialsControl {
   cmsghdr header;
   char bytes[CMSG_SPACE(sizeof(ucred))];
@@ -40,7 +41,7 @@ bool Platform_SenderUser(int sock, uid_t *user) {
   message.msg_control = control.bytes;
   message.msg_controllen = sizeof control.bytes;
   const ssize_t got = recvmsg(sock, &message, MSG_PEEK | MSG_DONTWAIT);
-  // Whoever receives the message next is to find in it what the sender has put there.
+  // Without the option, receiving the message yields only the control data that the sender attached.
   if (got < 0 || !AttachCredentials(sock, false)) return false;
 
   const cmsghdr *const header = CMSG_FIRSTHDR(&message);

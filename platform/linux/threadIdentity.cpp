@@ -1,8 +1,9 @@
 // threadIdentity.cpp -- the calling thread's identity, on Linux: the effective ids, which the kernel
-// keeps for each thread.
+// keeps per thread.
 //
-// The raw system calls, because the library's own change all threads.  What a thread returns to is
-// its saved ids: those of the program file that exec left there.
+// Raw system calls, because the C library's functions change all threads.  A thread returns to its saved
+// ids, which exec has set to the owner's of a set-user-ID program file.
+// Tests: tests/unit/hostServices_test.cpp
 
 #include "platform/threadIdentity.h"
 
@@ -15,7 +16,7 @@
 
 namespace {
 
-// Whether a thread has assumed an identity: the process's own ids do not tell.
+// Whether any thread has assumed an identity, which the ids of the main thread do not show.
 std::atomic<bool> assumed{false};
 
 constexpr uid_t kUnchanged = static_cast<uid_t>(-1);
@@ -26,6 +27,7 @@ int SetEffective(long call, uid_t id) {
 
 struct Ids {
   uid_t real, effective, saved;
+  // exec sets the saved id to the effective one; a difference from then on is a change.
   bool AreStill(unsigned long realAtExec, unsigned long effectiveAtExec) const {
     return real == realAtExec && effective == effectiveAtExec && saved == effectiveAtExec;
   }
@@ -33,9 +35,9 @@ struct Ids {
 
 }  // namespace
 
-// The user first: root may then choose the group.  A process of another user keeps its group, too:
-// nobody would take back what a set-group-ID program gained here.
-int Platform_DropThreadIdentity() {
+// The user first: root may then set the group.  If the process is not root's, the group is not changed
+// either: Platform_AssumeThreadIdentity could not take it back.
+int Platform_ResumeProcessIdentity() {
   Ids user, group;
   if (getresuid(&user.real, &user.effective, &user.saved) != 0 ||
       getresgid(&group.real, &group.effective, &group.saved) != 0) {
@@ -49,7 +51,7 @@ int Platform_DropThreadIdentity() {
   return SetEffective(SYS_setresgid, group.saved);
 }
 
-// The group first: the user may then not be allowed to choose one.
+// The group first: after the switch to `uid`, the thread may no longer be allowed to change it.
 int Platform_AssumeThreadIdentity(uid_t uid, gid_t gid) {
   if (SetEffective(SYS_setresgid, gid) != 0 || SetEffective(SYS_setresuid, uid) != 0) return -1;
   assumed = true;

@@ -1,4 +1,4 @@
-// uncached.cpp -- open files that bypass the cache, on Linux, as far as advice goes.
+// uncached.cpp -- open files that bypass the cache, on Linux, as far as posix_fadvise(2) allows.
 
 #include "platform/uncached.h"
 

@@ -1,4 +1,5 @@
 // unicodeNormalize.cpp -- normalisation on Linux, by ICU, which works on UTF-16.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/unicodeNormalize.h"
 
@@ -17,13 +18,13 @@ struct Units {
   int32_t length = 0;
 };
 
-// Each conversion is asked for the length that it needs, and then done.  Units without data mean
-// failure.
+// Where ICU can report the length of the result, a first call asks for it and a second one converts.
+// Units without data mean failure.
 
 Units FromUtf8(const char *string) {
   const size_t size = strlen(string);
   if (size > INT32_MAX) return {};
-  // No text has more units than bytes.
+  // Never more UTF-16 units than UTF-8 bytes.
   Units units{Heap_Array<UChar>(size)};
   if (units.data == nullptr) return {};
   UErrorCode error = U_ZERO_ERROR;

@@ -1,4 +1,5 @@
-// unixSocket.cpp -- sockets of the Unix domain, on Linux.
+// unixSocket.cpp -- Unix-domain sockets on Linux.
+// Tests: tests/unit/opener_test.cpp, tests/system/faults_test.cpp
 
 #include "platform/unixSocket.h"
 
@@ -8,8 +9,8 @@
 
 namespace {
 
-// A listener that closes resets the connections nobody has accepted, and a peer that closes with
-// bytes unread resets its own; macOS reports an end of file in both cases.
+// Linux resets connections that were not accepted before their listener closed, and those whose peer
+// closes with data unread; macOS reports an end of file in both cases.
 ssize_t ResetIsEndOfFile(ssize_t got) {
   return got < 0 && errno == ECONNRESET ? 0 : got;
 }
@@ -21,8 +22,8 @@ void Platform_InitUnixAddress(sockaddr_un *address, size_t /*pathLength*/) {
   address->sun_family = AF_UNIX;
 }
 
-// Linux has no such option: Platform_SendMessage asks for EPIPE on each call.  What is left is to
-// refuse what macOS would refuse, a descriptor that is not a socket.
+// Linux has no such option: Platform_SendMessage passes a flag with each call.  Here only descriptors
+// that are no sockets are refused, as on macOS.
 bool Platform_SetNoSigpipe(int sock) {
   int type;
   socklen_t size = sizeof type;

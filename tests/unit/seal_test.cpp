@@ -1,5 +1,5 @@
 // seal_test.cpp -- seals, as far as bytes go: their texts, and who may write the anchors.  What seals
-// are believed, and what changes they notice, is tested with the tool: tests/system/seals_test.
+// are believed, and what changes they notice, is tested with the tool: tests/system/codeseal_test.
 
 #include "platform/linux/seal/sealCheck.h"
 #include "platform/linux/seal/sealSignature.h"

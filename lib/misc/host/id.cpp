@@ -20,7 +20,7 @@ uid_t Id_BeginSuperUser() {
   if (uid == kNothingToRestore) Fatal_Verify("lib/misc/idLinux", 925);
   // PRIV: the process's identity is the super-user's.  Where it is not, this fails or changes
   // nothing, and the call inside the bracket tells by its own failure.
-  static_cast<void>(Platform_DropThreadIdentity());
+  static_cast<void>(Platform_ResumeProcessIdentity());
   return uid;
 }
 

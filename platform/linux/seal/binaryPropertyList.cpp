@@ -1,13 +1,15 @@
-// binaryPropertyList.cpp -- property lists in their binary form, as far as one text needs it.
+// binaryPropertyList.cpp -- finds one string in a property list in binary form.
 //
-// Idea:   objects lie anywhere in the file; a table of offsets gives each its number, and the
-//         trailer, the last 32 bytes, says where that table is and how wide its entries are.  An
-//         object begins with a byte: its kind, and its size or that an integer with the size
-//         follows.  A dictionary of n has the n numbers of its keys, then the n of its values.
-// Holds:  1. The list comes from anybody.  Every offset and number is checked against what there is
-//            before it is used, in 64 bits, and nothing is followed further than from the
-//            dictionary to its keys and values.  So the work is bounded by the list's size.
-//         2. Numbers are big-endian and 1, 2, 4 or 8 bytes wide in objects, 1 to 8 in tables.
+// Format: objects may be anywhere in the file.  A table of offsets numbers them; the trailer, the last
+//         32 bytes, says where the table is and how wide its entries are.  An object begins with a byte
+//         that holds its kind and its size, or a mark that an integer with the size follows.  A
+//         dictionary of n entries has the object numbers of its n keys, then those of its n values.
+//         Numbers are big-endian, 1, 2, 4 or 8 bytes wide in objects, 1 to 8 in tables.
+// Invariants:
+//   The list is untrusted.  Every offset and number is checked against the size of the list, in 64
+//   bits, before it is used.  References are followed only from the dictionary to its keys and values,
+//   so the work is bounded by the size of the list.
+// Tests:  tests/unit/bundleIdentifier_test.cpp, fuzz/seal_fuzz.cpp
 
 #include "platform/linux/seal/binaryPropertyList.h"
 
@@ -29,7 +31,7 @@ struct Object {
 };
 
 class Reader {
-  std::string_view list_;  // without the trailer: objects and the table lie in front of it
+  std::string_view list_;  // objects and the table, without the trailer
   uint64_t offsetWidth_ = 0;
   uint64_t numberWidth_ = 0;
   uint64_t objects_ = 0;
@@ -43,7 +45,7 @@ class Reader {
     return number;
   }
 
-  // `count` things of `width` bytes from `at` on lie in the list.
+  // Whether the list has `count` elements of `width` bytes at `at`.
   bool Holds(uint64_t at, uint64_t count, uint64_t width) const {
     return at <= list_.size() && count <= (list_.size() - at) / width;
   }
@@ -68,7 +70,7 @@ class Reader {
     return ObjectAt(*at);
   }
 
-  // Empty for anything but an ASCII text.
+  // Empty for any object but an ASCII string.
   std::string_view AsciiOf(std::optional<uint64_t> number) const {
     const auto object = ObjectOf(number);
     if (!object || object->kind != kAscii || !Holds(object->at, object->count, 1)) return {};

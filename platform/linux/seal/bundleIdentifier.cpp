@@ -1,7 +1,8 @@
 // bundleIdentifier.cpp -- bundle identifiers on Linux, from the property list in XML or binary form.
 //
-// The list is read before anybody has vouched for it, so an XML parser of long standing does the
-// reading, and whatever a property list has no use for ends it: above all entities of its own.
+// The list is untrusted, so a mature XML parser reads it, and anything that a property list does not need
+// makes it stop: above all, declarations of entities.
+// Tests: tests/unit/bundleIdentifier_test.cpp
 
 #include "platform/linux/seal/bundleIdentifier.h"
 
@@ -25,7 +26,7 @@ struct ParserFreer {
 };
 using Parser = std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserFreer>;
 
-// Follows <plist><dict><key>CFBundleIdentifier</key><string>...</string>, and nothing deeper.
+// Finds <plist><dict><key>CFBundleIdentifier</key><string>...</string>; deeper levels are ignored.
 class Search {
   static constexpr size_t kMaxText = 1024;
   static constexpr int kEntryDepth = 3;
@@ -34,8 +35,8 @@ class Search {
   int depth_ = 0;
   bool inPlist_ = false;
   bool inDict_ = false;
-  bool collecting_ = false;  // inside a <key>, or the <string> that is sought
-  bool sought_ = false;      // the last key was the one
+  bool collecting_ = false;  // inside a <key>, or the <string> to be found
+  bool sought_ = false;      // the last key was CFBundleIdentifier
   char text_[kMaxText + 1];
   size_t length_ = 0;
   HeapStr result_;
@@ -57,8 +58,8 @@ class Search {
                                         const XML_Char *) { static_cast<Search *>(self)->Stop(); });
   }
 
-  // Null with errno unless the list was well-formed and has the key, once, with a string that is not
-  // empty.
+  // The string; null with errno set unless the list is well-formed and has the key exactly once, with a
+  // string that is not empty.
   HeapStr Run(std::string_view list) {
     errno = ENODATA;
     if (XML_Parse(parser_, list.data(), static_cast<int>(list.size()), 1) == XML_STATUS_OK) {

@@ -1,5 +1,6 @@
-// codeSignature.cpp -- code signatures on Linux: seals, and the identifiers of bundles.  Both are left
-// to the process without rights; nothing of an item is read here.
+// codeSignature.cpp -- code signatures on Linux: seals, and the identifiers of bundles.  The unprivileged
+// process examines both; nothing of an item is read here.
+// Tests: tests/system/verifier_test.cpp, staging_test.cpp, tests/unit/bundleIdentifier_test.cpp
 
 #include "platform/codeSignature.h"
 
@@ -18,7 +19,7 @@ bool IsDirectory(int item) {
   return item >= 0 && fstat(item, &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// False, with the obstacle if there was one, unless the answer is a yes.
+// True if the answer is yes.  Otherwise sets *obstacle if the item could not be examined.
 bool Ask(VerifierJob job, int item, const char *identifier, VerifierAnswer *answer,
          VerifierObstacle *obstacle) {
   if (!SealVerifierAsk(job, item, identifier, answer, obstacle)) return false;

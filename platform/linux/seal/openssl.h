@@ -1,13 +1,13 @@
-// openssl.h -- how OpenSSL is started, and owners of its objects.
+// openssl.h -- initialisation of OpenSSL, and owners of its objects.
 #pragma once
 
 #include <openssl/crypto.h>
 
 #include <memory>
 
-// To be called before anything else of OpenSSL that does more than read memory; further calls cost
-// nothing.  OpenSSL then reads no configuration file, which could name modules to be loaded,
-// whatever the environment says.
+// Call this before any other function of OpenSSL that does more than read memory; further calls cost
+// nothing.  Keeps OpenSSL from reading a configuration file, which could name modules to load, whatever
+// the environment says.
 [[nodiscard]] inline bool OpensslStart() {
   return OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1;
 }

@@ -1,7 +1,8 @@
-// sealCheck.cpp -- whether an item is what its seal says.
+// sealCheck.cpp -- checks an item against its seal.
 //
-// The seal's signature comes first: nothing else of it is looked at while anybody may have written
-// it.  Then what is there is compared with what it lists.
+// The signature is verified first: before that, anybody may have written the seal, and no other part of
+// it is read.  Then the item is compared with the list.
+// Tests: tests/system/codeseal_test, tests/unit/seal_test.cpp
 
 #include "platform/linux/seal/sealCheck.h"
 
@@ -20,7 +21,7 @@ namespace {
 
 constexpr size_t kMaxAnchors = size_t{1} << 20;
 
-// What a failed call means: something about the item, or that it could not be looked at.
+// After a failed call: `verdict` if errno says something about the item, otherwise Unreadable.
 SealVerdict FailureOf(SealVerdict verdict) {
   return SmallFileIsItemsFault(errno) ? verdict : SealVerdict::Unreadable;
 }
@@ -38,17 +39,17 @@ bool ReadAttribute(int fd, SmallFileBytes *seal) {
   return true;
 }
 
-// What there is against what is listed.
+// Compares what is there with what is listed.
 struct Comparison {
   const SealText &text;
-  HeapArray<bool> seen;  // one for each item of the text
-  size_t count = 0;      // of those seen
+  HeapArray<bool> seen;  // for each item of the text
+  size_t count = 0;      // of items seen
   SealVerdict verdict = SealVerdict::Valid;
 
   SealVerdict Judge(const SealItem *item, const SealFound &found) {
     if (item == nullptr) return SealVerdict::Unlisted;
     bool &before = seen[static_cast<size_t>(item - text.items.get())];
-    // An entry that turns up twice is one that was moved under the walk.
+    // An entry that turns up twice was moved during the walk.
     if (before || (item->target == nullptr) != (found.target == nullptr)) {
       return SealVerdict::Changed;
     }
@@ -60,7 +61,7 @@ struct Comparison {
     return JudgeFile(*item, found.fd);
   }
 
-  // A file of another size is not read, and one that grows meanwhile not beyond its size and a byte.
+  // A file of another size is not read; of one that grows meanwhile, at most one byte more is read.
   static SealVerdict JudgeFile(const SealItem &item, int fd) {
     struct stat info;
     if (fstat(fd, &info) != 0) return SealVerdict::Unreadable;
@@ -99,7 +100,7 @@ SealVerdict Compare(int item, const SealText &text, uint64_t *entries) {
 }  // namespace
 
 SealVerdict SealReadAnchors(int start, const char *path, SmallFileBytes *anchors) {
-  const Fd fd = SmallFileOpen(start, path, SmallFileRoots);
+  const Fd fd = SmallFileOpen(start, path, SmallFileOnlyRootMayWrite);
   return fd && SmallFileRead(fd.Get(), kMaxAnchors, anchors) ? SealVerdict::Valid
                                                              : SealVerdict::NoAnchors;
 }

@@ -1,4 +1,4 @@
-// sealCheck.h -- whether an item is what its seal says.
+// sealCheck.h -- checks an item against its seal.
 #pragma once
 
 #include <cstdint>
@@ -9,13 +9,13 @@
 // Where the anchors are, below "/".
 inline constexpr char kSealAnchors[] = "etc/zephrin/code-signing-anchors.pem";
 
-// The bytes of the anchors' file `path` below the directory `start`.  That file and every directory
-// from the start on must belong to root, and only root may write: a user who may rename one of them
-// could put another file of root's in its place.  errno is set with the verdict NoAnchors.
+// Reads the anchors from the file `path` below the directory `start`.  The file and every directory from
+// `start` on must belong to root and be writable by root only: a user who can rename one of them could
+// substitute another file that belongs to root.  errno is set with the verdict NoAnchors.
 [[nodiscard]] SealVerdict SealReadAnchors(int start, const char *path, SmallFileBytes *anchors);
 
-// The seal of an open regular file or directory, as it stands.  errno is set with the verdict
-// Unreadable.
+// Reads the seal of an open regular file or directory, without checking it.  errno is set with the
+// verdict Unreadable.
 [[nodiscard]] SealVerdict SealRead(int item, SmallFileBytes *seal);
 
 struct SealExtent {
@@ -24,7 +24,7 @@ struct SealExtent {
 };
 
 // Whether the open regular file or directory is sealed under the name `identifier` (not null) by a
-// signer that the anchors, certificates in PEM, allow.  *extent is good with the verdict Valid.  errno
-// is set with the verdict Unreadable.
+// signer whom the anchors (certificates in PEM) vouch for.  *extent is set with the verdict Valid, errno
+// with Unreadable.
 [[nodiscard]] SealVerdict SealCheck(int item, const char *identifier, std::string_view anchors,
                                     SealExtent *extent);

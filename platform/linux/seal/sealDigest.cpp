@@ -1,4 +1,5 @@
 // sealDigest.cpp -- the digest of an open file.
+// Tests: tests/system/codeseal_test
 
 #include "platform/linux/seal/sealDigest.h"
 

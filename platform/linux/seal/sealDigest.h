@@ -3,6 +3,6 @@
 
 #include "platform/linux/seal/sealText.h"
 
-// SHA-256 of the file's bytes, of the first `limit` if it has more; *size is how many these are.  The
-// descriptor's offset does not matter, and stays.  False with errno set; ENOMEM when OpenSSL fails.
+// SHA-256 of the file's first `limit` bytes, or of all if there are fewer; *size is their number.  The
+// descriptor's offset is neither used nor changed.  False with errno set; ENOMEM if OpenSSL fails.
 [[nodiscard]] bool SealDigestOf(int fd, uint64_t limit, SealDigest *digest, uint64_t *size);

@@ -1,4 +1,5 @@
-// sealJail.cpp -- giving up all rights but reading: limits, identity, capabilities.
+// sealJail.cpp -- gives up all rights but reading: limits, identity, capabilities.
+// Tests: tests/system/verifier_test.cpp
 
 #include "platform/linux/seal/sealJail.h"
 
@@ -26,17 +27,17 @@ struct Limit {
 
 constexpr Limit kLimits[] = {
 #ifndef LUMEN_INSTRUMENTED
-    // A sanitizer reserves room for its shadow.
+    // A sanitizer reserves terabytes for its shadow memory.
     {RLIMIT_AS, rlim_t{256} << 20},  // a seal of the largest size needs 80 MiB
 #endif
-    {RLIMIT_CPU, 60},      // seconds, for all questions together
-    {RLIMIT_NOFILE, 128},  // a walk has two for each level
+    {RLIMIT_CPU, 60},      // seconds, for all requests together
+    {RLIMIT_NOFILE, 128},  // a walk needs two for each level
     {RLIMIT_FSIZE, 0},
     {RLIMIT_CORE, 0},
     {RLIMIT_NPROC, 0},
 };
 
-// Limits that were inherited may be lower; only root can raise them.
+// Inherited limits may be lower already, and only root can raise them.
 bool SetLimits() {
   for (const Limit &limit : kLimits) {
     rlimit both = {limit.most, limit.most};
@@ -54,7 +55,7 @@ bool LeaveRoot() {
          setresuid(kNobody, kNobody, kNobody) == 0;
 }
 
-// Of what a later exec could give, too.
+// Keeps CAP_DAC_READ_SEARCH, if it is there, as permitted and effective, and nothing as inheritable.
 bool DropCapabilities() {
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
@@ -65,11 +66,12 @@ bool DropCapabilities() {
   return syscall(SYS_capset, &header, data) == 0;
 }
 
-// While there still is the right to, and without it there is nothing to drop for.
+// So that no exec can give a capability back.  Must precede LeaveRoot, which loses the right to do it; a
+// process that never had that right could not gain any capability by exec either.
 bool EmptyBoundingSet() {
   for (unsigned long capability = 0;; capability++) {
     if (prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) == 0) continue;
-    // EINVAL: there are no more.
+    // EINVAL: past the last capability.
     return errno == EINVAL || errno == EPERM;
   }
 }
@@ -81,7 +83,7 @@ bool DropIdentity() {
          prctl(PR_SET_KEEPCAPS, 0, 0, 0, 0) == 0;
 }
 
-// The proof: nobody becomes root here any more.
+// Proves it: becoming root fails from now on.
 bool IsRootGone() {
   if (setresuid(0, 0, 0) != 0 && geteuid() != 0) return true;
   errno = EPERM;

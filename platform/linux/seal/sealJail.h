@@ -1,18 +1,18 @@
-// sealJail.h -- giving up all rights but reading.
+// sealJail.h -- gives up all rights but reading.
 #pragma once
 
-// Makes the calling process one that may read files and use its open descriptors, and nothing else.
-// For a process with one thread that was started for this.  In this order:
+// From now on the calling process can read files and use its open descriptors, and nothing else.  For a
+// process with one thread that was started for this purpose.  In this order:
 //
-//   limits       memory, processor time, descriptors; no files written, no core, no processes
+//   limits       memory, processor time, descriptors; no written files, no core dumps, no processes
 //   identity     user and group 65534, no other groups, no capability but CAP_DAC_READ_SEARCH; no
-//                way back, not by exec either
-//   outside      no debugger attaches; the death of the process that started it is its own
-//   system calls those of sealJailCalls.cpp; any other ends the process at once, by SIGSYS
+//                way back, not even by exec
+//   outside      no debugger can attach; the process dies with its parent
+//   system calls those of sealJailCalls.cpp; any other one ends the process at once, by SIGSYS
 //
-// What the process does not have it cannot give up: without root it keeps its identity.  False with
-// errno set when something cannot be given up; the process should then end.
+// A process that is not root keeps its identity.  False with errno set if something cannot be given up;
+// the process must then end.
 [[nodiscard]] bool SealJailEnter();
 
-// The last of the steps.  sealJailCalls.cpp
+// The last of these steps (sealJailCalls.cpp).
 [[nodiscard]] bool SealJailFilterCalls();

@@ -1,8 +1,9 @@
-// sealJailCalls.cpp -- the system calls that a process without rights may make.
+// sealJailCalls.cpp -- the system calls that the unprivileged process may make.
 //
-// Found by running the tests under strace; each row is one that reading a seal, what it lists, or a
-// property list needs.  The filter looks at a call's number and, where a row says so, at the bits of
-// one argument of type int.
+// The list was found by running the tests under strace; each row is needed to read a seal, the files that
+// it lists, or a property list.  The filter tests the number of a call and, if a row says so, bits of one
+// argument of type int.
+// Tests: tests/system/verifier_test.cpp
 
 #include <fcntl.h>
 #include <linux/audit.h>
@@ -21,7 +22,7 @@
 
 namespace {
 
-// The call, if the bits `mask` of its argument `argument` are `bits`.
+// Allows the call if its argument number `argument`, masked by `mask`, equals `bits`.
 struct Row {
   uint32_t call;
   uint32_t argument = 0;
@@ -33,7 +34,7 @@ constexpr uint32_t kNotForReading =
     ~static_cast<uint32_t>(O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_PATH);
 
 constexpr Row kRows[] = {
-    // Questions and answers.
+    // Requests and answers.
     {SYS_recvmsg},
     {SYS_sendto},
     // Files.
@@ -49,13 +50,13 @@ constexpr Row kRows[] = {
     {SYS_pread64},
     {SYS_read},
     {SYS_readlinkat},
-    {SYS_lseek},  // of the C library, in the description of the time zone
-    // Memory, none of which can be executed.
+    {SYS_lseek},  // the C library, when it reads the time zone
+    // Memory, never executable.
     {SYS_brk},
     {SYS_mmap, 2, PROT_EXEC, 0},
     {SYS_mremap},
     {SYS_munmap},
-    // The time, where the kernel's library does not know it, and a seed for tables.
+    // The time, where the vDSO cannot tell it, and a seed for hash tables.
     {SYS_clock_gettime},
     {SYS_gettimeofday},
     {SYS_time},
@@ -63,8 +64,8 @@ constexpr Row kRows[] = {
     {SYS_futex},
     {SYS_exit_group},
 #ifdef LUMEN_INSTRUMENTED
-    // Only in builds with sanitizers: their allocators wait for each other and give memory back,
-    // and before a process ends they ask for its signal stack.
+    // Only for sanitizers and coverage: their run-time libraries return memory, yield, and look up the
+    // signal stack at exit.
     {SYS_madvise},
     {SYS_sched_yield},
     {SYS_sigaltstack},
@@ -81,12 +82,12 @@ constexpr size_t kHead = 3;
 constexpr auto MakeFilter() {
   std::array<sock_filter, kHead + kPerRow * std::size(kRows) + 1> filter = {};
   size_t at = 0;
-  // The jumps are over so many instructions when a comparison holds, or does not.
+  // How many instructions to skip if a comparison is true, and if it is false.
   const auto add = [&](uint16_t code, uint32_t k, uint8_t ifSo = 0, uint8_t ifNot = 0) {
     filter[at++] = {code, ifSo, ifNot, k};
   };
   const auto offset = [](size_t n) { return static_cast<uint32_t>(n); };
-  // The numbers below are those of one machine.
+  // The call numbers below are those of this architecture only.
   add(kLoad, offset(offsetof(seccomp_data, arch)));
   add(kIfEqual, AUDIT_ARCH_X86_64, 1, 0);
   add(kReturn, SECCOMP_RET_KILL_PROCESS);

@@ -1,4 +1,5 @@
-// sealSignature.cpp -- the signature of a seal, by OpenSSL.
+// sealSignature.cpp -- verifies the signature of a seal, by OpenSSL.
+// Tests: tests/system/codeseal_test, tests/unit/seal_test.cpp, fuzz/seal_fuzz.cpp
 
 #include "platform/linux/seal/sealSignature.h"
 
@@ -36,7 +37,7 @@ using StoreContext = OpensslOwner<X509_STORE_CTX, X509_STORE_CTX_free>;
 
 // ---- the seal ----------------------------------------------------------------------------------
 
-// A DER encoding has one form: bytes that come back otherwise, or not all, were not DER.
+// DER allows one encoding only: if encoding it again gives other bytes, the seal was not DER.
 bool EncodesTo(CMS_ContentInfo *cms, std::string_view seal) {
   unsigned char *out = nullptr;
   const int size = i2d_CMS_ContentInfo(cms, &out);
@@ -45,7 +46,7 @@ bool EncodesTo(CMS_ContentInfo *cms, std::string_view seal) {
          seal == std::string_view(reinterpret_cast<char *>(out), static_cast<size_t>(size));
 }
 
-// A signed text, not another of the structures that CMS has; null otherwise.
+// SignedData with its content inside; null for anything else.
 Cms Parse(std::string_view seal) {
   if (seal.size() > kSealMaxSize) return nullptr;
   const auto *next = reinterpret_cast<const unsigned char *>(seal.data());
@@ -59,7 +60,7 @@ Cms Parse(std::string_view seal) {
   return cms;
 }
 
-// Null when there is not exactly one.
+// Null unless there is exactly one.
 CMS_SignerInfo *OnlySigner(CMS_ContentInfo *cms) {
   STACK_OF(CMS_SignerInfo) *const signers = CMS_get0_SignerInfos(cms);
   return sk_CMS_SignerInfo_num(signers) == 1 ? sk_CMS_SignerInfo_value(signers, 0) : nullptr;
@@ -76,13 +77,13 @@ bool HasGoodDigest(CMS_SignerInfo *signer) {
 
 // ---- the certificates --------------------------------------------------------------------------
 
-// The anchors; null when the text has none.
+// The anchors; null if there are none or the text is malformed.
 Store ReadAnchors(std::string_view anchors) {
   if (anchors.size() > INT_MAX) return nullptr;
   const Bio bio(BIO_new_mem_buf(anchors.data(), static_cast<int>(anchors.size())));
   Store store(X509_STORE_new());
   if (bio == nullptr || store == nullptr) return nullptr;
-  // Nobody is asked for a pass phrase.
+  // Never prompt for a pass phrase.
   pem_password_cb *const refuse = [](char *, int, int, void *) { return -1; };
   int count = 0;
   for (; const Certificate anchor{PEM_read_bio_X509(bio.get(), nullptr, refuse, nullptr)};
@@ -93,14 +94,14 @@ Store ReadAnchors(std::string_view anchors) {
   return count > 0 && atEnd ? std::move(store) : nullptr;
 }
 
-// What has an extended key usage must be for code signing.  RFC 5280 lets an authority limit with it
-// what it certifies.
+// An authority with an extended key usage must include code signing: this is how an authority's
+// certificate can limit what it may certify.
 bool MayCertifyCode(X509 *certificate) {
   return (X509_get_extended_key_usage(certificate) & (XKU_CODE_SIGN | XKU_ANYEKU)) != 0;
 }
 
-// As the certificate authorities have agreed on for code signing: what a certificate leaves open is
-// not taken for a permission, and the key of an authority signs certificates only.
+// The rules that certificate authorities have agreed on for code signing: a missing extension is not a
+// permission, and the key of an authority signs certificates only.
 bool MaySignCode(X509 *certificate) {
   constexpr uint32_t kUses = EXFLAG_XKUSAGE | EXFLAG_KUSAGE;
   const uint32_t flags = X509_get_extension_flags(certificate);
@@ -109,7 +110,7 @@ bool MaySignCode(X509 *certificate) {
          (X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) != 0;
 }
 
-// Two common names would leave open which one counts.
+// With two common names it would be ambiguous which one counts.
 bool IsMakers(X509 *certificate) {
   X509_NAME *const subject = X509_get_subject_name(certificate);
   const int at = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
@@ -123,7 +124,8 @@ bool IsMakers(X509 *certificate) {
   return name.find(kMaker) != name.npos;
 }
 
-// The signer's certificate and those that lead from it to an anchor.
+// Checks the signer's certificate and those between it and an anchor: X509_verify_cert checks the path,
+// times and strength; the loop below the purpose of each certificate; IsMakers the signer's name.
 SealVerdict CheckChain(X509 *signer, STACK_OF(X509) * others, X509_STORE *anchors) {
   const StoreContext context(X509_STORE_CTX_new());
   if (context == nullptr || X509_STORE_CTX_init(context.get(), anchors, signer, others) != 1) {
@@ -132,7 +134,7 @@ SealVerdict CheckChain(X509 *signer, STACK_OF(X509) * others, X509_STORE *anchor
   X509_VERIFY_PARAM *const rules = X509_STORE_CTX_get0_param(context.get());
   X509_VERIFY_PARAM_set_depth(rules, kMaxIntermediates);
   X509_VERIFY_PARAM_set_auth_level(rules, kSecurityLevel);
-  // What stands in the file of anchors is one, even if another authority has certified it.
+  // Every certificate in the file of anchors is an anchor, even one that is not self-signed.
   X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_PARTIAL_CHAIN);
   if (X509_verify_cert(context.get()) != 1) return SealVerdict::Untrusted;
 
@@ -150,7 +152,7 @@ SealVerdict CheckSigner(CMS_ContentInfo *cms, X509_STORE *anchors) {
   CMS_SignerInfo *const signer = OnlySigner(cms);
   if (signer == nullptr) return SealVerdict::NotCms;
   if (!HasGoodDigest(signer)) return SealVerdict::WeakDigest;
-  // The chain is left to CheckChain: CMS_verify would want a certificate for e-mail.
+  // CheckChain checks the chain: CMS_verify would require a certificate for e-mail.
   if (CMS_verify(cms, nullptr, nullptr, nullptr, nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) !=
       1) {
     return SealVerdict::BadSignature;
@@ -175,7 +177,7 @@ bool CopyContent(CMS_ContentInfo *cms, SmallFileBytes *text) {
 SealVerdict Open(std::string_view seal, std::string_view anchors, SmallFileBytes *text) {
   const Store store = ReadAnchors(anchors);
   if (store == nullptr) return SealVerdict::NoAnchors;
-  // That there are no more of them was an error, too.
+  // Reaching the end of the anchors has left an error as well.
   ERR_clear_error();
   const Cms cms = Parse(seal);
   if (cms == nullptr) return SealVerdict::NotCms;
@@ -191,7 +193,7 @@ SealVerdict SealOpen(std::string_view seal, std::string_view anchors, SmallFileB
   if (!OpensslStart()) return SealVerdict::Unreadable;
   ERR_clear_error();
   const SealVerdict verdict = Open(seal, anchors, text);
-  // The first error is the cause of the others.
+  // The first error is the cause of all others.
   const bool starved = ERR_GET_REASON(ERR_peek_error()) == ERR_R_MALLOC_FAILURE;
   ERR_clear_error();
   errno = ENOMEM;

@@ -1,4 +1,4 @@
-// sealSignature.h -- the signature of a seal: whether it is right, and the signer trusted.
+// sealSignature.h -- verifies the signature of a seal, and that its signer is trusted.
 #pragma once
 
 #include <string_view>
@@ -8,12 +8,13 @@
 
 inline constexpr size_t kSealMaxSize = size_t{16} << 20;  // bytes
 
-// Checks the bytes of a seal against the anchors, certificates in PEM, now.  The signed text goes
-// to *text when the verdict is Valid.  Unreadable with errno ENOMEM when there is no room for it.
+// Checks the bytes of a seal against the anchors (certificates in PEM) at the current time.  The signed
+// text is stored in *text with the verdict Valid.  Unreadable with errno ENOMEM if memory is exhausted.
 //
-// Valid means: one CMS SignedData with its content inside, in DER, nothing behind it; one signer
-// with a SHA-2 digest; a chain of at most a few certificates, each within its time and of today's
-// strength, from the signer to an anchor; every one that has an extended key usage is for code
-// signing; the signer's has it, is for digital signatures, and is no authority's; the signer's single common name contains "Zephrin, Inc.".
+// Valid means: the seal is one CMS SignedData in DER with its content inside and nothing behind it; it has
+// one signer, with a SHA-2 digest; at most a few certificates, each within its validity period and with
+// keys of sufficient strength, lead from the signer to an anchor; each of them that has an extended key
+// usage allows code signing; the signer's certificate has one, allows digital signatures, and is not an
+// authority's; its single common name contains "Zephrin, Inc.".
 [[nodiscard]] SealVerdict SealOpen(std::string_view seal, std::string_view anchors,
                                    SmallFileBytes *text);

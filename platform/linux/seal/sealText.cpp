@@ -1,8 +1,8 @@
-// sealText.cpp -- the text inside a seal, read and written.
+// sealText.cpp -- reads and writes the text inside a seal.
 //
-// Idea:  every byte that could end a word or a line, and '%' itself, is written as '%' and two
-//        upper-case hexadecimal digits; nothing else may be.  So each text has one meaning, and each
-//        meaning one text.
+// Idea:  exactly the bytes that could end a word or a line, and '%' itself, are written as '%' and two
+//        upper-case hexadecimal digits.  So each text has one meaning, and each meaning one text.
+// Tests: tests/unit/seal_test.cpp, fuzz/seal_fuzz.cpp
 
 #include "platform/linux/seal/sealText.h"
 
@@ -30,7 +30,7 @@ bool IsEscaped(char c) {
 
 // ---- reading -----------------------------------------------------------------------------------
 
-// Reads a text word by word, and decodes words where they stand: no word grows by that.
+// Reads a text word by word and decodes words in place, since decoding never makes one longer.
 class Reader {
   char *next_;
   char *const end_;
@@ -47,7 +47,7 @@ class Reader {
     return true;
   }
 
-  // A word and the byte `stop` behind it; null when it is not well-formed or empty.
+  // A word and the byte `stop` after it; null if it is malformed or empty.
   const char *Word(char stop) {
     char *const begin = next_;
     char *out = begin;
@@ -60,7 +60,7 @@ class Reader {
     return begin;
   }
 
-  // A digest and the blank behind it.
+  // A digest and the blank after it.
   bool Digest(SealDigest *digest) {
     if (static_cast<size_t>(end_ - next_) <= 2 * digest->size()) return false;
     for (uint8_t &byte : *digest) {
@@ -69,7 +69,7 @@ class Reader {
     return Skip(" ");
   }
 
-  // A decimal number without leading zeros, of at most kMaxBytes, and the blank behind it.
+  // A decimal number without leading zeros, at most kMaxBytes, and the blank after it.
   bool Size(uint64_t *size) {
     if (next_ == end_ || (*next_ == '0' && end_ - next_ > 1 && next_[1] != ' ')) return false;
     const auto [stop, error] = std::from_chars(next_, end_, *size);
@@ -92,7 +92,7 @@ class Reader {
     return byte != 0 && IsEscaped(*out);
   }
 
-  // Two digits, which are there.
+  // Two digits; the caller has checked that there are two more bytes.
   bool Hex(std::string_view digits, uint8_t *byte) {
     const size_t high = digits.find(next_[0]);
     const size_t low = digits.find(next_[1]);
@@ -115,7 +115,7 @@ bool ReadItem(Reader *reader, SealItem *item) {
   return item->path != nullptr;
 }
 
-// Counts the item behind those of the text, if it may come there.
+// Appends the item just read, if its path and its size may follow.
 bool Follows(SealText *text) {
   const SealItem *const item = &text->items[text->count];
   if (text->count > 0 && strcmp(item[-1].path, item->path) >= 0) return false;
@@ -127,7 +127,7 @@ bool Follows(SealText *text) {
 
 // ---- writing -----------------------------------------------------------------------------------
 
-// Writes into room that is large enough for everything escaped.
+// Writes into a buffer that has room for every byte to be escaped.
 class Writer {
   char *next_;
 
@@ -169,7 +169,7 @@ class Writer {
   }
 };
 
-// No less than the item's line takes.
+// An upper bound for the length of the item's line.
 size_t RoomFor(const SealItem &item) {
   const size_t what =
       item.target == nullptr ? 2 * item.digest.size() + 1 + kMaxDigits : 3 * strlen(item.target);
@@ -190,7 +190,7 @@ SealVerdict SealParse(std::string_view text, SealText *parsed) {
   if (!reader.Skip(kFirstLine) || !reader.Skip(kIdentifier)) return SealVerdict::BadText;
   result.identifier = reader.Word('\n');
   if (result.identifier == nullptr) return SealVerdict::BadText;
-  // An item takes one line whole, and the last line is whole: there is room for each.
+  // Each item takes a whole line, so there is room for all.
   while (!reader.AtEnd()) {
     if (!ReadItem(&reader, &result.items[result.count]) || !Follows(&result)) {
       return SealVerdict::BadText;

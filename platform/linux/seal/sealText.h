@@ -1,7 +1,6 @@
-// sealText.h -- the text inside a seal: what is sealed, under which name.  docs/seal-format.md.
+// sealText.h -- the text inside a seal: what is sealed, and under which name (docs/seal-format.md).
 //
-// A text and its parsed form stand for each other: whatever SealParse accepts, SealWrite writes to
-// the byte.
+// The encoding is unique: for every text that SealParse accepts, SealWrite produces the same bytes.
 #pragma once
 
 #include <array>
@@ -26,24 +25,24 @@ struct SealItem {
 };
 
 struct SealText {
-  HeapArray<char> strings;  // what the pointers point into
+  HeapArray<char> strings;  // storage of all strings below
   const char *identifier = nullptr;
   HeapArray<SealItem> items;
   size_t count = 0;
-  uint64_t bytes = 0;  // the sizes of all items together
+  uint64_t bytes = 0;  // sum of the sizes of all items
 
   std::span<const SealItem> Items() const { return {items.get(), count}; }
 };
 
-// Reads a seal's text, any bytes.  Valid, or: OldText for the first version of the format, which had
-// no sizes; Unreadable with errno ENOMEM; BadText for anything else that is not exactly as it should
-// be, has more than kSealMaxItems items, or sizes that together exceed what a file can have.
+// Parses the text of a seal, which may be any bytes.  Valid; OldText for the first version of the format,
+// which had no sizes; Unreadable with errno ENOMEM; BadText for any other deviation from the format,
+// for more than kSealMaxItems items, and for sizes whose sum exceeds INT64_MAX.
 [[nodiscard]] SealVerdict SealParse(std::string_view text, SealText *parsed);
 
-// The item of the path; null when there is none.
+// The item with that path; null if there is none.
 [[nodiscard]] const SealItem *SealFind(const SealText &text, const char *path);
 
-// The text for these items, which are in ascending order of their paths as strcmp(3) has it, no two
-// alike.  The identifier is not empty, nor are paths and targets.  Null when memory is exhausted.
+// The text for these items, which must be in ascending order of their paths by strcmp(3), without
+// duplicates.  The identifier, paths and targets must not be empty.  Null if memory is exhausted.
 [[nodiscard]] HeapArray<char> SealWrite(const char *identifier, std::span<const SealItem> items,
                                         size_t *size);

@@ -1,4 +1,5 @@
-// sealVerifier.cpp -- starts the process without rights, and asks it.
+// sealVerifier.cpp -- starts the unprivileged process and sends it requests.
+// Tests: tests/system/verifier_test.cpp
 
 #include "platform/linux/seal/sealVerifier.h"
 
@@ -37,10 +38,10 @@ bool WriteImage(int fd) {
   return true;
 }
 
-// The image as a file that exists in memory only and that nobody can change; empty on failure.
+// The image as a file in memory that nobody can change; empty on failure.
 Fd MakeImage() {
   constexpr unsigned kFlags = MFD_CLOEXEC | MFD_ALLOW_SEALING;
-  // Older kernels do not know MFD_EXEC, newer ones may insist on it.
+  // Older kernels do not know MFD_EXEC, newer ones may require it.
   Fd fd(memfd_create(kName, kFlags | kExecutable));
   if (!fd && errno == EINVAL) fd.Reset(memfd_create(kName, kFlags));
   constexpr int kSeals = F_SEAL_WRITE | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
@@ -48,20 +49,20 @@ Fd MakeImage() {
   return fd;
 }
 
-// Above the descriptors that the child fills.
+// A copy above the descriptors that the child replaces.
 int Raised(int fd) {
   return fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
-// In the child.  Of what the caller has open, locks above all, nothing stays open; nor does anything
-// wait here that could keep it open.
+// In the child.  Closes everything that the caller has open, above all locks, and does nothing that could
+// block before that.
 [[noreturn]] void Become(const char *job, int socket, int image) {
   char *const argv[] = {const_cast<char *>(kName), const_cast<char *>(job), nullptr};
   char *const envp[] = {nullptr};
   const int null = Raised(open("/dev/null", O_RDWR | O_CLOEXEC));
   socket = Raised(socket);
   image = Raised(image);
-  // dup3 tells these calls apart, in traces, from those of the daemon's start.
+  // dup3 rather than dup2: in a trace, it distinguishes these calls from those of the daemon's start.
   if (null >= 0 && socket >= 0 && image >= 0 && dup3(socket, kVerifierSocket, 0) >= 0 &&
       dup3(null, STDOUT_FILENO, 0) >= 0 && dup3(null, STDERR_FILENO, 0) >= 0) {
     Platform_CloseDescriptorsExcept(&image, 1);
@@ -70,8 +71,8 @@ int Raised(int fd) {
   _exit(EXIT_FAILURE);
 }
 
-// fork(2) with a descriptor of the child: where SIGCHLD is ignored, as the caller of a set-user-ID
-// program can have it, a child's number may be another process's as soon as the child has ended.
+// fork(2) with a descriptor for the child.  The caller of a set-user-ID program may have SIGCHLD ignored;
+// then the pid of a child can be reused as soon as it has ended.
 pid_t Fork(int *process) {
   return static_cast<pid_t>(
       syscall(SYS_clone, CLONE_PIDFD | SIGCHLD, nullptr, process, nullptr, nullptr));
@@ -102,7 +103,7 @@ bool Send(int socket, int item, const char *identifier) {
   return n >= 0;
 }
 
-// Until there is something to read, or the end.  False with errno; ETIMEDOUT.
+// Waits for data or the end of file.  False with errno set; ETIMEDOUT after kPatience.
 bool Await(int socket) {
   const int64_t end = MonotonicClock_Ms() + kPatience;
   for (;;) {
@@ -115,7 +116,7 @@ bool Await(int socket) {
   }
 }
 
-// False with errno; EPIPE at the end, EBADMSG for what is no answer.
+// False with errno set: EPIPE at the end of file, EBADMSG for a malformed answer.
 bool Receive(int socket, VerifierAnswer *answer) {
   if (!Await(socket)) return false;
   const ssize_t n = recv(socket, answer, sizeof *answer, MSG_DONTWAIT | MSG_TRUNC);
@@ -132,7 +133,7 @@ class Verifier {
   pid_t pid_ = -1;
   Fd process_;
   Fd socket_;
-  VerifierObstacle obstacle_;  // why it is asked no more
+  VerifierObstacle obstacle_;  // why it is no longer asked
 
  public:
   explicit constexpr Verifier(const char *job) : job_(job) {}
@@ -168,7 +169,7 @@ class Verifier {
     const pid_t pid = Fork(&process);
     if (pid < 0) return false;
     if (pid == 0) Become(job_, theirs.Get(), image->Get());
-    if (process < 0) {  // Linux before 5.2; the process ends by itself, but must not be waited for
+    if (process < 0) {  // Linux before 5.2; the process ends by itself, and is not waited for
       errno = ENOSYS;
       return false;
     }
@@ -183,20 +184,20 @@ class Verifier {
     Stop();
   }
 
-  // Without its socket it ends by itself, unless somebody keeps it from that.
+  // It ends by itself when its socket closes, unless it is stopped or stuck; so it is killed.
   void Stop() {
     socket_.Reset();
     if (process_) syscall(SYS_pidfd_send_signal, process_.Get(), SIGKILL, nullptr, 0);
     process_.Reset();
     if (pid_ < 0) return;
-    // Where SIGCHLD is ignored, this waits as well, and then says ECHILD.
+    // If SIGCHLD is ignored, this also waits, and then fails with ECHILD.
     while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) continue;
     pid_ = -1;
   }
 };
 
 constinit struct {
-  Fd image;  // each write of it costs as much as a check
+  Fd image;  // kept, because writing it costs as much as a check
   Verifier seals{kVerifierSeals};
   Verifier identifiers{kVerifierIdentifiers};
 } verifiers;

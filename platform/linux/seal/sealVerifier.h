@@ -1,15 +1,15 @@
-// sealVerifier.h -- the process without rights, in which everything is read that nobody has vouched
-// for: seals, with what they list, and the property lists of bundles.
+// sealVerifier.h -- the unprivileged process that reads everything untrusted: seals, the files that they
+// list, and the property lists of bundles.
 //
-// It is a program of its own, whose image the product's program carries as mere data and runs from
-// memory when it is needed: no file on disk could be put in its place, and no environment reaches
-// it.  It gives up its rights before it is asked anything (sealJail.h), so that a fault in a parser
-// gives an attacker nothing but the answer; and seals and property lists are read in two processes,
-// so that what comes with a list that anybody may have written cannot answer for a seal.
+// It is a separate program.  Its image is embedded in the product's program as data and is run from memory
+// when needed: there is no file on disk to replace, and it gets no environment.  It gives up its rights
+// before it handles any request (sealJail.h), so that a flaw in a parser lets an attacker forge an answer
+// and nothing else.  Seals and property lists are handled by two processes: a property list, which
+// anybody may have written, can then not forge the answer about a seal.
 //
-// Besides, OpenSSL is a large library.  Linked into a static position-independent program it adds
-// 17,000 relocations, which every start pays for: a hundred pages written before main, half as long
-// again for the whole process.  Most starts check no seal.
+// Besides, OpenSSL is large.  Linked into a static position-independent program it adds 17,000
+// relocations: a hundred pages written before main, which makes every start take half as long again.
+// Most starts check no seal.
 #pragma once
 
 #include <string_view>
@@ -26,13 +26,13 @@ struct VerifierObstacle {
   int error = 0;
 };
 
-// Asks the process of that job about the open regular file or directory `item` and the identifier
-// (not null), and waits for its answer, a minute at most.  The process is started when it is first
-// asked, with the caller's effective identity.  False with *obstacle when there is no answer: the
-// process cannot be started, has died, or takes too long; it is then ended, and asked no more.  The
-// answer is well-formed and its text ends.  One thread at a time.
+// Asks the process for `job` about the open regular file or directory `item` and the identifier (not
+// null), and waits up to a minute for the answer.  The first request starts the process, with the
+// caller's effective identity.  False with *obstacle set if there is no answer because the process could
+// not be started, has died, or took too long; it is then killed and not asked again.  The answer is
+// well-formed and its text terminated.  One thread at a time.
 [[nodiscard]] bool SealVerifierAsk(VerifierJob job, int item, const char *identifier,
                                    VerifierAnswer *answer, VerifierObstacle *obstacle);
 
-// Ends the processes, and forgets that one could not be asked.
+// Ends the processes and forgets failures, so that the next request starts anew.
 void SealVerifierEnd();

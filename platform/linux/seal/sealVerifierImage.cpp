@@ -1,4 +1,5 @@
-// sealVerifierImage.cpp -- the verifier's executable file, as data.  The build list names the file.
+// sealVerifierImage.cpp -- the verifier's executable file, embedded as data.  The build defines its path.
+// Tests: tests/system/verifier_test.cpp
 
 #include "platform/linux/seal/sealVerifier.h"
 

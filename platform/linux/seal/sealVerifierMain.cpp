@@ -1,5 +1,6 @@
-// sealVerifierMain.cpp -- the process without rights: sealVerifier.h says why and how it is started,
-// sealVerifierWire.h how it is asked.
+// sealVerifierMain.cpp -- the unprivileged process: sealVerifier.h says why it exists and how it is
+// started, sealVerifierWire.h has the protocol.
+// Tests: tests/system/verifier_test.cpp
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -15,7 +16,7 @@
 
 namespace {
 
-struct Question {
+struct Request {
   Fd item;
   char identifier[kVerifierMaxText + 1];
 };
@@ -36,12 +37,12 @@ Anchors ReadAnchors() {
   return anchors;
 }
 
-void JudgeSeal(const Anchors &anchors, const Question &question, VerifierAnswer *answer) {
+void JudgeSeal(const Anchors &anchors, const Request &request, VerifierAnswer *answer) {
   SealVerdict verdict = anchors.verdict;
   errno = anchors.error;
   SealExtent extent = {};
   if (verdict == SealVerdict::Valid) {
-    verdict = SealCheck(question.item.Get(), question.identifier, anchors.bytes.View(), &extent);
+    verdict = SealCheck(request.item.Get(), request.identifier, anchors.bytes.View(), &extent);
   }
   answer->verdict = verdict;
   switch (verdict) {
@@ -63,8 +64,8 @@ void JudgeSeal(const Anchors &anchors, const Question &question, VerifierAnswer 
   }
 }
 
-void FindIdentifier(const Anchors &, const Question &question, VerifierAnswer *answer) {
-  const HeapStr identifier = BundleIdentifier_Read(question.item.Get());
+void FindIdentifier(const Anchors &, const Request &request, VerifierAnswer *answer) {
+  const HeapStr identifier = BundleIdentifier_Read(request.item.Get());
   if (identifier == nullptr) {
     if (SmallFileIsItemsFault(errno)) return;
     answer->finding = VerifierFinding::Unreadable;
@@ -80,7 +81,7 @@ void FindIdentifier(const Anchors &, const Question &question, VerifierAnswer *a
 struct Job {
   const char *name;
   Anchors (*prepare)();
-  void (*answer)(const Anchors &anchors, const Question &question, VerifierAnswer *answer);
+  void (*answer)(const Anchors &anchors, const Request &request, VerifierAnswer *answer);
 };
 
 constexpr Job kJobs[] = {
@@ -88,15 +89,15 @@ constexpr Job kJobs[] = {
     {kVerifierIdentifiers, [] { return Anchors(); }, FindIdentifier},
 };
 
-// ---- questions and answers ---------------------------------------------------------------------
+// ---- requests and answers ----------------------------------------------------------------------
 
-// False at the end, or for what is no question.
-bool Receive(Question *question) {
+// False at the end of file, and for a malformed request.
+bool Receive(Request *request) {
   union {
     cmsghdr align;
     char bytes[CMSG_SPACE(sizeof(int))];
   } control = {};
-  iovec text = {question->identifier, sizeof question->identifier};
+  iovec text = {request->identifier, sizeof request->identifier};
   msghdr message = {};
   message.msg_iov = &text;
   message.msg_iovlen = 1;
@@ -113,8 +114,8 @@ bool Receive(Question *question) {
   }
   int item = -1;
   memcpy(&item, CMSG_DATA(header), sizeof item);
-  question->item.Reset(item);
-  return (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0 && question->identifier[n - 1] == '\0';
+  request->item.Reset(item);
+  return (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0 && request->identifier[n - 1] == '\0';
 }
 
 bool Send(const VerifierAnswer &answer) {
@@ -128,13 +129,13 @@ bool Send(const VerifierAnswer &answer) {
 void Serve(const Job &job) {
   const Anchors anchors = job.prepare();
   for (;;) {
-    Question question;
-    if (!Receive(&question)) return;
+    Request request;
+    if (!Receive(&request)) return;
     VerifierAnswer answer = {};
     answer.finding = VerifierFinding::No;
-    job.answer(anchors, question, &answer);
-    // When the answer is there, nothing holds the item any more.
-    question.item.Reset();
+    job.answer(anchors, request, &answer);
+    // Closed before the answer, so that the caller knows that the item is no longer open here.
+    request.item.Reset();
     if (!Send(answer)) return;
   }
 }
@@ -145,6 +146,6 @@ int main(int argc, char **argv) {
   for (const Job &job : kJobs) {
     if (argc == 2 && strcmp(argv[1], job.name) == 0 && SealJailEnter()) Serve(job);
   }
-  // No more than what the filter lets through.
+  // _exit, since the filter does not allow what exit may do.
   _exit(EXIT_SUCCESS);
 }

@@ -1,6 +1,6 @@
-// sealVerifierRefusals.cpp -- what OpenSSL could do and has no business doing in the verifier:
-// loading modules and looking up hosts.  The linker puts these procedures in the place of the C
-// library's (--wrap), which do not work well in a static program anyway.
+// sealVerifierRefusals.cpp -- replaces what OpenSSL must not do in the verifier: loading modules and
+// looking up hosts.  The linker substitutes these functions for the C library's (--wrap), which do not
+// work well in a static program anyway.
 
 #include <netdb.h>
 

@@ -1,8 +1,9 @@
-// sealWalk.cpp -- everything in a directory bundle that a seal covers.
+// sealWalk.cpp -- visits everything in a directory bundle that a seal covers.
 //
-// The tree may change meanwhile: its owner can be anybody.  Each step goes from an open directory
-// to one entry, by its last name and never through a link; what is visited is an open file, and
-// stays the one that was looked at.
+// The tree may belong to anybody and may change during the walk.  Each step goes from an open directory
+// to one entry by its name, never through a link; what is visited is an open file, which cannot be
+// exchanged any more.
+// Tests: tests/system/codeseal_test
 
 #include "platform/linux/seal/sealWalk.h"
 
@@ -17,7 +18,7 @@
 
 namespace {
 
-// Files and links, which the seal's text limits, and directories.
+// Files and links, whose number the seal's text limits, and as many directories.
 constexpr size_t kMaxEntries = 2 * kSealMaxItems;
 
 bool Refuse(int error) {
@@ -36,7 +37,7 @@ bool SealWalk::Below(int dirFd) {
   entries_ = 0;
   length_ = 0;
   path_[0] = '\0';
-  // A directory opened anew has an offset of its own.
+  // Opened again, so that it has its own offset.
   const Fd fd(openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return fd && Directory(fd.Get(), 0);
 }

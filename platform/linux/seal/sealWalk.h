@@ -1,4 +1,4 @@
-// sealWalk.h -- everything in a directory bundle that a seal covers.
+// sealWalk.h -- visits everything in a directory bundle that a seal covers.
 #pragma once
 
 #include <climits>
@@ -6,8 +6,8 @@
 
 inline constexpr char kSealFile[] = "Contents/_CodeSignature/CodeSeal";
 inline constexpr char kSealAttribute[] = "user.zephrin.codeseal";
-inline constexpr char kSealSinglePath[] = ".";  // of the one item in a file's seal
-inline constexpr int kSealMaxDepth = 32;        // directories one in the other
+inline constexpr char kSealSinglePath[] = ".";  // of the only item in a file's seal
+inline constexpr int kSealMaxDepth = 32;        // nested directories
 
 // Whether the open item is a directory.
 [[nodiscard]] bool SealIsDirectory(int item);
@@ -26,18 +26,18 @@ class SealWalk {
   void *context_;
   size_t entries_ = 0;
   size_t length_ = 0;         // of path_
-  char path_[PATH_MAX] = "";  // of the entry at work
+  char path_[PATH_MAX] = "";  // of the current entry
 
  public:
   SealWalk(SealVisit visit, void *context) : visit_(visit), context_(context) {}
 
-  // Visits every regular file and symbolic link below the directory `dirFd`, in no order; not the
-  // file kSealFile.  Directories have no say of their own.  False when visit has said so; or with
-  // errno set, for example ENOTSUP for an entry of another kind, ELOOP below kSealMaxDepth, EFBIG
-  // when there are too many entries.  The descriptor's offset does not matter.
+  // Visits every regular file and symbolic link below the directory `dirFd` except kSealFile, in any
+  // order.  Directories are not visited themselves.  False if the visitor returned false; or, with errno
+  // set, after a failure: for example ENOTSUP for an entry of another kind, ELOOP below kSealMaxDepth,
+  // EFBIG for too many entries.  The descriptor's offset is neither used nor changed.
   [[nodiscard]] bool Below(int dirFd);
 
-  // How many files, links and directories the walk came by, the file kSealFile included.
+  // The number of files, links and directories found, kSealFile included.
   size_t Entries() const { return entries_; }
 
   // Where the walk ended.

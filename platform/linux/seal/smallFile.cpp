@@ -1,4 +1,5 @@
-// smallFile.cpp -- reading a small file whole, found without following symbolic links.
+// smallFile.cpp -- reads a whole small file, opened without following symbolic links.
+// Tests: tests/unit/seal_test.cpp, tests/system/codeseal_test
 
 #include "platform/linux/seal/smallFile.h"
 
@@ -34,7 +35,7 @@ bool SmallFileAny(int) {
   return true;
 }
 
-bool SmallFileRoots(int fd) {
+bool SmallFileOnlyRootMayWrite(int fd) {
   struct stat info;
   if (fstat(fd, &info) != 0) return false;
   errno = EPERM;
@@ -71,7 +72,7 @@ bool SmallFileRead(int fd, size_t limit, SmallFileBytes *bytes) {
     errno = EFBIG;
     return false;
   }
-  // One byte more than it has tells whether it grows under the reader.
+  // One byte more than its size, to notice if it grows meanwhile.
   const size_t room = static_cast<size_t>(info.st_size) + 1;
   SmallFileBytes found{Heap_Array<char>(room)};
   if (found.data == nullptr) return false;

@@ -1,4 +1,4 @@
-// smallFile.h -- reading a small file whole, found without following symbolic links.
+// smallFile.h -- reads a whole small file, opened without following symbolic links.
 #pragma once
 
 #include <cstddef>
@@ -8,31 +8,30 @@
 #include "lib/public/heap.h"
 
 struct SmallFileBytes {
-  HeapArray<char> data;  // null: there are none
+  HeapArray<char> data;  // null if there are none
   size_t size = 0;
 
   std::string_view View() const { return {data.get(), size}; }
 };
 
-// Whether errno value `error`, which a call on an item or on something in it has left, tells of the
-// item itself: that it is not there, of another kind, too large.  Otherwise the host could not look.
+// Whether the errno value `error` of a failed call says something about the item: that it is missing, of
+// another kind, or too large.  Otherwise it could not be examined.
 bool SmallFileIsItemsFault(int error);
 
-// Says of an open directory or file on the way whether it will do; false with errno set.
+// Whether an open directory or file on the path is acceptable; false with errno set.
 using SmallFileAccept = bool (*)(int fd);
 
-// Everything will do.
+// Accepts everything.
 bool SmallFileAny(int fd);
 
-// Belongs to root, and only root may write.
-bool SmallFileRoots(int fd);
+// Accepts what belongs to root and only root may write to; otherwise errno is EPERM.
+bool SmallFileOnlyRootMayWrite(int fd);
 
-// Opens the regular file `path`, relative to the directory `start`, for reading.  `accept` is asked
-// about the start and whatever is opened on the way, the file included.  No component may be a
-// symbolic link, and the path has no empty one.  Empty with errno set; EINVAL or
-// ENOTSUP for another kind of file, EPERM from SmallFileRoots.
+// Opens the regular file `path`, relative to the directory `start`, for reading.  `accept` is called
+// for `start`, each directory on the path, and the file.  No component may be a symbolic link or empty.
+// Empty with errno set; EINVAL or ENOTSUP for another kind of file.
 [[nodiscard]] Fd SmallFileOpen(int start, const char *path, SmallFileAccept accept);
 
-// All bytes from the descriptor's offset on.  False with errno set; EFBIG when there are more than
+// Reads all bytes from the descriptor's offset on.  False with errno set; EFBIG if there are more than
 // `limit`.
 [[nodiscard]] bool SmallFileRead(int fd, size_t limit, SmallFileBytes *bytes);
