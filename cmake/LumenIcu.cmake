@@ -1,6 +1,6 @@
-# lumen_icuApi: ICU's C interface, for the few who use it.
+# lumen_icuApi: ICU's C interface, for the few targets that use it.
 #
-# On macOS it is ICU 4.4, whose symbols end in its version; the headers are those of a later one.
+# On macOS it is ICU 4.4, whose symbols end in its version; the headers come from a later version.
 add_library(lumen_icuApi INTERFACE)
 target_compile_definitions(lumen_icuApi INTERFACE U_SHOW_CPLUSPLUS_API=0)
 if(APPLE)

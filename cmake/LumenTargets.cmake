@@ -14,23 +14,23 @@ if(APPLE)
   set(LUMEN_XPC ON)
 else()
   set(LUMEN_HOST linux)
-  # For code in which a jump through the procedure linkage table is felt.
+  # For code in which a jump through the procedure linkage table costs measurable time.
   set(LUMEN_DIRECT_CALLS -fno-plt)
 endif()
 
-# No path of the machine that builds goes into what is shipped: builds from two folders are the same.
+# Shipped programs contain no path of the build machine, so builds from two folders are identical.
 add_compile_options($<$<CONFIG:Release>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>)
 
-# Of the code here, and nobody else's: what links a library of the project keeps its own warnings.
+# For this project's code only: programs that link its libraries keep their own warnings.
 add_library(lumen_warnings INTERFACE)
 target_compile_options(lumen_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
                                                 $<$<BOOL:${LUMEN_WERROR}>:-Werror>)
 
-# What the project's libraries ask of whoever links them.
+# What every target that links the project's libraries needs.
 add_library(lumen_common INTERFACE)
 target_include_directories(lumen_common INTERFACE ${PROJECT_SOURCE_DIR})
 if(NOT APPLE)
-  # glibc declares close_range, ppoll and the like only for those who ask.
+  # Without it, glibc does not declare close_range, ppoll and the like.
   target_compile_definitions(lumen_common INTERFACE _GNU_SOURCE)
 endif()
 if(LUMEN_SANITIZE)
@@ -40,9 +40,9 @@ if(LUMEN_SANITIZE)
 endif()
 
 if(LUMEN_COVERAGE)
-  # %c: each process counts in a mapped file.  So what ends by _exit or a signal, or execs, counts
-  # like the rest, and needs no environment to find the file.  %m: one file a program.  Atomic: many
-  # counts are differences, and one step lost between processes would make a line reached, or not.
+  # %c: each process counts in a mapped file, so that processes which end by _exit or a signal, or exec,
+  # are counted, too, and need no environment to find the file.  %m: one file for each program.  Atomic:
+  # many counts are differences of others, and a lost increment could make a line look reached, or not.
   set(_profiles ${PROJECT_BINARY_DIR}/profiles)
   target_compile_options(lumen_common INTERFACE -fprofile-instr-generate=${_profiles}/%c%m.profraw
                                                 -fcoverage-mapping -fprofile-update=atomic
@@ -51,13 +51,13 @@ if(LUMEN_COVERAGE)
 endif()
 
 if(LUMEN_FUZZ)
-  # What the fuzz targets run into is counted everywhere.
+  # Instruments everything that the fuzz targets may reach.
   target_compile_options(lumen_common INTERFACE -fsanitize=fuzzer-no-link)
   target_link_options(lumen_common INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# Product code: no exceptions, no RTTI; unused sections are dropped at link.  Everything is hidden: what
-# macOS's loader sees of inline functions and variables it replaces by those of other libraries.
+# Product code: no exceptions, no RTTI; unused sections are dropped by the linker.  All symbols are hidden,
+# since macOS's loader would replace exported inline functions and variables by those of other libraries.
 add_library(lumen_product INTERFACE)
 target_link_libraries(lumen_product INTERFACE lumen_warnings lumen_common)
 target_compile_options(lumen_product INTERFACE -fno-exceptions -fno-rtti -fstack-protector-strong
@@ -74,13 +74,13 @@ function(lumen_library name)
   target_link_libraries(${name} INTERFACE lumen_common)
 endfunction()
 
-# The product's programs are linked by the C driver, and CMake is kept from adding the C++ run-time:
-# whatever would need libstdc++ or libc++ becomes an undefined symbol at link time.
+# The product's programs are linked by the C driver, and CMake is kept from adding the C++ run-time
+# library: anything that needs libstdc++ or libc++ is an undefined symbol at link time.
 #
-# On Linux they are static position-independent executables: a set-user-ID program is better off
-# without the dynamic loader and its environment, and starts faster.  Sanitizers need the loader.
-# Counters keep the compiler from proving that std::string_view has no reason to throw, and without
-# optimisation it proves nothing: then the C++ driver links.
+# On Linux they are static position-independent executables: a set-user-ID program is safer without the
+# dynamic loader and its environment, and starts faster.  Sanitizers need the loader.  With coverage
+# counters, or without optimisation, the compiler cannot prove that std::string_view never throws: then
+# the C++ driver links.
 function(lumen_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE lumen_product)
@@ -101,13 +101,13 @@ function(lumen_program name)
 endfunction()
 
 if(NOT APPLE AND NOT LUMEN_SANITIZE AND NOT LUMEN_COVERAGE)
-  # See lumen_program.  Tests and tools are linked by the C++ driver, which adds its library itself.
+  # See lumen_program.  Tests and tools are linked by the C++ driver, which adds its own library.
   set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
-  # The C driver leaves out the mathematical library, too; macOS has it in libSystem.
+  # The C driver does not add libm either; on macOS it is part of libSystem.
   set(CMAKE_C_STANDARD_LIBRARIES "-lm")
 endif()
 
-# GCC 12 sees overlapping copies in std::string's operator+ where there are none (its bug 105651).
+# GCC 12 warns of overlapping copies in std::string's operator+ where there are none (its bug 105651).
 add_library(lumen_hosted INTERFACE)
 target_link_libraries(lumen_hosted INTERFACE lumen_warnings lumen_common)
 target_compile_options(lumen_hosted INTERFACE

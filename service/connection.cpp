@@ -1,8 +1,9 @@
 // connection.cpp -- the handshake: greeting, descriptor, answer.
 //
-// The peer may be anything: it may say nothing, leave at any point, or send garbage.  Whatever it
-// does ends this connection at most.  Only root can connect, so it is an opener; but an opener works
-// for any user, and they may stop it, kill it, and start a thousand more.
+// Only root can connect, so the peer is an opener.  But an opener runs on behalf of any user, who may stop
+// it, kill it, and start a thousand more.  So a peer may send nothing, close at any point, or send
+// anything; at worst that ends its own connection.
+// Tests: tests/system/service_test.cpp
 
 #include "service/connection.h"
 
@@ -21,12 +22,12 @@ namespace {
 constexpr char kAccepted = '1';
 constexpr char kRefused = '0';
 
-// Any byte would do; different ones let the check of the echo notice a mix-up.
+// Any byte would do; varying it lets the check of the echo detect a mix-up.
 char GreetingFor(unsigned serial) {
   return static_cast<char>('A' + serial % 26);
 }
 
-// poll(2) on macOS does not know terminals: any answer is a reason to read.
+// poll(2) on macOS does not support terminals and reports POLLNVAL: any event is a reason to read.
 bool IsReadable(int fd) {
   pollfd watched = {fd, POLLIN, 0};
   return poll(&watched, 1, 0) > 0;
@@ -38,8 +39,8 @@ void Connection::Greet(Fd peer, unsigned serial, int64_t nowMs) {
   serial_ = serial;
   greeting_ = GreetingFor(serial);
   greetedMs_ = nowMs;
-  // The opener sends nothing before the greeting, so the preparation is in time.  O_NONBLOCK: an
-  // accepted socket inherits it from the listening one on macOS only.
+  // The opener sends nothing before the greeting, so the preparation is in time.  On macOS accepted
+  // sockets inherit O_NONBLOCK from the listening one; on Linux they do not.
   const bool ok = Platform_PrepareForSender(peer.Get()) &&
                   ServiceImplSetBlockingState(peer.Get(), false) &&
                   ServiceImplWriteOne(peer.Get(), greeting_);
@@ -50,8 +51,8 @@ void Connection::Greet(Fd peer, unsigned serial, int64_t nowMs) {
   peer_ = std::move(peer);
 }
 
-// The event that leads here may be out of date: an earlier step of the same turn can have taken what
-// there was to read, or given this place to a new peer.
+// The event may be stale: an earlier step of the same turn may have read the data, or reused this object
+// for a new peer.
 void Connection::Proceed(const Slots &slots) {
   if (!IsReadable(Descriptor())) return;
   if (peer_) {
@@ -61,7 +62,7 @@ void Connection::Proceed(const Slots &slots) {
   }
 }
 
-// What cannot be read is refused at once; all else shows when it is read.
+// Null to accept.  Only what can never be read is refused here; other problems show up while reading.
 const char *Connection::ReasonToRefuse(int fd, const Slots &slots) const {
   if (ServiceImplExchangeByte() != greeting_) return "the greeting came back changed";
   const int flags = fcntl(fd, F_GETFL);
@@ -72,7 +73,7 @@ const char *Connection::ReasonToRefuse(int fd, const Slots &slots) const {
 
 void Connection::ReceiveDescriptor(const Slots &slots) {
   int received = -1;
-  // Both end at the end of file of a peer that has gone.
+  // Both fail if the peer has closed.
   if (!Platform_SenderUser(peer_.Get(), &user_) || !ServiceImplRecvFd(peer_.Get(), &received)) {
     Log("#%u: no descriptor came.\n", serial_);
     peer_.Reset();
@@ -85,11 +86,11 @@ void Connection::ReceiveDescriptor(const Slots &slots) {
     Log("#%u: user %u refused: %s.\n", serial_, user, reason);
     (void)ServiceImplWriteOne(peer_.Get(), kRefused);
   } else if (ServiceImplWriteOne(peer_.Get(), kAccepted)) {
-    // The peer is still there, so it is this user's.
+    // The write proves that the peer was still there, so user_ is its user.
     Log("#%u: accepted a descriptor of user %u.\n", serial_, user);
     delivery_.Begin(std::move(fd));
   } else {
-    // The opener will not tell its caller of a success, so the descriptor is not kept either.
+    // The opener cannot report success to its caller, so the descriptor is not kept either.
     Log("#%u: gone before the answer.\n", serial_);
   }
   peer_.Reset();

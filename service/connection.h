@@ -1,4 +1,4 @@
-// connection.h -- one opener, from its greeting to the end of what it delivered.
+// connection.h -- one opener, from the greeting to the end of file of what it delivered.
 #pragma once
 
 #include <sys/types.h>
@@ -11,9 +11,9 @@
 class Slots;
 
 class Connection {
-  Fd peer_;            // the opener, until it has been answered
+  Fd peer_;            // the socket, until the opener has got its answer
   Delivery delivery_;  // what it delivered
-  uid_t user_ = 0;     // for whom
+  uid_t user_ = 0;     // on whose behalf
   int64_t greetedMs_ = 0;
   unsigned serial_ = 0;
   char greeting_ = 0;
@@ -27,20 +27,20 @@ class Connection {
   bool IsFree() const { return Descriptor() < 0; }
 
   unsigned Serial() const { return serial_; }
-  // The user of a delivery.
+  // Only for a delivery.
   uid_t User() const { return user_; }
-  // Of a silent peer: how long it has been.
+  // Only for a silent peer.
   int64_t MsSilent(int64_t nowMs) const { return nowMs - greetedMs_; }
 
-  // The descriptor to wait for, -1 when there is none.
+  // The descriptor to poll; -1 for none.
   int Descriptor() const { return peer_ ? peer_.Get() : delivery_.Descriptor(); }
 
-  // Begins with a newly accepted opener; `serial` stands in all records about it.
+  // Starts with a newly accepted opener; all records about it contain `serial`.
   void Greet(Fd peer, unsigned serial, int64_t nowMs);
 
-  // One step, if Descriptor() is readable; `slots` has this connection and all others.
+  // Performs one step if Descriptor() is readable; `slots` contains all connections, this one included.
   void Proceed(const Slots &slots);
 
-  // Gives a silent peer up, unless it has answered by now.
+  // Closes a silent peer, unless it has answered by now.
   void EndSilence(const Slots &slots);
 };

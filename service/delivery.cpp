@@ -1,16 +1,17 @@
-// delivery.cpp -- reading a descriptor that others share and chose: a file, a pipe, a socket, a
+// delivery.cpp -- reads a descriptor that a user chose and still shares: a file, a pipe, a socket, a
 // terminal, a directory.
 //
-// O_NONBLOCK belongs to the open file, which the opener's caller goes on using: setting it would
-// make reads and writes fail elsewhere that never failed before.  So the flags stay as they are, and
-// a read must not begin when there is nothing to read:
-//   - one piece a turn, so that an endless file does not starve the others;
-//   - poll(2) once more right before the read (connection.cpp): hundreds of deliveries may be one
-//     pipe, which all became readable by one byte that the first of them took;
-//   - a timer, for the case that another reader takes the bytes between the two.
-// What stays: a file system that a user serves (FUSE, a network drive that is gone) can hold a
-// process in read or close for as long as that user likes, and no signal ends that.  A daemon that
-// must survive this handles each connection in a process of its own.
+// O_NONBLOCK is a property of the open file, which the opener's caller goes on using: setting it would
+// make that caller's reads and writes fail.  So the flags are left alone, and no read may start when there
+// is nothing to read:
+//   - one piece a turn, so that an endless file does not starve the other deliveries;
+//   - poll(2) again right before the read (connection.cpp): hundreds of deliveries may be the same
+//     pipe, which a single byte makes readable for all, and the first one takes it;
+//   - a timer, in case another reader takes the bytes between poll and read.
+// Not covered: a file system that a user serves (FUSE, a network drive that is gone) can block a process
+// in read or close for as long as that user likes, and no signal ends that.  A daemon that must survive
+// this handles each connection in a process of its own.
+// Tests: tests/system/service_test.cpp, handoff_test.cpp
 
 #include "service/delivery.h"
 
@@ -29,16 +30,16 @@ namespace {
 constexpr size_t kPieceSize = 65536;
 constexpr int kPatienceUs = 2'000;
 
-// FNV-1a, 64 bits: enough to tell whether the very bytes arrived, and nothing more.
+// FNV-1a, 64 bits: enough for a test to see that the right bytes have arrived, no protection.
 constexpr uint64_t kHashStart = 0xcbf29ce484222325;
 constexpr uint64_t kHashPrime = 0x100000001b3;
 
-// Static, because the limit of the stack may be whatever the user who started the service wanted,
-// and it cannot be raised everywhere.
+// Not on the stack: its limit is inherited from the user whose opener started the service, and not every
+// host lets it be raised.
 char piece[kPieceSize];
 
-// read(2), which gives EINTR when there is nothing to read for kPatienceUs.  The timer repeats: its
-// first signal may come before the read has begun.
+// read(2) that fails with EINTR if there is nothing to read for kPatienceUs.  The timer repeats, since
+// its first signal may arrive before the read has begun.
 ssize_t ReadBriefly(int fd, char *buffer, size_t size) {
   const itimerval soon = {{0, kPatienceUs}, {0, kPatienceUs}};
   const itimerval never = {};

@@ -1,4 +1,4 @@
-// delivery.h -- a delivered descriptor, read up to its end of file.
+// delivery.h -- a delivered descriptor, which is read until its end of file.
 #pragma once
 
 #include <array>
@@ -13,18 +13,18 @@ class Delivery {
   Fd fd_;
   uint64_t bytes_ = 0;
   uint64_t hash_ = 0;
-  std::array<char, kShown + 1> beginning_ = {};  // for the log, unprintable bytes as "."
+  std::array<char, kShown + 1> beginning_ = {};  // for the log; "." for unprintable bytes
 
   void Take(const char *bytes, size_t count);
 
  public:
-  // -1 when there is nothing to read.
+  // -1 if there is none.
   int Descriptor() const { return fd_.Get(); }
 
   void Begin(Fd fd);
 
-  // One read, right after Descriptor() was found to be readable; it does not wait long if that is no
-  // longer true.  At the end of file, or when reading fails, it logs what came and closes the
+  // Reads once.  Call it right after poll(2) has found Descriptor() readable; if that is no longer true, it
+  // does not wait long.  At the end of file, or if reading fails, logs what was read and closes the
   // descriptor.
   void ReadSome(unsigned serial);
 };

@@ -1,6 +1,7 @@
-// detach.cpp -- what a user could otherwise do to a service that root runs for everybody: signal
-// it, starve it of descriptors, memory or time, have its log stamped in a time zone of their choice.
-// What no process can take off itself stays; docs/protocol.md, "What stays of the user", has it.
+// detach.cpp -- undoes what the service inherits from the user whose opener started it.  Otherwise that
+// user could signal it, starve it of descriptors, memory or processor time, or choose the time zone of its
+// log.  docs/protocol.md, "What stays of the user", lists what a process cannot undo.
+// Tests: tests/system/service_test.cpp
 
 #include "service/detach.h"
 
@@ -18,11 +19,11 @@ namespace {
 
 using Resource = decltype(RLIMIT_NOFILE);
 
-// What the service needs of a resource; everything, if nothing is said here.
+// The limit that the service needs; none, unless listed here.
 rlim_t Needed(Resource resource) {
   switch (resource) {
     case RLIMIT_NOFILE:
-      return 2048;  // one for each of the slots, and some; no host grants any number
+      return 2048;  // one per connection, and a few; no host allows RLIM_INFINITY
     case RLIMIT_STACK:
       return rlim_t{8} << 20;
     case RLIMIT_CORE:
@@ -34,13 +35,13 @@ rlim_t Needed(Resource resource) {
 
 char *noEnvironment[] = {nullptr};
 
-// Groups go first: without the user there would be no right left to change them.
+// Supplementary groups and group first, while the process may still change them.
 bool BecomeRootAlone() {
   return setgroups(0, nullptr) == 0 && setgid(0) == 0 && setuid(0) == 0;
 }
 
-// As far as it goes: some hosts keep even root from raising a hard limit, and a service with little
-// room is better than openers that start one in vain, again and again.
+// Best effort: some hosts do not let even root raise a hard limit, and a service with little room is
+// better than openers that try to start one again and again.
 void RaiseLimit(Resource resource) {
   rlimit now;
   if (getrlimit(resource, &now) != 0) return;
@@ -51,7 +52,7 @@ void RaiseLimit(Resource resource) {
   setrlimit(resource, &possible);
 }
 
-// No core files, either, whatever the user likes: the memory has what others delivered.
+// Core files are disabled, since the memory contains what other users delivered.
 void ResetLimits() {
   for (int i = 0; i < RLIM_NLIMITS; i++) RaiseLimit(static_cast<Resource>(i));
   const rlimit none = {};

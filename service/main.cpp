@@ -1,28 +1,29 @@
-// main.cpp -- lumen-reference-service: the other end of the opener's socket, as an example for
-// whoever writes a service that openers start.
+// main.cpp -- lumen-reference-service: the other end of the opener's socket, as an example for authors of
+// services that openers start.
 //
 //   lumen-reference-service SOCKET STATUS [LOG]
 //
-//   SOCKET  number of a Unix-domain stream socket that listens already
-//   STATUS  number of a pipe's read end; its end of file says that the opener which started the
-//           service has handed over its own descriptor, or has died
-//   LOG     file that the records are appended to
+//   SOCKET  number of a Unix-domain stream socket that is already listening
+//   STATUS  number of a pipe's read end; its end of file means that the opener which started the
+//           service has delivered its own descriptor, or has died
+//   LOG     file to which records are appended
 //
-// What a service finds when an opener has started it: effective user 0, the directory "/", a
-// session of its own, /dev/null on 0 to 2, umask 022, default signal actions, and no descriptor but
-// the two. What it must not trust: the real user and all groups, the environment (shell functions,
-// BASH_ENV, ENV and SHELLOPTS are gone, all else is there), the resource limits and the priority are
-// those of the user who ran the opener.
+// When an opener starts a service, it has effective user 0, the directory "/", a session of its own,
+// /dev/null as descriptors 0 to 2, umask 022, default signal actions, and no other descriptors but the
+// two.  It must not trust the real user, the groups, the environment (only shell functions, BASH_ENV, ENV
+// and SHELLOPTS are removed), the resource limits and the priority: they come from the user who ran the
+// opener.
 //
-// What it does, for each connection (docs/protocol.md has the bytes):
-//   1. accept, and send one byte, of any value, as a greeting: until then the opener waits;
-//   2. receive one byte with one descriptor as SCM_RIGHTS; the byte is the greeting sent back;
-//   3. send "1" to accept, any other byte to refuse, and close.  An opener that gets neither fails.
-// An opener whose connection is closed before the greeting begins again, so a service that stops
-// may leave its queue behind.  The socket file stays: the next opener to find that nobody listens
+// For each connection (docs/protocol.md has the bytes) a service must
+//   1. accept it and send one byte of any value as a greeting, for which the opener waits;
+//   2. receive one byte, the same one, with one descriptor as SCM_RIGHTS;
+//   3. send "1" to accept or any other byte to refuse, and close.  An opener that gets neither fails.
+// An opener whose connection is closed before the greeting tries again, so a service that stops need not
+// empty its queue.  The socket file is not removed: the next opener that finds nobody listening
 // replaces it.
 //
-// This service reads what it is given up to the end of file and logs what it was, for whom.
+// This service reads each descriptor until its end of file, and logs a digest and whose it was.
+// Tests: tests/system/service_test.cpp
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -69,20 +70,20 @@ int DescriptorArgument(const char *text) {
   return static_cast<int>(number);
 }
 
-// A second listen is the one question that every host answers (macOS has no SO_ACCEPTCONN), and has a
-// use: the opener listens with a queue of the smallest length.  Openers connect under their lock, so
-// one that finds the queue full holds up all others.
+// Calling listen again is the only check for a listening socket that every host supports (macOS has no
+// SO_ACCEPTCONN).  It also lengthens the queue, which the opener has made as short as possible: openers
+// connect under their lock, so one that waits for room in the queue delays all others.
 int ListenerArgument(const char *text) {
   const int fd = DescriptorArgument(text);
   if (listen(fd, SOMAXCONN) != 0) RefuseArguments("not a listening socket: ", text);
   return fd;
 }
 
-// Here, because it is too large for a stack that a user may have limited.
+// Static, because it is too large for a stack whose limit a user may have lowered.
 Service service;
 
-// Records go to standard output, so the file takes its place; LogOpen would truncate it.  Without
-// the file the service still serves.
+// Makes the file standard output, to which records go; LogOpen would truncate it.  If that fails, the
+// service runs without a log.
 void AppendLogTo(const char *path) {
   const Fd file(open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file || dup2(file.Get(), STDOUT_FILENO) == -1) {

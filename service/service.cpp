@@ -1,9 +1,10 @@
-// service.cpp -- the loop.  Each turn waits for events and lets every connection that has one take one
-// step.  No step waits for a peer, so none holds up the others; what a user can take from the others
-// is bounded in slots.h.
+// service.cpp -- the event loop.  Each turn waits for events and performs one step of every connection
+// that has one.  No step waits for a peer, so none delays the others; slots.h limits how many connections
+// a user can occupy.
 //
-// New peers are accepted after every step, however many connections there are: on macOS, openers take
-// a service whose queue stays full for 310 ms for dead, and start another one beside it.
+// New peers are accepted after every step, however many connections are open: on macOS, openers assume
+// that a service is dead if its queue stays full for 310 ms, and start a second one.
+// Tests: tests/system/service_test.cpp
 
 #include "service/service.h"
 
@@ -19,8 +20,8 @@
 
 namespace {
 
-// How long accept rests when descriptors have run out: the listening socket stays readable all the
-// while, and would turn the loop into a spin.
+// The pause before the next accept when descriptors have run out: the listening socket stays readable, and
+// the loop would spin.
 constexpr int kStarvedMs = 100;
 
 bool IsStarvation(int error) {
@@ -35,7 +36,7 @@ void Service::Watch(int fd, Connection *owner) {
   owners_[numWatched_++] = owner;
 }
 
-// Watches what is open and nothing else: poll(2) refuses a list longer than the descriptor limit.
+// The list contains open descriptors only: poll(2) refuses one longer than the descriptor limit.
 bool Service::Wait() {
   numWatched_ = 0;
   Watch(stop_.Get(), nullptr);
@@ -54,18 +55,18 @@ bool Service::Wait() {
   return false;
 }
 
-// Whether accept is to be called again at once.
+// Whether to call accept again at once.
 bool Service::GoOnAfterAcceptFailure(int error) {
   if (error == ECONNABORTED || error == EINTR) return true;
   const bool starved = IsStarvation(error);
-  if (starved && slots_.EndLongestSilence()) return true;  // with the descriptor that it had
+  if (starved && slots_.EndLongestSilence()) return true;  // which frees a descriptor
   const bool isNews = error != EAGAIN && error != EWOULDBLOCK && !(starved && starved_);
-  if (isNews) Warning("accept errno %d.\n", error);  // not once for each attempt
+  if (isNews) Warning("accept errno %d.\n", error);  // once, not for each attempt
   starved_ = starved;
   return false;
 }
 
-// Openers connect one after the other, under their lock, so there is an end.
+// The loop ends, because openers connect one at a time, under their lock.
 void Service::AcceptAll() {
   for (;;) {
     Fd peer(accept(listener_.Get(), nullptr, nullptr));
@@ -78,7 +79,7 @@ void Service::AcceptAll() {
   }
 }
 
-// Nothing is ever written into the pipe; only its end says something.
+// Nothing is ever written to the pipe; only its end of file means something.
 void Service::ReadStatus() {
   char ignored;
   if (read(status_.Get(), &ignored, 1) != 0) return;

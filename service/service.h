@@ -1,5 +1,5 @@
-// service.h -- the poll loop: every connection, the listening socket, the status pipe, the wish to
-// stop.
+// service.h -- the event loop over all connections, the listening socket, the status pipe and the request
+// to stop.
 #pragma once
 
 #include <poll.h>
@@ -10,7 +10,7 @@
 #include "lib/public/fd.h"
 #include "service/slots.h"
 
-// Large: not for the stack.
+// Too large for the stack.
 class Service {
   static constexpr size_t kMaxWatched = 3 + Slots::kCount;
 
@@ -20,7 +20,7 @@ class Service {
   Slots slots_;
   bool starved_ = false;  // no descriptors left for accept
 
-  // What poll(2) looks at, and whose it is: null for the service itself.
+  // What poll(2) watches, and the connection that it belongs to; null for the service's own.
   std::array<pollfd, kMaxWatched> watched_;
   std::array<Connection *, kMaxWatched> owners_;
   size_t numWatched_ = 0;
@@ -33,7 +33,7 @@ class Service {
   void Stop();
 
  public:
-  // Serves until it is told to stop; false, logged, when it cannot go on.  `listener` is a listening
-  // socket, `status` a pipe's read end; `stop` becomes readable when the service is to stop.
+  // Serves until `stop` becomes readable; logs a fatal error and returns false.  `listener` is a listening
+  // socket, `status` the read end of a pipe.
   [[nodiscard]] bool Run(Fd listener, Fd status, Fd stop);
 };

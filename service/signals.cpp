@@ -1,4 +1,5 @@
-// signals.cpp -- a pipe carries the wish to stop from the signal handler to the poll loop.
+// signals.cpp -- a pipe carries the request to stop from the signal handler to the event loop.
+// Tests: tests/system/service_test.cpp
 
 #include "service/signals.h"
 
@@ -12,11 +13,11 @@
 namespace {
 
 struct {
-  // Not closed before the process ends: a handler may run until then.
+  // Never closed: a handler may run at any time.
   volatile sig_atomic_t stopWrite = -1;
 } signalState;
 
-// A full pipe says the same as one more byte would.
+// If the pipe is full, the request is already in it.
 void RequestStop(int /*signal*/) {
   const ErrnoKeeper keeper;
   [[maybe_unused]] const ssize_t written = write(signalState.stopWrite, "", 1);
@@ -24,7 +25,7 @@ void RequestStop(int /*signal*/) {
 
 void OnlyInterrupt(int /*signal*/) {}
 
-// Without SA_RESTART: an interrupted call is to return.
+// Without SA_RESTART, so that an interrupted call returns.
 bool SetAction(int signal, void (*handler)(int)) {
   struct sigaction action = {};
   action.sa_handler = handler;

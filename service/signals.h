@@ -1,8 +1,7 @@
-// signals.h -- what signals do to the service.
+// signals.h -- how the service handles signals.
 #pragma once
 
-// Installs the actions: SIGTERM and SIGINT make the returned descriptor readable; SIGALRM
-// interrupts a system call and does nothing else; SIGPIPE is ignored, so that a peer which has gone
-// is an error of the write.  Returns -1 with errno set when that fails.  The caller owns the
-// descriptor; called once.
+// Installs the handlers: SIGTERM and SIGINT make the returned descriptor readable; SIGALRM only
+// interrupts a system call; SIGPIPE is ignored, so that writing to a peer that has closed is an error.
+// Returns -1 with errno set on failure.  The caller owns the descriptor.  Call it once.
 [[nodiscard]] int Signals_Install();

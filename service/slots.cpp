@@ -1,4 +1,5 @@
-// slots.cpp -- room for connections.
+// slots.cpp -- the table of connections.
+// Tests: tests/system/service_test.cpp
 
 #include "service/slots.h"
 
@@ -6,13 +7,13 @@
 
 namespace {
 
-// An opener answers its greeting in microseconds, but it may have to wait for a processor, and its
-// user may stop it.  One that comes too late fails: it has been greeted, so it does not begin again.
+// An opener answers the greeting within microseconds, unless it waits for a processor or its user has
+// stopped it.  One that is too late fails: after the greeting an opener does not try again.
 constexpr int64_t kMsToAnswer = 10'000;
 
 }  // namespace
 
-// There is one while a silent peer may begin: neither silent peers nor deliveries exceed their number.
+// There is always one for a new silent peer, since both silent peers and deliveries are limited.
 Connection &Slots::FindFree() {
   const auto used = Used();
   const auto found = std::ranges::find_if(used, &Connection::IsFree);

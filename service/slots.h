@@ -1,11 +1,11 @@
-// slots.h -- room for connections, and how much of it each user may have.
+// slots.h -- the table of connections, and how many of them each user may occupy.
 //
-// A *silent* peer has been greeted and has sent nothing yet.  Nobody knows its user, so all users
-// share the places of silent peers, and each is lent for a short time.  A new peer always gets one: if
-// all are taken, the peer that has been silent longest gives way.  A *delivery* has a user, and
-// lasts as long as that user likes.  A user may begin another one while fewer of theirs go on than
-// places are free: one user alone gets half of the places, the next one half of the rest.  So it
-// takes eleven users who work together to leave none.
+// A *silent* peer has been greeted and has not answered yet.  Its user is unknown, so all users share the
+// slots of silent peers, each for a short time.  A new peer always gets a slot: if all are taken, the
+// peer that has been silent longest is closed.  A *delivery* belongs to a user and lasts as long as that
+// user likes.  A user may start another one while they have fewer deliveries than there are free slots:
+// a single user gets half of the slots, the next one half of the rest, so only eleven users together
+// could take all.
 #pragma once
 
 #include <algorithm>
@@ -21,7 +21,7 @@ class Slots {
   static constexpr size_t kMaxSilent = 512;
 
   std::array<Connection, kMaxDeliveries + kMaxSilent> connections_;
-  size_t numUsed_ = 0;  // those from here on are free; a few before may be free, too
+  size_t numUsed_ = 0;  // all from this index on are free; some before it may be free, too
   unsigned lastSerial_ = 0;
 
   std::span<const Connection> Used() const { return {connections_.data(), numUsed_}; }
@@ -34,21 +34,21 @@ class Slots {
  public:
   static constexpr size_t kCount = kMaxDeliveries + kMaxSilent;
 
-  // All connections that may be open.
+  // Includes all open connections.
   std::span<Connection> Used() { return {connections_.data(), numUsed_}; }
 
-  // Begins with a newly accepted peer.
+  // Starts with a newly accepted peer.
   void Greet(Fd peer, int64_t nowMs);
 
-  // Makes the peer that has been silent longest give way; false when none is silent.
+  // Closes the peer that has been silent longest; false if none is silent.
   bool EndLongestSilence();
 
   bool MayBeginDelivery(uid_t user) const;
 
-  // How long poll(2) may wait until a silent peer's time is over; -1 when there is none.
+  // The timeout for poll(2) until the first silent peer's time is over; -1 if none is silent.
   int MsToEndOfSilence(int64_t nowMs) const;
 
-  // Once a turn: closes the silent peers whose time is over.
+  // To be called once a turn: closes the silent peers whose time is over.
   void EndSilence(int64_t nowMs);
 
   size_t CountOpen() const;

@@ -1,5 +1,6 @@
-// codeseal.cpp -- signs files and bundles for Linux, and checks and shows such signatures; see
+// codeseal.cpp -- signs files and bundles for Linux, and verifies and shows such signatures; see
 // codeseal.1.
+// Tests: tests/system/codeseal_test
 
 #include <fcntl.h>
 #include <getopt.h>
@@ -95,7 +96,7 @@ SmallFileBytes ReadAnchors(const std::string &path) {
     }
     return anchors;
   }
-  // Whoever names a file trusts it.
+  // A file named on the command line is trusted, whoever owns it.
   const Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd || !SmallFileRead(fd.Get(), size_t{1} << 20, &anchors)) {
     throw std::system_error(errno, std::generic_category(), path);

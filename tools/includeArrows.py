@@ -10,8 +10,8 @@ import re
 import subprocess
 import sys
 
-# Folder -> the folders that it may include, besides itself and BASE.  A folder may not include what
-# has no row, unless it has none itself (tests, bench, ...): those include what they need.
+# Folder -> the folders whose headers it may include, besides its own and BASE.  Folders without a row
+# (tests, bench, ...) may include anything, and folders with a row may not include theirs.
 LIB = ['lib/string', 'lib/misc/containers', 'lib/unicode/encodings', 'lib/misc/codeset', 'lib/unicode',
        'lib/misc/host', 'lib/lock', 'lib/misc/messages', 'lib/file', 'lib/file/raw']
 ARROWS = {
@@ -37,8 +37,8 @@ ARROWS = {
     'service': ['platform', 'lib/string', 'opener'],
     'checker': ['platform', 'opener', 'lib/file/copy'] + LIB,
 }
-# Whoever includes these says nothing about layers: owners, keepers and fatal errors, which no source
-# file stands behind or every program has, and the log, which each program supplies.
+# Headers outside all layers: owners, keepers and fatal errors, which no source file implements or which
+# every program has, and the log, which each program supplies.
 BASE = 'lib/public'
 PUBLIC = 'lib/public/'
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)

@@ -15,8 +15,8 @@ int32_t Delta(UChar32 c) {
   return u_foldCase(c, U_FOLD_CASE_DEFAULT) - c;
 }
 
-// The last character of the row that begins at `first`: every step-th one has the same delta, and
-// those between have none.
+// The last character of the row that begins at `first`: every step-th character has the same delta, and
+// those in between have none.
 UChar32 LastOfRow(UChar32 first, int step) {
   UChar32 last = first;
   while (last + step < kLimit && Delta(last + step) == Delta(first) &&

@@ -1,4 +1,5 @@
-// sealMaker.cpp -- making seals.
+// sealMaker.cpp -- makes seals.
+// Tests: tests/system/codeseal_test
 
 #include "tools/sealMaker.h"
 
@@ -53,11 +54,11 @@ struct Found {
   uint64_t size = 0;
 };
 
-// The walk knows no exceptions: what fails is told by errno.
+// The walk is compiled without exceptions, so failures are reported by errno.
 bool Collect(void *context, const SealFound &found) {
   Found &one = static_cast<std::vector<Found> *>(context)->emplace_back();
   one.path = found.path;
-  // The product's copies go by names in UTF-8.
+  // The product can only copy files whose names are UTF-8.
   if (!CodeSet_IsValidUTF8(found.path)) {
     errno = EILSEQ;
     return false;
@@ -95,7 +96,7 @@ Key ReadKey(const std::string &path) {
   return key;
 }
 
-// All of a file: one that ends within a certificate, or has something else for one, is refused.
+// Reads the whole file; one with a truncated or malformed certificate is refused.
 std::vector<X509Owner> ReadCertificates(const std::string &path) {
   std::vector<X509Owner> all;
   const Bio bio = OpenPem(path);
@@ -110,7 +111,7 @@ std::vector<X509Owner> ReadCertificates(const std::string &path) {
 
 // ---- attaching ---------------------------------------------------------------------------------
 
-// Appears whole or not at all.
+// Written under another name and renamed, so that the seal appears whole or not at all.
 void WriteSealFile(int bundle, const std::string &seal) {
   if (mkdirat(bundle, kFolder, 0755) != 0 && errno != EEXIST) ThrowErrno(kFolder);
   const Fd fd(
@@ -121,7 +122,7 @@ void WriteSealFile(int bundle, const std::string &seal) {
     if (n < 0 && errno != EINTR) ThrowErrno(kHalfDone);
     if (n > 0) done += static_cast<size_t>(n);
   }
-  // The umask has no say in who can verify.
+  // Everybody may verify, whatever the umask.
   if (fchmod(fd.Get(), 0644) != 0 || fsync(fd.Get()) != 0) ThrowErrno(kHalfDone);
   if (renameat(bundle, kHalfDone, bundle, kSealFile) != 0) ThrowErrno(kSealFile);
 }

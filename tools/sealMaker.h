@@ -1,10 +1,9 @@
-// sealMaker.h -- making seals.  Whatever fails is thrown as std::runtime_error or one of its kind.
+// sealMaker.h -- makes seals.  Failures are thrown as std::runtime_error or a class derived from it.
 #pragma once
 
 #include <string>
 
-// The text that lists the open regular file or directory under the name
-// `identifier`.
+// The text that lists the open regular file or directory under the name `identifier`.
 std::string SealMaker_Text(int item, const std::string &identifier);
 
 struct SealMakerFiles {
@@ -13,14 +12,14 @@ struct SealMakerFiles {
   std::string chain;  // the authorities between that and an anchor, PEM; "" for none
 };
 
-// The CMS SignedData over the text, DER.
+// The CMS SignedData over the text, in DER.
 std::string SealMaker_Sign(const std::string &text, const SealMakerFiles &files);
 
-// Takes what an earlier run may have left half done out of a directory.
+// Removes from a directory what an interrupted run may have left there.
 void SealMaker_RemoveHalfDone(int item);
 
-// Puts the seal where the item carries it, in place of an older one.
+// Attaches the seal to the item, in place of an older one.
 void SealMaker_Attach(int item, const std::string &seal);
 
-// The text of the seal and the subjects of its certificates, for people; nothing is checked.
+// The text of the seal and the subjects of its certificates, for people to read; nothing is checked.
 std::string SealMaker_Describe(const std::string &seal);

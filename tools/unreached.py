@@ -7,8 +7,8 @@ BUILD is the folder of preset coverage, after its tests have run.  Prints lines,
 their share per folder.  Then compares the lines not reached with the reviewed ones of
 tests/unreached.txt; prints what differs, and exits with 1 if anything does.
 
-A line is known by its file, its function and its text, so that it may move.  Lines of nothing but
-braces and `else` go with their neighbours and do not count.
+A line is identified by its file, its function and its text, so that it may move.  Lines with nothing but
+braces and `else` do not count.
 """
 import collections
 import glob
@@ -23,7 +23,7 @@ PRODUCT = ['lib/*.cpp', 'lib/*.h', 'opener/*.cpp', 'opener/*.h', 'platform/*.cpp
            'service/*.cpp', 'service/*.h', 'tools/codeseal.cpp', 'tools/lumenLocks.cpp',
            'tools/sealMaker.cpp', 'tools/sealMaker.h']
 NO_CODE = re.compile(r'\W*(else)?\W*')
-# What stands at the margin and may begin a function or a class.
+# The beginning of an unindented line that may start a function or a class.
 BEGINNING = re.compile(r'(?!namespace|using|extern "C"|static_assert|typedef)[A-Za-z_\[]')
 NAME = re.compile(r'(?:class|struct|union) (?:\[\[\w+\]\] )?(\w+)(?! *\()|'
                   r'((?!__attribute__|alignas|decltype)[\w:~]+|operator\S+)\(')
@@ -36,7 +36,7 @@ def output_of(*command):
 
 
 def programs(build):
-    """What the build links; not what an earlier one has left."""
+    """The executables that the build links, without those that an earlier build has left."""
     for line in output_of('ninja', '-C', build, '-t', 'targets', 'all').splitlines():
         path, _, rule = line.partition(': ')
         if '_EXECUTABLE_LINKER_' in rule and not path.endswith('.cmake'):
@@ -44,7 +44,7 @@ def programs(build):
 
 
 def counts(build, sources):
-    """{file: {line number: how often it ran}} of the files that any program has code of."""
+    """{file: {line number: how often it ran}} for the files that any program has code from."""
     merged = os.path.join(build, 'coverage.profdata')
     output_of('llvm-profdata-14', 'merge', '-o', merged,
               *glob.glob(os.path.join(build, 'profiles', '*.profraw')))
@@ -64,7 +64,7 @@ def counts(build, sources):
 
 
 def functions(text):
-    """For each line, the name of the function, or the class, that it stands in."""
+    """For each line, the name of the function or class that contains it."""
     name = ''
     for line in text:
         if BEGINNING.match(line):
@@ -74,7 +74,7 @@ def functions(text):
 
 
 def examine(path, ran, known):
-    """The number of lines, and a row for each one that was not reached or function all of which.
+    """The number of lines, and a row for each line, or whole function, that was not reached.
 
     Adds to `known` all rows that there could be.
     """

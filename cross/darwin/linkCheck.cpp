@@ -1,4 +1,4 @@
-// linkCheck.cpp -- see CMakeLists.txt.
+// linkCheck.cpp -- CMakeLists.txt says what it is for.
 int main() {
   return 0;
 }

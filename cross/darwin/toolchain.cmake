@@ -1,7 +1,7 @@
 # toolchain.cmake -- Debian's clang 14 and ld64.lld 14 for macOS x86_64, 10.15 and later.
 #
-# Needs the folder that setup-sdk.sh makes.  Clear LIBRARY_PATH and CPATH first (the preset `macos`
-# does): clang would hand them to the cross-link.
+# Needs the folder that setup-sdk.sh makes.  Clear LIBRARY_PATH and CPATH first, as the preset `macos`
+# does: clang would use them for the cross-build.
 
 set(CMAKE_SYSTEM_NAME Darwin)
 set(CMAKE_SYSTEM_VERSION 19)
@@ -28,9 +28,8 @@ find_program(CMAKE_RANLIB NAMES llvm-ranlib-14 REQUIRED)
 find_program(CMAKE_STRIP NAMES llvm-strip-14 REQUIRED)
 find_program(CMAKE_INSTALL_NAME_TOOL NAMES llvm-install-name-tool-14 REQUIRED)
 
-# The SDK's headers are newer than the oldest macOS served: a call that 10.15 lacks is an error.
-# Debian's clang looks for libstdc++ unless told where the C++ headers are.  No C++ run-time library
-# is linked.
+# The SDK's headers are newer than the oldest macOS supported: calling what 10.15 lacks is an error.
+# Debian's clang would use the headers of libstdc++ by default.  No C++ run-time library is linked.
 set(_availability "-Werror=unguarded-availability-new")
 set(CMAKE_C_FLAGS_INIT "${_availability}")
 set(CMAKE_CXX_FLAGS_INIT "-stdlib++-isystem ${DARWIN_SDK}/usr/include/c++/v1 ${_availability}")
