@@ -24,7 +24,7 @@ class Process {
   pid_t pid_;  // -1 once it has been waited for
 
  public:
-  static constexpr int kTimeoutMs = 3'000;
+  static constexpr int kTimeoutMs = 30'000;
 
   explicit Process(const Launch &launch);
   Process(const Process &) = delete;
