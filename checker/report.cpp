@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "lib/public/codeset.h"
+#include "lib/public/displayText.h"
 #include "lib/public/escape.h"
 #include "lib/public/str.h"
 
@@ -18,37 +18,10 @@ namespace {
 constexpr const char *kLabels[] = {"ok   ", "FAIL ", "?    "};
 constexpr const char *kNames[] = {"ok", "fail", "unknown"};
 
-bool IsControl(unsigned char byte) {
-  return byte < 0x20 || byte == 0x7F;
-}
-
 // Paths and identifiers may hold anything, a terminal's commands included.
 void PrintClean(const char *text) {
-  const bool isUtf8 = CodeSet_IsValidUTF8(text, strlen(text));
-  for (const char *p = text; *p != '\0'; p++) {
-    const auto byte = static_cast<unsigned char>(*p);
-    const bool isC1 = byte == 0xC2 && static_cast<unsigned char>(p[1]) < 0xA0;
-    putchar(IsControl(byte) || (byte >= 0x80 && (!isUtf8 || isC1)) ? '?' : byte);
-    if (isUtf8 && isC1) p++;
-  }
-}
-
-void PrintJsonString(const char *text) {
-  const bool isUtf8 = CodeSet_IsValidUTF8(text, strlen(text));
-  putchar('"');
-  for (; *text != '\0'; text++) {
-    const auto byte = static_cast<unsigned char>(*text);
-    if (byte == '"' || byte == '\\') {
-      printf("\\%c", byte);
-    } else if (IsControl(byte)) {
-      printf("\\u%04x", byte);
-    } else if (byte >= 0x80 && !isUtf8) {
-      fputs("\\ufffd", stdout);
-    } else {
-      putchar(byte);
-    }
-  }
-  putchar('"');
+  const HeapStr line(DisplayText_Line(text));
+  fputs(line.get(), stdout);
 }
 
 void PrintJsonMember(const char *name, const char *value) {
@@ -56,7 +29,8 @@ void PrintJsonMember(const char *name, const char *value) {
   if (value == nullptr) {
     fputs("null", stdout);
   } else {
-    PrintJsonString(value);
+    const HeapStr json(DisplayText_Json(value));
+    fputs(json.get(), stdout);
   }
 }
 

@@ -21,7 +21,7 @@ REVIEWED = 'tests/unreached.txt'
 # Of tools/, what is installed.
 PRODUCT = ['lib/*.cpp', 'lib/*.h', 'opener/*.cpp', 'opener/*.h', 'platform/*.cpp', 'platform/*.h',
            'service/*.cpp', 'service/*.h', 'tools/codeseal.cpp', 'tools/lumenLocks.cpp',
-           'tools/sealMaker.cpp', 'tools/sealMaker.h']
+           'tools/codeseal/sealMaker.cpp', 'tools/codeseal/sealMaker.h']
 NO_CODE = re.compile(r'\W*(else)?\W*')
 # The beginning of an unindented line that may start a function or a class.
 BEGINNING = re.compile(r'(?!namespace|using|extern "C"|static_assert|typedef)[A-Za-z_\[]')

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include "lib/public/errnoKeeper.h"
 #include "platform/linux/seal/sealDigest.h"
 #include "platform/linux/seal/sealSignature.h"
 #include "platform/linux/seal/sealText.h"
@@ -79,22 +80,41 @@ struct Comparison {
   }
 };
 
-SealVerdict Compare(int item, const SealText &text, uint64_t *entries) {
+// The first listed item that the walk has not come across.
+const char *FirstMissing(const Comparison &comparison) {
+  size_t at = 0;
+  while (comparison.seen[at]) at++;
+  return comparison.text.items[at].path;
+}
+
+SealVerdict CompareFile(int item, Comparison *comparison) {
+  (void)Comparison::Visit(comparison, {kSealSinglePath, item, nullptr});
+  if (comparison->verdict != SealVerdict::Valid) return comparison->verdict;
+  return comparison->count == comparison->text.count ? SealVerdict::Valid : SealVerdict::Missing;
+}
+
+SealVerdict CompareTree(int item, Comparison *comparison, uint64_t *entries, HeapStr *where) {
+  SealWalk walk(Comparison::Visit, comparison);
+  const bool complete = walk.Below(item);
+  SealVerdict verdict = comparison->verdict;
+  if (verdict == SealVerdict::Valid && !complete) verdict = FailureOf(SealVerdict::Unsealable);
+  const bool ended = verdict != SealVerdict::Valid;
+  if (!ended && comparison->count != comparison->text.count) verdict = SealVerdict::Missing;
+  *entries = walk.Entries();
+  if (where != nullptr && verdict != SealVerdict::Valid) {
+    const ErrnoKeeper keeper;
+    where->reset(strdup(ended ? walk.Path() : FirstMissing(*comparison)));
+  }
+  return verdict;
+}
+
+SealVerdict Compare(int item, const SealText &text, uint64_t *entries, HeapStr *where) {
   Comparison comparison{text, Heap_Array<bool>(text.count)};
   if (comparison.seen == nullptr) return SealVerdict::Unreadable;
   std::uninitialized_fill_n(comparison.seen.get(), text.count, false);
-  bool complete = false;
   *entries = 0;
-  if (SealIsDirectory(item)) {
-    SealWalk walk(Comparison::Visit, &comparison);
-    complete = walk.Below(item);
-    *entries = walk.Entries();
-  } else {
-    complete = Comparison::Visit(&comparison, {kSealSinglePath, item, nullptr});
-  }
-  if (comparison.verdict != SealVerdict::Valid) return comparison.verdict;
-  if (!complete) return FailureOf(SealVerdict::Unsealable);
-  return comparison.count == text.count ? SealVerdict::Valid : SealVerdict::Missing;
+  return SealIsDirectory(item) ? CompareTree(item, &comparison, entries, where)
+                               : CompareFile(item, &comparison);
 }
 
 }  // namespace
@@ -115,7 +135,7 @@ SealVerdict SealRead(int item, SmallFileBytes *seal) {
 }
 
 SealVerdict SealCheck(int item, const char *identifier, std::string_view anchors,
-                      SealExtent *extent) {
+                      SealExtent *extent, HeapStr *where) {
   SmallFileBytes seal;
   SmallFileBytes content;
   SealVerdict verdict = SealRead(item, &seal);
@@ -126,5 +146,5 @@ SealVerdict SealCheck(int item, const char *identifier, std::string_view anchors
   if (verdict != SealVerdict::Valid) return verdict;
   if (strcmp(text.identifier, identifier) != 0) return SealVerdict::OtherName;
   *extent = {text.bytes + (SealIsDirectory(item) ? seal.size : 0), 0};
-  return Compare(item, text, &extent->entries);
+  return Compare(item, text, &extent->entries, where);
 }

@@ -124,6 +124,21 @@ bool IsMakers(X509 *certificate) {
   return name.find(kMaker) != name.npos;
 }
 
+// Why there is no chain, from OpenSSL's reason.
+SealVerdict VerdictOf(int error) {
+  switch (error) {
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+      return SealVerdict::Expired;
+    case X509_V_ERR_EE_KEY_TOO_SMALL:
+    case X509_V_ERR_CA_KEY_TOO_SMALL:
+    case X509_V_ERR_CA_MD_TOO_WEAK:
+      return SealVerdict::WeakChain;
+    default:
+      return SealVerdict::Untrusted;
+  }
+}
+
 // Checks the signer's certificate and those between it and an anchor: X509_verify_cert checks the path,
 // times and strength; the loop below the purpose of each certificate; IsMakers the signer's name.
 SealVerdict CheckChain(X509 *signer, STACK_OF(X509) * others, X509_STORE *anchors) {
@@ -136,7 +151,8 @@ SealVerdict CheckChain(X509 *signer, STACK_OF(X509) * others, X509_STORE *anchor
   X509_VERIFY_PARAM_set_auth_level(rules, kSecurityLevel);
   // Every certificate in the file of anchors is an anchor, even one that is not self-signed.
   X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_PARTIAL_CHAIN);
-  if (X509_verify_cert(context.get()) != 1) return SealVerdict::Untrusted;
+  if (X509_verify_cert(context.get()) != 1)
+    return VerdictOf(X509_STORE_CTX_get_error(context.get()));
 
   if (!MaySignCode(signer)) return SealVerdict::NotForCode;
   STACK_OF(X509) *const chain = X509_STORE_CTX_get0_chain(context.get());

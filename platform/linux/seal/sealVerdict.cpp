@@ -17,7 +17,11 @@ const char *SealVerdictWords(SealVerdict verdict) {
     case SealVerdict::BadSignature:
       return "the signature is wrong";
     case SealVerdict::Untrusted:
-      return "the certificate does not lead to an anchor now";
+      return "the certificate does not lead to an anchor";
+    case SealVerdict::Expired:
+      return "a certificate has expired or is not valid yet";
+    case SealVerdict::WeakChain:
+      return "a key or signature of the certificates is too weak";
     case SealVerdict::NotForCode:
       return "the certificate is not for code signing";
     case SealVerdict::NotMaker:

@@ -8,7 +8,9 @@ enum class SealVerdict {
   NotCms,        // the seal is not one signature over a text, in DER
   WeakDigest,    // signed with a digest weaker than SHA-256
   BadSignature,  // the text is not what was signed, or the signer's certificate is missing
-  Untrusted,     // the signer's certificate does not lead to an anchor now
+  Untrusted,     // the signer's certificate does not lead to an anchor
+  Expired,       // a certificate on the way there has expired, or is not valid yet
+  WeakChain,     // a key or signature on the way there is too weak
   NotForCode,    // it is not for code signing
   NotMaker,      // its common name is not the maker's
   OldText,     // the signed text is in the first version of the format, which is no longer accepted

@@ -21,5 +21,5 @@ void SealMaker_RemoveHalfDone(int item);
 // Attaches the seal to the item, in place of an older one.
 void SealMaker_Attach(int item, const std::string &seal);
 
-// The text of the seal and the subjects of its certificates, for people to read; nothing is checked.
-std::string SealMaker_Describe(const std::string &seal);
+// Removes the seal from the item; false if there is none.
+bool SealMaker_Remove(int item);

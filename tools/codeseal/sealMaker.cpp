@@ -1,7 +1,7 @@
 // sealMaker.cpp -- makes seals.
 // Tests: tests/system/codeseal_test
 
-#include "tools/sealMaker.h"
+#include "tools/codeseal/sealMaker.h"
 
 #include <fcntl.h>
 #include <openssl/cms.h>
@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
@@ -93,6 +94,11 @@ Bio OpenPem(const std::string &path) {
 Key ReadKey(const std::string &path) {
   Key key(PEM_read_bio_PrivateKey(OpenPem(path).get(), nullptr, nullptr, nullptr));
   if (key == nullptr) ThrowOpenssl(path + ": no private key");
+  // Others sign, too, but not what the checks accept: RSA-PSS and Ed25519 among them.
+  const int kind = EVP_PKEY_get_base_id(key.get());
+  if (kind != EVP_PKEY_RSA && kind != EVP_PKEY_EC) {
+    throw std::runtime_error(path + ": not a key for RSA (PKCS #1) or ECDSA");
+  }
   return key;
 }
 
@@ -107,6 +113,25 @@ std::vector<X509Owner> ReadCertificates(const std::string &path) {
   if (all.empty() || !atEnd) ThrowOpenssl(path + ": not certificates");
   ERR_clear_error();
   return all;
+}
+
+std::string ReadText(const std::string &path) {
+  std::ifstream in(path);
+  std::string text{std::istreambuf_iterator<char>(in), {}};
+  if (!in) ThrowErrno(path);
+  return text;
+}
+
+// A seal that no anchor could make valid is not worth attaching: it is checked with the last
+// certificate of its own chain as the anchor.
+void RequireValid(const std::string &seal, const SealMakerFiles &files) {
+  SmallFileBytes text;
+  const std::string anchors = ReadText(files.chain.empty() ? files.cert : files.chain);
+  const SealVerdict verdict = SealOpen(seal, anchors, &text);
+  if (verdict != SealVerdict::Valid) {
+    throw std::runtime_error(std::string("no machine would accept it: ") +
+                             SealVerdictWords(verdict));
+  }
 }
 
 // ---- attaching ---------------------------------------------------------------------------------
@@ -167,6 +192,7 @@ std::string SealMaker_Sign(const std::string &text, const SealMakerFiles &files)
   std::string seal(reinterpret_cast<char *>(out), static_cast<size_t>(size));
   OPENSSL_free(out);
   if (seal.size() > kSealMaxSize) throw std::runtime_error("the seal gets too large");
+  RequireValid(seal, files);
   return seal;
 }
 
@@ -184,23 +210,18 @@ void SealMaker_Attach(int item, const std::string &seal) {
   }
 }
 
-std::string SealMaker_Describe(const std::string &seal) {
-  if (!OpensslStart()) ThrowOpenssl("OpenSSL does not start");
-  const auto *next = reinterpret_cast<const unsigned char *>(seal.data());
-  const Cms cms(d2i_CMS_ContentInfo(nullptr, &next, static_cast<long>(seal.size())));
-  ASN1_OCTET_STRING **const content = cms == nullptr ? nullptr : CMS_get0_content(cms.get());
-  if (content == nullptr || *content == nullptr) throw std::runtime_error("not a seal");
-  std::string text(reinterpret_cast<const char *>(ASN1_STRING_get0_data(*content)),
-                   static_cast<size_t>(ASN1_STRING_length(*content)));
-  STACK_OF(X509) *const certs = CMS_get1_certs(cms.get());
-  for (int i = 0; i < sk_X509_num(certs); i++) {
-    const Bio out(BIO_new(BIO_s_mem()));
-    X509_NAME_print_ex(out.get(), X509_get_subject_name(sk_X509_value(certs, i)), 0,
-                       XN_FLAG_RFC2253);
-    char *name = nullptr;
-    const long size = BIO_get_mem_data(out.get(), &name);
-    text += "certificate " + std::string(name, static_cast<size_t>(size)) + "\n";
+bool SealMaker_Remove(int item) {
+  if (!SealIsDirectory(item)) {
+    if (fremovexattr(item, kSealAttribute) == 0) return true;
+    if (errno != ENODATA) ThrowErrno(kSealAttribute);
+    return false;
   }
-  sk_X509_pop_free(certs, X509_free);
-  return text;
+  SealMaker_RemoveHalfDone(item);
+  if (unlinkat(item, kSealFile, 0) != 0) {
+    if (errno != ENOENT && errno != ENOTDIR) ThrowErrno(kSealFile);
+    return false;
+  }
+  // Other files may be there.
+  if (unlinkat(item, kFolder, AT_REMOVEDIR) != 0 && errno != ENOTEMPTY) ThrowErrno(kFolder);
+  return true;
 }
