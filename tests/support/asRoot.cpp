@@ -1,5 +1,3 @@
-// asRoot.cpp -- see asRoot.h.
-
 #include "tests/support/asRoot.h"
 
 #include <sys/wait.h>

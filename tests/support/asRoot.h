@@ -1,4 +1,4 @@
-// asRoot.h -- tests that need root, run by an ordinary user.
+// asRoot.h -- lets an ordinary user run tests that need root.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,14 +6,14 @@
 
 #include "tests/support/sandboxSkip.h"
 
-// Runs the current test, and no other, as root: this program once more, in a sandbox.  Returns its
-// exit status, or the one with which tests/support/sandbox says that there can be none.
+// Runs only the current test, as root, by running this program again in a sandbox.  Returns its exit
+// status, or kNoSandbox.
 int StatusOfTestInSandbox();
 
 inline constexpr int kNoSandbox = 77;
 
-// Put first into a test: goes on if this process is root.  If not, the test ends here as it has ended
-// in a sandbox, and what it prints there is printed.
+// For the beginning of a test: continues if this process is root.  Otherwise runs the test in a sandbox,
+// with its output, and returns with that result.
 #define RUN_AS_ROOT()                                                                  \
   do {                                                                                 \
     if (geteuid() == 0) break;                                                         \

@@ -1,4 +1,4 @@
-// peer.cpp -- the protocol once more, without the product's code.
+// peer.cpp -- the protocol without the product's code.
 
 #include "tests/support/peer.h"
 
@@ -29,7 +29,7 @@ Fd ListenAt(const std::string &path) {
   unlink(path.c_str());
   Fd listener = SocketAt(path, bind);
   Check(chmod(path.c_str(), 0600) == 0 && listen(listener.Get(), SOMAXCONN) == 0, "listen");
-  const timeval longest = {Process::kTimeoutMs / 1000, 0};  // to wait in accept
+  const timeval longest = {Process::kTimeoutMs / 1000, 0};  // for accept
   setsockopt(listener.Get(), SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
   return listener;
 }

@@ -1,5 +1,5 @@
-// peer.h -- the other side of an opener or of a service, played by the test: the pieces of the
-// protocol, written anew as a second opinion.
+// peer.h -- the other end of an opener or of a service, played by the test: an independent implementation
+// of the protocol.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 #include "lib/public/fd.h"
 
-// A socket that listens at `path`, which is replaced, mode 0600; the next connection to it; one that
-// is connected to `path`.
+// A socket that listens at `path`, replacing it, mode 0600; the next connection to it; a socket connected
+// to `path`.
 Fd ListenAt(const std::string &path);
 Fd Accept(const Fd &listener);
 Fd ConnectTo(const std::string &path);
@@ -16,7 +16,7 @@ Fd ConnectTo(const std::string &path);
 // Sends one byte: the greeting, or the answer.
 void Say(const Fd &connection, char byte);
 
-// One byte, '\0' at the end of file; and the descriptor that came with it.
+// One byte, '\0' at the end of file, and the descriptor that came with it.
 struct Received {
   char byte = '\0';
   Fd fd;

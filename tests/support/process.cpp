@@ -32,7 +32,7 @@ std::vector<char *> Pointers(const std::vector<std::string> &words) {
 
 }  // namespace
 
-// The order of writes to standard output and error is kept by their sharing one open file.
+// Standard output and error share one open file, so that the order of writes is kept.
 Process::Process(const Launch &launch) : output_(FileWith("")) {
   fflush(nullptr);
   pid_ = fork();

@@ -1,5 +1,4 @@
-// process.h -- a program started as some user, with exactly the environment and descriptors asked
-// for; and what became of it.
+// process.h -- runs a program as a given user with a given environment, and reports how it ended.
 #pragma once
 
 #include <sys/types.h>
@@ -14,8 +13,8 @@
 struct Launch {
   std::vector<std::string> argv;      // argv[0] is the path
   uid_t user = 0;                     // and group
-  std::vector<std::string> env = {};  // "NAME=value"; nothing else is there
-  // Last adjustments in the child, as the user, standard output already being the captured one.
+  std::vector<std::string> env = {};  // all of it, as "NAME=value"
+  // Runs last in the child, as the user, when standard output is already being captured.
   std::function<void()> adjust = [] {};
 };
 
@@ -29,7 +28,7 @@ class Process {
   explicit Process(const Launch &launch);
   Process(const Process &) = delete;
   Process &operator=(const Process &) = delete;
-  // A process that still runs is killed.
+  // Kills a process that is still running.
   ~Process();
 
   pid_t Pid() const { return pid_; }
@@ -37,46 +36,45 @@ class Process {
   std::string Output() const;
   bool Running() const;
   void Signal(int signal) const;
-  // The exit status, or 128 and the number of the signal that ended it.  A process that does not
-  // end within kTimeoutMs is a failure of the test, and killed.
+  // The exit status, or 128 plus the number of the signal that ended it.  A process that does not end
+  // within kTimeoutMs is killed, and fails the test.
   int Wait();
 };
 
-// What a program writes, run to its end.
+// The output of a program that must end with status 0.
 std::string OutputOf(const std::vector<std::string> &argv);
 
 // Throws std::system_error for errno, unless `ok`.
 void Check(bool ok, const char *call);
 
-// Makes this process the user's for good, without other groups.
+// Gives this process the user's ids for good, and no supplementary groups.
 void BecomeUser(uid_t user);
 
-// Waits until `condition` holds, looking again and again; false when it never does within
-// Process::kTimeoutMs.
+// Polls `condition` until it is true; false if it is not within Process::kTimeoutMs.
 bool Eventually(const std::function<bool()> &condition);
 
-// A pipe that programs do not inherit unless it is dup2'ed.
+// A close-on-exec pipe.
 struct Pipe {
   Fd read;
   Fd write;
   Pipe();
 };
 
-// How many descriptors this process has.
+// The number of descriptors that this process has open.
 size_t OpenDescriptors();
 
-// What a process has open, by number: a path, or "socket", "pipe" and the like.
+// The open descriptors of a process: for each number a path, or "socket", "pipe" and the like.
 std::map<int, std::string> FilesOf(pid_t pid);
 
-// Tells whether something happens to files or folders: IN_ACCESS, IN_OPEN and the like.
+// Watches files or folders for inotify(7) events: IN_ACCESS, IN_OPEN and the like.
 class Watch {
   Fd events_;
 
  public:
   Watch(const std::vector<std::string> &paths, uint32_t what);
-  // Whether anything has happened; it is told once.
+  // Whether there has been an event; consumes it.
   bool Seen() const;
-  // The same, before long.
+  // Waits for one.
   bool Await() const {
     return Eventually([this] { return Seen(); });
   }

@@ -1,4 +1,4 @@
-// product.cpp -- installing, starting over, and reading the service's log.
+// product.cpp -- installs and resets the product, and reads the service's log.
 
 #include "tests/support/product.h"
 
@@ -14,18 +14,18 @@ constexpr char kPrelude[] = R"sh(
   daemon='Zephrin Lumen Client Services'
   root='/Library/Application Support/Zephrin/Zephrin Calder Lumen'
   anchors=/etc/zephrin/code-signing-anchors.pem
-  authority=/run/authority # outside of what tests take for the product
+  authority=/run/authority # outside of all folders of the product
   sign() {
     "$LUMEN_BUILD/tools/codeseal" sign --key "$authority/${3-valid}.key" \
       --cert "$authority/${3-valid}.pem" --identifier "$1" "$2"
   }
-  # Root of a user namespace makes no devices: a FIFO stands for one.
+  # The root of a user namespace cannot make devices: a FIFO takes their place.
   makeDevice() { mknod -m 600 "$1" c 1 3 2>/dev/null || mkfifo -m 600 "$1"; }
   mkdir -p "$app/Contents/Library"
   cd "$app/Contents/Library"
 )sh";
 
-// The authority and the bundle to copy are made once.
+// The authority, and the bundle that is copied for each test, are made once.
 constexpr char kInstall[] = R"sh(
   if ! test -d /run/bundle; then
     "$LUMEN_SUPPORT/makeAuthority" "$authority"
@@ -107,15 +107,14 @@ size_t Count(const std::string &text, const std::string &part) {
 }
 
 Launch OpenerLaunch(Fd file, const std::function<void()> &adjust, int number) {
-  // The leak checker of a sanitizer build attaches to its own process, which a set-user-ID program
-  // may not do.
+  // LeakSanitizer attaches to its own process, which is not possible in a set-user-ID program.
   Launch launch = {{kOpenerPath}, kUser, {"ASAN_OPTIONS=detect_leaks=0"}};
   if (file) launch.argv.push_back(std::to_string(number));
   const auto shared = std::make_shared<Fd>(std::move(file));
   launch.adjust = [=] {
     if (*shared) {
       dup2(shared->Get(), number);
-      fcntl(number, F_SETFD, 0);  // which dup2 has not done if the two are one
+      fcntl(number, F_SETFD, 0);  // dup2 does not if both are the same
     }
     adjust();
   };

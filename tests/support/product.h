@@ -17,7 +17,7 @@ inline const std::string kBundleLibrary = kBundle + "/Contents/Library";
 inline const std::string kOpenerPath = kBundleLibrary + "/lumenClient-opener";
 inline const std::string kDaemonName = "Zephrin Lumen Client Services";
 inline const std::string kBundleDaemon = kBundleLibrary + "/" + kDaemonName;
-// Where the bundle is copied from for each test.
+// The bundle that is copied for each test.
 inline const std::string kTemplate = "/run/bundle";
 inline const std::string kInstallParent = "/Library/Application Support/Zephrin";
 inline const std::string kInstallRoot = kInstallParent + "/Zephrin Calder Lumen";
@@ -27,46 +27,46 @@ inline const std::string kProbeReport = "/var/run/probe.report";  // of probeDae
 inline constexpr uid_t kUser = 12345;
 
 // Runs shell commands as root in the folder of the bundle's daemon.  They may use
-//   sign IDENTIFIER PATH [SIGNER]   signs an item, in the name of a signer of makeAuthority
+//   sign IDENTIFIER PATH [SIGNER]   signs an item, as one of the signers of makeAuthority
 //   $daemon, $root, $anchors        kDaemonName; the install root; the file of trusted anchors
 void Shell(const std::string &commands);
 
-// Runs them as the user, with nothing to use but programs.
+// Runs shell commands as the user, without the above.
 void ShellAsUser(const std::string &commands);
 
-// As the installer does: the bundle in its place, as it was made, the folder that the install root is
-// made in, and this machine's trust in the signer.
+// Does what the installer does: a fresh bundle in its place, the folder in which the install root is
+// made, and the anchors that make this machine trust the signer.
 void InstallBundle();
 
-// Makes the probe the bundle's daemon, signed.
+// Makes probeDaemon, signed, the bundle's daemon.
 void InstallProbe();
 
-// Makes another build of the opener, a program of tests/system, the bundle's.
+// Makes another build of the opener, made by tests/system, the bundle's.
 void InstallOpener(const std::string &program);
 
-// The processes of the staged daemon; ending them all.
+// The processes that run the staged daemon; kills all of them.
 std::vector<pid_t> Services();
 void StopServices();
 
-// The log of the reference service, without time stamps; and the line in it that tells of the end
-// of a delivered descriptor which held `content`, without its beginning "#N: ".
+// The log of the reference service, without time stamps; the record, without the "#N" at its beginning,
+// that the end of a delivered descriptor with this content leaves; and whether it appears before long.
 std::string ServiceLog();
 std::string EndRecord(const std::string &content);
 bool ServiceRead(const std::string &content);
 
-// Whether `text` comes into the log before long; how often `part` stands in `text`.
+// Whether `text` appears in the log before long; how often `part` occurs in `text`.
 bool ServiceLogged(const std::string &text);
 size_t Count(const std::string &text, const std::string &part);
 
-// How to run the opener as an ordinary user.  A file is open in it as descriptor `number`, which is
-// its argument; `adjust` is done last.
+// How to run the opener as an ordinary user.  If there is a file, it is open as descriptor `number`,
+// which is the argument.  `adjust` runs last.
 Launch OpenerLaunch(
     Fd file = Fd(), const std::function<void()> &adjust = [] {}, int number = 7);
 
-// Runs it to its end.
+// How it ended.
 struct Outcome {
   int status;
-  std::string records;  // what it logged, without time stamps and the lines that every start has
+  std::string records;  // its log, without time stamps and the records of every start
   bool operator==(const Outcome &) const = default;
 };
 inline const Outcome kDelivered = {0, ""};
@@ -74,13 +74,13 @@ Outcome OutcomeOf(const Launch &launch);
 Outcome Finish(Process *process);
 std::ostream &operator<<(std::ostream &out, const Outcome &outcome);
 
-// Starts each test with the product freshly installed, no service, no socket, no lock, no log.
+// Each test starts with the product freshly installed, without service, socket, locks and log.
 class ProductTest : public testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
 
  public:
-  // As at the beginning of the test, within it.
+  // Restores that state within a test.
   static void Reset();
 };

@@ -1,5 +1,5 @@
-// refusingConnect.cpp -- connecting as on macOS, linked in the place of the host's own: a full queue
-// refuses at once, until there is a file /run/patient: then it waits, however slow the machine is.
+// refusingConnect.cpp -- replaces platform/linux/connect.cpp by the behaviour of macOS: a full queue refuses
+// at once.  If there is a file /run/patient it waits instead, so that a slow machine does not fail.
 
 #include <fcntl.h>
 #include <sys/socket.h>

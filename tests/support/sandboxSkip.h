@@ -1,4 +1,4 @@
-// sandboxSkip.h -- leaving a test that needs a privilege or a namespace which is not to be had.
+// sandboxSkip.h -- skips a test for want of a privilege or a namespace.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-// Returns from the test: skipped with the reason, or failed when the run promises everything that
-// tests may need (LUMEN_REQUIRE_SANDBOX=1).
+// Returns from the test: skipped with the reason, or failed if the run must provide everything that tests
+// need (LUMEN_REQUIRE_SANDBOX=1).
 #define SKIP_FOR_WANT_OF(what)                                          \
   do {                                                                  \
     const char *const required = getenv("LUMEN_REQUIRE_SANDBOX");       \

@@ -1,5 +1,3 @@
-// scratchDir.cpp -- see scratchDir.h.
-
 #include "tests/support/scratchDir.h"
 
 #include <sys/mman.h>

@@ -1,5 +1,5 @@
-// scratchDir.h -- an empty folder of a test's own, removed with all it holds at the end of the
-// scope.
+// scratchDir.h -- an empty folder for one test, removed with its content at the end of the scope; and
+// files as strings.
 #pragma once
 
 #include <filesystem>
@@ -16,18 +16,18 @@ class ScratchDir {
   ScratchDir &operator=(const ScratchDir &) = delete;
   ~ScratchDir();
 
-  // The path of `name` in the folder; without a name the folder's own.
+  // The path of `name` in the folder; of the folder itself without a name.
   std::string Path(const std::string &name = "") const;
 
   // A new file with `content`; returns its path.
   std::string Write(const std::string &name, const std::string &content) const;
 };
 
-// The whole content of a file; empty when there is none.
+// The whole content of a file; "" if it cannot be read.
 std::string ReadFile(const std::string &path);
 
-// A file without a name that holds `content`, at its beginning.
+// A new unnamed file with this content and offset 0.
 Fd FileWith(const std::string &content);
 
-// What is in the file that is open as `fd`, from its first byte.
+// The whole content of the open file, whatever its offset.
 std::string ContentOf(const Fd &fd);

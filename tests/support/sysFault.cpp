@@ -29,8 +29,8 @@ bool MustFail(const char *call) {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-macro-parentheses): types and whole lists.
-// Symbol, the name it counts as, its result, what a failure returns, parameters, arguments.
+// NOLINTBEGIN(bugprone-macro-parentheses): the arguments are types and parenthesised lists.
+// Symbol, the name that it counts as, type of the result, result of a failure, parameters, arguments.
 #define WRAP(symbol, name, Result, failure, parameters, arguments) \
   extern "C" Result __real_##symbol parameters;                    \
   extern "C" Result __wrap_##symbol parameters {                   \
@@ -59,14 +59,14 @@ WRAP(opendir, "opendir", DIR *, nullptr, (const char *path), (path))
 WRAP(fdopendir, "fdopendir", DIR *, nullptr, (int fd), (fd))
 WRAP(readdir, "readdir", dirent *, nullptr, (DIR * stream), (stream))
 WRAP(realpath, "realpath", char *, nullptr, (const char *path, char *to), (path, to))
-// The same, where the compiler knows the size of the buffer.
+// What -D_FORTIFY_SOURCE calls instead if the size of the buffer is known.
 WRAP(__realpath_chk, "realpath", char *, nullptr, (const char *path, char *to, size_t size),
      (path, to, size))
 WRAP(__read_chk, "read", ssize_t, -1, (int fd, void *to, size_t size, size_t room),
      (fd, to, size, room))
-// The same, where it does not know flags that ask for no mode.
+// What it calls instead if there is no mode, and flags that are not constant.
 WRAP(__openat_2, "openat", int, -1, (int dir, const char *path, int flags), (dir, path, flags))
-// Their last argument may be missing: then what its register happens to hold is passed on.
+// The last argument may be missing.  Passing on whatever is in its register is harmless: nobody reads it.
 WRAP_INT(open, (const char *path, int flags, mode_t mode), (path, flags, mode))
 WRAP_INT(openat, (int dir, const char *path, int flags, mode_t mode), (dir, path, flags, mode))
 WRAP_INT(fcntl, (int fd, int command, void *argument), (fd, command, argument))

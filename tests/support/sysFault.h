@@ -1,16 +1,15 @@
-// sysFault.h -- makes a system call of the product's code fail, or does something right before it.
+// sysFault.h -- makes a system call of the product's code fail, or runs something right before it.
 //
-// For test programs that are given to lumen_sys_faults in tests/unit/CMakeLists.txt.  The calls are
-// those of the lists in sysFault.cpp; what libc calls by itself does not count, what the test calls
-// while an object lives does.
+// For test programs in lumen_sys_faults of tests/unit/CMakeLists.txt.  sysFault.cpp lists the calls.
+// Calls from within libc do not count; calls that the test makes while an object exists do.
 #pragma once
 
 #include <functional>
 #include <string>
 
-// While it lives, one call fails with errno `error`, the nth from its start: of the calls named
-// `call`, or with "" of all.  The call does not happen, but for close, which fails and has closed.
-// With `error` 0 the call goes on after `before`.  One object at a time.
+// While the object exists, the nth call of `call`, or of any of them with "", fails with errno `error`
+// after running `before`.  The real call is not made, except for close, which closes and then fails.  With
+// `error` 0 the call is made normally after `before`.  One object at a time.
 //
 //   for (int n = 1;; n++) {
 //     SysFault fault("", n, EIO);
@@ -26,10 +25,10 @@ class SysFault {
   SysFault &operator=(const SysFault &) = delete;
   ~SysFault() { Disarm(); }
 
-  // Whether there were that many.
+  // Whether there have been that many.
   bool Fired() const { return !Call().empty(); }
-  // The name of the call that failed; empty before.
+  // The name of the call that failed; "" before.
   std::string Call() const;
-  // No more faults from here.
+  // No more faults from now on.
   void Disarm();
 };

@@ -1,5 +1,5 @@
-// test.h -- what nearly every test needs: GoogleTest, captured output, scratch folders, and the
-// headers that go with them.  What fewer tests need they include themselves.
+// test.h -- what nearly every test needs: GoogleTest, captured output, scratch folders, common headers.
+// Tests include nothing that is here a second time.
 #pragma once
 
 #include <fcntl.h>
@@ -31,8 +31,7 @@
 
 namespace fs = std::filesystem;
 
-// How often to repeat what chance decides: LUMEN_ROUNDS, or 1, times what an ordinary run is content
-// with.
+// How often to repeat a random test: `usual` times LUMEN_ROUNDS, which is 1 by default.
 inline int Rounds(int usual = 1) {
   const char *const rounds = getenv("LUMEN_ROUNDS");
   return usual * (rounds == nullptr ? 1 : std::clamp(atoi(rounds), 1, 1000));

@@ -1,4 +1,4 @@
-// trace.cpp -- running strace, and reading what it has written.
+// trace.cpp -- runs strace, and reads its output.
 
 #include "tests/support/trace.h"
 
@@ -28,9 +28,9 @@ Trace::Trace(const std::string &text) {
   }
 }
 
-// strace must itself be root to leave the set-user-ID bit in force.
+// The set-user-ID bit has an effect under strace only if strace itself is root.
 Launch Traced(const std::vector<std::string> &options) {
-  // Closing one by one all that there may be takes long when each call is traced.
+  // Some rows make the children close every possible descriptor, each by a traced call.
   Launch launch = OpenerLaunch(FileWith("traced"), [] {
     const rlimit few = {512, 512};
     setrlimit(RLIMIT_NOFILE, &few);

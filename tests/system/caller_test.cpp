@@ -1,5 +1,5 @@
-// caller_test.cpp -- whoever starts the opener: what of theirs reaches the service, what is cleaned
-// before, and what they cannot choose.
+// caller_test.cpp -- the influence of the user who starts the opener: what the service inherits, what is
+// removed before, and what that user cannot choose.
 
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -20,7 +20,7 @@ constexpr struct {
   uid_t user;
   void (*make)();
 } kCallerStates[] = {
-    // The hosts fill them for a set-user-ID start, but not for one by root.
+    // The hosts open closed ones for set-user-ID starts, but not if root starts the program.
     {"root, standard descriptors closed", 0, [] { close_range(0, 2, 0); }},
     {"signals blocked and ignored, umask 077", kUser,
      [] {
@@ -31,7 +31,7 @@ constexpr struct {
        sigprocmask(SIG_BLOCK, &all, nullptr);
        for (int number = 1; number < NSIG; number++) signal(number, SIG_IGN);
      }},
-    // The user has one process already.  Root may start more all the same; but not the root of a user
+    // The user has a process already.  Root may start more nevertheless, but not the root of a user
     // namespace.
     {"no more processes", kUser,
      [] {
@@ -88,14 +88,14 @@ TEST_F(Caller, LeavesNothingToTheServiceButAnEnvironmentWithoutCode) {
   }
 }
 
-// unsetenv cannot remove a variable without a name.
+// unsetenv cannot remove a variable whose name is empty.
 TEST_F(Caller, AnEntryThatCannotBeRemovedEndsTheOpener) {
   Launch launch = OpenerLaunch(FileWith(""));
   launch.env.push_back("=() { :; }");
   EXPECT_EQ((Outcome{1, ""}), OutcomeOf(launch));
 }
 
-// Nobody reads it any more; or it is a file, to which nothing may be written.
+// A pipe without a reader, and a file beyond RLIMIT_FSIZE.
 TEST_F(Caller, ALogThatCannotBeWrittenDoesNotEndTheOpener) {
   Pipe log;
   log.read.Reset();
@@ -111,7 +111,7 @@ TEST_F(Caller, ALogThatCannotBeWrittenDoesNotEndTheOpener) {
 
 // ---- signals --------------------------------------------------------------------------------
 
-// A stopped opener would hold up everybody who waits for its lock.
+// A stopped opener would block all others, which wait for its lock.
 TEST_F(Caller, CannotSignalAnOpenerThatOthersWaitFor) {
   const Fd listener = ListenAt(kSocketPath);
   Fd lock(open(kLockPath.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
@@ -131,7 +131,7 @@ TEST_F(Caller, CannotSignalAnOpenerThatOthersWaitFor) {
   EXPECT_EQ(128 + SIGTERM, opener.Wait());
 }
 
-// A pipe that nobody reads, with room for the first record and no more.
+// A pipe that nobody reads, with room for one record only.
 Pipe AlmostFullPipe() {
   Pipe pipe;
   const int size = fcntl(pipe.write.Get(), F_SETPIPE_SZ, 4096);
@@ -141,8 +141,8 @@ Pipe AlmostFullPipe() {
   return pipe;
 }
 
-TEST_F(Caller, WhoDoesNotReadTheLogHoldsUpNobodyElse) {
-  // Once it starts the service, once it fails while it chooses the side.
+TEST_F(Caller, BlocksNobodyElseByNotReadingTheLog) {
+  // Once while it starts the service, once when choosing the side fails.
   for (const rlim_t descriptors : {rlim_t{1024}, rlim_t{6}}) {
     Reset();
     const Pipe log = AlmostFullPipe();
@@ -167,7 +167,7 @@ TEST_F(Caller, WhoDoesNotReadTheLogHoldsUpNobodyElse) {
 // ---- where the bundle is ----------------------------------------------------------------------
 
 TEST_F(Caller, CannotMoveTheBundle) {
-  // A link leads to the bundle in which the opener is, not to the one in which the link is.
+  // The bundle is the one that contains the opener, not the link to it.
   Shell(R"(mkdir -p /Library/Own.app/Contents/Library
            ln -s "$PWD/lumenClient-opener" /Library/Own.app/Contents/Library/opener)");
   Launch launch = OpenerLaunch(FileWith(""));

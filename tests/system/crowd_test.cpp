@@ -1,6 +1,6 @@
-// crowd_test.cpp -- many openers at the same moment, with nobody listening; and the same while openers
-// and their children are stopped and killed, and the service is slow.  LUMEN_ROUNDS makes the crowds
-// larger and the rounds more.
+// crowd_test.cpp -- many openers start at the same moment with nobody listening, also while openers and
+// their children are stopped and killed, and the service is stopped.  LUMEN_ROUNDS makes larger crowds and
+// more rounds.
 
 #include <chrono>
 #include <deque>
@@ -18,7 +18,7 @@ std::string Token(int round, size_t number) {
   return "round " + std::to_string(round) + ", opener " + std::to_string(number);
 }
 
-// Openers that wait for a gate, each with a token of its own.
+// Openers that wait until a gate opens, each with its own token.
 class Crowd {
   Pipe gate_;
   std::deque<Process> openers_;
@@ -27,7 +27,7 @@ class Crowd {
   explicit Crowd(int round) {
     for (size_t i = 0; i < kCrowd; i++) {
       openers_.emplace_back(OpenerLaunch(FileWith(Token(round, i)), [&] {
-        // The end of file comes when nobody has the write end any more.
+        // Reads an end of file when the last write end is closed.
         gate_.write.Reset();
         char ignored;
         if (read(gate_.read.Get(), &ignored, 1) != 0 || setpgid(0, 0) != 0) _exit(125);
@@ -38,13 +38,13 @@ class Crowd {
   Process *operator[](size_t i) { return &openers_[i]; }
 };
 
-// Stops and kills openers, alone or with those of their children that are not yet daemons, and stops
-// the service.
+// Stops and kills openers, alone or together with their children that are not daemons yet, and stops the
+// service.
 class Storm {
   static constexpr size_t kMostStopped = 16;
 
   std::mt19937 random_{20201};
-  std::deque<pid_t> stopped_;  // as kill(2) takes them: negative for a process and its children
+  std::deque<pid_t> stopped_;  // arguments of kill(2): negative for a process with its children
 
   void Stop(pid_t target) {
     kill(target, SIGSTOP);
@@ -80,7 +80,7 @@ class Storm {
 
 using CrowdTest = ProductTest;
 
-// Each one left alive has delivered its token; whoever may have been killed has, or has not.
+// All openers have delivered their tokens, except that killed ones may not have.
 void ExpectDelivered(Crowd *crowd, int round, const std::set<size_t> &killed) {
   for (size_t i = 0; i < kCrowd; i++) {
     const Outcome outcome = Finish((*crowd)[i]);
@@ -91,11 +91,10 @@ void ExpectDelivered(Crowd *crowd, int round, const std::set<size_t> &killed) {
   }
 }
 
-// A storm in all rounds but the first of nine, at moments that are spread over the time of a few
-// starts.  An opener that is killed while it prepares the service, with others in the queue of its
-// socket, leaves its place to another one.  In every other round of a long run the openers are
-// refused as on macOS.
-TEST_F(CrowdTest, StartsOneServiceThatServesAllWhoLive) {
+// Every round but the first of nine has a storm, spread over the time that a few starts take.  If an opener
+// is killed while it prepares the service, another one from its queue takes its place.  In every other
+// round of a long run the openers are refused as on macOS.
+TEST_F(CrowdTest, StartsOneServiceThatServesAllSurvivors) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("first"))));
   const std::chrono::microseconds time = std::chrono::duration_cast<std::chrono::microseconds>(

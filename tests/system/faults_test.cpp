@@ -1,7 +1,6 @@
-// faults_test.cpp -- every system call on the way of a hand-off fails once, in the opener as
-// installed: strace(1) injects the error into the running set-user-ID program.  faults.txt says which
-// call, and what comes of it.  A run without faults shows which calls there are, and a call without
-// a row fails the test.
+// faults_test.cpp -- every system call of a hand-off fails once in the installed opener: strace(1) injects
+// the errors into the running set-user-ID program.  faults.txt has the calls and the expected results.  A
+// run without faults shows which calls there are; one without a row fails the test.
 
 #include <fstream>
 #include <set>
@@ -62,13 +61,13 @@ class Faults : public ProductTest {
     return Trace(ReadFile(kTracePath));
   }
 
-  // Calls that cannot fail, change nothing when they do, or belong to the log, need no row.
+  // No row is needed for calls that cannot fail, whose failure changes nothing, or that belong to the log.
   static void ExpectRowForEachCall(const Trace &trace, const std::vector<Row> &rows) {
     std::set<Position> known;
     for (const Row &row : rows) known.insert(row.At());
     for (const Position &call : trace.order) {
       if (call == Position{"setresuid", 9}) return;  // the second pass of a server
-      // Without memory a sanitizer ends the process in its own way.
+      // A sanitizer ends the process by itself if it gets no memory.
       static const std::set<std::string> without = {
           "geteuid", "getuid", "rt_sigprocmask", "write", "exit_group", "brk", "mmap"};
       EXPECT_TRUE(without.contains(call.first) || known.contains(call))
@@ -86,7 +85,7 @@ class Faults : public ProductTest {
     Outcome outcome = OutcomeWithFault(row.call, number, row.error, options);
     outcome.records = Replaced(outcome.records, R"(Child \d+ exited)", "Child N exited");
     EXPECT_EQ((Outcome{row.status, ExpectedRecords(row, trace)}), outcome);
-    // Nothing is held: the next one gets the lock.
+    // All locks are free: another opener gets them.
     EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith(""))));
     EXPECT_EQ(1U, Services().size());
   }
@@ -111,7 +110,7 @@ TEST_F(Faults, OfTheServer) {
   std::string all;
   for (const Position &call : trace.order) all += call.first + " ";
   EXPECT_NE(std::string::npos, all.find("close close setresuid setreuid ")) << all;
-  // The listener is ready before it listens, and its queue as short as the host makes it.
+  // The socket has its mode before it listens, and the shortest possible queue.
   EXPECT_TRUE(std::regex_search(text, std::regex(R"(listen\(\d+, 0\))")));
   std::string names;
   for (size_t i = 0; i < trace.order.size() && trace.order[i].first != "listen"; i++)
@@ -126,7 +125,7 @@ TEST_F(Faults, OfTheChildrenThatBecomeTheService) {
     Reset();
     InstallProbe();
     ExpectFault(row, Trace(""), {"-f", "--detach-on=execve"});
-    // However it was started, the service has 0 to 2 and its two.
+    // In any case the service has 0 to 2 and its own two.
     EXPECT_EQ(5U, Count(ReadFile(kProbeReport), "\nfd "));
   }
 }

@@ -1,4 +1,4 @@
-// handoff_test.cpp -- one opener and one service, as installed: who starts whom, and what arrives.
+// handoff_test.cpp -- openers and a service, as installed: which one starts the service, and what it gets.
 
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -25,7 +25,7 @@ TEST_F(Handoff, TheFirstOpenerStartsTheServiceAndTheNextOneUsesIt) {
   EXPECT_EQ(services, Services());
 }
 
-// Every start is preceded by staging, and no pass leaves anything open but the status pipe's write end.
+// Each start is preceded by staging, and a pass leaves nothing open but the write end of the status pipe.
 TEST_F(Handoff, ADaemonThatDiesAtOnceIsStagedAndStartedAgainAndAgain) {
   Shell(R"(echo '#!/bin/sh' >"$daemon"; sign "$daemon" "$daemon")");
   Process opener(OpenerLaunch(
@@ -37,7 +37,7 @@ TEST_F(Handoff, ADaemonThatDiesAtOnceIsStagedAndStartedAgainAndAgain) {
 
 // ---- the start lock -----------------------------------------------------------------------------
 
-// An open lock file, locked; not open when another process has the lock.
+// A lock file, open and locked; empty if another process holds the lock.
 Fd Locked(const std::string &path) {
   Fd file(open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
   return flock(file.Get(), LOCK_EX | LOCK_NB) == 0 ? std::move(file) : Fd();
@@ -57,7 +57,7 @@ TEST_F(Handoff, AnOpenerThatFindsAnotherOneStartingLetsGoOfEverythingAndComesBac
   EXPECT_TRUE(Locked(kStartLockPath)) << "the service has it";
 }
 
-// Otherwise another opener could stage anew under a child that is about to execute what is staged.
+// Otherwise another opener could replace the staged files that the child is about to execute.
 TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockUntilItIsTheDaemon) {
   StoppedOpener first("chdir", "/");
   ASSERT_TRUE(first.AwaitStop());
@@ -66,7 +66,7 @@ TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockUntilItIsTheDaemo
   EXPECT_FALSE(Locked(kStartLockPath));
   Process second(OpenerLaunch(FileWith("second")));
   EXPECT_EQ(128 + SIGKILL, first.ContinueToEnd().status);
-  // By the killed one's daemon.
+  // To the daemon of the killed one.
   EXPECT_EQ(kDelivered, Finish(&second));
   EXPECT_EQ(0U, Count(second.Output(), "construction complete")) << second.Output();
   EXPECT_EQ(1U, Services().size());
@@ -75,9 +75,9 @@ TEST_F(Handoff, WhenTheStarterIsKilledItsChildKeepsTheStartLockUntilItIsTheDaemo
 
 // ---- the exchange -------------------------------------------------------------------------------
 
-// A service that stops with openers in its queue closes them without a greeting; an opener comes back
-// after pauses that grow.  The greeting comes back as it was, with the very open file.
-TEST_F(Handoff, WhoIsNotGreetedTriesAgainAndWhoIsEchoesTheByte) {
+// A service that stops closes the connections in its queue without a greeting; the openers try again after
+// growing pauses.  A greeting is echoed, together with the open file itself.
+TEST_F(Handoff, AnOpenerTriesAgainUntilItIsGreetedAndEchoesTheGreeting) {
   const Fd listener = ListenAt(kSocketPath);
   for (const auto &[greeting, passes] : {std::pair('\0', 2), {'1', 2}, {'\xff', 11}}) {
     Process opener(OpenerLaunch(FileWith("content")));
@@ -97,7 +97,7 @@ TEST_F(Handoff, WhoIsNotGreetedTriesAgainAndWhoIsEchoesTheByte) {
 
 TEST_F(Handoff, AnyAnswerButOneIsARefusal) {
   const struct {
-    bool takesDescriptor;  // or leaves it unread, which on Linux resets the connection
+    bool takesDescriptor;  // if not, closing with it unread resets the connection on Linux
     std::string answer;
   } rows[] = {{true, "0"}, {true, std::string(1, '\0')}, {true, "g"}, {true, ""}, {false, ""}};
   const Fd listener = ListenAt(kSocketPath);
@@ -111,13 +111,13 @@ TEST_F(Handoff, AnyAnswerButOneIsARefusal) {
       if (row.takesDescriptor) Receive(connection);
       if (!row.answer.empty()) Say(connection, row.answer[0]);
       connection.Reset();
-      // Not the opener's failure, so it has nothing to log.
+      // This is no failure of the opener, so it logs nothing.
       EXPECT_EQ((Outcome{1, ""}), Finish(&opener)) << row.takesDescriptor << row.answer;
     }
   }
 }
 
-// What is no number is 0, standard input.
+// Text that is no number counts as 0, standard input.
 TEST_F(Handoff, TheArgumentNamesTheDescriptor) {
   const Outcome notOpen = {
       1, "Warning: ServiceImplSendFd: sendmsg errno " + std::to_string(EBADF) + ".\n"};
@@ -147,13 +147,13 @@ TEST_F(Handoff, InShellModeTheServiceSeesTheEndOnlyWhenTheOpenerDies) {
   EXPECT_TRUE(ServiceLogged("#1: accepted"));
   Process second(OpenerLaunch());
   EXPECT_TRUE(ServiceLogged("#2: accepted"));
-  // Whatever the service has seen up to this delivery's end is in the log.
+  // When the end of this delivery is in the log, so is everything that came before it.
   EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("between"))));
   EXPECT_TRUE(ServiceRead("between"));
   const std::string end = EndRecord("");
   EXPECT_EQ(0U, Count(ServiceLog(), end)) << ServiceLog();
 
-  // It keeps the write end, and not the one that it handed over.
+  // It keeps the write end, and has closed the read end that it delivered.
   EXPECT_TRUE(Eventually([&] {
     const auto files = FilesOf(first.Pid());
     return std::ranges::count(files, "pipe", &decltype(files)::value_type::second) == 1;

@@ -1,5 +1,5 @@
-// service_test.cpp -- the reference service: no peer harms it or the others, and the user who
-// happened to start it has no power over it.
+// service_test.cpp -- the reference service: no peer harms it or the others, and the user whose opener
+// started it has no power over it.
 
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -28,7 +28,7 @@ class ServiceTest : public ProductTest {
     EXPECT_TRUE(ServiceLogged("The opener that started this service has finished.\n"));
   }
 
-  // An ordinary opener is served; the result is how long that took, in milliseconds.
+  // An ordinary opener must be served; returns how long that took, in milliseconds.
   static long ExpectService(const std::string &token, uid_t user = kUser) {
     const auto start = std::chrono::steady_clock::now();
     Launch launch = OpenerLaunch(FileWith(token));
@@ -38,7 +38,7 @@ class ServiceTest : public ProductTest {
     EXPECT_TRUE(ServiceRead(token));
     return std::chrono::duration_cast<std::chrono::milliseconds>(end - start).count();
   }
-  // One connection waits in the service's queue, and no more.
+  // Makes room for only one connection in the service's queue.
   void ShortenQueue() const {
     int socket = -1;
     const std::string log = ServiceLog();
@@ -49,10 +49,10 @@ class ServiceTest : public ProductTest {
   }
 };
 
-// How one message of the service decides is tested in opener_test.cpp.
+// opener_test.cpp tests messages with no or several descriptors.
 void (*const kBadPeers[])(const Fd &) = {
-    [](const Fd &) {},                      // leaves at once
-    [](const Fd &sock) { Receive(sock); },  // leaves after the greeting
+    [](const Fd &) {},                      // closes at once
+    [](const Fd &sock) { Receive(sock); },  // closes after the greeting
     [](const Fd &sock) { SendFds(sock, std::string(5000, 'x'), -1, 0); },
     [](const Fd &sock) {
       const char other = static_cast<char>(Receive(sock).byte + 1);
@@ -69,8 +69,8 @@ void (*const kBadPeers[])(const Fd &) = {
     },
 };
 
-// All the while a connection says nothing, and a delivered pipe has nothing to read.  Its open file
-// is shared with the opener's caller, so its flags are not the service's to change.
+// Meanwhile another connection stays silent, and a delivered pipe stays empty.  Its open file is shared
+// with the opener's caller, so the service must not change its flags.
 TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
   const auto filesBefore = FilesOf(service_).size();
   Pipe pipe;
@@ -89,8 +89,8 @@ TEST_F(ServiceTest, NoPeerHarmsTheOthers) {
   EXPECT_EQ(std::vector<pid_t>{service_}, Services());
 }
 
-// The byte makes all of them readable, and the first one takes it.
-TEST_F(ServiceTest, OnePipeDeliveredOftenHoldsUpNobody) {
+// One byte makes all deliveries readable, and the first one takes it.
+TEST_F(ServiceTest, APipeDeliveredManyTimesDelaysNobody) {
   Pipe pipe;
   for (int i = 0; i < 200; i++) {
     EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(Fd(dup(pipe.read.Get())))));
@@ -126,8 +126,8 @@ TEST_F(ServiceTest, OneUserCannotShutOutAnother) {
   ExpectService("the first user");
 }
 
-// With one more than there are places, the queue would stay full if the service did not accept, and an
-// opener as on macOS would start another one.
+// With more silent peers than slots, the queue would stay full if the service stopped accepting, and an
+// opener on macOS would start a second service.
 TEST_F(ServiceTest, SilentPeersGiveWay) {
   InstallOpener("refusedOpener");
   ShortenQueue();
@@ -141,7 +141,7 @@ TEST_F(ServiceTest, SilentPeersGiveWay) {
   EXPECT_EQ('\0', Receive(silent.back()).byte);
 }
 
-// First it takes those of the silent.
+// The first one comes from a silent peer.
 TEST_F(ServiceTest, WithoutDescriptorsItWaitsForSome) {
   const Fd silent = ConnectTo(kSocketPath);
   EXPECT_NE('\0', Receive(silent).byte);
@@ -166,10 +166,10 @@ TEST_F(ServiceTest, RefusesWhatIsNoListeningSocket) {
   }
 }
 
-// ---- what the user who started it may have left behind -----------------------------------------
+// ---- what it inherits from the user whose opener started it --------------------------------------
 
-// As an ordinary user can do it, who can take little of it back.  Soft limits only: not everywhere can
-// root raise hard ones.  A sanitizer maps terabytes.
+// As an ordinary user can do it, and mostly not undo it.  Soft limits only: some hosts do not let root
+// raise hard ones.  The limit of data is high because a sanitizer maps terabytes.
 constexpr char kWorsen[] = R"sh(
   echo 900 >/proc/self/oom_score_adj
   echo 1000000000 >/proc/self/timerslack_ns
@@ -194,7 +194,7 @@ std::string Ask(const char *commands, pid_t pid) {
 }
 
 TEST_F(ServiceTest, TakesAfterTheSystemAndNotAfterItsStarter) {
-  // Root of a user namespace may not, so that a sandbox does not promise it.
+  // The root of a user namespace may not, so LUMEN_REQUIRE_SANDBOX does not require it.
   if (setpriority(PRIO_PROCESS, 0, -1) != 0) GTEST_SKIP() << "not to be had: raising a priority";
   Platform_ResetScheduling();
   StopServices();
@@ -207,7 +207,7 @@ TEST_F(ServiceTest, TakesAfterTheSystemAndNotAfterItsStarter) {
   ASSERT_EQ(1U, services.size());
   EXPECT_EQ(Ask(kScheduling, getpid()), Ask(kScheduling, services[0]));
   EXPECT_EQ("", Ask(kOddLimits, services[0]));
-  // Where root cannot raise them, what the service has must do.
+  // If root cannot raise the limit, the service must work with little.
   const rlimit little = {32 << 10, 32 << 10};
   ASSERT_EQ(0, prlimit(services[0], RLIMIT_STACK, &little, nullptr));
   ExpectService(std::string(64 << 10, 'x'));

@@ -1,6 +1,5 @@
-// staging_test.cpp -- what the opener puts where only root can write, and what it refuses; with an
-// owner of the bundle's folders who changes what lies in them, right between check and copy; with
-// system calls that fail.  LUMEN_ROUNDS makes the faults all there are.
+// staging_test.cpp -- what the opener stages and what it refuses; attacks by the owner of the bundle's
+// folders between check and copy; failing system calls, all of them with LUMEN_ROUNDS.
 
 #include <sys/inotify.h>
 #include <sys/xattr.h>
@@ -17,8 +16,8 @@ namespace {
 const std::string kStagedLibrary = kStaged + "/Contents/Library";
 const std::string kKext = "/Contents/Library/kexts/zioplug.kext";
 
-// Paths below a root; what is there, in words.  The group is named only where it is root's: folders
-// have the caller's, and it may not write.
+// What is at each path below a root, in words.  The group is mentioned only if it is root's: folders have
+// the caller's, which may not write.
 using Tree = std::map<std::string, std::string>;
 
 std::string InWords(const fs::path &path) {
@@ -46,7 +45,7 @@ Tree TreeAt(const std::string &root) {
   return tree;
 }
 
-// What becomes of the bundle.
+// What the staged bundle must be.
 Tree StagedTree() {
   Tree tree = TreeAt(kTemplate);
   tree.erase("/Contents/Library/lumenClient-opener");
@@ -71,7 +70,7 @@ void ExpectStaged() {
   }
 }
 
-// After a start that failed.  An older tree may still be there if it could not be removed.
+// After a failed start.  An old tree may still be there if removing it has failed.
 void ExpectClosed(bool mayBeOld = false) {
   EXPECT_TRUE(Services().empty());
   if (!fs::is_directory(kStaged)) return;
@@ -91,7 +90,7 @@ using Staging = ProductTest;
 
 // ---- what is staged -----------------------------------------------------------------------------
 
-// The user may do everything: an access list as the kernel takes it, of tags, permissions and ids.
+// An access list that allows kUser everything, in the kernel's format: tags, permissions and ids.
 constexpr uint32_t kList[] = {2, 0x7'0001, 0, 0x7'0002, kUser, 0x5'0004,
                               0, 0x7'0010, 0, 0x5'0020, 0};
 
@@ -148,14 +147,14 @@ std::string Cannot(const std::string &what, const std::string &path, int error) 
          std::to_string(error) + ".\n";
 }
 
-// How signatures are judged is tested in seal_test.cpp.
+// seal_test.cpp and codeseal_test test signatures themselves.
 const Refusal kRefusals[] = {
     {"chgrp 20 \"$daemon\"", "", true},
     {"chown 12345 \"$daemon\"", "", true},
     {"rm \"$daemon\"; ln -s /Library/nothing \"$daemon\"", "", true},
     {"cp -a \"$daemon\" /Library/own; chown 12345 /Library/own; ln -sf /Library/own \"$daemon\"",
      "", true},
-    // A link of the user's to a file of root's, which cannot carry a signature.
+    // A user's link to a file of root's; links are never accepted as signed.
     {"mv \"$daemon\" /Library/root; ln -s /Library/root \"$daemon\"; chown -h 12345 \"$daemon\"",
      NotSigned("/" + kDaemonName, 3)},
     {"printf x | dd of=\"$daemon\" bs=1 seek=5000 conv=notrunc status=none",
@@ -183,7 +182,7 @@ const Refusal kRefusals[] = {
     {"chmod 666 \"$anchors\"", NoAnchors(EPERM)},
 };
 
-TEST_F(Staging, WhatIsNotTheMakersIsNotStarted) {
+TEST_F(Staging, RefusesWhatIsNotSignedByTheMaker) {
   Shell("makeDevice /Library/device; mkfifo /Library/fifo");
   const Watch forbidden({"/Library/device", "/Library/fifo"}, IN_OPEN);
   for (const Refusal &refusal : kRefusals) {
@@ -210,7 +209,7 @@ TEST_F(Staging, TellsOfACopyThatCouldNotBeEmptied) {
 
 // ---- somebody who owns the folders --------------------------------------------------------------
 
-// What only root may open, a FIFO, and everything given to the user that may be.
+// Makes files that only root may open and a FIFO, and gives the user everything that a user may own.
 constexpr char kMakeOwned[] = R"sh(
   rm -rf /Library/secret* /Library/device
   mkdir -m 700 /Library/secrets
@@ -225,11 +224,11 @@ constexpr char kMakeOwned[] = R"sh(
   chmod u+s lumenClient-opener
 )sh";
 
-// An item that has been checked, when its copy has just been made and is still empty.
+// An item that has been checked, and whose copy has just been created, still empty.
 struct Item {
   std::string folder, name;
-  const char *call;    // which makes the copy
-  const char *failed;  // what stays of a copy that fails, in words
+  const char *call;    // that creates the copy
+  const char *failed;  // what is left of a failed copy, in words
 
   std::string Staged() const { return kStagedLibrary + folder + name; }
 };
@@ -246,13 +245,13 @@ struct Act {
 };
 
 const Act kActs[] = {
-    // By the name that was checked lies something else.
+    // The name that was checked leads to something else.
     {kInfo, "mv productInfo ../own; ln -s /Library/secret productInfo", ""},
     {kInfo, "mv productInfo ../own; ln -s /Library/device productInfo", ""},
     {kInfo, "mv -f ../own/fifo productInfo", ""},
     {kKernel, "mv zioplug.kext ../../own; ln -s /Library/secrets zioplug.kext", ""},
     {kKernel, "mv zioplug.kext ../../own; ln -s /Library zioplug.kext", ""},
-    // It is still the same, but has other content.
+    // The same item, with other content.
     {kInfo, "echo | dd of=productInfo conv=notrunc", kSecondCheck},
     {kInfo, "truncate -s 400M productInfo", kNotCopied},
     {kKernel, "cd zioplug.kext/Contents; echo | dd of=MacOS/zioplug conv=notrunc", kSecondCheck},
@@ -283,14 +282,14 @@ TEST_F(Staging, WhatWasCheckedIsWhatIsCopiedAndNoMore) {
       EXPECT_EQ(1, outcome.status);
       EXPECT_EQ(1U, Count(outcome.records, record)) << outcome;
       ExpectClosed();
-      // Nothing but its name.
+      // Only its name is left.
       EXPECT_EQ(item.failed, InWords(item.Staged()));
       EXPECT_TRUE(fs::is_empty(item.Staged()));
     }
   }
 }
 
-// A file of root's when its name is asked, and of the user's when it is opened.
+// When its name is checked, the file is root's; when it is opened, it is the user's.
 TEST_F(Staging, TheOwnerIsAskedOfTheOpenFile) {
   Shell(kMakeOwned);
   StoppedOpener opener("newfstatat", kBundleLibrary + "/services.sh");
@@ -307,12 +306,12 @@ TEST_F(Staging, ASystemCallThatFailsLeavesNothingHalfDone) {
   Shell(R"(mkdir -p "$root/Services/Old/Tree")");
   ASSERT_EQ(kDelivered, OutcomeOf(Traced()));
   std::vector<Position> calls = Trace(ReadFile(kTracePath)).staging;
-  // Without memory a sanitizer ends the process in its own way, without entropy the C library, to
-  // which brk has no errors: it would take one for an address.
+  // If these fail, a sanitizer or the C library ends the process by itself; and the C library would take an
+  // error of brk for an address.
   static const std::set<std::string> kLeftOut = {"brk", "getrandom", "mmap", "mprotect", "munmap"};
   std::erase_if(calls, [](const Position &call) { return kLeftOut.contains(call.first); });
   ASSERT_LT(100U, calls.size());
-  // A prime: the calls of the ten checks are alike.
+  // A prime, since the ten checks make the same calls.
   const size_t stride = Rounds() > 10 ? 1 : 29;
   for (size_t i = 0; i < calls.size(); i += stride) {
     const std::string number = std::to_string(calls[i].second),

@@ -1,6 +1,5 @@
-// startLock_test.cpp -- an attack on the moment between the check of the staged daemon and its
-// execution, where a listener with a full queue refuses as if nobody listened; and a daemon that is
-// slow to accept there.
+// startLock_test.cpp -- where a full queue is refused as if nobody listened (macOS): an attack between the
+// check of the staged daemon and its execution, and a daemon that is slow to accept.
 
 #include <sys/inotify.h>
 #include <sys/socket.h>
@@ -10,7 +9,7 @@
 
 namespace {
 
-// Made by the changed daemon when it runs; says as which user.
+// Written by the changed daemon if it ever runs.
 const std::string kMark = "/run/unverified";
 
 class StartLock : public ProductTest {
@@ -21,7 +20,7 @@ class StartLock : public ProductTest {
     InstallOpener("refusedOpener");
     Shell("chmod 666 \"$daemon\"; rm -f /run/patient " + kMark);
   }
-  // In place: whatever root has checked in the open file may be something else now.
+  // In place, so that the open file which root has checked changes.
   static void ChangeDaemon() {
     ShellAsUser("printf '#!/bin/sh -p\\nid -u >" + kMark + "\\nexit\\n' | dd of='" + kDaemonName +
                 "' conv=notrunc");
@@ -36,7 +35,7 @@ TEST_F(StartLock, KeepsASecondOpenerFromStagingUntilTheFirstHasStartedItsDaemon)
     Fd queued = ConnectTo(kSocketPath);
     const Watch startLock({kStartLockPath}, IN_CLOSE);
     StoppedOpener second("openat", kStagedDaemon);
-    // The second opener has found it taken, and again.
+    // The second opener has found it taken twice.
     ASSERT_TRUE(startLock.Await() && startLock.Await());
     ChangeDaemon();
     EXPECT_TRUE(second.Stops().empty());

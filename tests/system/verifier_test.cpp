@@ -1,5 +1,5 @@
-// verifier_test.cpp -- the process that reads seals and property lists: what it may not do, what it
-// is left with, and that its end is never taken for a yes.
+// verifier_test.cpp -- the unprivileged process that reads seals and property lists: what it cannot do,
+// what it keeps, and that its death is never taken for a yes.
 
 #include <grp.h>
 #include <poll.h>
@@ -46,7 +46,7 @@ PlatformBundleIdentifier Identify() {
   return Platform_BundleIdentifier("", Platform_OpenSignedItem(kKext.c_str()).Get());
 }
 
-// The processes that this one has started.
+// The children of this process.
 std::vector<pid_t> Children() {
   std::ifstream list("/proc/thread-self/children");
   return {std::istream_iterator<pid_t>(list), {}};
@@ -83,7 +83,7 @@ TEST_F(Verifier, ACallThatIsNotForReadingEndsIt) {
 }
 
 TEST_F(Verifier, ItIsLeftWithNothingButReading) {
-  // What it must not inherit.
+  // It must not inherit these.
   const Fd mine(open("/", O_RDONLY));
   const gid_t group = 4711;
   ASSERT_EQ(0, setgroups(1, &group));
@@ -105,8 +105,8 @@ TEST_F(Verifier, ItIsLeftWithNothingButReading) {
   EXPECT_EQ(files, FilesOf(Children()[0]));
   struct stat info;
   EXPECT_EQ(0, stat((process + "/environ").c_str(), &info));
-  EXPECT_EQ(0U, info.st_uid);  // nobody of its own user may look into it
-  // Its image is the one that was written.
+  EXPECT_EQ(0U, info.st_uid);  // root's, so no other process of its user can read it
+  // Its image cannot be changed.
   const Fd image(open((process + "/exe").c_str(), O_RDONLY));
   EXPECT_EQ(F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE,
             fcntl(image.Get(), F_GET_SEALS));
@@ -147,7 +147,7 @@ TEST_F(Verifier, ItsEndIsNoYes) {
   EXPECT_EQ(nullptr, found.text);
 }
 
-// A lease: until it is given up, the file can only be opened by a process that waits for that.
+// Under a lease, opening the file blocks or fails until the lease is given up.
 TEST_F(Verifier, WhatCannotBeReadIsToldApartFromWhatIsNotValid) {
   signal(SIGIO, SIG_IGN);
   const Fd list(open((kKext + "/Contents/Info.plist").c_str(), O_RDWR | O_CLOEXEC));

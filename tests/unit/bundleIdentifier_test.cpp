@@ -1,4 +1,4 @@
-// bundleIdentifier_test.cpp -- what a bundle calls itself, out of property lists good and bad.
+// bundleIdentifier_test.cpp -- bundle identifiers, from valid and invalid property lists.
 
 #include <plist/plist.h>
 
@@ -9,8 +9,8 @@ namespace {
 
 constexpr char kIdentifierKey[] = "CFBundleIdentifier";
 
-// As the library of the format's name writes it: a dictionary of so many entries, with the identifier
-// if there are any.  The second entry has the key `second`.
+// A binary list by libplist: a dictionary with this number of entries, the first one the identifier, the
+// second one with the key `second`.
 std::string Binary(const std::string &identifier, int entries, const std::string &second = "1") {
   const plist_t top = plist_new_dict();
   for (int i = 0; i < entries; i++) {
@@ -24,7 +24,7 @@ std::string Binary(const std::string &identifier, int entries, const std::string
   return std::string(HeapStr(bytes).get(), size);
 }
 
-// The list with the first `from` in it replaced by as many bytes.
+// The list with the first occurrence of `from` replaced by `to`, which is as long.
 std::string Edited(std::string list, const std::string &from, const std::string &to) {
   return list.replace(list.find(from), from.size(), to);
 }

@@ -1,6 +1,6 @@
-// darwin_test.cpp -- the macOS platform code against fakes of its calls: small pieces; normalisation,
-// also by this host's code; and signatures: what is asked of the system, the failure code of each
-// step, that every object is released whatever fails, and what is vouched for.
+// darwin_test.cpp -- the platform code for macOS against fakes of its system calls and frameworks: small
+// abilities; normalisation, which also tests the code for Linux; and signatures: the calls made, the
+// failure code of each step, that every object is released whatever fails, and what is vouched for.
 
 #include <copyfile.h>
 #include <ifaddrs.h>
@@ -44,7 +44,7 @@ TEST(LinkAddressDarwin, TakesWhatTheRecordHolds) {
   for (const auto &row : rows) {
     std::array<uint8_t, 256> whole{row.length, AF_LINK, 0, 0, 0, row.nameLength, row.addressLength};
     std::iota(whole.begin() + offsetof(sockaddr_dl, sdl_data) + row.nameLength, whole.end(), 1);
-    // In a block of its own length, so that reading past the end is seen.
+    // In a block of exactly its length, so that a sanitizer notices reads past the end.
     const HeapArray<uint8_t> record = Heap_Array<uint8_t>(row.length);
     memcpy(record.get(), whole.data(), row.length);
     ifaddrs entry{};
@@ -55,8 +55,7 @@ TEST(LinkAddressDarwin, TakesWhatTheRecordHolds) {
   }
 }
 
-// ecvt and fcvt share their memory among all threads: whoever calls them alone and copies before
-// letting go gets digits that nobody else writes over.
+// All threads share the buffer of ecvt and fcvt: the digits must be copied under the mutex.
 
 char shared[32];  // on purpose without a lock
 
@@ -76,7 +75,7 @@ TEST(DecimalDigitsDarwin, ThreadsDoNotShareDigits) {
     }
   };
   int noPoint;
-  EXPECT_EQ(nullptr, Platform_FixedDigits(-1, 6, &noPoint));  // and the lock was given back
+  EXPECT_EQ(nullptr, Platform_FixedDigits(-1, 6, &noPoint));  // must unlock the mutex
   std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i) threads.emplace_back(convert, i);
 }
@@ -139,8 +138,7 @@ TEST(FileCopyDarwin, AFileSystemWithoutAccessListsIsFine) {
   EXPECT_EQ(0, lists);
 }
 
-// The soft limit may have been lowered below a descriptor that was open already; root's may be above
-// the kernel's limit for everybody.
+// The soft limit may have been lowered below an open descriptor; root's may be above the kernel's limit.
 
 constexpr int kPerProcess = 300;
 
@@ -163,7 +161,7 @@ TEST(ProcessDarwin, DescriptorsAboveALoweredOrARaisedLimitAreClosed) {
   }
 }
 
-// A number without a process, which is no failure of the call, and a socket without a peer.
+// A pid without a process, for which the call succeeds, and a socket without a peer.
 
 pid_t peer = 300;
 
@@ -213,7 +211,7 @@ PlatformSignature Verify(const std::string &path, const char *identifier = "Zeph
 TEST(CodeSignatureDarwin, TellsTheStepThatFailedAndReleasesAll) {
   const ScratchDir dir;
   const std::string path = dir.Write("item", "");
-  // A row for each call that can fail, in order; creating code and requirement fails in three ways.
+  // One number for each call that can fail, in order; creating code and requirement can fail in three ways.
   int nth = 0;
   for (const int step : {1, 2, 3, 3, 3, 5, 6, 6, 6, 7, 0}) {
     frameworks = {.callsToFailure = ++nth};
@@ -235,7 +233,7 @@ TEST(CodeSignatureDarwin, TellsTheStepThatFailedAndReleasesAll) {
   }
 }
 
-// $I is the item, a file of 5 bytes or a bundle, and `act` is done during the check.
+// The item, $I, is a file of 5 bytes or a bundle; `act` runs during the check.
 struct Exchange {
   bool bundle;
   const char *act;
@@ -264,7 +262,7 @@ TEST(CodeSignatureDarwin, VouchesForTheOpenItemAndItsExtent) {
                                  : "printf 12345 >$I";
     ASSERT_EQ(0, system((shell + make).c_str()));
     frameworks = {.atCheck = [&] {
-      usleep(20'000);  // by which times differ
+      usleep(20'000);  // so that the times of change differ
       EXPECT_EQ(0, system((shell + row.act).c_str()));
     }};
     const PlatformSignature found = Verify(item);

@@ -1,5 +1,5 @@
-# The helper listener against a stand-in for XPC: its events with any compiler, the rest with one
-# that has Blocks (clang, so not in dev and bench; the run-time is Debian's libblocksruntime-dev).
+# The helper listener against a stand-in for XPC: its events with any compiler, the rest with one that
+# has Blocks (clang, so not in dev and bench; Debian's libblocksruntime-dev has the run-time library).
 include(CheckCXXSourceCompiles)
 
 lumen_unit_test(helperListener_test lumen_string)

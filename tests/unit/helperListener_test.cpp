@@ -1,5 +1,5 @@
-// helperListener_test.cpp -- what the helper listener makes of each event; and, where the compiler has
-// Blocks, several peers at a time and every reference to the Blocks.
+// helperListener_test.cpp -- how the helper listener handles each event; and, if the compiler has Blocks,
+// several peers and all references to the Blocks.
 
 #include <libproc.h>
 
@@ -41,7 +41,7 @@ pid_t xpc_connection_get_pid(xpc_connection_t connection) {
 
 // Process 321 has exited.
 int proc_pidpath(int pid, void *buffer, uint32_t size) {
-  EXPECT_EQ(4096U, size);  // what macOS takes at most
+  EXPECT_EQ(4096U, size);  // the most that macOS accepts
   memset(buffer, '?', size);
   return pid == 321 ? 0 : snprintf(static_cast<char *>(buffer), size, "/bin/%d", pid);
 }
@@ -50,7 +50,7 @@ namespace {
 
 XpcObject interrupted{XPC_TYPE_ERROR, "Connection interrupted"};
 XpcObject message{XPC_TYPE_DICTIONARY};
-XpcObject number{nullptr};  // a type that nobody expects
+XpcObject number{nullptr};  // of an unexpected type
 
 TEST(HelperListenerEvents, ConnectionsAreAdmittedAndDictionariesAreMessages) {
   XpcObject connection{XPC_TYPE_CONNECTION, nullptr, 7};
@@ -127,7 +127,7 @@ void xpc_connection_resume(xpc_connection_t connection) {
   connection->resumed = true;
 }
 
-// As on macOS, where it ends the main thread: what its stack held is gone.
+// Ends the main thread, as on macOS, and with it what its stack held.
 void dispatch_main() {
   pthread_exit(nullptr);
 }
@@ -135,7 +135,7 @@ void dispatch_main() {
 namespace {
 
 TEST(HelperListener, ServesPeersAndGivesUpEveryReference) {
-  const auto tally = std::make_shared<int>(0);  // its owners are those who hold the handler
+  const auto tally = std::make_shared<int>(0);  // owned by each copy of the handler
   XpcObject peers[] = {{XPC_TYPE_CONNECTION, nullptr, 1001},
                        {XPC_TYPE_CONNECTION, nullptr, 123456}};
   EXPECT_EQ(
@@ -152,11 +152,11 @@ TEST(HelperListener, ServesPeersAndGivesUpEveryReference) {
             *mine += received == &message ? 1 : 1000;
           });
         }).join();
-        // The listener's copy has it; the caller's Block has gone with its stack.
+        // The listener's copy owns it; the caller's Block was on the stack that is gone.
         EXPECT_EQ(2, tally.use_count());
         Deliver(listener, &interrupted);
         for (XpcObject &peer : peers) Deliver(listener, &peer);
-        // Peers go on without the listener: each holds the handler by itself.
+        // Peers do not need the listener: each one retains the handler itself.
         Block_release(listener.handler);
         EXPECT_EQ(2, tally.use_count());
         for (const XpcObject &peer : peers) {

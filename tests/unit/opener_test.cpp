@@ -1,6 +1,5 @@
-// opener_test.cpp -- the opener's modules, as far as its system tests do not see into them: records of
-// the log, the environment scrub, the paths of the product's files, and messages that carry anything
-// but one descriptor.
+// opener_test.cpp -- what the system tests do not see of the opener's modules: records of the log, the
+// environment scrub, the paths of the product's files, and messages with anything but one descriptor.
 //
 // Linked with --wrap=gettimeofday and the wraps of allocFault.h.
 
@@ -26,7 +25,7 @@ namespace {
 // ---- the log ---------------------------------------------------------------------------------
 
 TEST(Log, StampsAreLocalTimeCutToMilliseconds) {
-  // Half an hour off, so that no mistake about the zone goes unseen.
+  // Off by half an hour, so that a fault in the zone cannot cancel out.
   setenv("TZ", "ODD-05:30", 1);
   tzset();
   EXPECT_EQ("2024-03-05T09:07:02.045| x", CaptureOutput([] { Log("x"); }));
@@ -72,7 +71,7 @@ TEST(Log, KeepsItsRecordsAndThoseOfChildrenUntilItMayWriteThem) {
   EXPECT_TRUE(text.starts_with("nothing yet\nheld\nWarning: from a child\nat once\n" + body))
       << text;
   EXPECT_TRUE(text.ends_with("Warning: LogRelease: Some records did not fit.\n"));
-  // Whole pieces, and nothing of an earlier time behind them.
+  // No gap between records, and no remains of the first ones.
   EXPECT_EQ(std::string::npos, text.find('\0'));
 }
 
@@ -129,9 +128,9 @@ TEST(Scrub, HasTheEffectOfUnsetenv) {
   EXPECT_EQ(nullptr, std::exchange(environ, before));
 }
 
-// With a walk for each entry that goes it would take 64 times as long, not 8.
+// For eight times the entries, unsetenv for each harmful one would take 64 times as long.
 TEST(Scrub, TakesTimeInProportion) {
-  clock_t least[2] = {};  // on the clock of this process alone
+  clock_t least[2] = {};  // processor time
   for (const int size : {7500, 60000}) {
     Entries entries;
     for (int i = 0; i < size; i++)
@@ -148,7 +147,7 @@ TEST(Scrub, TakesTimeInProportion) {
 
 // ---- the bundle ------------------------------------------------------------------------------
 
-// A link to the program, and a program elsewhere: tests/system/caller_test.cpp.
+// tests/system/caller_test.cpp starts the program through a link, and from another place.
 TEST(Location, FindsTheFilesOfItsBundle) {
   const std::string program = fs::read_symlink("/proc/self/exe");
   for (const auto &[tag, levels] : {std::pair{"lumenClient-daemon", 3},
@@ -194,7 +193,7 @@ struct Wire : testing::Test {
     a.Reset(ends[0]);
     b.Reset(ends[1]);
   }
-  // What a procedure logs when it fails.
+  // The log of a procedure that must fail.
   static std::string Failure(const std::function<bool()> &procedure) {
     return LogOf([&] { EXPECT_FALSE(procedure()); });
   }
@@ -224,7 +223,7 @@ TEST_F(Wire, SaysNothingOfAPeerThatHasGone) {
   a.Reset();  // with a byte unread: Linux resets the connection
   EXPECT_EQ("", Failure([&] { return ServiceImplRecvFd(b.Get(), &fd); }));
   EXPECT_EQ("", Failure([&] { return ServiceImplWriteOne(b.Get(), '1'); }));
-  signal(SIGPIPE, SIG_DFL);  // which would end the test
+  signal(SIGPIPE, SIG_DFL);  // would end the test
   EXPECT_EQ("", Failure([&] { return ServiceImplSendFd(b.Get(), STDIN_FILENO); }));
 }
 

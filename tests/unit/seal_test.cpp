@@ -1,5 +1,5 @@
-// seal_test.cpp -- seals, as far as bytes go: their texts, and who may write the anchors.  What seals
-// are believed, and what changes they notice, is tested with the tool: tests/system/codeseal_test.
+// seal_test.cpp -- the text inside a seal, its signature bit by bit, and the permissions of the anchors.
+// tests/system/codeseal_test tests which signers are accepted and which changes are noticed.
 
 #include "platform/linux/seal/sealCheck.h"
 #include "platform/linux/seal/sealSignature.h"
@@ -11,7 +11,7 @@ namespace {
 
 using std::string;
 
-// That what is read is written alike, and found: fuzz/seal_fuzz.cpp.
+// fuzz/seal_fuzz.cpp tests that accepted texts are written identically, and that items are found.
 TEST(SealText, HasOneFormOnly) {
   const string head = "zephrin-codeseal 2\nidentifier i\n", most = std::to_string(INT64_MAX);
   const string sha = "sha256 " + string(64, '0');
@@ -64,7 +64,7 @@ TEST(Seal, AnchorsAreRootsAlone) {
                        ">etc/pem && chmod 644 etc/pem && ";
   for (const string change :
        {"true", "chmod 664 etc/pem", "chmod 646 etc/pem", "chown 12345 etc/pem",
-        "chmod 757 etc",  // who may rename it can put another file in its place
+        "chmod 757 etc",  // others could rename the file and put another one in its place
         "chown 12345 etc", "chown 12345 .", "mv etc/pem etc/real; ln -s real etc/pem",
         "mv etc real; ln -s real etc", "rm etc/pem; mkfifo etc/pem"}) {
     const bool good = change == "true";

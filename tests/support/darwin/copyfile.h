@@ -1,4 +1,4 @@
-// copyfile.h -- copies and file flags of macOS; see tests/unit/darwin_test.cpp.
+// copyfile.h -- a stand-in for copies and file flags of macOS; tests/unit/darwin_test.cpp defines it.
 #pragma once
 
 #include <sys/stat.h>
@@ -19,7 +19,7 @@ int copyfile_state_get(copyfile_state_t state, unsigned flag, void *to);
 int copyfile_state_set(copyfile_state_t state, unsigned flag, const void *from);
 int fcopyfile(int from, int to, copyfile_state_t state, unsigned flags);
 
-#define st_flags st_uid  // where a file has flags; on this host it has none
+#define st_flags st_uid  // this host's struct stat has no flags
 enum : unsigned { UF_IMMUTABLE = 2, UF_APPEND = 4, UF_COMPRESSED = 0x20 };
 enum : unsigned { SF_APPEND = 0x40000, SF_IMMUTABLE = 0x20000 };
 

@@ -1,6 +1,6 @@
-// frameworks.cpp -- a stand-in for CoreFoundation and Security, as far as darwin code uses them.
+// frameworks.cpp -- stand-ins for the parts of CoreFoundation and Security that darwin code uses.
 //
-// Every object is a counted text.  Texts are normalised by the other host's code.
+// Every object is a string, and live objects are counted.  Strings are normalised by the code for Linux.
 
 #include "tests/support/darwin/frameworks.h"
 
@@ -46,8 +46,8 @@ bool CallFails() {
   return frameworks.callsToFailure > 0 && --frameworks.callsToFailure == 0;
 }
 
-// Creating a code object or a requirement has three ways to fail: with an error, with an error and
-// an object, without either.
+// Creating a code object or a requirement can fail in three ways: with an error, with an error and an
+// object, and with neither.
 template <typename Object, typename Ref>
 OSStatus Create(Ref *object, OSStatus error) {
   if (CallFails()) return error;
@@ -79,7 +79,7 @@ CFTypeID CFStringGetTypeID() {
 CFStringRef CoreFoundation_Constant(const char *text) {
   static std::map<std::string, __CFString> constants;
   const auto [constant, isNew] = constants.try_emplace(text, text);
-  if (isNew) frameworks.liveObjects--;  // it is never released
+  if (isNew) frameworks.liveObjects--;  // never released
   return &constant->second;
 }
 
@@ -107,7 +107,7 @@ void CFStringNormalize(CFMutableStringRef string, CFStringNormalizationForm form
       LinuxNormalizeUnicode(string->text.c_str(), form == kCFStringNormalizationFormC).get();
 }
 
-// In UTF-16: one unit for each lead byte, and another for each of four bytes.
+// In UTF-16 units: one for each lead byte, and another one for each lead byte of four-byte sequences.
 CFIndex CFStringGetLength(CFStringRef string) {
   return std::ranges::count_if(string->text, [](char c) { return (c & 0xC0) != 0x80; }) +
          std::ranges::count_if(string->text, [](char c) { return (c & 0xF8) == 0xF0; });

@@ -1,4 +1,4 @@
-// libproc.h -- see xpc.cpp.
+// libproc.h -- a stand-in; tests/unit/helperListener_test.cpp defines it.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// dyld.h -- see tests/unit/darwin_test.cpp.
+// dyld.h -- a stand-in; tests/unit/darwin_test.cpp defines it.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// acl.h -- see tests/unit/darwin_test.cpp.
+// acl.h -- a stand-in; tests/unit/darwin_test.cpp defines it.
 #pragma once
 
 using acl_t = struct _acl *;

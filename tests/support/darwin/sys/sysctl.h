@@ -1,4 +1,4 @@
-// sysctl.h -- see tests/unit/darwin_test.cpp.
+// sysctl.h -- a stand-in; tests/unit/darwin_test.cpp defines it.
 #pragma once
 
 #include <sys/types.h>
