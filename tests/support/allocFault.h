@@ -4,14 +4,18 @@
 // above PTRDIFF_MAX always fails, as in the hosts' libraries; sanitizers would end the program instead.
 #pragma once
 
+#include <atomic>
+
 // While the object exists, the nth allocation from its construction on fails; one object at a time.
 class AllocFault {
  public:
+  static inline std::atomic<int> left{0};  // allocations until the fault, which is one of them
+
   explicit AllocFault(int nth);
   AllocFault(const AllocFault &) = delete;
   AllocFault &operator=(const AllocFault &) = delete;
-  ~AllocFault();
+  ~AllocFault() { left = 0; }
 
   // Whether there have been that many.
-  bool Fired() const;
+  bool Fired() const { return left <= 0; }
 };
