@@ -1,6 +1,6 @@
 # How every target of the project is compiled and linked.
 #
-#   lumen_library(NAME SOURCES...)   one static library for one folder of product code
+#   lumen_library(NAME SOURCES...)   a static library of product code
 #   lumen_program(NAME SOURCES...)   a product executable: no C++ run-time library, hardened
 #   lumen_tool(NAME SOURCES...)      tests, benchmarks, tools: the whole C++ library may be used
 

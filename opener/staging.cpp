@@ -157,6 +157,8 @@ bool StageSource(const StagedItem &item, const Source &src, const char *dst) {
 bool StageItem(const StagedItem &item, const char *services) {
   const bool mustBeRoots = item.owner == SourceOwner::kRoot;
   const HeapStr src(LocationGetRoot(item.key));
+  // The owner is checked twice: here where the name leads, links followed, before anything is opened; and
+  // below on the open file, since the name may lead elsewhere by then.
   if (src == nullptr || (mustBeRoots && CheckRootOwned(src.get()) != 0)) return false;
   const char *const relative = LocationGetRelative(item.key);
   if (relative == nullptr) return false;

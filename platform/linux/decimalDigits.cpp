@@ -30,7 +30,7 @@ constexpr size_t kMaxRadixLength = 16;  // of a locale's decimal point, in bytes
 HeapStr Print(const char *format, double value, int count) {
   const size_t size =
       DBL_MAX_10_EXP + sizeof "1.e+308" + kMaxRadixLength + static_cast<size_t>(count);
-  HeapStr text(static_cast<char *>(malloc(size)));
+  HeapStr text(Heap_Array<char>(size).release());
   if (text && snprintf(text.get(), size, format, count, value) < 0) return nullptr;
   return text;
 }

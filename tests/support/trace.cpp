@@ -7,7 +7,7 @@
 #include <sstream>
 
 Trace::Trace(const std::string &text) {
-  static const std::regex call(R"(^(\w+)\(([^,)]*).*)");
+  static const std::regex call(R"(^(\w+)\(.*)");
   std::istringstream lines(text);
   std::map<std::string, int> all, counted;
   bool started = false, inStaging = false;
@@ -22,7 +22,7 @@ Trace::Trace(const std::string &text) {
       staging.emplace_back(name, absolute);
     } else if (started) {
       order.emplace_back(name, ++counted[name]);
-      calls[order.back()] = {match[2], absolute};
+      calls[order.back()] = absolute;
     }
     started = started || line.find("ServiceImpl_Opener: PID") != line.npos;
   }

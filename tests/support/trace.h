@@ -8,17 +8,12 @@ inline const std::string kTracePath = "/run/trace";
 // The name of a system call, and its number among the calls of that name.
 using Position = std::pair<std::string, int>;
 
-struct Call {
-  std::string argument;  // the first one
-  int absolute;          // its number among all calls of its name in the process
-};
-
 // The calls of one process, from the first record in strace's output on.  Those of staging, which begins
 // with a look at the install root's parent and ends with the next setresuid, are kept apart: their number
 // depends on the bundle.
 struct Trace {
-  std::map<Position, Call> calls;  // numbered from the first record on, staging not counted
-  std::vector<Position> order;
+  std::vector<Position> order;    // numbered from the first record on, staging not counted
+  std::map<Position, int> calls;  // to the number from the beginning of the process
   std::vector<Position> staging;  // numbered from the beginning of the process
 
   explicit Trace(const std::string &text);

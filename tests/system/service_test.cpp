@@ -200,7 +200,7 @@ TEST_F(ServiceTest, TakesAfterTheSystemAndNotAfterItsStarter) {
   StopServices();
   unlink(kServiceLogPath.c_str());
   Launch launch = OpenerLaunch(FileWith("from below"));
-  launch.env.insert(launch.env.end(), {"PATH=/usr/bin:/bin", "TZ=XXX-13:45"});
+  launch.env.insert(launch.env.end(), {"PATH=/usr/bin:/bin", "TZ=ODD-13:45"});
   launch.argv = {"/bin/sh", "-ec", kWorsen, "-", kOpenerPath, "7"};
   EXPECT_EQ(kDelivered, OutcomeOf(launch));
   const auto services = Services();
