@@ -12,25 +12,12 @@ namespace {
 
 using Handoff = ProductTest;
 
-TEST_F(Handoff, TheFirstOpenerStartsTheServiceAndTheNextOneUsesIt) {
-  EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("first"))));
-  Shell(R"(stat -c '%F %a %u' "/var/run/$daemon.sock" | grep -x 'socket 600 0'
-           stat -c '%F %a %u' "/var/run/$daemon.lock" | grep -x 'regular empty file 600 0')");
-  EXPECT_TRUE(ServiceRead("first"));
-  EXPECT_TRUE(ServiceLogged("The opener that started this service has finished.\n"));
-  const auto services = Services();
-  ASSERT_EQ(1U, services.size());
-  EXPECT_EQ(kDelivered, OutcomeOf(OpenerLaunch(FileWith("second"))));
-  EXPECT_TRUE(ServiceRead("second"));
-  EXPECT_EQ(services, Services());
-}
-
 // Each start is preceded by staging, and a pass leaves nothing open but the write end of the status pipe.
 TEST_F(Handoff, ADaemonThatDiesAtOnceIsStagedAndStartedAgainAndAgain) {
   Shell(R"(echo '#!/bin/sh' >"$daemon"; sign "$daemon" "$daemon")");
   Process opener(OpenerLaunch(
       FileWith(""), [] { close_range(4, ~0U, 0); }, 3));
-  EXPECT_TRUE(Eventually([&] { return Count(opener.Output(), "construction complete") == 9; }));
+  EXPECT_TRUE(Eventually([&] { return Count(opener.Output(), "construction complete") > 8; }));
   EXPECT_TRUE(Eventually([&] { return FilesOf(opener.Pid()).size() == 5; }));
   EXPECT_TRUE(opener.Running());
 }
@@ -54,7 +41,10 @@ TEST_F(Handoff, AnOpenerThatFindsAnotherOneStartingLetsGoOfEverythingAndComesBac
   EXPECT_FALSE(fs::exists(kStaged));
   other.Reset();
   EXPECT_EQ(kDelivered, Finish(&opener));
+  EXPECT_TRUE(ServiceRead("late"));
   EXPECT_TRUE(Locked(kStartLockPath)) << "the service has it";
+  Shell(R"(stat -c '%F %a %u' "/var/run/$daemon.sock" | grep -x 'socket 600 0'
+           stat -c '%F %a %u' "/var/run/$daemon.lock" | grep -x 'regular empty file 600 0')");
 }
 
 // Otherwise another opener could replace the staged files that the child is about to execute.
