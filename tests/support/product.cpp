@@ -92,14 +92,6 @@ std::string EndRecord(const std::string &content) {
   return line;
 }
 
-bool ServiceRead(const std::string &content) {
-  return ServiceLogged(EndRecord(content));
-}
-
-bool ServiceLogged(const std::string &text) {
-  return Eventually([&] { return Count(ServiceLog(), text) > 0; });
-}
-
 size_t Count(const std::string &text, const std::string &part) {
   size_t count = 0;
   for (size_t at = 0; (at = text.find(part, at)) != text.npos; at += part.size()) count++;

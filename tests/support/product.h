@@ -48,15 +48,21 @@ void InstallOpener(const std::string &program);
 std::vector<pid_t> Services();
 void StopServices();
 
-// The log of the reference service, without time stamps; the record, without the "#N" at its beginning,
-// that the end of a delivered descriptor with this content leaves; and whether it appears before long.
-std::string ServiceLog();
-std::string EndRecord(const std::string &content);
-bool ServiceRead(const std::string &content);
-
-// Whether `text` appears in the log before long; how often `part` occurs in `text`.
-bool ServiceLogged(const std::string &text);
+// How often `part` occurs in `text`.
 size_t Count(const std::string &text, const std::string &part);
+
+// The log of the reference service, without time stamps; whether `text` appears in it before long.
+std::string ServiceLog();
+inline bool ServiceLogged(const std::string &text) {
+  return Eventually([&] { return Count(ServiceLog(), text) > 0; });
+}
+
+// The record, without the "#N" at its beginning, that the end of a delivered descriptor with this content
+// leaves in that log; whether it appears before long.
+std::string EndRecord(const std::string &content);
+inline bool ServiceRead(const std::string &content) {
+  return ServiceLogged(EndRecord(content));
+}
 
 // How to run the opener as an ordinary user.  If there is a file, it is open as descriptor `number`,
 // which is the argument.  `adjust` runs last.

@@ -137,14 +137,6 @@ TEST_F(Verifier, ItsEndIsNoYes) {
   EXPECT_EQ(ETIMEDOUT, late.error);
   EXPECT_EQ(0U, Children().size());
   nobodyAnswers = false;
-
-  Platform_EndCodeSignatureChecks();
-  EXPECT_EQ(0, Identify().failure);
-  Signal(SIGKILL);
-  const PlatformBundleIdentifier found = Identify();
-  EXPECT_EQ(4, found.failure);
-  EXPECT_NE(nullptr, found.obstacle);
-  EXPECT_EQ(nullptr, found.text);
 }
 
 // Under a lease, opening the file blocks or fails until the lease is given up.
@@ -155,7 +147,7 @@ TEST_F(Verifier, WhatCannotBeReadIsToldApartFromWhatIsNotValid) {
   EXPECT_EQ(EAGAIN, Judge(kKext, kKextIdentifier).error);
   const PlatformBundleIdentifier found = Identify();
   EXPECT_EQ(4, found.failure);
-  EXPECT_EQ(EAGAIN, found.error);
+  EXPECT_TRUE(found.error == EAGAIN && found.obstacle != nullptr && found.text == nullptr);
   fcntl(list.Get(), F_SETLEASE, F_UNLCK);
   ExpectYesOrObstacle(true, Judge(kKext, kKextIdentifier));
 }
