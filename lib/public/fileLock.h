@@ -47,6 +47,14 @@ inline constexpr uint32_t FILELOCK_INFINITE_WAIT = UINT32_MAX;
 [[nodiscard]] FileLockToken *FileLock_Lock(const char *path, bool readOnly, uint32_t msecMaxWait,
                                            int *err, MsgList **msgList);
 
+// The same for a wait that may be given up: as soon as the descriptor `cancelFd` is readable, at its
+// end, or not open, a wait ends with ECANCELED and nothing of it is left; a lock that can be had without
+// waiting is still granted.  Nothing is read from it.  -1: nothing to watch.  Signals alone end no wait;
+// a handler that writes to a pipe does.
+[[nodiscard]] FileLockToken *FileLock_LockCancellable(const char *path, bool readOnly,
+                                                      uint32_t msecMaxWait, int cancelFd, int *err,
+                                                      MsgList **msgList);
+
 // Releases the lock and frees the token in any case.  False when the entry could not be removed,
 // with cause and message as above; ENOENT: somebody else had removed it, and may have had the lock.
 bool FileLock_Unlock(FileLockToken *token, int *err, MsgList **msgList);

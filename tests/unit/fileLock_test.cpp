@@ -5,6 +5,7 @@
 
 #include "lib/public/fileLock.h"
 
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
@@ -119,6 +120,24 @@ TEST_F(FileLockTest, SharedLocksGoTogetherOthersWaitInSteps) {
     }
     EXPECT_EQ(1U, Names().size());
   }
+}
+
+TEST_F(FileLockTest, AWaitCanBeGivenUp) {
+  const Taken holder(file_);
+  const Pipe stop;
+  const auto wait = [&] {
+    int err;
+    EXPECT_EQ(nullptr, FileLock_LockCancellable(file_.c_str(), false, FILELOCK_INFINITE_WAIT,
+                                                stop.read.Get(), &err, nullptr));
+    EXPECT_EQ(1U, Names().size());
+    return err;
+  };
+  SysFault soon("stat", 6, 0, [&] { EXPECT_EQ(1, write(stop.write.Get(), "", 1)); });
+  EXPECT_EQ(ECANCELED, wait());
+  EXPECT_TRUE(soon.Fired());
+  const uint64_t before = nowMs;
+  EXPECT_EQ(ECANCELED, wait());
+  EXPECT_EQ(before, nowMs);
 }
 
 TEST_F(FileLockTest, AWaiterSeesWhoDiesAndWhoLeaves) {
@@ -291,11 +310,14 @@ TEST_F(FileLockTest, SurvivesADeathAtAnySystemCall) {
 }  // namespace
 
 extern "C" {
-uint64_t __wrap__Z13FileLockNowMsv() {
-  return nowMs;
-}
-int __wrap_nanosleep(const timespec *time, timespec *) {
-  nowMs += static_cast<uint64_t>(time->tv_sec * 1000 + time->tv_nsec / 1'000'000);
+int __wrap_clock_gettime(clockid_t, timespec *now) {
+  *now = {static_cast<time_t>(nowMs / 1000), static_cast<long>(nowMs % 1000) * 1'000'000};
   return 0;
+}
+int __real_poll(pollfd *fds, nfds_t count, int ms);
+int __wrap_poll(pollfd *fds, nfds_t count, int ms) {
+  const int ready = __real_poll(fds, count, 0);
+  if (ready == 0) nowMs += static_cast<uint64_t>(ms);
+  return ready;
 }
 }

@@ -64,13 +64,19 @@ bool FileLockNativeIsDefault() {
 
 FileLockToken *FileLock_Lock(const char *path, bool readOnly, uint32_t msecMaxWait, int *err,
                              MsgList **msgList) {
+  return FileLock_LockCancellable(path, readOnly, msecMaxWait, -1, err, msgList);
+}
+
+FileLockToken *FileLock_LockCancellable(const char *path, bool readOnly, uint32_t msecMaxWait,
+                                        int cancelFd, int *err, MsgList **msgList) {
   const HeapStr normalized = NormalizePath(path);
   if (normalized == nullptr) {
     Fail(EINVAL, err, msgList);
     return nullptr;
   }
   *err = 0;
-  FileLockToken *const token = FileLockIntrinsic(normalized.get(), !readOnly, msecMaxWait, err);
+  FileLockToken *const token =
+      FileLockIntrinsic(normalized.get(), !readOnly, msecMaxWait, cancelFd, err);
   if (token == nullptr) Fail(*err == 0 ? EAGAIN : *err, err, msgList);
   return token;
 }

@@ -40,6 +40,7 @@ struct FileLockRequest {
   const char *path;  // of the file to be locked
   const char *lockDir;
   uint32_t msecMaxWait;
+  int cancelFd;        // ends the wait when it becomes readable; -1: none
   int64_t startMs;     // MonotonicClock_Ms when it began
   uint64_t startTime;  // of this process, as in the execution ID
   FileLockMember me;   // number 0 until it has been chosen
@@ -147,7 +148,7 @@ struct FileLockPlaces {
 
 // Both take a lock on the normalised path; null with the cause in *err, 0 when the time was up.
 [[nodiscard]] FileLockToken *FileLockIntrinsic(const char *path, bool exclusive,
-                                               uint32_t msecMaxWait, int *err);
+                                               uint32_t msecMaxWait, int cancelFd, int *err);
 [[nodiscard]] FileLockToken *FileLockIntrinsicPortable(FileLockRequest *request, int *err);
 
 // Errno-style: releases the lock and frees the token in any case.
@@ -155,8 +156,10 @@ struct FileLockPlaces {
 
 // ---- time and chance (fileSleeper.cpp) ---------------------------------------------------------
 
-// Sleeps a random time of lo to hi milliseconds, also through signals, and returns it.
-uint32_t FileSleeper(uint32_t lo, uint32_t hi);
+// Sleeps a random time of lo to hi milliseconds, also through signals, and returns it.  *error is 0;
+// ECANCELED when the sleep ended early since cancelFd (-1: none) is readable, at its end, or not open;
+// or the errno of poll(2).
+uint32_t FileSleeper(uint32_t lo, uint32_t hi, int cancelFd, int *error);
 
 // A number that another process is not likely to get at the same time.  No secret.
 [[nodiscard]] uint32_t FileSimpleRandom();

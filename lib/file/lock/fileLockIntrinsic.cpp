@@ -49,7 +49,8 @@ HeapStr LockDirOf(const char *path) {
   return HeapStr(Str_SafeAsprintf(nullptr, "%s%s", path, kFileLockSuffix));
 }
 
-FileLockToken *LockPortable(const char *path, bool exclusive, uint32_t msecMaxWait, int *err) {
+FileLockToken *LockPortable(const char *path, bool exclusive, uint32_t msecMaxWait, int cancelFd,
+                            int *err) {
   const HeapStr lockDir = LockDirOf(path);
   const pid_t pid = getpid();
   const uint64_t startTime = FileLockOwnStartTime(pid);
@@ -58,6 +59,7 @@ FileLockToken *LockPortable(const char *path, bool exclusive, uint32_t msecMaxWa
   FileLockRequest request = {.path = path,
                              .lockDir = lockDir.get(),
                              .msecMaxWait = msecMaxWait,
+                             .cancelFd = cancelFd,
                              .startMs = MonotonicClock_Ms(),
                              .startTime = startTime,
                              .me = {.machineID = FileLockMachineID(),
@@ -80,8 +82,9 @@ int LeaveQueue(const FileLockToken &token) {
 
 }  // namespace
 
-FileLockToken *FileLockIntrinsic(const char *path, bool exclusive, uint32_t msecMaxWait, int *err) {
-  if (!FileLockNativeIsDefault()) return LockPortable(path, exclusive, msecMaxWait, err);
+FileLockToken *FileLockIntrinsic(const char *path, bool exclusive, uint32_t msecMaxWait,
+                                 int cancelFd, int *err) {
+  if (!FileLockNativeIsDefault()) return LockPortable(path, exclusive, msecMaxWait, cancelFd, err);
   // As an open that asks for a native lock: neither host has any.
   *err = ENOTSUP;
   return nullptr;

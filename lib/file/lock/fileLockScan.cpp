@@ -118,13 +118,13 @@ int Choosers::Update(const char *lockDir, const FileNames &names, bool *any) {
 // ---- listings ----------------------------------------------------------------------------------
 
 // Errno-style: a listing from after a moment when nobody was choosing.
-int ListUndisturbed(const char *lockDir, FileNames *names) {
+int ListUndisturbed(const char *lockDir, int cancelFd, FileNames *names) {
   Choosers choosers;
   for (bool any = true; any;) {
     int error = FileLockScanDirectory(lockDir, names);
     if (error == 0) error = choosers.Update(lockDir, *names, &any);
+    if (error == 0 && any) FileSleeper(kStepMs, kStepMs, cancelFd, &error);
     if (error != 0) return error;
-    if (any) FileSleeper(kStepMs, kStepMs);
   }
   return names->Count() <= kOnePiece ? 0 : FileLockScanDirectory(lockDir, names);
 }
@@ -218,7 +218,8 @@ int FileLockScanDirectory(const char *lockDir, FileNames *names) {
 int FileLockScanner(const char *lockDir, FileLockScanFn callback, FileLockRequest *request,
                     bool cleanUp) {
   FileNames names;
-  int error = cleanUp ? ListUndisturbed(lockDir, &names) : FileLockScanDirectory(lockDir, &names);
+  int error = cleanUp ? ListUndisturbed(lockDir, request->cancelFd, &names)
+                      : FileLockScanDirectory(lockDir, &names);
   for (int i = 0; error == 0 && i < names.Count(); i++) {
     const char *const name = names[i];
     if (*name != kFileLockMember || !FileLockIsEntryName(name)) continue;

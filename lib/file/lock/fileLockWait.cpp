@@ -36,16 +36,17 @@ int StillThere(const char *lockDir, const char *name, const char *path,
   return same ? 0 : ENOENT;
 }
 
-// Returns whether there is time left; sleeps some of it.
-bool SleepBit(const FileLockRequest &request) {
-  if (request.msecMaxWait == FILELOCK_TRYLOCK_WAIT) return false;
+// Errno-style: sleeps some of the time that is left; EAGAIN when there is none.
+int SleepBit(const FileLockRequest &request) {
+  if (request.msecMaxWait == FILELOCK_TRYLOCK_WAIT) return EAGAIN;
   const auto elapsedMs = static_cast<uint64_t>(MonotonicClock_Ms() - request.startMs);
   if (request.msecMaxWait != FILELOCK_INFINITE_WAIT && elapsedMs >= request.msecMaxWait) {
-    return false;
+    return EAGAIN;
   }
   const uint32_t stepMs = StepMs(elapsedMs);
-  FileSleeper(stepMs / 2, stepMs);
-  return true;
+  int error;
+  FileSleeper(stepMs / 2, stepMs, request.cancelFd, &error);
+  return error;
 }
 
 int GiveUp(const FileLockRequest &request, const FileLockMember &other, bool local) {
@@ -69,8 +70,9 @@ int FileLockWaitForPossession(const char *lockDir, const char *name, const FileL
   if (!request->IsExclusive() && strcmp(other.lockType, kFileLockShared) == 0) return 0;
   const bool local = OldMachineIDMatch(me.machineID, other.machineID);
   const HeapStr path(Str_SafeAsprintf(nullptr, "%s/%s", lockDir, name));
-  while (SleepBit(*request)) {
-    const int error = StillThere(lockDir, name, path.get(), other);
+  int error;
+  while ((error = SleepBit(*request)) == 0) {
+    error = StillThere(lockDir, name, path.get(), other);
     if (error == ENOENT) return 0;
     if (error != 0) return error;
     if (local && !FileLockValidExecutionID(other.executionID)) {
@@ -79,5 +81,5 @@ int FileLockWaitForPossession(const char *lockDir, const char *name, const FileL
       return FileLockRemoveLockingFile(lockDir, name);
     }
   }
-  return GiveUp(*request, other, local);
+  return error == EAGAIN ? GiveUp(*request, other, local) : error;
 }

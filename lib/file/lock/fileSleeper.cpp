@@ -1,13 +1,13 @@
 // fileSleeper.cpp -- random sleeps, so that those who wait for the same thing do not meet for ever.
 
-#include <time.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 
 #include "lib/file/lock/fileLockInt.h"
-#include "lib/public/errnoKeeper.h"
+#include "lib/public/monotonicClock.h"
 #include "lib/public/mxUser.h"
 
 namespace {
@@ -35,8 +35,17 @@ struct SleeperState {
 };
 constinit SleeperState chance{};
 
-timespec TimeOf(uint32_t ms) {
-  return {.tv_sec = ms / 1000, .tv_nsec = static_cast<long>(ms % 1000) * 1000000};
+// Errno-style: waits for `ms` or, with ECANCELED, until there is something to be said of the
+// descriptor.  poll(2) leaves out a negative one.
+int PollFor(uint32_t ms, int cancelFd) {
+  const int64_t end = MonotonicClock_Ms() + ms;
+  pollfd watched = {.fd = cancelFd, .events = POLLIN, .revents = 0};
+  for (int64_t left = ms; left > 0; left = end - MonotonicClock_Ms()) {
+    const int ready = poll(&watched, 1, static_cast<int>(left));
+    if (ready > 0) return ECANCELED;
+    if (ready < 0 && errno != EINTR) return errno;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -56,12 +65,9 @@ uint32_t FileSimpleRandom() {
   return number;
 }
 
-uint32_t FileSleeper(uint32_t lo, uint32_t hi) {
+uint32_t FileSleeper(uint32_t lo, uint32_t hi, int cancelFd, int *error) {
   const uint64_t range = hi > lo ? hi - lo : 0;
   const uint32_t ms = lo + static_cast<uint32_t>(range * FileSimpleRandom() >> 32);
-  const ErrnoKeeper keeper;
-  timespec left = TimeOf(ms);
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
+  *error = PollFor(ms, cancelFd);
   return ms;
 }
