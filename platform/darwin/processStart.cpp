@@ -13,6 +13,11 @@ bool Platform_ProcessStartTime(pid_t pid, uint64_t *microseconds) {
   size_t size = sizeof info;
   // If there is no such process, the call succeeds with size 0.
   if (pid > 0 && sysctl(mib, 4, &info, &size, nullptr, 0) == 0 && size > 0) {
+    if (info.kp_proc.p_stat == SZOMB) {
+      *microseconds = 0;
+      errno = ESRCH;
+      return false;
+    }
     const timeval &start = info.kp_proc.p_starttime;
     *microseconds =
         static_cast<uint64_t>(start.tv_sec) * 1000000 + static_cast<uint64_t>(start.tv_usec);
@@ -23,4 +28,8 @@ bool Platform_ProcessStartTime(pid_t pid, uint64_t *microseconds) {
   if (pid > 0 && (kill(pid, 0) == 0 || errno == EPERM)) return true;
   errno = ESRCH;
   return false;
+}
+
+PlatformProcessWorld Platform_ProcessWorld() {
+  return {};
 }

@@ -4,12 +4,13 @@
 //         ("btime") would not give a stable value: it moves whenever the clock is set, and a live
 //         process would look like another one.  So a hash of the boot id is added, which stays the
 //         same until the next boot.
-// Tests:  tests/unit/fileLock_test.cpp
+// Tests:  tests/unit/fileLock_test.cpp, tests/system/lockMachines_test
 
 #include "platform/processStart.h"
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,7 +23,15 @@
 namespace {
 
 constexpr char kBootId[] = "/proc/sys/kernel/random/boot_id";
-constexpr int kStartField = 22;  // of stat; field 1 is the pid, field 2 the name in parentheses
+// Fields of stat; 1 is the pid, 2 the name in parentheses.
+constexpr int kStateField = 3;
+constexpr int kThreadsField = 20;
+constexpr int kStartField = 22;
+
+// Of the host's own namespaces: constants of the kernel (enum init_ns_ino of linux/nsfs.h).
+constexpr ino_t kHostPids = 0xEFFFFFFC;
+constexpr ino_t kHostTimes = 0xEFFFFFFA;
+constexpr uint32_t kUnknown = 1;  // no namespace's
 
 // Reads a small file of /proc into `buffer` and terminates it.  One read returns all of it.
 bool ReadSmall(const char *path, char *buffer, size_t size) {
@@ -40,18 +49,35 @@ uint64_t HashOf(const char *text) {
   return hash | 1;
 }
 
-// Ticks since boot.  The name may contain blanks and parentheses, so fields are counted from the last
-// parenthesis.
-bool StartTicks(pid_t pid, uint64_t *ticks) {
+// The field `number`, at least 3, of the content of stat; null if there are fewer.  The name may contain
+// blanks and parentheses, so fields are counted from the last parenthesis.
+const char *FieldOf(const char *stat, int number) {
+  const char *field = strrchr(stat, ')');
+  for (int n = 2; n < number && field != nullptr; n++) field = strchr(field + 1, ' ');
+  return field == nullptr ? nullptr : field + 1;
+}
+
+enum class Life { Unknown, Ended, Alive };
+
+// Stores the start of a live process, in ticks since boot.  A process whose first thread has ended has
+// the state of a zombie even while others go on.
+Life ReadStat(pid_t pid, uint64_t *ticks) {
   char path[32];
   char stat[1024];
   snprintf(path, sizeof path, "/proc/%d/stat", pid);
-  if (!ReadSmall(path, stat, sizeof stat)) return false;
-  const char *field = strrchr(stat, ')');
-  for (int n = 2; n < kStartField && field != nullptr; n++) field = strchr(field + 1, ' ');
-  if (field == nullptr) return false;
-  *ticks = strtoull(field, nullptr, 10);
-  return true;
+  if (!ReadSmall(path, stat, sizeof stat)) return Life::Unknown;
+  const char *const start = FieldOf(stat, kStartField);
+  if (start == nullptr) return Life::Unknown;
+  *ticks = strtoull(start, nullptr, 10);
+  const char status = *FieldOf(stat, kStateField);
+  const bool noThreads = strtoul(FieldOf(stat, kThreadsField), nullptr, 10) <= 1;
+  return (status == 'Z' || status == 'X') && noThreads ? Life::Ended : Life::Alive;
+}
+
+uint32_t NamespaceOf(const char *path, ino_t hosts) {
+  struct stat info;
+  if (stat(path, &info) != 0) return kUnknown;
+  return info.st_ino == hosts ? 0 : static_cast<uint32_t>(info.st_ino);
 }
 
 }  // namespace
@@ -60,7 +86,8 @@ bool Platform_ProcessStartTime(pid_t pid, uint64_t *microseconds) {
   *microseconds = 0;
   uint64_t ticks;
   char bootId[64];
-  if (pid > 0 && StartTicks(pid, &ticks)) {
+  const Life life = pid > 0 ? ReadStat(pid, &ticks) : Life::Ended;
+  if (life == Life::Alive) {
     // Without the boot id, 0: ticks alone would differ from the value that other processes get.
     if (ReadSmall(kBootId, bootId, sizeof bootId)) {
       const auto perSecond = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
@@ -69,7 +96,16 @@ bool Platform_ProcessStartTime(pid_t pid, uint64_t *microseconds) {
     return true;
   }
   // /proc may be missing, or hide the processes of other users.
-  if (pid > 0 && (kill(pid, 0) == 0 || errno == EPERM)) return true;
+  if (life == Life::Unknown && (kill(pid, 0) == 0 || errno == EPERM)) return true;
   errno = ESRCH;
   return false;
+}
+
+PlatformProcessWorld Platform_ProcessWorld() {
+  PlatformProcessWorld world;
+  world.numbers = NamespaceOf("/proc/self/ns/pid", kHostPids);
+  // Older kernels have no such namespaces.
+  world.times = NamespaceOf("/proc/self/ns/time", kHostTimes);
+  if (world.times == kUnknown && world.numbers != kUnknown) world.times = 0;
+  return world;
 }
