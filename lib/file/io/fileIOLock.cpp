@@ -1,5 +1,5 @@
 // fileIOLock.cpp -- the lock that an open may ask for.
-// Tests:  tests/unit/fileIO_test.cpp, tests/unit/fileLock_test.cpp
+// Tested by tests/unit/fileIO_test.cpp, tests/unit/fileLock_test.cpp.
 
 #include <cerrno>
 #include <utility>

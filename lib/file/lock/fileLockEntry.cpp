@@ -1,20 +1,21 @@
 // fileLockEntry.cpp -- getting into the queue: the entry directory, the record, the member file.
 //
-// Holds:  1. A number (that of the names) belongs to who made the entry directory with it, while
-//            that stands; afterwards to who has the member file.
-//         2. The lock directory, and what is in it, goes as soon as it is empty; so any step may
-//            find it gone, and then begins again.
-//         3. The directories are for everybody, whatever the umask, from their first moment: who is
-//            refused one would take it for read-only media, and a shared lock for granted.  So the
-//            umask is 0 while one is made, and a mode set afterwards would not do.  The umask is the
-//            process's: a lock keeps two threads from restoring each other's 0.
+// Invariants:
+//   1. A number (that of the names) belongs to the participant that made the entry directory with
+//      it, while that exists; afterwards to the one that has the member file.
+//   2. The lock directory goes as soon as it is empty; so any step may find it gone, and then begins
+//      again.
+//   3. The directories are for everybody, whatever the umask, from their first moment: a reader that
+//      is refused one would take it for read-only media, and a shared lock for granted.  So the
+//      umask is 0 while they are made, and a mode set afterwards would not do.  The umask is the
+//      process's: a lock keeps two threads from restoring each other's 0.
+// Tested by tests/unit/fileLock_test.cpp.
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "lib/file/fileInt.h"
@@ -32,130 +33,161 @@ namespace {
 
 constexpr int64_t kMaxEntryMs = 8000;
 
-constexpr mode_t kDirectoryMode = 0777;
-constexpr int kEntryFileMode = 0644;
+// So many attempts come without a pause: each but the first few means that the directory is very full.
+constexpr int kQuickAttempts = 16;
 
-// Not an errno: something changed, look again.
-constexpr int kAgain = -1;
+constexpr mode_t kDirectoryMode = 0777;
+constexpr mode_t kEntryFileMode = 0644;
 
 constexpr MX_Rank kUmaskRank = 0xFF000000;
 constinit std::atomic<MXUserExclLock *> umaskLock{nullptr};
 
-// ---- directories -------------------------------------------------------------------------------
+// While it lives, the umask is 0.
+class ModesAsAsked {
+  MXUserExclLock *lock_;
+  mode_t before_;
 
-// Errno-style.
-int MakeDirectory(const char *path) {
-  MXUserExclLock *const lock =
-      MXUser_CreateSingletonExclLock(&umaskLock, "fileLockUmaskLock", kUmaskRank);
-  MXUser_AcquireExclLock(lock);
-  const mode_t before = umask(0);
-  const int error = mkdir(path, kDirectoryMode) == 0 ? 0 : errno;
-  umask(before);
-  MXUser_ReleaseExclLock(lock);
-  return error;
-}
-
-// Logs a failure of FileLockCreateEntryDirectory and returns it: `format` takes its name, the path
-// and the text of the error.
-int Report(const char *format, const char *path, int error) {
-  Log(format, "FileLockCreateEntryDirectory", path, Err_ErrnoToString(error));
-  return error;
-}
-
-int MakeLockDirectory(const char *lockDir) {
-  const int error = MakeDirectory(lockDir);
-  if (error == 0 || error == EEXIST) return 0;
-  return Report("FILE: %s creation failure on '%s': %s\n", lockDir, error);
-}
-
-// Errno-style, or kAgain: afterwards there is, or was a moment ago, a lock directory.
-int EnsureLockDirectory(const char *lockDir) {
-  FileData data;
-  int error = FileAttributes(lockDir, &data);
-  if (error == ENOENT) return MakeLockDirectory(lockDir);
-  if (error != 0) return Report("FILE: %s stat failure on '%s': %s\n", lockDir, error);
-  if (data.fileType == FILE_TYPE_DIRECTORY) return 0;
-  error = FileDeletePath(lockDir, false);
-  if (error == ENOENT) return kAgain;
-  if (error != 0) {
-    return Report("FILE: %s: an attempt to remove '%s' failed: %s\n", lockDir, error);
+ public:
+  ModesAsAsked()
+      : lock_(MXUser_CreateSingletonExclLock(&umaskLock, "fileLockUmaskLock", kUmaskRank)) {
+    MXUser_AcquireExclLock(lock_);
+    before_ = umask(0);
   }
-  Log("FILE: %s: '%s' is not a directory. Removed.\n", "FileLockCreateEntryDirectory", lockDir);
-  return kAgain;
+  ModesAsAsked(const ModesAsAsked &) = delete;
+  ~ModesAsAsked() {
+    umask(before_);
+    MXUser_ReleaseExclLock(lock_);
+  }
+};
+
+// ---- the entry directory -----------------------------------------------------------------------
+
+// What an attempt has come to.
+enum class Attempt {
+  Made,
+  Changed,  // somebody else was there first: look again
+  Failed,   // with the errno in *error
+};
+
+// `format` takes the name of the procedure, the path and the text of the error.
+Attempt Fail(const char *format, const char *path, int failure, int *error) {
+  Log(format, "FileLockCreateEntryDirectory", path, Err_ErrnoToString(failure));
+  *error = failure;
+  return Attempt::Failed;
 }
 
-HeapStr PathOf(const char *lockDir, const char *nameFormat, uint32_t number) {
-  char name[sizeof "M65535.lck"];
-  Str_Sprintf(name, sizeof name, nameFormat, number, kFileLockSuffix);
-  return HeapStr(File_PathJoin(lockDir, name));
+Attempt RemoveObstacle(const char *lockDir, int *error) {
+  const int failure = FileDeletePath(lockDir, false);
+  if (failure != 0 && failure != ENOENT) {
+    return Fail("FILE: %s: an attempt to remove '%s' failed: %s\n", lockDir, failure, error);
+  }
+  if (failure == 0) {
+    Log("FILE: %s: '%s' is not a directory. Removed.\n", "FileLockCreateEntryDirectory", lockDir);
+  }
+  return Attempt::Changed;
 }
 
-void DrawNumber(const char *lockDir, FileLockPlaces *places) {
+// Whether there is a link that leads nowhere, so that nothing is there and nothing can be made.
+bool IsDanglingLink(const char *path) {
+  struct stat info;
+  return lstat(path, &info) == 0 && S_ISLNK(info.st_mode) &&
+         FileAttributes(path, nullptr) == ENOENT;
+}
+
+HeapStr PathOf(const char *lockDir, char letter, uint32_t number) {
+  return HeapStr(
+      Str_SafeAsprintf(nullptr, "%s/%c%05u%s", lockDir, letter, number, kFileLockSuffix));
+}
+
+void DrawNumber(const char *lockDir, FileLockPaths *paths) {
   const uint32_t number = FileSimpleRandom() >> 8 & 0xFFFF;
-  places->entryDir = PathOf(lockDir, "D%05u%s", number);
-  places->entryFile = PathOf(lockDir, "E%05u%s", number);
-  places->memberFile = PathOf(lockDir, "M%05u%s", number);
+  paths->entryDir = PathOf(lockDir, kFileLockChoosing, number);
+  paths->entryFile = PathOf(lockDir, kFileLockEntry, number);
+  paths->memberFile = PathOf(lockDir, kFileLockMember, number);
 }
 
-// Errno-style, or kAgain when the number is taken, or the lock directory has gone.
-int MakeEntryDirectory(const FileLockPlaces &places) {
-  const char *const path = places.entryDir.get();
-  const int error = MakeDirectory(path);
-  if (error == EEXIST || error == ENOENT) return kAgain;
-  if (error != 0) return Report("FILE: %s creation failure on '%s': %s\n", path, error);
+// Errno values of two calls.
+struct Creations {
+  int lockDir = 0;
+  int entryDir = 0;
+};
+
+Creations MakeDirectories(const char *lockDir, bool lockDirExists, const char *entryDir) {
+  Creations errors;
+  const ModesAsAsked scope;
+  if (!lockDirExists && mkdir(lockDir, kDirectoryMode) != 0) errors.lockDir = errno;
+  if ((errors.lockDir == 0 || errors.lockDir == EEXIST) && mkdir(entryDir, kDirectoryMode) != 0) {
+    errors.entryDir = errno;
+  }
+  return errors;
+}
+
+Attempt TryEntryDirectory(const char *lockDir, FileLockPaths *paths, int *error) {
+  FileData data;
+  const int found = FileAttributes(lockDir, &data);
+  if (found != 0 && found != ENOENT) {
+    return Fail("FILE: %s stat failure on '%s': %s\n", lockDir, found, error);
+  }
+  if (found == 0 && data.fileType != FILE_TYPE_DIRECTORY) return RemoveObstacle(lockDir, error);
+
+  DrawNumber(lockDir, paths);
+  const char *const path = paths->entryDir.get();
+  const Creations made = MakeDirectories(lockDir, found == 0, path);
+  if (made.lockDir != 0 && made.lockDir != EEXIST) {
+    return Fail("FILE: %s creation failure on '%s': %s\n", lockDir, made.lockDir, error);
+  }
+  if (made.entryDir == ENOENT && IsDanglingLink(lockDir)) return RemoveObstacle(lockDir, error);
+  if (made.entryDir == EEXIST || made.entryDir == ENOENT) return Attempt::Changed;
+  if (made.entryDir != 0) {
+    return Fail("FILE: %s creation failure on '%s': %s\n", path, made.entryDir, error);
+  }
   // A member file that cannot be looked at may be there, and a rename would replace it.
-  if (FileAttributes(places.memberFile.get(), nullptr) == ENOENT) return 0;
-  if (File_DeleteEmptyDirectory(path)) return kAgain;
-  return Report("FILE: %s unable to remove '%s': %s\n", path, errno);
+  if (FileAttributes(paths->memberFile.get(), nullptr) == ENOENT) return Attempt::Made;
+  if (File_DeleteEmptyDirectory(path)) return Attempt::Changed;
+  return Fail("FILE: %s unable to remove '%s': %s\n", path, errno, error);
 }
 
 // ---- the member file ---------------------------------------------------------------------------
 
-// Who gives up removes what is his, and errno stays.  Without an entry file of his own that is the
-// directory.
-void WithdrawEntryDirectory(const FileLockRequest &request, const FileLockPlaces &places) {
-  const ErrnoKeeper keeper;
-  File_DeleteEmptyDirectory(places.entryDir.get());
-  File_DeleteEmptyDirectory(request.lockDir);
-}
-
-// The directory goes last: while it stands, all that has the number is his.
-void WithdrawChooser(const FileLockRequest &request, const FileLockPlaces &places) {
-  const ErrnoKeeper keeper;
-  FileDeletePath(places.entryFile.get(), false);
-  FileDeletePath(places.memberFile.get(), false);
-  WithdrawEntryDirectory(request, places);
-}
-
-// Afterwards it is the member file alone: as soon as that has gone, the other names may be those of
-// somebody else who has drawn the number.
-void WithdrawMember(const FileLockRequest &request, const FileLockPlaces &places) {
-  const ErrnoKeeper keeper;
-  FileDeletePath(places.memberFile.get(), false);
-  File_DeleteEmptyDirectory(request.lockDir);
-}
-
-int ReportMember(const char *format, const char *path) {
+// `format` takes the name of the procedure, the path and the text of errno; returns errno.
+int Report(const char *format, const char *path) {
   const ErrnoKeeper keeper;
   Log(format, "FileLockCreateMemberFile", path, Err_ErrnoToString(keeper.Get()));
   return keeper.Get();
 }
 
+// Errno-style.  The number is ours, so an entry file that has it is a leftover.
+int CreateEntryFile(const char *path, FileIODescriptor *file) {
+  for (bool again = true;; again = false) {
+    if (FileIOOpenUnlocked(file, path, FILEIO_ACCESS_WRITE | FILEIO_FLAG_NOFOLLOW,
+                           FILEIO_OPEN_CREATE_SAFE, kEntryFileMode) == FILEIO_SUCCESS) {
+      break;
+    }
+    if (errno != EEXIST || !again) return errno;
+    const int error = FileDeletePath(path, false);
+    if (error != 0 && error != ENOENT) return error;
+  }
+  // Others have to read it.  File systems without modes refuse that, and need nothing.
+  static_cast<void>(fchmod(file->posix, kEntryFileMode));
+  return 0;
+}
+
 // A FileLockScanFn: keeps the highest number in the request.
-int KeepHighest(const char *, const char *, const FileLockMember &other, FileLockRequest *request) {
+int KeepHighest(const FileLockMember &other, FileLockRequest *request) {
   if (other.number > request->me.number) request->me.number = other.number;
   return 0;
 }
 
 // Errno-style.
 int ChooseNumber(FileLockRequest *request) {
+  FileNames names;
   request->me.number = 0;
-  const int error = FileLockScanner(request->lockDir, KeepHighest, request, false);
-  if (error != 0) return error;
-  // Who went on from 0 would go before all others.
-  if (request->me.number == UINT32_MAX) return EOVERFLOW;
+  int error = FileLockScanDirectory(request->Dir(), &names);
+  if (error == 0) error = FileLockScanner(names, KeepHighest, request);
+  // A participant that went on from 0 would go before all others.
+  if (error == 0 && request->me.number == UINT32_MAX) error = EOVERFLOW;
   request->me.number++;
-  return 0;
+  return error;
 }
 
 // Errno-style; closes the file in any case.
@@ -165,10 +197,10 @@ int WriteRecord(const FileLockRequest &request, FileIODescriptor *file, const ch
   size_t length = 0;
   int error = 0;
   if (FileIO_Write(file, record, sizeof record, &length) != FILEIO_SUCCESS) {
-    error = ReportMember("FILE: %s write of '%s' failed: %s\n", path);
+    error = Report("FILE: %s write of '%s' failed: %s\n", path);
   }
   if (FileIOCloseUnlocked(file) != FILEIO_SUCCESS && error == 0) {
-    error = ReportMember("FILE: %s close of '%s' failed: %s\n", path);
+    error = Report("FILE: %s close of '%s' failed: %s\n", path);
   }
   if (error == 0 && length != sizeof record) {
     Log("FILE: %s write length issue on '%s': %zd and %zd\n", "FileLockCreateMemberFile", path,
@@ -178,69 +210,78 @@ int WriteRecord(const FileLockRequest &request, FileIODescriptor *file, const ch
   return error;
 }
 
-int RenameEntry(const FileLockPlaces &places) {
-  const char *const from = places.entryFile.get();
-  const char *const to = places.memberFile.get();
+// Errno-style: the entry file, with the number that was chosen while it was there.
+int WriteEntryFile(FileLockRequest *request, const char *path) {
+  FileIODescriptor file;
+  int error = CreateEntryFile(path, &file);
+  if (error != 0) return error;
+  error = ChooseNumber(request);
+  if (error == 0) return WriteRecord(*request, &file, path);
+  FileIOCloseUnlocked(&file);
+  return error;
+}
+
+bool IsOwnMember(const FileLockRequest &request) {
+  FileLockRecord record;
+  FileLockMember found;
+  return FileLockMemberValues(request.Dir(), request.me.memberName, &record, &found) == 0 &&
+         found.number == request.me.number &&
+         strcmp(found.executionID, request.me.executionID) == 0 &&
+         strcmp(found.machineID, request.me.machineID) == 0;
+}
+
+// Errno-style.
+int RenameEntry(const FileLockRequest &request, const FileLockPaths &paths) {
+  const char *const from = paths.entryFile.get();
+  const char *const to = paths.memberFile.get();
   if (rename(from, to) == 0) return 0;
   const ErrnoKeeper keeper;
+  // A file server whose answer got lost is asked again, and then knows no such file.
+  if (keeper.Get() == ENOENT && IsOwnMember(request)) return 0;
   Log("FILE: %s FileRename of '%s' to '%s' failed: %s\n", "FileLockCreateMemberFile", from, to,
       Err_ErrnoToString(keeper.Get()));
   return keeper.Get();
 }
 
-// Errno-style: from the open entry file, which is closed in any case, to the member file.
-int MakeMemberFile(FileLockRequest *request, const FileLockPlaces &places, FileIODescriptor *file) {
-  int error = ChooseNumber(request);
-  if (error != 0) {
-    FileIOCloseUnlocked(file);
-    return error;
-  }
-  error = WriteRecord(*request, file, places.entryFile.get());
-  return error != 0 ? error : RenameEntry(places);
-}
-
-// Errno-style: lets the others look at the number, and waits for those with lower ones.
-int AwaitTurn(FileLockRequest *request, const FileLockPlaces &places) {
-  if (!File_DeleteEmptyDirectory(places.entryDir.get())) return errno;
-  return FileLockScanner(request->lockDir, FileLockWaitForPossession, request, true);
-}
-
 }  // namespace
 
-const char *FileLockPlaces::MemberName() const {
+const char *FileLockPaths::MemberName() const {
   return strrchr(memberFile.get(), '/') + 1;
 }
 
-int FileLockCreateEntryDirectory(const FileLockRequest &request, FileLockPlaces *places) {
-  int error = kAgain;
-  while (error == kAgain) {
-    error = EnsureLockDirectory(request.lockDir);
-    if (error == 0) {
-      DrawNumber(request.lockDir, places);
-      error = MakeEntryDirectory(*places);
-    }
-    if (error == kAgain && MonotonicClock_Ms() - request.startMs > kMaxEntryMs) {
-      Log("FILE: %s lack of progress on '%s'\n", "FileLockCreateEntryDirectory", request.lockDir);
+int FileLockCreateEntryDirectory(const FileLockRequest &request, FileLockPaths *paths) {
+  for (int attempts = 1;; attempts++) {
+    int error = 0;
+    if (TryEntryDirectory(request.Dir(), paths, &error) != Attempt::Changed) return error;
+    if (MonotonicClock_Ms() - request.startMs > kMaxEntryMs) {
+      Log("FILE: %s lack of progress on '%s'\n", "FileLockCreateEntryDirectory", request.Dir());
       return EBUSY;
     }
+    if (attempts >= kQuickAttempts) error = FileLockPause(request, 1, 10);
+    if (error != 0) return error;
   }
+}
+
+int FileLockCreateMemberFile(FileLockRequest *request, const FileLockPaths &paths) {
+  const char *const entryDir = paths.entryDir.get();
+  const char *const entryFile = paths.entryFile.get();
+  request->me.memberName = paths.MemberName();
+  int error = WriteEntryFile(request, entryFile);
+  if (error == 0) error = RenameEntry(*request, paths);
+  if (error != 0) {
+    FileLockWithdraw(*request, entryFile, entryDir);
+    return error;
+  }
+  if (File_DeleteEmptyDirectory(entryDir)) return 0;
+  // Somebody has taken us for dead, and waits no longer.
+  error = errno;
+  FileLockWithdraw(*request, paths.memberFile.get(), nullptr);
   return error;
 }
 
-int FileLockCreateMemberFile(FileLockRequest *request, const FileLockPlaces &places) {
-  FileIODescriptor file;
-  if (FileIOOpenUnlocked(&file, places.entryFile.get(), FILEIO_ACCESS_WRITE | FILEIO_FLAG_NOFOLLOW,
-                         FILEIO_OPEN_CREATE_SAFE, kEntryFileMode) != FILEIO_SUCCESS) {
-    const int error = errno;
-    WithdrawEntryDirectory(*request, places);
-    return error;
-  }
-  int error = MakeMemberFile(request, places, &file);
-  if (error != 0) {
-    WithdrawChooser(*request, places);
-    return error;
-  }
-  error = AwaitTurn(request, places);
-  if (error != 0) WithdrawMember(*request, places);
-  return error;
+// The entry directory comes after the entry file: while it exists, the number is the participant's.
+void FileLockWithdraw(const FileLockRequest &request, const char *file, const char *entryDir) {
+  FileDeletePath(file, false);
+  if (entryDir != nullptr) File_DeleteEmptyDirectory(entryDir);
+  File_DeleteEmptyDirectory(request.Dir());
 }

@@ -1,10 +1,18 @@
 // fileLockIdentity.cpp -- how the records of a lock name machines, processes and directories.
 //
 // Idea:  a process is its number and the time it started, so that a later process with the same
-//        number is not taken for it.  Only a process of this machine can be looked up.
-// Holds: 1. When in doubt, a process lives: to break the lock of a live one does harm, to wait for a
+//        number is not taken for it.  Only a process of this machine can be looked up; what numbers
+//        and times mean differs between namespaces of a host, so each is a machine of its own.
+// Invariants:
+//        1. When in doubt, a process lives: to break the lock of a live one does harm, to wait for a
 //           dead one does not.
 //        2. The identity of this machine stays the same while the process runs.
+//        3. What a process has found out about itself means nothing in its children, even in one
+//           that has got the number of an ancestor.
+// Tested by tests/unit/fileLock_test.cpp, tests/system/lockMachines_test.
+
+#include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -34,21 +42,36 @@ constexpr size_t kOldMatchFirst = 4;
 constexpr size_t kOldMatchSize = 4;
 
 struct MachineID {
-  char text[64];
+  char text[96];
 };
 
-// The start time of the process that was `pid` when it was asked for; a child gets its own.
-struct OwnStart {
-  std::atomic<pid_t> pid;
-  std::atomic<uint64_t> time;
+// The identity in one process; children of it may have earlier ones, to which somebody may still point.
+struct Machine {
+  const Machine *previous;
+  uint64_t process;  // ProcessKey
+  MachineID id;
 };
 
 struct IdentityState {
-  OnceCell<MachineID> machine;
-  OnceCell<MachineID> oldMachine;
-  OwnStart ownStart;
+  OnceCell<MachineID> host;
+  OnceCell<MachineID> oldHost;
+  std::atomic<const Machine *> machine;
+  std::atomic<uint64_t> startOf;  // ProcessKey of the one that `start` is of
+  std::atomic<uint64_t> start;
+  std::atomic<uint32_t> generation;  // how many forks have led here
+  pthread_once_t watchForks = PTHREAD_ONCE_INIT;
 };
 constinit IdentityState state{};
+
+// A value that neither parent nor child have, even where one has the other's number.  Never 0.
+uint64_t ProcessKey(pid_t pid) {
+  pthread_once(&state.watchForks, [] {
+    // Without memory for this, numbers alone must do.
+    static_cast<void>(pthread_atfork(nullptr, nullptr, [] { state.generation++; }));
+  });
+  return uint64_t{state.generation.load(std::memory_order_relaxed)} << 32 |
+         static_cast<uint32_t>(pid);
+}
 
 void ReplaceAll(char *text, char from, char to) {
   for (; *text != '\0'; text++) {
@@ -56,7 +79,7 @@ void ReplaceAll(char *text, char from, char to) {
   }
 }
 
-MachineID ComputeOldMachineID() {
+MachineID ComputeOldHostID() {
   uint32_t hostNameHash;
   uint64_t hardwareID;
   Hostinfo_MachineID(&hostNameHash, &hardwareID);
@@ -71,13 +94,48 @@ MachineID ComputeOldMachineID() {
   return id;
 }
 
-MachineID ComputeMachineID() {
+MachineID ComputeHostID() {
   const char *const uuid = UUID_HostString();
-  if (uuid == nullptr) return state.oldMachine.Get(ComputeOldMachineID);
+  if (uuid == nullptr) return state.oldHost.Get(ComputeOldHostID);
   MachineID id{};
   Str_Sprintf(id.text, sizeof id.text, "uuid=%s", uuid);
   ReplaceAll(id.text, ' ', '-');
   return id;
+}
+
+// The host itself, or a namespace on it.
+MachineID ComputeMachineID() {
+  const PlatformProcessWorld world = Platform_ProcessWorld();
+  MachineID id = state.host.Get(ComputeHostID);
+  if (world == PlatformProcessWorld{}) return id;
+  const size_t length = strlen(id.text);
+  Str_Sprintf(id.text + length, sizeof id.text - length, "-%x-%x", world.numbers, world.times);
+  return id;
+}
+
+const char *MachineIDOf(uint64_t process) {
+  const Machine *known = state.machine.load(std::memory_order_acquire);
+  if (known != nullptr && known->process == process) return known->id.text;
+  HeapPtr<Machine> fresh = Heap_New<Machine>(known, process, ComputeMachineID());
+  // Another thread of this process may have come first, with the same.
+  if (state.machine.compare_exchange_strong(known, fresh.get(), std::memory_order_acq_rel,
+                                            std::memory_order_acquire)) {
+    known = fresh.release();
+  }
+  return known->id.text;
+}
+
+// As Platform_ProcessStartTime gives it, 0 when unknown.
+uint64_t StartTimeOf(pid_t self, uint64_t process) {
+  if (state.startOf.load(std::memory_order_acquire) == process) {
+    return state.start.load(std::memory_order_relaxed);
+  }
+  // The process exists.  What is not known now may be known the next time.
+  uint64_t time = 0;
+  if (!Platform_ProcessStartTime(self, &time) || time == 0) return 0;
+  state.start.store(time, std::memory_order_relaxed);
+  state.startOf.store(process, std::memory_order_release);
+  return time;
 }
 
 bool HasPrefix(const char *id) {
@@ -92,10 +150,11 @@ bool DecodeOldMachineID(const char *id, int number, unsigned char (&bytes)[kOldS
     ReplaceAll(text.text, '-', '/');
     if (Base64_Decode(text.text, bytes, sizeof bytes, &length) && length == kOldSize) return true;
   }
+  const HeapStr shown = FileLockPrintable(id);
   if (number == 1) {
-    Log("%s: unexpected decode problem #1 (%s)\n", "OldMachineIDMatch", id);
+    Log("%s: unexpected decode problem #1 (%s)\n", "OldMachineIDMatch", shown.get());
   } else {
-    Log("%s: unexpected decode problem #2 (%s)\n", "OldMachineIDMatch", id);
+    Log("%s: unexpected decode problem #2 (%s)\n", "OldMachineIDMatch", shown.get());
   }
   return false;
 }
@@ -130,42 +189,42 @@ bool ParseExecutionID(const char *id, Execution *execution) {
 }  // namespace
 
 const char *FileLockMachineID() {
-  return state.machine.Get(ComputeMachineID).text;
+  return MachineIDOf(ProcessKey(getpid()));
 }
 
 bool OldMachineIDMatch(const char *a, const char *b) {
-  if (HasPrefix(a) && HasPrefix(b)) return strcmp(a + kPrefixLength, b + kPrefixLength) == 0;
-  if (HasPrefix(b)) return false;
-  if (!HasPrefix(a)) return strcmp(a, b) == 0;
+  if (HasPrefix(a) == HasPrefix(b)) return strcmp(a, b) == 0;
+  // An old identity names the host alone.
+  if (HasPrefix(b) || strcmp(a, state.host.Get(ComputeHostID).text) != 0) return false;
   unsigned char own[kOldSize];
   unsigned char other[kOldSize];
-  return DecodeOldMachineID(state.oldMachine.Get(ComputeOldMachineID).text, 1, own) &&
-         DecodeOldMachineID(b, 2, other) &&
-         memcmp(own + kOldMatchFirst, other + kOldMatchFirst, kOldMatchSize) == 0;
-}
-
-uint64_t FileLockOwnStartTime(pid_t pid) {
-  if (state.ownStart.pid.load(std::memory_order_acquire) == pid) {
-    return state.ownStart.time.load(std::memory_order_relaxed);
+  if (!DecodeOldMachineID(state.oldHost.Get(ComputeOldHostID).text, 1, own) ||
+      !DecodeOldMachineID(b, 2, other)) {
+    return false;
   }
-  // The process exists.  What is not known now may be known the next time.
-  uint64_t time = 0;
-  if (!Platform_ProcessStartTime(pid, &time) || time == 0) return 0;
-  state.ownStart.time.store(time, std::memory_order_relaxed);
-  state.ownStart.pid.store(pid, std::memory_order_release);
-  return time;
+  constexpr unsigned char kNoHardware[kOldMatchSize] = {};
+  if (memcmp(own + kOldMatchFirst, kNoHardware, kOldMatchSize) == 0) {
+    return memcmp(own, other, kOldSize) == 0;
+  }
+  return memcmp(own + kOldMatchFirst, other + kOldMatchFirst, kOldMatchSize) == 0;
 }
 
-FileLockExecutionID FileLockMakeExecutionID(pid_t pid, uint64_t startTime) {
-  FileLockExecutionID id;
-  Str_Sprintf(id.text, sizeof id.text, "%d-%llu", pid, static_cast<unsigned long long>(startTime));
-  return id;
+FileLockExecution FileLockOwnExecution() {
+  const pid_t pid = getpid();
+  const uint64_t process = ProcessKey(pid);
+  FileLockExecution execution;
+  execution.machineID = MachineIDOf(process);
+  execution.startTime = StartTimeOf(pid, process);
+  Str_Sprintf(execution.text, sizeof execution.text, "%d-%llu", pid,
+              static_cast<unsigned long long>(execution.startTime));
+  return execution;
 }
 
 bool FileLockValidExecutionID(const char *executionID) {
   Execution recorded;
   if (!ParseExecutionID(executionID, &recorded)) {
-    Log("FILE: %s parse error on '%s'. Assuming valid.\n", "FileLockValidExecutionID", executionID);
+    Log("FILE: %s parse error on '%s'. Assuming valid.\n", "FileLockValidExecutionID",
+        FileLockPrintable(executionID).get());
     return true;
   }
   if (Hostinfo_ProcessState(recorded.pid) == HOSTINFO_PROCESS_DEAD) return false;

@@ -1,7 +1,8 @@
 // fileLockInt.h -- what the files of the portable lock share: identities, records, the queue.
 //
-// Errno-style: 0, or the errno of the call that failed.  A lock directory is given by its path; names
-// are of entries in it.
+// Errno-style results only: 0, or the errno of what failed, which need not be in errno.  EAGAIN always
+// means that the caller's time is up, ECANCELED that the caller has given up.  A lock directory is
+// given by its path; names are of entries in it.
 #pragma once
 
 #include <sys/types.h>
@@ -16,8 +17,8 @@
 inline constexpr size_t kFileLockRecordSize = 512;
 inline constexpr char kFileLockSuffix[] = ".lck";
 
-// First letters of names: the directory of who chooses a number, the record before and after the
-// number is in it.
+// First letters of names: the directory of a participant that chooses a number, its record before and
+// after it has one.
 inline constexpr char kFileLockChoosing = 'D';
 inline constexpr char kFileLockEntry = 'E';
 inline constexpr char kFileLockMember = 'M';
@@ -35,34 +36,21 @@ struct FileLockMember {
   uint32_t number;
 };
 
-// Somebody who takes a lock.
-struct FileLockRequest {
-  const char *path;  // of the file to be locked
-  const char *lockDir;
-  uint32_t msecMaxWait;
-  int cancelFd;        // ends the wait when it becomes readable; -1: none
-  int64_t startMs;     // MonotonicClock_Ms when it began
-  uint64_t startTime;  // of this process, as in the execution ID
-  FileLockMember me;   // number 0 until it has been chosen
-
-  bool IsExclusive() const { return *me.lockType == *kFileLockExclusive; }
-};
-
 // ---- identities (fileLockIdentity.cpp) ---------------------------------------------------------
 
-// This machine, as records name it; lives as long as the process.
+// This machine, as records name it; lives as long as the process.  A child may get another one.
 [[nodiscard]] const char *FileLockMachineID();
 
 // Whether `b`, of a record, names the same machine as `a`, which is this one's.
 [[nodiscard]] bool OldMachineIDMatch(const char *a, const char *b);
 
-// The start time of this process, whose number is `pid`, as Platform_ProcessStartTime tells it.
-[[nodiscard]] uint64_t FileLockOwnStartTime(pid_t pid);
-
-struct FileLockExecutionID {
+// This process, as records name it: its number and its start time in microseconds.
+struct FileLockExecution {
+  const char *machineID;
+  uint64_t startTime;
   char text[40];
 };
-[[nodiscard]] FileLockExecutionID FileLockMakeExecutionID(pid_t pid, uint64_t startTime);
+[[nodiscard]] FileLockExecution FileLockOwnExecution();
 
 // Whether the process of this machine that an execution ID names may still live.
 [[nodiscard]] bool FileLockValidExecutionID(const char *executionID);
@@ -71,6 +59,26 @@ struct FileLockPayload {
   char text[12];
 };
 [[nodiscard]] FileLockPayload FileLockMakePayload(const char *lockDir);
+
+// ---- a request (fileLock.cpp) ------------------------------------------------------------------
+
+// A call that takes a lock.  It stays where it is: `me` points into it.
+struct FileLockRequest {
+  const char *path;  // of the file to be locked
+  HeapStr lockDir;
+  uint32_t msecMaxWait;
+  int cancelFd;     // ends the wait when it becomes readable; -1: none
+  int64_t startMs;  // MonotonicClock_Ms when it began
+  FileLockExecution execution;
+  FileLockPayload payload;
+  FileLockMember me;  // number 0 until it has been chosen
+
+  FileLockRequest(const char *filePath, bool exclusive, uint32_t waitMs, int cancelDescriptor);
+  FileLockRequest(const FileLockRequest &) = delete;
+
+  const char *Dir() const { return lockDir.get(); }
+  bool IsExclusive() const { return *me.lockType == *kFileLockExclusive; }
+};
 
 // ---- records (fileLockRecord.cpp) --------------------------------------------------------------
 
@@ -86,15 +94,20 @@ struct FileLockRecord {
 // Fills `out` with the text of a record, zeros after it.
 void FileLockFormatRecord(const FileLockRequest &request, char (&out)[kFileLockRecordSize]);
 
-// Takes apart what stands in record->text, NUL-terminated.  False when it is no record; then the
-// tokens are what was found.  *member points into the record, but for memberName, which is left
-// alone.
+// Takes apart the NUL-terminated record->text.  False when it is no record; then the tokens are what
+// was found.  *member points into the record, but for memberName, which is left alone.
 [[nodiscard]] bool FileLockParseRecord(FileLockRecord *record, FileLockMember *member);
 
 // Errno-style: reads the member file `name`.  What cannot be a member file is logged and removed:
 // ENOENT, as for one that is not there.
 [[nodiscard]] int FileLockMemberValues(const char *lockDir, const char *name,
                                        FileLockRecord *buffer, FileLockMember *values);
+
+// `text`, which somebody else wrote, in printable ASCII for the log; never null.
+[[nodiscard]] HeapStr FileLockPrintable(const char *text);
+
+// The path of an entry for the log.
+[[nodiscard]] HeapStr FileLockPrintablePath(const char *lockDir, const char *name);
 
 // ---- the lock directory (fileLockScan.cpp) -----------------------------------------------------
 
@@ -104,23 +117,22 @@ void FileLockFormatRecord(const FileLockRequest &request, char (&out)[kFileLockR
 // Errno-style: all names in the lock directory, after those were removed that no entry has.
 [[nodiscard]] int FileLockScanDirectory(const char *lockDir, FileNames *names);
 
-// Errno-style: removes an entry; one that is not there is fine.
+// Errno-style, a failure being logged: removes an entry, also something else in its place, or what
+// is no entry.  What is not there is fine.
 [[nodiscard]] int FileLockRemoveLockingFile(const char *lockDir, const char *name);
 
 // Looks at one member; a result other than 0 ends the scan with it.
-using FileLockScanFn = int (*)(const char *lockDir, const char *name, const FileLockMember &other,
-                               FileLockRequest *request);
+using FileLockScanFn = int (*)(const FileLockMember &other, FileLockRequest *request);
 
-// Calls `callback` for every member in the lock directory, after what belongs to nobody was
-// removed.  With cleanUp it first waits until nobody chooses a number: who still does after 8
-// seconds is taken for dead and removed.  Errno-style, or the callback's result.
-[[nodiscard]] int FileLockScanner(const char *lockDir, FileLockScanFn callback,
-                                  FileLockRequest *request, bool cleanUp);
+// Calls `callback` for every member in a listing but the request's own, after those were removed that
+// belong to nobody.  Errno-style, or the callback's result.
+[[nodiscard]] int FileLockScanner(const FileNames &names, FileLockScanFn callback,
+                                  FileLockRequest *request);
 
-// ---- taking it (fileLockEntry.cpp, fileLockWait.cpp, fileLockIntrinsic.cpp) --------------------
+// ---- taking it (fileLockEntry.cpp, fileLockWait.cpp) -------------------------------------------
 
-// The places of somebody who takes a lock.  The member's path is what remains of them.
-struct FileLockPlaces {
+// The paths of a participant.  The member's is what remains of them in a token.
+struct FileLockPaths {
   HeapStr entryDir;   // while the number is being chosen
   HeapStr entryFile;  // the record, before its rename
   HeapStr memberFile;
@@ -132,27 +144,24 @@ struct FileLockPlaces {
 // Errno-style: makes the lock directory unless it is there, and in it an entry directory with a
 // number that nobody else has.
 [[nodiscard]] int FileLockCreateEntryDirectory(const FileLockRequest &request,
-                                               FileLockPlaces *places);
+                                               FileLockPaths *paths);
 
-// Errno-style: goes from the entry directory to the member file with a bakery number, and waits
-// until it is its turn.  On failure nothing is left in the lock directory; EAGAIN when the time is
-// up.
-[[nodiscard]] int FileLockCreateMemberFile(FileLockRequest *request, const FileLockPlaces &places);
+// Errno-style: from the entry directory to a member file with a bakery number.  On failure nothing is
+// left in the lock directory.
+[[nodiscard]] int FileLockCreateMemberFile(FileLockRequest *request, const FileLockPaths &paths);
 
-// A FileLockScanFn: waits until `other` is no obstacle.  EAGAIN when the time is up.
-[[nodiscard]] int FileLockWaitForPossession(const char *lockDir, const char *name,
-                                            const FileLockMember &other, FileLockRequest *request);
+// Errno-style: waits until it is the member's turn.  On failure nothing is left in the lock directory.
+[[nodiscard]] int FileLockAwaitTurn(FileLockRequest *request, const FileLockPaths &paths);
 
-// Whether locks of the host are better than portable ones, here and for FILEIO_FLAG_LOCK_DEFAULT.
-[[nodiscard]] bool FileLockNativeIsDefault();
+// Removes what is the participant's own, `file` and then `entryDir` (null: neither there nor its
+// own any more), and the lock directory when nobody else is in it.
+void FileLockWithdraw(const FileLockRequest &request, const char *file, const char *entryDir);
 
-// Both take a lock on the normalised path; null with the cause in *err, 0 when the time was up.
-[[nodiscard]] FileLockToken *FileLockIntrinsic(const char *path, bool exclusive,
-                                               uint32_t msecMaxWait, int cancelFd, int *err);
-[[nodiscard]] FileLockToken *FileLockIntrinsicPortable(FileLockRequest *request, int *err);
-
-// Errno-style: releases the lock and frees the token in any case.
-[[nodiscard]] int FileLockRelease(FileLockToken *token);
+// Whether locks of the host are better than portable ones, for FILEIO_FLAG_LOCK_DEFAULT, too.  Neither
+// host has one that works on every file system and between machines.
+[[nodiscard]] constexpr bool FileLockNativeIsDefault() {
+  return false;
+}
 
 // ---- time and chance (fileSleeper.cpp) ---------------------------------------------------------
 
@@ -160,6 +169,9 @@ struct FileLockPlaces {
 // ECANCELED when the sleep ended early since cancelFd (-1: none) is readable, at its end, or not open;
 // or the errno of poll(2).
 uint32_t FileSleeper(uint32_t lo, uint32_t hi, int cancelFd, int *error);
+
+// Errno-style: the same, but not beyond the request's time; EAGAIN when that is up.
+[[nodiscard]] int FileLockPause(const FileLockRequest &request, uint32_t lo, uint32_t hi);
 
 // A number that another process is not likely to get at the same time.  No secret.
 [[nodiscard]] uint32_t FileSimpleRandom();

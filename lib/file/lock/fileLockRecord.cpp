@@ -1,48 +1,36 @@
 // fileLockRecord.cpp -- the records of a lock's members: written, read and taken apart.
 //
 // Format: docs/lock-format.md
-// Holds:  whoever can write to the lock directory can put anything there, and this may run as root.
-//         So what is opened must be a file and no symbolic link, what is logged of it has no control
-//         characters, and of a file that has other names, which may be somebody's secret, nothing is
+// Invariants: anybody who can write to the lock directory can put anything there, and this may run as
+//         root.  So what is opened must be a file and no symbolic link, what is logged of it is
+//         printable, and of a file that has other names, which may be somebody's secret, nothing is
 //         logged.
+// Tested by tests/unit/fileLock_test.cpp, fuzz/lockRecord_fuzz.cpp.
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "lib/file/fileInt.h"
 #include "lib/file/lock/fileLockInt.h"
-#include "lib/file/raw/fileIOInt.h"
 #include "lib/public/err.h"
 #include "lib/public/errnoKeeper.h"
-#include "lib/public/fileIO.h"
+#include "lib/public/fd.h"
 #include "lib/public/log.h"
 #include "lib/public/str.h"
+#include "lib/public/unicode.h"
 
 namespace {
 
 constexpr char kSelf[] = "FileLockMemberValues";
 constexpr unsigned kFirstProperty = 5;  // tokens: machine, execution, number, type, start, ...
 constexpr unsigned kOldNumTokens = 6;
-
-// Closes the file without a word: it was only read.
-class ReadOnlyFile {
-  FileIODescriptor fd_;
-
- public:
-  ReadOnlyFile() { FileIO_Invalidate(&fd_); }
-  ReadOnlyFile(const ReadOnlyFile &) = delete;
-  ReadOnlyFile &operator=(const ReadOnlyFile &) = delete;
-  ~ReadOnlyFile() {
-    const ErrnoKeeper keeper;
-    if (FileIO_IsValid(&fd_)) FileIOCloseUnlocked(&fd_);
-  }
-  FileIODescriptor *Get() { return &fd_; }
-};
 
 // ---- taking apart ----------------------------------------------------------------------------
 
@@ -83,14 +71,12 @@ bool Modernize(FileLockRecord *record) {
   return Split(record);
 }
 
+// As scanf(3) does with %u, and so other programs: what follows the digits does not count, and a larger
+// number loses its upper bits.  To refuse such a record would mean to remove it.
 bool ParseNumber(const char *text, uint32_t *number) {
-  if (*text < '0' || *text > '9') return false;
   char *end = nullptr;
-  errno = 0;
-  const unsigned long long value = strtoull(text, &end, 10);
-  if (errno != 0 || *end != '\0' || value > UINT32_MAX) return false;
-  *number = static_cast<uint32_t>(value);
-  return true;
+  *number = static_cast<uint32_t>(strtoull(text, &end, 10));
+  return end != text;
 }
 
 // ---- reading ---------------------------------------------------------------------------------
@@ -98,56 +84,62 @@ bool ParseNumber(const char *text, uint32_t *number) {
 void LogContents(const char *path, const FileLockRecord &record) {
   Log("FILE: %s '%s' contents are:\n", kSelf, path);
   for (unsigned i = 0; i < record.numTokens; i++) {
-    char *const token = record.tokens[i];
-    std::replace_if(
-        token, token + strlen(token), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
-    Log("FILE: %s %s argv[%u]: '%s'\n", kSelf, path, i, token);
+    Log("FILE: %s %s argv[%u]: '%s'\n", kSelf, path, i, FileLockPrintable(record.tokens[i]).get());
   }
 }
 
+// A member file.
+struct MemberPath {
+  const char *lockDir;
+  const char *name;
+  HeapStr shown;  // for the log
+};
+
 // Errno-style: removes the file, which is then as if it had never been there.
-int RemoveProblematic(const char *path, const FileLockRecord *contents = nullptr) {
-  Log("FILE: %s removing problematic lock file '%s'\n", kSelf, path);
-  if (contents != nullptr) LogContents(path, *contents);
-  const int error = FileDeletePath(path, false);
+int RemoveProblematic(const MemberPath &path, const FileLockRecord *contents = nullptr) {
+  Log("FILE: %s removing problematic lock file '%s'\n", kSelf, path.shown.get());
+  if (contents != nullptr) LogContents(path.shown.get(), *contents);
+  const int error = FileLockRemoveLockingFile(path.lockDir, path.name);
   return error == 0 ? ENOENT : error;
 }
 
-// Errno-style, after a log record: `format` takes this procedure, the path and the text of errno.
-int Report(const char *format, const char *path) {
+// Errno-style, after a log record of errno: `format` takes this procedure, the path and the text of
+// errno.  A file that another machine has removed may still be known to this one.
+int Report(const char *format, const MemberPath &path) {
   const ErrnoKeeper keeper;
-  Log(format, kSelf, path, Err_ErrnoToString(keeper.Get()));
+  if (keeper.Get() == ENOENT || keeper.Get() == ESTALE) return ENOENT;
+  Log(format, kSelf, path.shown.get(), Err_ErrnoToString(keeper.Get()));
   return keeper.Get();
 }
 
-// A file that another machine has removed may still be known to this one.
-bool IsGone(int error) {
-  return error == ENOENT || error == ESTALE;
+// Whether open(2) has found something that no record is in: a link or a socket.
+bool IsNoFile(int error) {
+  return error == ELOOP || error == ENXIO || error == EOPNOTSUPP;
 }
 
 // Errno-style: the size must be that of a record.  *onlyName: the file has no other name.
-int CheckFile(const FileIODescriptor &fd, const char *path, bool *onlyName) {
+int CheckFile(const Fd &fd, const MemberPath &path, bool *onlyName) {
   struct stat info;
-  if (fstat(fd.posix, &info) != 0) {
-    return IsGone(errno) ? ENOENT : Report("FILE: %s file size failure on '%s': %s\n", path);
+  if (fstat(fd.Get(), &info) != 0) {
+    return Report("FILE: %s file size failure on '%s': %s\n", path);
   }
   *onlyName = info.st_nlink <= 1;
-  if (info.st_size == off_t{kFileLockRecordSize}) return 0;
-  Log("FILE: %s file '%s': size %llu, required size %zd\n", kSelf, path,
+  if (S_ISREG(info.st_mode) && info.st_size == off_t{kFileLockRecordSize}) return 0;
+  Log("FILE: %s file '%s': size %llu, required size %zd\n", kSelf, path.shown.get(),
       static_cast<unsigned long long>(info.st_size), static_cast<ssize_t>(kFileLockRecordSize));
   return RemoveProblematic(path);
 }
 
-int ReadRecord(FileIODescriptor *fd, const char *path, char *text) {
-  size_t length = 0;
-  const FileIOResult result = FileIO_Read(fd, text, kFileLockRecordSize, &length);
+int ReadRecord(const Fd &fd, const MemberPath &path, char *text) {
+  ssize_t length;
+  do {
+    length = read(fd.Get(), text, kFileLockRecordSize);
+  } while (length < 0 && errno == EINTR);
+  if (length < 0) return Report("FILE: %s read failure on '%s': %s\n", path);
   text[length] = '\0';
-  if (result == FILEIO_SUCCESS) return 0;
-  if (result != FILEIO_READ_ERROR_EOF) {
-    return IsGone(errno) ? ENOENT : Report("FILE: %s read failure on '%s': %s\n", path);
-  }
-  Log("FILE: %s read length issue on '%s': %zd and %zd\n", kSelf, path,
-      static_cast<ssize_t>(length), static_cast<ssize_t>(kFileLockRecordSize));
+  if (length == ssize_t{kFileLockRecordSize}) return 0;
+  Log("FILE: %s read length issue on '%s': %zd and %zd\n", kSelf, path.shown.get(), length,
+      static_cast<ssize_t>(kFileLockRecordSize));
   return EIO;
 }
 
@@ -157,7 +149,7 @@ void FileLockFormatRecord(const FileLockRequest &request, char (&out)[kFileLockR
   memset(out, 0, sizeof out);
   Str_Sprintf(out, sizeof out, "%s %s %u %s %llu lc=%s", request.me.machineID,
               request.me.executionID, request.me.number, request.me.lockType,
-              static_cast<unsigned long long>(request.startTime), request.me.payload);
+              static_cast<unsigned long long>(request.execution.startTime), request.me.payload);
 }
 
 bool FileLockParseRecord(FileLockRecord *record, FileLockMember *member) {
@@ -174,22 +166,29 @@ bool FileLockParseRecord(FileLockRecord *record, FileLockMember *member) {
 int FileLockMemberValues(const char *lockDir, const char *name, FileLockRecord *buffer,
                          FileLockMember *values) {
   const HeapStr path(Str_SafeAsprintf(nullptr, "%s/%s", lockDir, name));
-  ReadOnlyFile file;
+  const MemberPath member = {lockDir, name, FileLockPrintablePath(lockDir, name)};
   // Neither a link to somebody's secret is read, nor does a FIFO make anybody wait.
-  if (FileIOOpenUnlocked(file.Get(), path.get(),
-                         FILEIO_ACCESS_READ | FILEIO_FLAG_NOFOLLOW | FILEIO_FLAG_NONBLOCK,
-                         FILEIO_OPEN, 0444) != FILEIO_SUCCESS) {
-    if (IsGone(errno)) return ENOENT;
-    if (errno == ELOOP) return RemoveProblematic(path.get());
-    return Report("FILE: %s open failure on '%s': %s\n", path.get());
+  const Fd fd(open(path.get(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd) {
+    if (IsNoFile(errno)) return RemoveProblematic(member);
+    return Report("FILE: %s open failure on '%s': %s\n", member);
   }
   bool onlyName = true;
-  int error = CheckFile(*file.Get(), path.get(), &onlyName);
-  if (error == 0) error = ReadRecord(file.Get(), path.get(), buffer->text);
+  int error = CheckFile(fd, member, &onlyName);
+  if (error == 0) error = ReadRecord(fd, member, buffer->text);
   if (error != 0) return error;
   if (!FileLockParseRecord(buffer, values)) {
-    return RemoveProblematic(path.get(), onlyName ? buffer : nullptr);
+    return RemoveProblematic(member, onlyName ? buffer : nullptr);
   }
   values->memberName = name;
   return 0;
+}
+
+HeapStr FileLockPrintable(const char *text) {
+  HeapStr printable(Unicode_EscapeBuffer(text, -1, StringEncoding::Utf8));
+  return printable != nullptr ? std::move(printable) : Heap_SafeStrdup("?");
+}
+
+HeapStr FileLockPrintablePath(const char *lockDir, const char *name) {
+  return HeapStr(Str_SafeAsprintf(nullptr, "%s/%s", lockDir, FileLockPrintable(name).get()));
 }

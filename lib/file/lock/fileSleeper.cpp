@@ -1,8 +1,10 @@
-// fileSleeper.cpp -- random sleeps, so that those who wait for the same thing do not meet for ever.
+// fileSleeper.cpp -- random sleeps, so that waiters for the same thing do not meet for ever.
+// Tested by tests/unit/fileLock_test.cpp.
 
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 
@@ -70,4 +72,16 @@ uint32_t FileSleeper(uint32_t lo, uint32_t hi, int cancelFd, int *error) {
   const uint32_t ms = lo + static_cast<uint32_t>(range * FileSimpleRandom() >> 32);
   *error = PollFor(ms, cancelFd);
   return ms;
+}
+
+int FileLockPause(const FileLockRequest &request, uint32_t lo, uint32_t hi) {
+  uint32_t leftMs = UINT32_MAX;
+  if (request.msecMaxWait != FILELOCK_INFINITE_WAIT) {
+    const int64_t elapsedMs = MonotonicClock_Ms() - request.startMs;
+    if (elapsedMs >= request.msecMaxWait) return EAGAIN;
+    leftMs = request.msecMaxWait - static_cast<uint32_t>(elapsedMs);
+  }
+  int error;
+  FileSleeper(std::min(lo, leftMs), std::min(hi, leftMs), request.cancelFd, &error);
+  return error;
 }
