@@ -97,8 +97,10 @@ int Choosers::Begin(const FileNames &names) {
 }
 
 void Choosers::Compact() {
-  const auto gone = std::ranges::remove(All(), false, &Chooser::there);
-  count_ -= gone.size();
+  const std::span<Chooser> all = All();
+  const auto end =
+      std::remove_if(all.begin(), all.end(), [](const Chooser &c) { return !c.there; });
+  count_ = static_cast<size_t>(end - all.begin());
 }
 
 void Choosers::KeepOf(const FileNames &names) {
