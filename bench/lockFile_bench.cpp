@@ -1,12 +1,15 @@
 // lockFile_bench.cpp -- the portable lock: taken and released alone, against liblockfile, and as a
-// program against that library's own; and fought for by many processes.
+// program against that library's own; and fought for by many processes, also where each call of the
+// file system takes long.
 //
 // The peer leaves one file with the process's number: 9 system calls that count, where the lock that
-// keeps an order and has shared holders needs 24.  So three times its time is what to expect of the
+// keeps an order and has shared holders needs 26.  So three times its time is what to expect of the
 // procedures; programs spend most of theirs on starting.
 
+#include <dirent.h>
 #include <lockfile.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +28,8 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+unsigned slowMs = 0;
 
 bool TakeAndRelease(const std::string &path, bool readOnly) {
   int error;
@@ -58,40 +63,49 @@ void AddTimed(const std::string &row, const std::string &engine, F body) {
 // What a crowd has done, in memory that its processes share.
 struct Score {
   std::atomic<int> turns;
-  std::atomic<int64_t> longestNs;
+  std::atomic<int64_t> longestMs;
 };
 
-void Fight(const std::string &path, Score *score, Clock::time_point end) {
+// A crowd of processes that do nothing but take the lock and release it.
+struct Storm {
+  int processes;
+  unsigned slowMs;  // what each call takes
+  uint32_t limitMs;
+};
+
+void Fight(const std::string &path, const Storm &storm, Score *score, Clock::time_point end) {
+  slowMs = storm.slowMs;
   while (Clock::now() < end) {
     int error;
     const Clock::time_point begin = Clock::now();
-    FileLockToken *const token =
-        FileLock_Lock(path.c_str(), false, FILELOCK_INFINITE_WAIT, &error, nullptr);
-    const int64_t waited = (Clock::now() - begin).count();
-    if (token == nullptr || !FileLock_Unlock(token, &error, nullptr)) abort();
-    score->turns++;
-    int64_t longest = score->longestNs;
-    while (longest < waited && !score->longestNs.compare_exchange_weak(longest, waited)) {
+    FileLockToken *const token = FileLock_Lock(path.c_str(), false, storm.limitMs, &error, nullptr);
+    const int64_t waited =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
+    if (token != nullptr && FileLock_Unlock(token, &error, nullptr)) score->turns++;
+    int64_t longest = score->longestMs;
+    while (longest < waited && !score->longestMs.compare_exchange_weak(longest, waited)) {
     }
   }
 }
 
-void PrintFight(const std::string &path, int numProcesses) {
+void PrintStorm(const std::string &path, const Storm &storm) {
   constexpr int kSeconds = 4;
   auto *const score =
       new (mmap(nullptr, sizeof(Score), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
           Score{};
   const Clock::time_point begin = Clock::now();
-  for (int i = 0; i < numProcesses; i++) {
+  for (int i = 0; i < storm.processes; i++) {
     if (fork() != 0) continue;
-    Fight(path, score, begin + std::chrono::seconds(kSeconds));
+    Fight(path, storm, score, begin + std::chrono::seconds(kSeconds));
     _exit(0);
   }
   while (wait(nullptr) > 0) {
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
-  std::printf("%9d %18.1f %16.0f ms\n", numProcesses, score->turns / seconds,
-              static_cast<double>(score->longestNs) / 1e6);
+  const std::string limit =
+      storm.limitMs == FILELOCK_INFINITE_WAIT ? "none" : std::to_string(storm.limitMs) + " ms";
+  std::printf("%9d %9u ms %9s %12.1f %11lld ms\n", storm.processes, storm.slowMs, limit.c_str(),
+              score->turns / seconds, static_cast<long long>(score->longestMs));
   munmap(score, sizeof *score);
 }
 
@@ -117,7 +131,29 @@ int main(int argc, char **argv) {
     return true;
   });
   const int status = ratios.Main(argc, argv);
-  std::printf("\nprocesses     turns a second     longest wait\n");
-  for (const int numProcesses : {1, 2, 4, 8, 16}) PrintFight(path, numProcesses);
+  std::printf("\nprocesses  each call     limit turns/second  longest wait\n");
+  for (const int processes : {1, 2, 4, 8, 16}) {
+    PrintStorm(path, {processes, 0, FILELOCK_INFINITE_WAIT});
+  }
+  for (const uint32_t limitMs : {FILELOCK_TRYLOCK_WAIT, 500U, FILELOCK_INFINITE_WAIT}) {
+    PrintStorm(path, {16, 5, limitMs});
+  }
   return status;
+}
+
+// Calls of the library, slowed down.
+#define SLOWED(symbol, Result, parameters, arguments) \
+  Result __real_##symbol parameters;                  \
+  Result __wrap_##symbol parameters {                 \
+    if (slowMs > 0) usleep(1000U * slowMs);           \
+    return __real_##symbol arguments;                 \
+  }
+extern "C" {
+SLOWED(mkdir, int, (const char *path, mode_t mode), (path, mode))
+SLOWED(open, int, (const char *path, int flags, mode_t mode), (path, flags, mode))
+SLOWED(opendir, DIR *, (const char *path), (path))
+SLOWED(rename, int, (const char *from, const char *to), (from, to))
+SLOWED(rmdir, int, (const char *path), (path))
+SLOWED(stat, int, (const char *path, struct stat *out), (path, out))
+SLOWED(unlink, int, (const char *path), (path))
 }

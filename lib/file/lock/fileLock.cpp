@@ -137,7 +137,7 @@ FileLockToken *FileLock_LockCancellable(const char *path, bool readOnly, uint32_
   int error = FileLockCreateEntryDirectory(request, &paths);                    // 2. the entry
   if (IsImplicit(request, error)) return NewToken(&request, nullptr);
   if (error == 0) error = FileLockCreateMemberFile(&request, paths);  // 3. the member
-  if (error == 0) error = FileLockAwaitTurn(&request, paths);         // 4. the turn
+  if (error == 0) error = FileLockAwaitTurn(request, paths);          // 4. the turn
   if (error != 0) return Refuse(error, err, msgList);
   return NewToken(&request, std::move(paths.memberFile));  // 5. the token
 }

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -172,21 +173,24 @@ int CreateEntryFile(const char *path, FileIODescriptor *file) {
   return 0;
 }
 
-// A FileLockScanFn: keeps the highest number in the request.
-int KeepHighest(const FileLockMember &other, FileLockRequest *request) {
-  if (other.number > request->me.number) request->me.number = other.number;
+// A FileLockScanFn: keeps the highest number.  A caller that does not wait need not queue up behind
+// somebody.
+int KeepHighest(const FileLockMember &other, const FileLockRequest &request, void *context) {
+  if (request.msecMaxWait == FILELOCK_TRYLOCK_WAIT && request.ConflictsWith(other)) return EAGAIN;
+  uint32_t &highest = *static_cast<uint32_t *>(context);
+  highest = std::max(highest, other.number);
   return 0;
 }
 
 // Errno-style.
 int ChooseNumber(FileLockRequest *request) {
   FileNames names;
-  request->me.number = 0;
+  uint32_t highest = 0;
   int error = FileLockScanDirectory(request->Dir(), &names);
-  if (error == 0) error = FileLockScanner(names, KeepHighest, request);
+  if (error == 0) error = FileLockScanner(names, *request, KeepHighest, &highest);
   // A participant that went on from 0 would go before all others.
-  if (error == 0 && request->me.number == UINT32_MAX) error = EOVERFLOW;
-  request->me.number++;
+  if (error == 0 && highest == UINT32_MAX) error = EOVERFLOW;
+  request->me.number = highest + 1;
   return error;
 }
 

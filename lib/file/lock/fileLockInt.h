@@ -78,6 +78,9 @@ struct FileLockRequest {
 
   const char *Dir() const { return lockDir.get(); }
   bool IsExclusive() const { return *me.lockType == *kFileLockExclusive; }
+  bool ConflictsWith(const FileLockMember &other) const {
+    return IsExclusive() || *other.lockType == *kFileLockExclusive;
+  }
 };
 
 // ---- records (fileLockRecord.cpp) --------------------------------------------------------------
@@ -122,12 +125,13 @@ void FileLockFormatRecord(const FileLockRequest &request, char (&out)[kFileLockR
 [[nodiscard]] int FileLockRemoveLockingFile(const char *lockDir, const char *name);
 
 // Looks at one member; a result other than 0 ends the scan with it.
-using FileLockScanFn = int (*)(const FileLockMember &other, FileLockRequest *request);
+using FileLockScanFn = int (*)(const FileLockMember &other, const FileLockRequest &request,
+                               void *context);
 
 // Calls `callback` for every member in a listing but the request's own, after those were removed that
 // belong to nobody.  Errno-style, or the callback's result.
-[[nodiscard]] int FileLockScanner(const FileNames &names, FileLockScanFn callback,
-                                  FileLockRequest *request);
+[[nodiscard]] int FileLockScanner(const FileNames &names, const FileLockRequest &request,
+                                  FileLockScanFn callback, void *context);
 
 // ---- taking it (fileLockEntry.cpp, fileLockWait.cpp) -------------------------------------------
 
@@ -151,7 +155,7 @@ struct FileLockPaths {
 [[nodiscard]] int FileLockCreateMemberFile(FileLockRequest *request, const FileLockPaths &paths);
 
 // Errno-style: waits until it is the member's turn.  On failure nothing is left in the lock directory.
-[[nodiscard]] int FileLockAwaitTurn(FileLockRequest *request, const FileLockPaths &paths);
+[[nodiscard]] int FileLockAwaitTurn(const FileLockRequest &request, const FileLockPaths &paths);
 
 // Removes what is the participant's own, `file` and then `entryDir` (null: neither there nor its
 // own any more), and the lock directory when nobody else is in it.

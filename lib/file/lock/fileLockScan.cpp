@@ -87,16 +87,17 @@ HeapStr ReasonToDiscard(const FileLockMember &other, const FileLockRequest &requ
   return nullptr;
 }
 
-int ScanMember(const char *name, FileLockScanFn callback, FileLockRequest *request) {
+int ScanMember(const char *name, const FileLockRequest &request, FileLockScanFn callback,
+               void *context) {
   FileLockRecord record;
   FileLockMember other;
-  const int error = FileLockMemberValues(request->Dir(), name, &record, &other);
+  const int error = FileLockMemberValues(request.Dir(), name, &record, &other);
   if (error != 0) return error == ENOENT ? 0 : error;
-  const HeapStr reason = ReasonToDiscard(other, *request);
-  if (reason == nullptr) return callback(other, request);
+  const HeapStr reason = ReasonToDiscard(other, request);
+  if (reason == nullptr) return callback(other, request, context);
   Log("FILE: %s discarding %s from %s': %s\n", "FileLockScanner", FileLockPrintable(name).get(),
-      request->Dir(), reason.get());
-  return FileLockRemoveLockingFile(request->Dir(), name);
+      request.Dir(), reason.get());
+  return FileLockRemoveLockingFile(request.Dir(), name);
 }
 
 }  // namespace
@@ -136,11 +137,12 @@ int FileLockScanDirectory(const char *lockDir, FileNames *names) {
   return 0;
 }
 
-int FileLockScanner(const FileNames &names, FileLockScanFn callback, FileLockRequest *request) {
+int FileLockScanner(const FileNames &names, const FileLockRequest &request, FileLockScanFn callback,
+                    void *context) {
   for (const char *const name : names) {
     if (*name != kFileLockMember || !FileLockIsEntryName(name)) continue;
-    if (strcmp(name, request->me.memberName) == 0) continue;
-    const int error = ScanMember(name, callback, request);
+    if (strcmp(name, request.me.memberName) == 0) continue;
+    const int error = ScanMember(name, request, callback, context);
     if (error != 0) return error;
   }
   return 0;

@@ -138,15 +138,16 @@ int Choosers::DiscardOld(const FileLockRequest &request) {
 }
 
 // Errno-style.  Even a caller that does not wait gives them one step, or it would fail again and again
-// where nobody holds the lock; most need much less.
+// where nobody holds the lock; most need much less.  And nobody gives up before the look after it.
 int PauseForChoosers(const FileLockRequest &request, uint32_t waitedMs) {
+  if (waitedMs > 0) return FileLockPause(request, kStepMs, kStepMs);
   int error = 0;
-  if (request.msecMaxWait == FILELOCK_TRYLOCK_WAIT && waitedMs == 0) {
+  if (request.msecMaxWait == FILELOCK_TRYLOCK_WAIT) {
     FileSleeper(kStepMs, kStepMs, request.cancelFd, &error);
   } else {
     error = FileLockPause(request, kStepMs, kStepMs);
   }
-  return error;
+  return error == EAGAIN ? 0 : error;
 }
 
 // Errno-style: waits for those that choose, and lists what is there then.
@@ -155,7 +156,7 @@ int AwaitChoosers(const FileLockRequest &request, FileNames *names) {
   int error = FileLockScanDirectory(request.Dir(), names);
   if (error == 0) error = awaited.Begin(*names);
   for (uint32_t waitedMs = 0; error == 0 && awaited.Any(); waitedMs += kStepMs) {
-    if (waitedMs == 0) error = awaited.DiscardOld(request);
+    if (waitedMs == kStepMs) error = awaited.DiscardOld(request);
     if (waitedMs >= kMaxChoosingMs) {
       error = awaited.DiscardAll(request.Dir());
     } else if (error == 0 && awaited.Any()) {
@@ -177,9 +178,43 @@ uint32_t StepMs(uint64_t elapsedMs) {
   return elapsedMs < 20000 ? static_cast<uint32_t>(elapsedMs / 10) : 2000;
 }
 
-bool HasPriority(const FileLockMember &other, const FileLockMember &me) {
+bool GoesFirst(const FileLockMember &other, const FileLockRequest &request) {
+  const FileLockMember &me = request.me;
+  if (!request.ConflictsWith(other)) return false;
   if (other.number != me.number) return other.number < me.number;
   return strcmp(other.memberName, me.memberName) < 0;
+}
+
+struct Ahead {
+  uint32_t number;
+  char name[sizeof(dirent::d_name)];
+};
+
+// Those that go first, in their order: when the last of them leaves, all others have been looked at.
+class Queue {
+  HeapArray<Ahead> list_;
+  size_t count_ = 0;
+
+ public:
+  std::span<const Ahead> All() const { return {list_.get(), count_}; }
+  // Errno-style.
+  [[nodiscard]] int Begin(const FileNames &names, const FileLockRequest &request);
+};
+
+int Queue::Begin(const FileNames &names, const FileLockRequest &request) {
+  list_ = Heap_Array<Ahead>(static_cast<size_t>(names.Count()));
+  if (list_ == nullptr) return ENOMEM;
+  const auto add = [](const FileLockMember &other, const FileLockRequest &asking, void *context) {
+    if (!GoesFirst(other, asking)) return 0;
+    auto *const queue = static_cast<Queue *>(context);
+    Ahead &ahead = queue->list_[queue->count_++];
+    ahead.number = other.number;
+    Str_Strcpy(ahead.name, other.memberName, sizeof ahead.name);
+    return 0;
+  };
+  const int error = FileLockScanner(names, request, add, this);
+  std::ranges::sort(std::span(list_.get(), count_), {}, &Ahead::number);
+  return error;
 }
 
 // Errno-style: whether `other` still is in the queue; ENOENT when it has left.  Its number may have
@@ -208,39 +243,52 @@ int ReportTimeout(const FileLockRequest &request, const FileLockMember &other, b
   return EAGAIN;
 }
 
-// A FileLockScanFn: waits until `other` is no obstacle.
-int WaitForPossession(const FileLockMember &other, FileLockRequest *request) {
-  const FileLockMember &me = request->me;
-  if (!HasPriority(other, me)) return 0;
-  if (!request->IsExclusive() && strcmp(other.lockType, kFileLockShared) == 0) return 0;
-  const bool local = OldMachineIDMatch(me.machineID, other.machineID);
+// Errno-style: waits until `other` has left.
+int WaitForPossession(const FileLockMember &other, const FileLockRequest &request) {
+  const bool local = OldMachineIDMatch(request.me.machineID, other.machineID);
   for (;;) {
-    const auto elapsedMs = static_cast<uint64_t>(MonotonicClock_Ms() - request->startMs);
-    int error = FileLockPause(*request, StepMs(elapsedMs) / 2, StepMs(elapsedMs));
-    if (error == EAGAIN) return ReportTimeout(*request, other, local);
-    if (error == 0) error = StillThere(*request, other);
+    const auto elapsedMs = static_cast<uint64_t>(MonotonicClock_Ms() - request.startMs);
+    int error = FileLockPause(request, StepMs(elapsedMs) / 2, StepMs(elapsedMs));
+    if (error == EAGAIN) return ReportTimeout(request, other, local);
+    if (error == 0) error = StillThere(request, other);
     if (error == ENOENT) return 0;
     if (error != 0) return error;
     if (!local || FileLockValidExecutionID(other.executionID)) continue;
     Log("FILE: %s discarding file '%s'; invalid executionID.\n", "FileLockWaitForPossession",
-        FileLockPrintablePath(request->Dir(), other.memberName).get());
-    return FileLockRemoveLockingFile(request->Dir(), other.memberName);
+        FileLockPrintablePath(request.Dir(), other.memberName).get());
+    return FileLockRemoveLockingFile(request.Dir(), other.memberName);
   }
+}
+
+// Errno-style: waits for all that go first.
+int AwaitQueue(const FileLockRequest &request, const FileNames &names) {
+  Queue queue;
+  int error = queue.Begin(names, request);
+  for (const Ahead &ahead : queue.All()) {
+    if (error != 0) return error;
+    FileLockRecord record;
+    FileLockMember other;
+    error = FileLockMemberValues(request.Dir(), ahead.name, &record, &other);
+    // It may have left, and somebody else have drawn its number.
+    if (error == 0 && GoesFirst(other, request)) error = WaitForPossession(other, request);
+    if (error == ENOENT) error = 0;
+  }
+  return error;
 }
 
 }  // namespace
 
-int FileLockAwaitTurn(FileLockRequest *request, const FileLockPaths &paths) {
+int FileLockAwaitTurn(const FileLockRequest &request, const FileLockPaths &paths) {
   const char *const memberFile = paths.memberFile.get();
   FileNames names;
-  int error = AwaitChoosers(*request, &names);
-  if (error == 0) error = FileLockScanner(names, WaitForPossession, request);
+  int error = AwaitChoosers(request, &names);
+  if (error == 0) error = AwaitQueue(request, names);
   if (error == 0) {
     error = FileAttributes(memberFile, nullptr);
     // A person has removed the directory, so that others do not see us; what has our name by now is
     // not ours.
     if (error == ENOENT) return error;
   }
-  if (error != 0) FileLockWithdraw(*request, memberFile, nullptr);
+  if (error != 0) FileLockWithdraw(request, memberFile, nullptr);
   return error;
 }
