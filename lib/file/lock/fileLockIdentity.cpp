@@ -14,6 +14,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -35,12 +36,6 @@ namespace {
 constexpr char kUuidPrefix[] = "uuid=";
 constexpr size_t kPrefixLength = sizeof kUuidPrefix - 1;
 
-// The host's identity of old: the hash of its name and its hardware identifier.
-constexpr size_t kOldSize = sizeof(uint32_t) + sizeof(uint64_t);
-// What of it the match of an old with a new identity goes by.
-constexpr size_t kOldMatchFirst = 4;
-constexpr size_t kOldMatchSize = 4;
-
 struct MachineID {
   char text[96];
 };
@@ -54,7 +49,6 @@ struct Machine {
 
 struct IdentityState {
   OnceCell<MachineID> host;
-  OnceCell<MachineID> oldHost;
   std::atomic<const Machine *> machine;
   std::atomic<uint64_t> startOf;  // ProcessKey of the one that `start` is of
   std::atomic<uint64_t> start;
@@ -79,15 +73,20 @@ void ReplaceAll(char *text, char from, char to) {
   }
 }
 
-MachineID ComputeOldHostID() {
+FileLockOldHost OwnOldHost() {
   uint32_t hostNameHash;
   uint64_t hardwareID;
   Hostinfo_MachineID(&hostNameHash, &hardwareID);
-  unsigned char bytes[kOldSize];
-  memcpy(bytes, &hostNameHash, sizeof hostNameHash);
-  memcpy(bytes + sizeof hostNameHash, &hardwareID, sizeof hardwareID);
+  FileLockOldHost host;
+  memcpy(host.data(), &hostNameHash, sizeof hostNameHash);
+  memcpy(host.data() + sizeof hostNameHash, &hardwareID, sizeof hardwareID);
+  return host;
+}
+
+MachineID ComputeOldHostID() {
+  const FileLockOldHost host = OwnOldHost();
   MachineID id{};
-  if (!Base64_Encode(bytes, sizeof bytes, id.text, sizeof id.text, nullptr)) {
+  if (!Base64_Encode(host.data(), host.size(), id.text, sizeof id.text, nullptr)) {
     Fatal_BufferTooSmall("lib/file/fileLockIdentity", 66);
   }
   ReplaceAll(id.text, '/', '-');
@@ -96,7 +95,7 @@ MachineID ComputeOldHostID() {
 
 MachineID ComputeHostID() {
   const char *const uuid = UUID_HostString();
-  if (uuid == nullptr) return state.oldHost.Get(ComputeOldHostID);
+  if (uuid == nullptr) return ComputeOldHostID();
   MachineID id{};
   Str_Sprintf(id.text, sizeof id.text, "uuid=%s", uuid);
   ReplaceAll(id.text, ' ', '-');
@@ -142,20 +141,17 @@ bool HasPrefix(const char *id) {
   return strncmp(id, kUuidPrefix, kPrefixLength) == 0;
 }
 
-bool DecodeOldMachineID(const char *id, int number, unsigned char (&bytes)[kOldSize]) {
+bool DecodeOldHost(const char *id, FileLockOldHost *host) {
   size_t length = 0;
   MachineID text{};
   if (strlen(id) < sizeof text.text) {
     Str_Strcpy(text.text, id, sizeof text.text);
     ReplaceAll(text.text, '-', '/');
-    if (Base64_Decode(text.text, bytes, sizeof bytes, &length) && length == kOldSize) return true;
+    if (Base64_Decode(text.text, host->data(), host->size(), &length) && length == host->size()) {
+      return true;
+    }
   }
-  const HeapStr shown = FileLockPrintable(id);
-  if (number == 1) {
-    Log("%s: unexpected decode problem #1 (%s)\n", "OldMachineIDMatch", shown.get());
-  } else {
-    Log("%s: unexpected decode problem #2 (%s)\n", "OldMachineIDMatch", shown.get());
-  }
+  Log("%s: unexpected decode problem #2 (%s)\n", "OldMachineIDMatch", FileLockPrintable(id).get());
   return false;
 }
 
@@ -196,17 +192,17 @@ bool OldMachineIDMatch(const char *a, const char *b) {
   if (HasPrefix(a) == HasPrefix(b)) return strcmp(a, b) == 0;
   // An old identity names the host alone.
   if (HasPrefix(b) || strcmp(a, state.host.Get(ComputeHostID).text) != 0) return false;
-  unsigned char own[kOldSize];
-  unsigned char other[kOldSize];
-  if (!DecodeOldMachineID(state.oldHost.Get(ComputeOldHostID).text, 1, own) ||
-      !DecodeOldMachineID(b, 2, other)) {
-    return false;
+  FileLockOldHost other;
+  return DecodeOldHost(b, &other) && FileLockSameOldHost(OwnOldHost(), other);
+}
+
+// Bytes 4 to 7 have been what counts.  They are zero on all hosts without hardware address.
+bool FileLockSameOldHost(const FileLockOldHost &own, const FileLockOldHost &other) {
+  const auto hardware = own.begin() + 4;
+  if (std::all_of(hardware, hardware + 4, [](unsigned char byte) { return byte == 0; })) {
+    return own == other;
   }
-  constexpr unsigned char kNoHardware[kOldMatchSize] = {};
-  if (memcmp(own + kOldMatchFirst, kNoHardware, kOldMatchSize) == 0) {
-    return memcmp(own, other, kOldSize) == 0;
-  }
-  return memcmp(own + kOldMatchFirst, other + kOldMatchFirst, kOldMatchSize) == 0;
+  return std::equal(hardware, hardware + 4, other.begin() + 4);
 }
 
 FileLockExecution FileLockOwnExecution() {

@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -43,6 +44,10 @@ struct FileLockMember {
 
 // Whether `b`, of a record, names the same machine as `a`, which is this one's.
 [[nodiscard]] bool OldMachineIDMatch(const char *a, const char *b);
+
+// A host's identity of old, in which the hardware identifier begins at byte 4; and whether it is `own`.
+using FileLockOldHost = std::array<unsigned char, 12>;
+[[nodiscard]] bool FileLockSameOldHost(const FileLockOldHost &own, const FileLockOldHost &other);
 
 // This process, as records name it: its number and its start time in microseconds.
 struct FileLockExecution {
