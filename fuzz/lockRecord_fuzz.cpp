@@ -34,7 +34,7 @@ std::vector<std::string> Fields(const std::string &text) {
 
 struct Reading {
   std::string machine, execution, type, payload;  // payload empty when absent
-  uint64_t number;
+  uint32_t number;
 };
 
 std::optional<Reading> Read(const std::string &text) {
@@ -49,15 +49,10 @@ std::optional<Reading> Read(const std::string &text) {
   if (fields.size() == 6 && fields[1].find_first_of("-()") == std::string::npos) {
     fields[1] += "-" + fields[4];
   }
-  const std::string &number = fields[2];
-  uint64_t value = 0;
-  for (const char c : number) {
-    if (c < '0' || c > '9') return std::nullopt;
-    value = value * 10 + static_cast<uint64_t>(c - '0');
-    if (value > UINT32_MAX) return std::nullopt;
-  }
+  unsigned number;
+  if (sscanf(fields[2].c_str(), "%u", &number) != 1) return std::nullopt;  // NOLINT(cert-err34-c)
   if (fields[3] != "S" && fields[3] != "X") return std::nullopt;
-  return Reading{fields[0], fields[1], fields[3], payload, value};
+  return Reading{fields[0], fields[1], fields[3], payload, number};
 }
 
 }  // namespace

@@ -164,6 +164,11 @@ void FileIO_SetConfigStore(FileIOConfigFn read);
 // portable lock is logged.  A descriptor without a name is EFAULT, one that holds a lock EDEADLK.
 [[nodiscard]] FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access);
 
+// The same for a wait that may be given up: FILEIO_ERROR with ECANCELED as soon as the descriptor
+// `cancelFd` is readable; see FileLock_LockCancellable.  -1: nothing to watch.
+[[nodiscard]] FileIOResult FileIO_LockCancellable(FileIODescriptor *fd, uint32_t access,
+                                                  int cancelFd);
+
 // Releases the lock, if there is one; *fd has none afterwards, also after FILEIO_ERROR, which is
 // logged.
 FileIOResult FileIO_Unlock(FileIODescriptor *fd);

@@ -5,18 +5,20 @@
 // has an entry; docs/lock-format.md describes it for other programs.  The file itself is not
 // touched and need not exist.
 //
-//   A lock is exclusive or shared.  Who comes first goes first, but shared locks go together.
+//   A lock is exclusive or shared.  Locks are granted in the order in which they were asked for, but
+//     shared ones go together.
 //   The lock belongs to its token, not to a thread or a process: a thread that already holds one on
 //     the file waits like any other, and another thread may release it.
 //   A child of fork(2) holds nothing: its parent's locks last as long as the parent.  It can release
 //     a token that it has inherited, but then the lock is free for others, too.  After exec(3) a lock
 //     stays until the process ends.
-//   A lock whose process has died is broken by the next who wants it, on the same machine; on other
-//     machines nobody can know, and it stays until somebody removes it.
-//   A process that dies while it queues up holds the others up for a bit more than 8 seconds,
-//     however short their own limit.
+//   A lock whose process has died, reaped or not, is broken by the next process of the same machine
+//     that wants it; elsewhere nobody can know, and it stays until somebody removes it.
+//   A process that dies while it queues up holds others up for 8.2 seconds, or until their limit, and
+//     from 10 seconds later on for one step of 200 ms.
 //
-// Machines that share a directory must have different names or network cards.
+// Machines that share a directory must have different names or, on a Mac, network cards.  On Linux a
+// namespace of processes or times, such as a container, is a machine of its own.
 //
 // Paths are UTF-8.  A bare file name counts from the current directory, which must then stay the
 // same until the lock is released.  Exhausted memory is fatal.  Any thread, at any time; but the
@@ -33,13 +35,16 @@ struct MsgList;
 inline constexpr uint32_t FILELOCK_TRYLOCK_WAIT = 0;
 inline constexpr uint32_t FILELOCK_INFINITE_WAIT = UINT32_MAX;
 
-// Locks the file `path` (not null), shared with other readers if readOnly, within about msecMaxWait
-// milliseconds: somebody who holds the lock is looked at in steps, at first of up to 100 ms, later
-// of a tenth of the time waited and at most 2 s, and the last step is not cut short.
+// Locks the file `path` (not null), shared with other readers if readOnly, within msecMaxWait
+// milliseconds, to which the time of the calls to the file system comes.  Without a wait, processes that
+// are about to queue up are still given 200 ms.  The holder is looked at in steps, at first of up to
+// 100 ms, later of a tenth of the time waited and at most 2 s.
 //
 // Returns a token to be released with FileLock_Unlock, *err being 0.  Otherwise null, with the
 // cause in *err and errno, and a message for the user appended to *msgList (msgList may be null).
 // EAGAIN: the time was up.  EBUSY: no way in for 8 seconds.  EINVAL: no absolute path for `path`.
+// ENOENT: no such directory, or a process that was stopped for 8 seconds has been taken for dead, or
+// somebody has removed the lock directory; then it is worth another try.
 // What the file system said, otherwise; some of it is logged.
 //
 // Where the directory cannot be written to (EROFS, EACCES), a shared lock is granted without an

@@ -118,9 +118,9 @@ TEST_F(FileLockTest, IsEverybodysAndKnowsItsOwner) {
   EXPECT_EQ(fs::perms{0644}, fs::status(Sibling('M')).permissions());
   // A child is somebody else and draws other numbers.
   InChild([&] {
+    dir_.Write("drawn", std::to_string(FileSimpleRandom()));
     EXPECT_EQ(EAGAIN, Taken(file_).err);
     EXPECT_EQ(IdOf(getpid()), FileLockOwnExecution().text);
-    dir_.Write("drawn", std::to_string(FileSimpleRandom()));
   });
   EXPECT_NE(ReadFile(dir_.Path("drawn")), std::to_string(FileSimpleRandom()));
   // The file by a bare name, and the other way round.
@@ -160,13 +160,20 @@ TEST_F(FileLockTest, AWaitCanBeGivenUp) {
     EXPECT_EQ(ECANCELED, err);
     EXPECT_TRUE(Names().size() == 1 && nowMs > before && nowMs <= before + 300);
   }
+  FileIODescriptor fd;
+  ASSERT_EQ(FILEIO_SUCCESS,
+            FileIO_Open(&fd, file_.c_str(), FILEIO_ACCESS_WRITE, FILEIO_OPEN_CREATE));
+  EXPECT_EQ(FILEIO_ERROR,
+            FileIO_LockCancellable(&fd, FILEIO_ACCESS_WRITE | FILEIO_FLAG_LOCK_PORTABLE,
+                                   stop.read.Get()));
+  EXPECT_TRUE(errno == ECANCELED && FileIO_Close(&fd) == FILEIO_SUCCESS);
 }
 
 TEST_F(FileLockTest, ChoosersAreWaitedForOnceAndNotTooLong) {
   const auto chooser = [&](const char *number) { return lockDir_ + "/D" + number + ".lck"; };
   // A dead one goes; a member that happens to have its number is somebody else's.
   PutRecord(kElsewhere + " 1-1 7 X 1", "M00007.lck");
-  fs::create_directory(chooser("00007"));
+  dir_.Write("file.lck/D00007.lck", "");
   EXPECT_EQ(500U, Waits(EAGAIN, 500));
   EXPECT_TRUE(fs::exists(chooser("00007")));
   EXPECT_EQ(9000U, Waits(EAGAIN, 9000));
@@ -230,7 +237,7 @@ TEST_F(FileLockTest, WhatHappensMeanwhile) {
   }
   // On the way out: first the entry file, and then nobody else's entry directory.
   PutRecord(kElsewhere + " 1-1 -1 X 1");
-  Meanwhile(EOVERFLOW, 1, "rmdir", 1, 0, [&] { EXPECT_FALSE(fs::exists(Sibling('E'))); });
+  Meanwhile(EOVERFLOW, 1, "rmdir", 1, 0, [&] { EXPECT_EQ(2U, Names().size()); });
   PutRecord(other);
   std::string next;
   Meanwhile(EAGAIN, 1, "unlink", 1, 0, [&] { fs::create_directory(next = Sibling('D')); });
@@ -266,8 +273,10 @@ TEST_F(FileLockTest, OldRecordsOfThisHost) {
   EXPECT_FALSE(FileLockSameOldHost(own, {1, 2, 3, 4, 5, 6, 7, 9}));
   EXPECT_TRUE(FileLockSameOldHost(bare, bare));
   EXPECT_FALSE(FileLockSameOldHost(bare, {1, 2, 3, 5}));
-  EXPECT_FALSE(OldMachineIDMatch(here_.c_str(), "AAAA"));
-  EXPECT_FALSE(OldMachineIDMatch(here_.c_str(), (here_ + "-f0000001-0").c_str()));
+  const std::string none(16, 'A'), inside = here_ + "-f0000001-0";
+  for (const std::string &id : {none, none.substr(4), inside, kElsewhere}) {
+    LogOf([&] { EXPECT_FALSE(OldMachineIDMatch(here_.c_str(), id.c_str())) << id; });
+  }
 }
 
 TEST_F(FileLockTest, WhatCannotBeARecordGoes) {

@@ -44,6 +44,10 @@ uint32_t FileIONormalizeAccess(uint32_t access) {
 }
 
 FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access) {
+  return FileIO_LockCancellable(fd, access, -1);
+}
+
+FileIOResult FileIO_LockCancellable(FileIODescriptor *fd, uint32_t access, int cancelFd) {
   const uint32_t wanted = FileIONormalizeAccess(access);
   if ((wanted & FILEIO_FLAG_LOCK_NATIVE) != 0) {
     errno = ENOTSUP;
@@ -57,7 +61,8 @@ FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access) {
   int error = 0;
   MsgList *messages = nullptr;
   const bool readOnly = (wanted & FILEIO_ACCESS_WRITE) == 0;
-  fd->lockToken = FileLock_Lock(fd->fileName, readOnly, kMaxWaitMs, &error, &messages);
+  fd->lockToken =
+      FileLock_LockCancellable(fd->fileName, readOnly, kMaxWaitMs, cancelFd, &error, &messages);
   if (fd->lockToken != nullptr) return FILEIO_SUCCESS;
   Msg_AppendMsgList(messages);
   Log("FILE: %s on '%s' failed: %s\n", "FileIO_Lock", fd->fileName,
