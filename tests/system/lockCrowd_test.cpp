@@ -40,7 +40,7 @@ int __wrap_poll(pollfd *, nfds_t, int ms) {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Milliseconds = std::chrono::milliseconds;
+using std::chrono::milliseconds;
 
 // Shared by all processes.
 struct Counts {
@@ -74,7 +74,7 @@ TEST(LockCrowd, OneWriterOrManyReaders) {
       new (mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
           Counts{};
   const unsigned numProcesses = Rounds() > 10 ? 32 : 6, numThreads = Rounds() > 10 ? 8 : 3;
-  const Clock::time_point end = Clock::now() + Rounds() * Milliseconds(1500);
+  const Clock::time_point end = Clock::now() + Rounds() * milliseconds(1500);
   for (unsigned i = 0; i < numProcesses; i++) {
     if (fork() != 0) continue;
     std::vector<std::jthread> threads;
@@ -97,6 +97,6 @@ int main(int argc, char **argv) {
   if (argc != 4) return RUN_ALL_TESTS();
   Counts counts{};
   TakeOften(argv[2], &counts, true, static_cast<unsigned>(getpid()),
-            Clock::now() + Milliseconds(atoi(argv[3])));
+            Clock::now() + milliseconds(atoi(argv[3])));
   return counts.failures == 0 ? 0 : 3;
 }
