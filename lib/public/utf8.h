@@ -1,6 +1,8 @@
-// utf8.h -- from code points to UTF-8: one by one, and 32-bit code units piece by piece.
+// utf8.h -- from code points to UTF-8: one by one, and 32-bit code units piece by piece; and where
+// the last character of a text begins.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // Writes `codePoint`, below 0x110000, in the shortest form; a surrogate is encoded like another
@@ -47,3 +49,13 @@ enum class Utf8Mode {
 template <typename Unit>
 [[nodiscard]] Utf8Result Utf8_FromUtf32(const Unit **source, const Unit *sourceEnd, char **target,
                                         char *targetEnd, Utf8Mode mode);
+
+// The end of a text: its last byte that is no continuation byte, and those behind it.
+struct Utf8Tail {
+  size_t start;       // of that byte; 0 when the text has continuation bytes only
+  ptrdiff_t missing;  // continuation bytes still to come; negative when there are too many; 0 after
+                      // an ASCII byte, whatever follows it
+};
+
+// The tail of the `length` bytes at `text`; {0, 0} when there are none.  Any thread.
+[[nodiscard]] Utf8Tail Utf8_Tail(const char *text, size_t length);

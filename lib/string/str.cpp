@@ -2,27 +2,16 @@
 
 #include "lib/public/str.h"
 
-#include <bit>
-#include <cstdint>
-
 #include "lib/public/bsd_vsnprintf.h"
+#include "lib/public/utf8.h"
 #include "lib/string/strInternal.h"
 
 namespace {
 
-bool IsContinuation(unsigned char byte) {
-  return (byte & 0xC0) == 0x80;
-}
-
 // Ends the text of a full buffer, `kept` bytes, behind its last whole UTF-8 character.
 void TrimPartialCharacter(char *buffer, size_t kept) {
-  if (kept == 0) return;
-  size_t lead = kept - 1;
-  while (lead > 0 && IsContinuation(static_cast<unsigned char>(buffer[lead]))) --lead;
-  const unsigned char byte = static_cast<unsigned char>(buffer[lead]);
-  const bool isWhole = byte < 0x80 || (!IsContinuation(byte) &&
-                                       std::countl_one(byte) == static_cast<int>(kept - lead));
-  if (!isWhole) buffer[lead] = '\0';
+  const Utf8Tail tail = Utf8_Tail(buffer, kept);
+  if (tail.missing != 0) buffer[tail.start] = '\0';
 }
 
 // What the fixed-buffer procedures make of the engine's count.  A text that did not fit fills the

@@ -1,9 +1,10 @@
-// utf8.cpp -- from 32-bit code units to UTF-8.
+// utf8.cpp -- from 32-bit code units to UTF-8, and the last character of a text.
+//
+// Tested by tests/unit/format_test.cpp.
 
 #include "lib/public/utf8.h"
 
 #include <bit>
-#include <cstddef>
 
 namespace {
 
@@ -40,3 +41,21 @@ Utf8Result Utf8_FromUtf32(const Unit **source, const Unit *sourceEnd, char **tar
 template Utf8Result Utf8_FromUtf32(const wchar_t **, const wchar_t *, char **, char *, Utf8Mode);
 template Utf8Result Utf8_FromUtf32(const char32_t **, const char32_t *, char **, char *, Utf8Mode);
 template Utf8Result Utf8_FromUtf32(const uint32_t **, const uint32_t *, char **, char *, Utf8Mode);
+
+Utf8Tail Utf8_Tail(const char *text, size_t length) {
+  const auto leadingOnes = [text](size_t i) {
+    return std::countl_one(static_cast<unsigned char>(text[i]));
+  };
+  if (length == 0) return {0, 0};
+  size_t start = length - 1;
+  while (start > 0 && leadingOnes(start) == 1) --start;
+  const auto there = static_cast<ptrdiff_t>(length - start);
+  switch (leadingOnes(start)) {
+    case 0:
+      return {start, 0};
+    case 1:  // continuation bytes back to the beginning
+      return {start, -there};
+    default:
+      return {start, leadingOnes(start) - there};
+  }
+}

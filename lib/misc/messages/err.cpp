@@ -7,7 +7,6 @@
 
 #include <array>
 #include <atomic>
-#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -17,6 +16,7 @@
 #include "lib/public/errnoKeeper.h"
 #include "lib/public/hashTable.h"
 #include "lib/public/heap.h"
+#include "lib/public/utf8.h"
 #include "platform/errorText.h"
 
 namespace {
@@ -50,15 +50,8 @@ constinit ErrState state;
 // The length of `text` without a last character of which bytes are missing.
 size_t WholeCharacters(const char *text) {
   const size_t length = strlen(text);
-  for (size_t tail = 1; tail <= 3 && tail <= length; ++tail) {
-    const auto byte = static_cast<unsigned char>(text[length - tail]);
-    const bool isContinuation = (byte & 0xC0) == 0x80;
-    if (isContinuation) continue;
-    const bool isLead = byte >= 0xC0;
-    const bool isCut = isLead && std::countl_one(byte) > static_cast<int>(tail);
-    return isCut ? length - tail : length;
-  }
-  return length;
+  const Utf8Tail tail = Utf8_Tail(text, length);
+  return tail.missing > 0 ? tail.start : length;
 }
 
 InfoOwner MakeInfo(int number) {
