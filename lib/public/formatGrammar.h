@@ -84,6 +84,8 @@ struct FormatConversion {
 
   bool Has(FormatFlag flag) const { return (flags & flag) != 0; }
   bool HasPrecision() const { return precision.source != FormatCount::Absent; }
+  // Whether an argument is passed for it, width and precision aside.
+  bool TakesValue() const { return kind != FormatKind::End && kind != FormatKind::Literal; }
 };
 
 // The first `%` at or after `at`, or the format's end.
@@ -109,16 +111,35 @@ struct FormatPlaces {
   size_t value = 0;
 };
 
-// Which position is next in turn for what names none.
+// The highest position that a format may name.  Whoever fetches arguments by position keeps them all,
+// so a format could otherwise ask for any amount of memory.  glibc and most other systems have the
+// same limit.
+inline constexpr size_t kFormatMaxPosition = 4096;
+
+// Which argument is next in turn for what names no position.
 class FormatTurn {
   size_t next_ = 1;
 
  public:
-  // A position at a `*` leaves the turn alone.
-  size_t OfCount(int position) { return position != 0 ? static_cast<size_t>(position) : next_++; }
-  size_t OfValue(int position) {
-    if (position != 0) next_ = static_cast<size_t>(position);
-    return next_++;
+  // The places of the next conversion of a format.  The position of its value moves the turn, one at
+  // a `*` does not.
+  FormatPlaces PlacesOf(const FormatConversion &conversion) {
+    FormatPlaces places;
+    if (conversion.Has(kFormatStar)) {
+      places.width = PlaceOf(conversion.width);
+      places.precision = PlaceOf(conversion.precision);
+    }
+    if (conversion.TakesValue()) {
+      if (conversion.position != 0) next_ = static_cast<size_t>(conversion.position);
+      places.value = next_++;
+    }
+    return places;
+  }
+
+ private:
+  size_t PlaceOf(const FormatCount &count) {
+    if (count.source != FormatCount::Argument) return 0;
+    return count.number != 0 ? static_cast<size_t>(count.number) : next_++;
   }
 };
 
@@ -138,15 +159,7 @@ class FormatWalk {
     percent_ = FormatGrammar_Find(next_);
     if (*percent_ == '\0') return false;
     next_ = FormatGrammar_Parse(percent_, &conversion_);
-    places_ = {};
-    if (conversion_.Has(kFormatStar)) {
-      places_.width = OfCount(conversion_.width);
-      places_.precision = OfCount(conversion_.precision);
-    }
-    const FormatKind kind = conversion_.kind;
-    if (kind != FormatKind::End && kind != FormatKind::Literal) {
-      places_.value = turn_.OfValue(conversion_.position);
-    }
+    places_ = turn_.PlacesOf(conversion_);
     return true;
   }
 
@@ -156,9 +169,4 @@ class FormatWalk {
   // From the `%` to behind the conversion.
   const char *Begin() const { return percent_; }
   const char *End() const { return next_; }
-
- private:
-  size_t OfCount(const FormatCount &count) {
-    return count.source == FormatCount::Argument ? turn_.OfCount(count.number) : 0;
-  }
 };

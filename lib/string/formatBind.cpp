@@ -1,4 +1,6 @@
 // formatBind.cpp -- stage 2 of formatting.
+//
+// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
 
 #include "lib/string/formatBind.h"
 
@@ -48,28 +50,33 @@ class TypeTable {
   }
 };
 
-void ReadTypes(const char *format, TypeTable *types) {
+// The types that `format` asks for.  False with errno EINVAL when it names a position out of range.
+bool ReadTypes(const char *format, TypeTable *types) {
   for (FormatWalk walk(format); walk.Next();) {
     const FormatPlaces &places = walk.Places();
-    if (walk.Conversion().kind == FormatKind::End) break;
+    if (std::max({places.width, places.precision, places.value}) > kFormatMaxPosition) {
+      errno = EINVAL;
+      return false;
+    }
     if (places.width != 0) types->Record(places.width, FormatArgType::Int);
     if (places.precision != 0) types->Record(places.precision, FormatArgType::Int);
     if (places.value != 0) types->Record(places.value, FormatArgTypeOf(walk.Conversion()));
   }
+  return true;
 }
 
 }  // namespace
 
-bool FormatBinder::BindByRule(FormatConversion *conversion, FormatValue *value) {
+bool FormatBinder::BindGeneral(FormatConversion *conversion, FormatValue *value) {
   if (conversion->Has(kFormatPositions) && next_ != nullptr && !SwitchToPositions()) return false;
-  if (conversion->Has(kFormatStar) && !FetchCounts(conversion)) return false;
-  const FormatArgType type = FormatArgTypeOf(*conversion);
-  return type == FormatArgType::None || Fetch(type, turn_.OfValue(conversion->position), value);
+  const FormatPlaces places = turn_.PlacesOf(*conversion);
+  if (conversion->Has(kFormatStar) && !FetchCounts(conversion, places)) return false;
+  return places.value == 0 || Fetch(FormatArgTypeOf(*conversion), places.value, value);
 }
 
 bool FormatBinder::SwitchToPositions() {
   TypeTable types;
-  ReadTypes(format_, &types);
+  if (!ReadTypes(format_, &types)) return false;
   FormatArgList first = first_;
   FormatValue *values = inFrame_;
   if (types.Last() > std::size(inFrame_)) {
@@ -96,23 +103,23 @@ bool FormatBinder::Fetch(FormatArgType type, size_t position, FormatValue *value
   return true;
 }
 
-bool FormatBinder::FetchCounts(FormatConversion *conversion) {
+bool FormatBinder::FetchCounts(FormatConversion *conversion, const FormatPlaces &places) {
   FormatCount *const width = &conversion->width;
-  if (!FetchCount(width)) return false;
+  if (!FetchCount(width, places.width)) return false;
   if (width->number < 0) {
     conversion->flags |= kFormatLeft;
     width->number = width->number == INT_MIN ? INT_MAX : -width->number;
   }
   FormatCount *const precision = &conversion->precision;
-  if (!FetchCount(precision)) return false;
+  if (!FetchCount(precision, places.precision)) return false;
   if (precision->number < 0) *precision = {};
   return true;
 }
 
-bool FormatBinder::FetchCount(FormatCount *count) {
-  if (count->source != FormatCount::Argument) return true;
+bool FormatBinder::FetchCount(FormatCount *count, size_t place) {
+  if (place == 0) return true;
   FormatValue value;
-  if (!Fetch(FormatArgType::Int, turn_.OfCount(count->number), &value)) return false;
+  if (!Fetch(FormatArgType::Int, place, &value)) return false;
   *count = {FormatCount::Literal, static_cast<int>(value.integer)};
   return true;
 }

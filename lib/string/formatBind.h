@@ -83,20 +83,20 @@ class FormatBinder {
 
   // Fetches the argument of `conversion`, of any kind but End, if it has one.  A width or precision
   // that is an argument becomes a literal, a negative width becomes the flag for left adjustment,
-  // and a negative precision none.  False when memory runs out or the argument does not exist.
+  // and a negative precision none.  False, with errno set, when memory runs out or the argument does
+  // not exist.
   [[nodiscard]] bool Bind(FormatConversion *conversion, FormatValue *value) {
     const bool isPlain = (conversion->flags & (kFormatStar | kFormatPositions)) == 0;
-    if (!isPlain || next_ == nullptr) return BindByRule(conversion, value);
-    const FormatArgType type = FormatArgTypeOf(*conversion);
-    if (type != FormatArgType::None) turn_.OfValue(0);
-    *value = FormatFetch(next_, type);
+    if (!isPlain || next_ == nullptr) return BindGeneral(conversion, value);
+    turn_.PlacesOf(*conversion);  // positions may follow
+    *value = FormatFetch(next_, FormatArgTypeOf(*conversion));
     return true;
   }
 
  private:
-  bool BindByRule(FormatConversion *conversion, FormatValue *value);
+  bool BindGeneral(FormatConversion *conversion, FormatValue *value);
   bool SwitchToPositions();
   bool Fetch(FormatArgType type, size_t position, FormatValue *value);
-  bool FetchCounts(FormatConversion *conversion);
-  bool FetchCount(FormatCount *count);
+  bool FetchCounts(FormatConversion *conversion, const FormatPlaces &places);
+  bool FetchCount(FormatCount *count, size_t place);
 };
