@@ -157,7 +157,7 @@ void Print(FormatSink &sink, FormatLocale &locale, const FormatConversion &field
                         runs.leadingZeros + runs.fractionCount + runs.trailingZeros +
                         runs.exponentCount;
   const FormatPadding padding = FormatPaddingOf(field, length, mayZero);
-  sink.Expect(padding.Total() + length);
+  sink.MakeRoom(padding.Total() + length);
   sink.Fill(' ', padding.blanksBefore);
   sink.Fill(runs.sign, signLength);
   sink.Fill('0', padding.zeros);

@@ -161,7 +161,7 @@ void PrintPieces(FormatSink &sink, const FormatConversion &field, Head head, Lay
                  const char *digits, size_t count) {
   char headText[2];
   head.Put(headText);
-  sink.Expect(layout.blanks + head.Length() + layout.digits);
+  sink.MakeRoom(layout.blanks + head.Length() + layout.digits);
   if (!field.Has(kFormatLeft)) sink.Fill(' ', layout.blanks);
   sink.Write(headText, head.Length());
   sink.Fill('0', layout.digits - count);

@@ -15,7 +15,7 @@ constexpr char kNull[] = "(null)";
 void PrintText(FormatSink &sink, const FormatConversion &field, const char *text, size_t length) {
   if (static_cast<size_t>(field.width.number) <= length) return sink.Write(text, length);
   const FormatPadding padding = FormatPaddingOf(field, length, true);
-  sink.Expect(padding.Total() + length);
+  sink.MakeRoom(padding.Total() + length);
   sink.Fill(' ', padding.blanksBefore);
   sink.Fill('0', padding.zeros);
   sink.Write(text, length);

@@ -1,4 +1,6 @@
-// formatSink.cpp -- the rare ways of a sink: starting, growing, dropping, ending.
+// formatSink.cpp -- the rare ways of a sink: starting, growing, dropping, failing.
+//
+// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
 
 #include "lib/string/formatSink.h"
 
@@ -26,6 +28,7 @@ FormatSink::FormatSink(const char *format) noexcept
   hasTerminator_ = true;
 }
 
+// Without room nothing more is written.
 void FormatSink::Fail() noexcept {
   failed_ = true;
   end_ = next_;
@@ -36,20 +39,15 @@ void FormatSink::SetCapacity(size_t capacity) noexcept {
   end_ = begin_ + std::min(capacity - 1, kMaxCount);
 }
 
-// `n` bytes do not fit.  True when they do after all.
-bool FormatSink::Overflow(size_t n) noexcept {
-  if (failed_) return false;
-  if (n > kMaxCount - Count()) {
-    errno = EOVERFLOW;
-    Fail();
-    return false;
-  }
-  return growing_ && Grow(n);
-}
-
-// The new capacity is a multiple of the old one that holds what is there, what comes and a NUL.
+// For `n` bytes that do not fit: enlarges a heap buffer.  The new capacity is a multiple of the old
+// one that holds what is there, what comes and a NUL.
 bool FormatSink::Grow(size_t n) noexcept {
   const size_t used = Count();
+  if (!failed_ && n > kMaxCount - used) {
+    errno = EOVERFLOW;
+    Fail();
+  }
+  if (failed_ || !growing_) return false;
   const size_t capacity = (used + n + capacity_) / capacity_ * capacity_;
   char *const grown = static_cast<char *>(realloc(begin_, capacity));
   if (grown == nullptr) {
@@ -64,20 +62,21 @@ bool FormatSink::Grow(size_t n) noexcept {
   return true;
 }
 
+// How many of the next `n` bytes can be kept; the others count as dropped.
+size_t FormatSink::CutToRoom(size_t n) noexcept {
+  const size_t kept = MakeRoom(n) ? n : Room();
+  dropped_ += n - kept;
+  return kept;
+}
+
 void FormatSink::WriteLong(const char *bytes, size_t n) noexcept {
-  const bool fits = n <= Room() || Overflow(n);
-  if (failed_) return;
-  const size_t kept = fits ? n : Room();
+  const size_t kept = CutToRoom(n);
   memcpy(next_, bytes, kept);
   next_ += kept;
-  dropped_ += n - kept;
 }
 
 void FormatSink::FillLong(char c, size_t n) noexcept {
-  const bool fits = n <= Room() || Overflow(n);
-  if (failed_) return;
-  const size_t kept = fits ? n : Room();
+  const size_t kept = CutToRoom(n);
   memset(next_, c, kept);
   next_ += kept;
-  dropped_ += n - kept;
 }

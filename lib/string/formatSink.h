@@ -45,16 +45,12 @@ class FormatSink {
   // The bytes so far, dropped ones included.
   size_t Count() const noexcept { return static_cast<size_t>(next_ - begin_) + dropped_; }
 
-  // Announces that `n` bytes follow: they are one unit for the buffer's growth.
-  void Expect(size_t n) noexcept {
-    if (n > Room()) [[unlikely]]
-      Overflow(n);
-  }
+  // Makes room for `n` bytes at once, though they come in pieces.  True when all of them fit.
+  bool MakeRoom(size_t n) noexcept { return n <= Room() || Grow(n); }
 
-  // Takes `n` bytes, which the caller writes at once; null when they do not fit or nothing does.
+  // Takes `n` bytes, which the caller writes at once; null when they do not fit.
   char *Reserve(size_t n) noexcept {
-    Expect(n);
-    if (n > Room()) [[unlikely]]
+    if (!MakeRoom(n)) [[unlikely]]
       return nullptr;
     char *const at = next_;
     next_ += n;
@@ -84,8 +80,8 @@ class FormatSink {
  private:
   size_t Room() const noexcept { return static_cast<size_t>(end_ - next_); }
   void SetCapacity(size_t capacity) noexcept;
-  bool Overflow(size_t n) noexcept;
   bool Grow(size_t n) noexcept;
+  size_t CutToRoom(size_t n) noexcept;
   void WriteLong(const char *bytes, size_t n) noexcept;
   void FillLong(char c, size_t n) noexcept;
 };
