@@ -1,11 +1,15 @@
-// bsd_vsnprintf.h -- the printf engine, for those who bring their own buffer, locale or arguments.
+// bsd_vsnprintf.h -- the printf engine, for callers that bring their own buffer, locale or arguments.
 //
 // Most callers want str.h, which also says what the format language is.  Here `*output` is either a
 // buffer of `size` bytes or null; null asks for a new buffer, which `*output` receives on success
-// and the caller frees.  The result is the number of bytes that the whole text has, without its
-// NUL and also when only a part fitted; or -1 with errno ENOMEM when memory ran out, EILSEQ when a
-// wide character has no form in the locale, EOVERFLOW when the text has more than INT_MAX bytes.
-// With a size above 0 the buffer ends in a NUL, but maybe in half a character.  Any thread.
+// and the caller frees with free().  The result is the number of bytes of the whole text without its
+// NUL, even when only a part of it fitted; or -1 with errno
+//   ENOMEM     memory ran out
+//   EILSEQ     a wide character (%lc) has no form in the locale
+//   EINVAL     the format names a position above kFormatMaxPosition
+//   EOVERFLOW  the text has more than INT_MAX bytes
+// Without memory for the types of more than 8 positions the process aborts.  With a size above 0 the
+// buffer ends in a NUL, but maybe in half a character.  Any thread.
 #pragma once
 
 #include <cstdarg>
@@ -13,7 +17,7 @@
 #include <cstdint>
 #include <span>
 
-// Numbers as the current locale has them (localeconv).
+// Numbers as in the current locale (localeconv).
 int bsd_vsnprintf(char **output, size_t size, const char *format, va_list args)
     __attribute__((format(printf, 3, 0)));
 
@@ -33,7 +37,7 @@ union FormatValue {
   const void *pointer;
 };
 
-// As bsd_vsnprintf with arguments that were captured before: values[0] is the one of position 1.
-// Also -1, with errno EINVAL, when the format asks for an argument that is not there.
+// As bsd_vsnprintf with arguments that were captured before: values[0] is the one at position 1.
+// EINVAL also when the format asks for an argument that is not there.
 int bsd_vsnprintf_values(char **output, size_t size, const char *format,
                          std::span<const FormatValue> values);

@@ -3,11 +3,14 @@
 // The format language is printf's (ISO C, with POSIX positional arguments and grouping), taken
 // apart as formatGrammar.h says.  What differs from the host's printf:
 //   %p    upper-case hexadecimal without a prefix
-//   %ls   32-bit code units, converted to UTF-8 whatever the locale
+//   %ls   32-bit code units, converted to UTF-8 whatever the locale; one above 10FFFF is fatal
 //   %s    prints "(null)" for a null pointer; so does %ls
 //   %.0f  rounds halves away from zero; all other roundings take the even digit
+//   %f    never prints a minus before "nan", and neither do the other conversions of doubles
 //   %Lf   prints the nearest double
+//   %'d   groups digits only if the locale separates them by one ASCII character
 //   %a    prints as itself, like an unknown conversion character, but takes its argument
+//   %n$   takes no position above kFormatMaxPosition
 // Sizes and results are bytes; results do not count the terminating NUL.  A format is not null, a
 // buffer only when its size is 0.  Every procedure may be called from any thread.  "Fatal" is
 // Panic, which ends the process.

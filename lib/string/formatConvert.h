@@ -5,8 +5,7 @@
 // and announces its length to the sink before it writes.
 #pragma once
 
-#include <algorithm>
-#include <cstddef>
+#include <cstdint>
 
 #include "lib/string/formatBind.h"
 #include "lib/string/formatLocale.h"
@@ -24,27 +23,3 @@ void FormatConvertFloat(FormatSink &sink, FormatLocale &locale, const FormatConv
 void FormatConvertString(FormatSink &sink, const FormatConversion &field, const void *string);
 // Also for a character that is no conversion.
 void FormatConvertChar(FormatSink &sink, const FormatConversion &field, int value);
-
-// What a field is filled up with to its width.
-struct FormatPadding {
-  size_t blanksBefore = 0;
-  size_t zeros = 0;
-  size_t blanksBehind = 0;
-
-  size_t Total() const { return blanksBefore + zeros + blanksBehind; }
-};
-
-inline FormatPadding FormatPaddingOf(const FormatConversion &field, size_t length, bool mayZero) {
-  const size_t width = static_cast<size_t>(field.width.number);
-  if (width <= length) return {};
-  const size_t missing = width - length;
-  if (field.Has(kFormatLeft)) return {0, 0, missing};
-  if (mayZero && field.Has(kFormatZero)) return {0, missing, 0};
-  return {missing, 0, 0};
-}
-
-// The sign before a number that is `negative` or not; NUL for none.
-inline char FormatSignOf(const FormatConversion &field, bool negative) {
-  if (negative) return '-';
-  return field.Has(kFormatPlus) ? '+' : field.Has(kFormatBlank) ? ' ' : '\0';
-}

@@ -1,9 +1,13 @@
 // formatConvertFloat.cpp -- e E f F g G: doubles, from the decimal digits that the host gives.
+//
+// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
 #include "lib/string/formatConvert.h"
+#include "lib/string/formatField.h"
 #include "platform/decimalDigits.h"
 
 namespace {
@@ -14,47 +18,37 @@ constexpr int kMaxDecimals = 1074;
 
 constexpr int kDefaultPrecision = 6;
 
-// A value 0.DDD... times ten to the power `point`; trailing zeros are left out, and zero has no
-// digits.
-struct Decimal {
-  HeapStr digits;
-  size_t count = 0;
-  int point = 0;
+// The digits of a number without zeros at the end.  Zero has none, and its point is that of the one
+// digit that is printed.
+struct Decimal : PlatformDecimal {
+  [[nodiscard]] bool SetSignificant(double value, int wanted) {
+    return Strip(Platform_SignificantDigits(value, std::min(wanted, kMaxDecimals + 1), this));
+  }
 
-  bool IsValid() const { return digits != nullptr; }
-  void Strip() {
-    count = strlen(digits.get());
-    while (count > 0 && digits.get()[count - 1] == '0') --count;
+  // For no decimals halves are rounded away from zero: the value is made whole first, and its one
+  // decimal, a zero, goes with the trailing zeros.
+  [[nodiscard]] bool SetFixed(double value, int decimals) {
+    if (decimals == 0) {
+      value = std::round(value);
+      decimals = 1;
+    }
+    return Strip(Platform_FixedDigits(value, std::min(decimals, kMaxDecimals), this));
+  }
+
+ private:
+  bool Strip(bool isThere) {
+    if (!isThere) return false;
+    while (count > 0 && digits[count - 1] == '0') --count;
+    if (count == 0) point = 1;
+    return true;
   }
 };
-
-Decimal SignificantDigits(double value, int count) {
-  Decimal decimal;
-  decimal.digits.reset(
-      Platform_SignificantDigits(value, std::min(count, kMaxDecimals), &decimal.point));
-  if (decimal.IsValid()) decimal.Strip();
-  return decimal;
-}
-
-// For no decimals halves are rounded away from zero: the value is made whole first, and its one
-// decimal, a zero, goes with the trailing zeros.
-Decimal FixedDigits(double value, int decimals) {
-  Decimal decimal;
-  if (decimals == 0) {
-    value = std::round(value);
-    decimals = 1;
-  }
-  decimal.digits.reset(
-      Platform_FixedDigits(value, std::min(decimals, kMaxDecimals), &decimal.point));
-  if (decimal.IsValid()) decimal.Strip();
-  return decimal;
-}
 
 // A number in runs, in the order in which they are printed.
 struct Runs {
   char sign = '\0';
-  const char *whole = "0";  // digits before the point, then zeros
-  size_t wholeCount = 1;
+  const char *whole = "";  // digits before the point, then zeros
+  size_t wholeCount = 0;
   size_t wholeZeros = 0;
   bool hasPoint = false;
   size_t leadingZeros = 0;  // behind the point: zeros, digits, zeros
@@ -65,49 +59,43 @@ struct Runs {
   size_t exponentCount = 0;
 };
 
+// `places` digits before the point, one at least, and `decimals` behind it.  Below zero, as many
+// zeros follow the point before the first digit.
+void LayOutDigits(Runs *runs, const Decimal &decimal, int places, size_t decimals) {
+  const size_t before = static_cast<size_t>(std::max(places, 0));
+  runs->whole = decimal.digits;
+  runs->wholeCount = std::min(decimal.count, before);
+  runs->wholeZeros = std::max<size_t>(before, 1) - runs->wholeCount;
+  runs->leadingZeros = std::min(static_cast<size_t>(std::max(-places, 0)), decimals);
+  runs->fraction = decimal.digits + runs->wholeCount;
+  runs->fractionCount = std::min(decimal.count - runs->wholeCount, decimals - runs->leadingZeros);
+  runs->trailingZeros = decimals - runs->leadingZeros - runs->fractionCount;
+}
+
+void LayOutFixed(Runs *runs, const Decimal &decimal, size_t decimals) {
+  LayOutDigits(runs, decimal, decimal.point, decimals);
+}
+
 // The first digit, and the others behind the point.
 void LayOutExponent(Runs *runs, const Decimal &decimal, size_t decimals, char letter) {
-  int exponent = 0;
-  if (decimal.count > 0) {
-    runs->whole = decimal.digits.get();
-    runs->fraction = decimal.digits.get() + 1;
-    runs->fractionCount = std::min(decimal.count - 1, decimals);
-    exponent = decimal.point - 1;
-  }
-  runs->trailingZeros = decimals - runs->fractionCount;
+  LayOutDigits(runs, decimal, 1, decimals);
+  const int exponent = decimal.point - 1;
+  const int magnitude = std::abs(exponent);
   char *to = runs->exponent;
   *to++ = letter;
   *to++ = exponent < 0 ? '-' : '+';
-  const int magnitude = std::abs(exponent);
   if (magnitude >= 100) *to++ = static_cast<char>('0' + magnitude / 100);
   *to++ = static_cast<char>('0' + magnitude / 10 % 10);
   *to++ = static_cast<char>('0' + magnitude % 10);
   runs->exponentCount = static_cast<size_t>(to - runs->exponent);
 }
 
-void LayOutFixed(Runs *runs, const Decimal &decimal, size_t decimals) {
-  const char *const digits = decimal.digits.get();
-  size_t whole = 0;
-  if (decimal.count > 0 && decimal.point > 0) {
-    const size_t point = static_cast<size_t>(decimal.point);
-    whole = std::min(decimal.count, point);
-    runs->whole = digits;
-    runs->wholeCount = whole;
-    runs->wholeZeros = point - whole;
-  } else if (decimal.count > 0) {
-    runs->leadingZeros = std::min(static_cast<size_t>(-decimal.point), decimals);
-  }
-  runs->fraction = digits + whole;
-  runs->fractionCount = std::min(decimal.count - whole, decimals - runs->leadingZeros);
-  runs->trailingZeros = decimals - runs->leadingZeros - runs->fractionCount;
-}
-
 // g: fixed or exponent, as the exponent goes; without zeros at the end unless # asks for them.
 void LayOutGeneral(Runs *runs, const Decimal &decimal, const FormatConversion &field,
                    int64_t precision) {
-  const int exponent = decimal.count == 0 ? 0 : decimal.point - 1;
+  const int exponent = decimal.point - 1;
   const bool isFixed = exponent >= -4 && exponent < precision;
-  const int64_t digitsBeforePoint = isFixed ? exponent + 1 : 1;
+  const int64_t digitsBeforePoint = isFixed ? decimal.point : 1;
   int64_t decimals = precision - digitsBeforePoint;
   if (!field.Has(kFormatAlternate)) {
     const int64_t needed = static_cast<int64_t>(decimal.count) - digitsBeforePoint;
@@ -128,20 +116,17 @@ bool LayOut(Runs *runs, Decimal *decimal, const FormatConversion &field, double 
   switch (field.character) {
     case 'e':
     case 'E':
-      *decimal = SignificantDigits(magnitude, std::min(precision, kMaxDecimals) + 1);
-      if (!decimal->IsValid()) return false;
+      if (!decimal->SetSignificant(magnitude, std::min(precision, kMaxDecimals) + 1)) return false;
       LayOutExponent(runs, *decimal, decimals, field.character);
       return true;
     case 'f':
     case 'F':
-      *decimal = FixedDigits(magnitude, precision);
-      if (!decimal->IsValid()) return false;
+      if (!decimal->SetFixed(magnitude, precision)) return false;
       LayOutFixed(runs, *decimal, decimals);
       return true;
     default: {
       const int digits = std::max(precision, 1);
-      *decimal = SignificantDigits(magnitude, digits);
-      if (!decimal->IsValid()) return false;
+      if (!decimal->SetSignificant(magnitude, digits)) return false;
       LayOutGeneral(runs, *decimal, field, digits);
       return true;
     }
@@ -181,7 +166,8 @@ void FormatConvertFloat(FormatSink &sink, FormatLocale &locale, const FormatConv
                         double value) {
   Runs runs;
   Decimal decimal;
-  runs.sign = FormatSignOf(field, std::signbit(value));
+  // What is not a number has no sign, whatever its bits say.
+  runs.sign = FormatSignOf(field, std::signbit(value) && !std::isnan(value));
   const bool isFinite = std::isfinite(value);
   if (!isFinite) {
     const bool upper = IsUpper(field.character);

@@ -3,10 +3,12 @@
 // The number of digits is known before the first is written, so that a field that fits is written
 // where it belongs, digits from the last to the first.
 
+#include <algorithm>
 #include <array>
 #include <bit>
 
 #include "lib/string/formatConvert.h"
+#include "lib/string/formatField.h"
 
 namespace {
 

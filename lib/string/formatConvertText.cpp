@@ -1,5 +1,8 @@
 // formatConvertText.cpp -- s S c C and literal characters.
+//
+// Tested by tests/unit/format_test.cpp.
 
+#include <algorithm>
 #include <climits>
 #include <cwchar>
 
@@ -7,6 +10,7 @@
 #include "lib/public/str.h"
 #include "lib/public/utf8.h"
 #include "lib/string/formatConvert.h"
+#include "lib/string/formatField.h"
 
 namespace {
 
@@ -24,13 +28,12 @@ void PrintText(FormatSink &sink, const FormatConversion &field, const char *text
 
 // A string that ends at its NUL or at the precision, whichever is first.
 void PrintString(FormatSink &sink, const FormatConversion &field, const char *string) {
-  const size_t length = !field.HasPrecision()
-                            ? strlen(string)
-                            : Str_Strlen(string, static_cast<size_t>(field.precision.number));
-  PrintText(sink, field, string, length);
+  // Without a limit strlen is faster.
+  PrintText(sink, field, string,
+            field.HasPrecision() ? Str_Strlen(string, FormatLimitOf(field)) : strlen(string));
 }
 
-// Every unit makes one byte at least: no more than `limit` units are looked at.
+// Every unit makes at least one byte, so no more than `limit` units are looked at.
 size_t CountUnits(const wchar_t *string, size_t limit) {
   size_t n = 0;
   while (n < limit && string[n] != L'\0') ++n;
@@ -40,8 +43,7 @@ size_t CountUnits(const wchar_t *string, size_t limit) {
 // The block holds the longest form of every unit, unless the precision is smaller: then a full
 // block is where the text ends.
 void PrintWideString(FormatSink &sink, const FormatConversion &field, const wchar_t *string) {
-  const size_t limit =
-      !field.HasPrecision() ? SIZE_MAX : static_cast<size_t>(field.precision.number);
+  const size_t limit = FormatLimitOf(field);
   const size_t units = CountUnits(string, limit);
   const size_t size = std::min(4 * units, limit);
   const HeapArray<char> block = Heap_Array<char>(size);
@@ -50,7 +52,8 @@ void PrintWideString(FormatSink &sink, const FormatConversion &field, const wcha
   char *target = block.get();
   const Utf8Result result =
       Utf8_FromUtf32(&source, string + units, &target, block.get() + size, Utf8Mode::Lenient);
-  if (result != Utf8Result::Ok && result != Utf8Result::TargetExhausted) {
+  const bool endsAtPrecision = result == Utf8Result::TargetExhausted && field.HasPrecision();
+  if (result != Utf8Result::Ok && !endsAtPrecision) {
     Fatal_NotImplemented("lib/string/bsd_vsnprintf", 414);
   }
   PrintText(sink, field, block.get(), static_cast<size_t>(target - block.get()));

@@ -1,6 +1,7 @@
-// decimalDigits.cpp -- decimal digits on macOS: ecvt(3) and fcvt(3), which return any number of exact
-// digits, but in a buffer that all threads share.
-// Tests: tests/unit/darwin_test.cpp
+// decimalDigits.cpp -- decimal digits on macOS: ecvt(3) and fcvt(3), which give as many exact
+// digits as they are asked for, but in memory that they share among all threads.
+//
+// Tested by tests/unit/darwin_test.cpp.
 
 #include "platform/decimalDigits.h"
 
@@ -14,21 +15,25 @@ using Converter = char *(double, int, int *, int *);
 
 pthread_mutex_t converterMutex = PTHREAD_MUTEX_INITIALIZER;
 
-char *CopyOfDigits(Converter *converter, double value, int count, int *point) {
+bool CopyDigits(Converter *converter, double value, int count, PlatformDecimal *decimal) {
   int sign;
   pthread_mutex_lock(&converterMutex);
-  const char *const digits = converter(value, count, point, &sign);
-  char *const copy = digits == nullptr ? nullptr : strdup(digits);
+  const char *const digits = converter(value, count, &decimal->point, &sign);
+  if (digits != nullptr) {
+    // What is longer than the room ends in zeros.
+    decimal->count = strnlen(digits, sizeof decimal->digits);
+    memcpy(decimal->digits, digits, decimal->count);
+  }
   pthread_mutex_unlock(&converterMutex);
-  return copy;
+  return digits != nullptr;
 }
 
 }  // namespace
 
-char *Platform_SignificantDigits(double value, int count, int *point) {
-  return CopyOfDigits(ecvt, value, count, point);
+bool Platform_SignificantDigits(double value, int count, PlatformDecimal *decimal) {
+  return CopyDigits(ecvt, value, count, decimal);
 }
 
-char *Platform_FixedDigits(double value, int count, int *point) {
-  return CopyOfDigits(fcvt, value, count, point);
+bool Platform_FixedDigits(double value, int count, PlatformDecimal *decimal) {
+  return CopyDigits(fcvt, value, count, decimal);
 }

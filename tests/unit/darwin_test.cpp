@@ -68,14 +68,15 @@ char *Convert(const char *kind, double value, int *point) {
 }
 
 TEST(DecimalDigitsDarwin, ThreadsDoNotShareDigits) {
-  const auto convert = [](int from) {
-    for (int n = from, point = -1; n < 2000; ++n) {
-      ASSERT_EQ("f" + std::to_string(n), Owned(Platform_FixedDigits(n, 6, &point)));
-      ASSERT_EQ("e" + std::to_string(point), Owned(Platform_SignificantDigits(n, 6, &point)));
+  const auto convert = [](int n) {
+    for (PlatformDecimal got; n < 2000; ++n) {
+      const auto digitsOf = n % 2 == 0 ? Platform_FixedDigits : Platform_SignificantDigits;
+      ASSERT_TRUE(digitsOf(n, 6, &got) && got.point == n);
+      ASSERT_EQ("ef"[n % 2 == 0] + std::to_string(n), std::string(got.digits, got.count));
     }
   };
-  int noPoint;
-  EXPECT_EQ(nullptr, Platform_FixedDigits(-1, 6, &noPoint));  // must unlock the mutex
+  PlatformDecimal none;
+  EXPECT_FALSE(Platform_FixedDigits(-1, 6, &none));  // and the lock was given back
   std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i) threads.emplace_back(convert, i);
 }
