@@ -1,10 +1,9 @@
 // hashTable_bench.cpp -- hash tables against std::unordered_map with the same keys.
 //
-// Rows:  look-ups of names, as C strings on both sides, in a table that copies its keys and has as
-//        many buckets as keys; and insertion of copied keys, by one thread and by two, where the
-//        peer of an atomic table is the map behind a mutex.  Two threads insert halves of the keys,
-//        or all of them each.
-// Goals: look-ups no slower, insertion by two threads faster.
+// Rows: look-ups of names, as C strings on both sides, in a table that copies its keys and has as
+//       many buckets as keys; of integers; and insertion of copied keys, by one thread and by two,
+//       where the peer of an atomic table is the map behind a mutex.  Two threads insert halves of
+//       the keys, or all of them each.
 //
 //   hashTable_bench [options of Google Benchmark]
 
@@ -67,14 +66,34 @@ benchmark::internal::Benchmark *Add(const std::string &row, std::string_view sid
 // ---- look-ups -------------------------------------------------------------------------------
 
 // Asks for all keys in a shuffled order that is not the one of insertion.
-template <typename Ask>
-void AskForAll(benchmark::State &state, Keys asked, Ask ask) {
+template <typename Asked, typename Ask>
+void AskForAll(benchmark::State &state, Asked asked, Ask ask) {
   std::shuffle(asked.begin(), asked.end(), std::mt19937(5));
   size_t next = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(ask(asked[next].c_str()));
+    benchmark::DoNotOptimize(ask(asked[next]));
     if (++next == asked.size()) next = 0;
   }
+}
+
+void AddIntegers(Ratios *ratios, const std::string &row, size_t count) {
+  ratios->AddRow(row, {{"std", 1.1}});
+  std::vector<uintptr_t> keys;
+  for (size_t i = 0; i < count; i++) keys.push_back(i * 7919);
+  Add(row, kLumen, [=](benchmark::State &state) {
+    const HashTableOwner table(
+        HashTable_Alloc(static_cast<uint32_t>(count), HASHTABLE_INT_KEY, nullptr));
+    for (const uintptr_t key : keys) HashTable_Insert(table.get(), HashTable_IntKey(key), nullptr);
+    AskForAll(state, keys, [&](uintptr_t key) {
+      void *value = nullptr;
+      return HashTable_Lookup(table.get(), HashTable_IntKey(key), &value);
+    });
+  })->MinTime(0.02);
+  Add(row, kPeer, [=](benchmark::State &state) {
+    std::unordered_map<uintptr_t, void *> map(count);
+    for (const uintptr_t key : keys) map.emplace(key, nullptr);
+    AskForAll(state, keys, [&](uintptr_t key) { return map.find(key) != map.end(); });
+  })->MinTime(0.02);
 }
 
 void AddLookUp(Ratios *ratios, const std::string &row, const Keys &keys, const Keys &asked) {
@@ -82,15 +101,16 @@ void AddLookUp(Ratios *ratios, const std::string &row, const Keys &keys, const K
   Add(row, kLumen, [=](benchmark::State &state) {
     const HashTableOwner table = NewTable(keys, HASHTABLE_COPY_KEY);
     for (const std::string &key : keys) HashTable_Insert(table.get(), key.c_str(), nullptr);
-    AskForAll(state, asked, [&](const char *key) {
+    AskForAll(state, asked, [&](const std::string &key) {
       void *value = nullptr;
-      return HashTable_Lookup(table.get(), key, &value);
+      return HashTable_Lookup(table.get(), key.c_str(), &value);
     });
   })->MinTime(0.02);
   Add(row, kPeer, [=](benchmark::State &state) {
     PeerMap map(BucketsFor(keys));
     for (const std::string &key : keys) map.emplace(key, nullptr);
-    AskForAll(state, asked, [&](const char *key) { return map.find(key) != map.end(); });
+    AskForAll(state, asked,
+              [&](const std::string &key) { return map.find(key.c_str()) != map.end(); });
   })->MinTime(0.02);
 }
 
@@ -156,6 +176,7 @@ void AddRows(Ratios *ratios) {
     const std::string size = std::to_string(count);
     AddLookUp(ratios, "found of " + size, keys, keys);
     AddLookUp(ratios, "missed of " + size, keys, MakeKeys(count, ".dat"));
+    AddIntegers(ratios, "integers of " + size, count);
   }
   const Keys keys = MakeKeys(32768, ".txt");
   AddInsertion(ratios, "1 thread inserts", keys, 1, keys.size(), 0);

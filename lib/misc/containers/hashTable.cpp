@@ -4,20 +4,22 @@
 //        compare-and-swap on the head, that alone makes concurrent insertion safe: an insertion
 //        that loses sees the winners' entries at the front of its next walk, so a key cannot get in
 //        twice.
-// Holds:
-//   1. `next` and `key` of an entry are fixed once the entry is in a chain; deletion, which does
-//      change `next`, has the table for itself.
-//   2. An entry in a chain is freed with the table to itself, too.  So a head that is equal to the
-//      one read earlier stands for an unchanged chain (no ABA), and a reader's entry stays.
-//   3. A head is published with release and read with acquire.  Who inserts has acquired the head
+// Invariants:
+//   1. `next` and `key` of an entry are fixed once the entry is in a chain; only deletion, which has
+//      the table for itself, changes a `next`.
+//   2. An entry in a chain is freed only by a caller that has the table for itself, too.  So a head
+//      equal to the one read earlier stands for an unchanged chain (no ABA), and an entry that a
+//      reader has found stays.
+//   3. A head is published with release and read with acquire.  An insertion has acquired the head
 //      that becomes its `next`; therefore one acquire of the newest head makes the whole chain
 //      behind it visible.
 //   4. A value is exchanged with acquire and release and read with acquire, so what it points to is
 //      seen as its writer left it, also by the free function.
-//   Tables without HASHTABLE_ATOMIC share this code; but for the head's compare-and-swap, the orders
-//   cost them nothing that matters.
-// Tests: tests/unit/containers_test.cpp
-// Speed: bench/hashTable_bench.cpp, against the C++ library's table
+//   Tables without HASHTABLE_ATOMIC share this code; except for the compare-and-swap of the head,
+//   the memory orders cost them nothing that matters.
+//
+// Tested by tests/unit/containers_test.cpp; bench/hashTable_bench.cpp measures it against the C++
+// library's table.
 
 #include "lib/public/hashTable.h"
 
@@ -32,6 +34,7 @@
 #include <span>
 #include <type_traits>
 
+#include "lib/misc/containers/keyHash.h"
 #include "lib/public/fatal.h"
 #include "lib/public/heap.h"
 #include "lib/public/log.h"
@@ -39,8 +42,8 @@
 
 namespace {
 
-// A copied key stands behind its entry in the same block.  The hash, before folding, spares a look
-// at nearly all keys that are others.
+// A copied key follows its entry in the same block.  The hash, before folding, spares comparing
+// nearly all strings that differ.
 struct Entry {
   Entry *next;
   const void *key;
@@ -64,8 +67,8 @@ struct HashTable {
   HashTableFreeFn freeFn;
   std::unique_ptr<Bucket[], HeapFreer> heads;
   std::atomic<size_t> count;
-  // tolower of each byte, for keys without case: asking the host costs more than the rest of a
-  // look-up, and what has been hashed must not change with the locale.
+  // tolower of each byte, for keys whose case is ignored: asking the host costs more than the rest of
+  // a look-up, and a hash must not change with the locale.
   std::array<unsigned char, 256> lower;
 
   std::span<Bucket> Buckets() const { return {heads.get(), numBuckets == 0 ? 1 : numBuckets}; }
@@ -75,89 +78,81 @@ namespace {
 
 // ---- keys -----------------------------------------------------------------------------------
 
-// hash = rotl(hash ^ byte, 5), byte for byte.  Rotation and XOR commute, so four bytes are put in their
-// places beside the chain of steps that wait for each other, and join it as one step.  Measured with
-// names of about 18 bytes: a quarter off a look-up among 2048 keys, nothing among 128.
-template <typename Map>
-uint32_t HashString(const void *key, Map map) {
-  const auto *p = static_cast<const unsigned char *>(key);
-  size_t left = strlen(static_cast<const char *>(key));
-  const auto at = [&](int i) { return static_cast<uint32_t>(map(p[i])); };
-  uint32_t hash = 0;
-  for (; left >= 4; left -= 4, p += 4) {
-    hash = std::rotl(hash, 20) ^ at(0) << 20 ^ at(1) << 15 ^ at(2) << 10 ^ at(3) << 5;
-  }
-  for (; left > 0; left--, p++) hash = std::rotl(hash ^ at(0), 5);
-  return hash;
-}
-
-uint32_t HashInteger(const void *key) {
-  const uint64_t value = reinterpret_cast<uintptr_t>(key);
-  return static_cast<uint32_t>(value >> 32 ^ value) * 48271;
-}
-
-uint32_t HashKey(const HashTable &table, const void *key) {
-  switch (table.keyType) {
-    case HASHTABLE_STRING_KEY:
-      return HashString(key, [](unsigned char c) { return c; });
-    case HASHTABLE_ISTRING_KEY:
-      return HashString(key, [&table](unsigned char c) { return table.lower[c]; });
-    case HASHTABLE_INT_KEY:
-      return HashInteger(key);
-    default:
-      Fatal_NotReached("lib/misc/hashTable", 142);
-  }
-}
-
 // The bucket of a hash: its digits to the base numBuckets, combined by XOR.  Each step XORs the
 // lower half of the digits that count with the upper half, and only the lowest digit is used at the
-// end; a loop from digit to digit would end at unforeseeable times.
+// end; a loop from digit to digit would end at times that no processor foresees.
 Bucket &BucketOf(const HashTable &table, uint32_t hash) {
   if (table.numBuckets < 2) return table.heads[0];
   for (uint32_t shift = table.numBits; shift < 32; shift *= 2) hash ^= hash >> shift;
   return table.heads[hash & (table.numBuckets - 1)];
 }
 
-bool SameKey(const HashTable &table, const void *a, const void *b) {
-  if (table.keyType == HASHTABLE_INT_KEY) return a == b;
-  const auto *const left = static_cast<const char *>(a);
-  const auto *const right = static_cast<const char *>(b);
-  return (table.keyType == HASHTABLE_STRING_KEY ? strcmp(left, right) : strcasecmp(left, right)) ==
-         0;
+// A key to look for, with its hash, by type.
+
+struct IntegerKey {
+  const void *key;
+  uint32_t hash;
+
+  IntegerKey(const HashTable &, const void *wanted) : key(wanted), hash(HashInteger(wanted)) {}
+  bool IsOf(const Entry &entry) const { return entry.key == key; }
+};
+
+struct StringKey {
+  const char *key;
+  uint32_t hash;
+
+  StringKey(const HashTable &, const void *wanted)
+      : key(static_cast<const char *>(wanted)), hash(HashString(key)) {}
+  bool IsOf(const Entry &entry) const {
+    return entry.hash == hash && strcmp(static_cast<const char *>(entry.key), key) == 0;
+  }
+};
+
+struct StringKeyIgnoringCase {
+  const char *key;
+  uint32_t hash;
+
+  StringKeyIgnoringCase(const HashTable &table, const void *wanted)
+      : key(static_cast<const char *>(wanted)), hash(HashIgnoringCase(key, table.lower)) {}
+  bool IsOf(const Entry &entry) const {
+    return entry.hash == hash && strcasecmp(static_cast<const char *>(entry.key), key) == 0;
+  }
+};
+
+// What use(wanted) returns for the key as the table's keys are.
+template <typename Use>
+auto WithKey(const HashTable &table, const void *key, Use use) {
+  switch (table.keyType) {
+    case HASHTABLE_INT_KEY:
+      return use(IntegerKey(table, key));
+    case HASHTABLE_STRING_KEY:
+      return use(StringKey(table, key));
+    case HASHTABLE_ISTRING_KEY:
+      return use(StringKeyIgnoringCase(table, key));
+    default:
+      Fatal_NotReached("lib/misc/hashTable", 142);
+  }
 }
 
 // ---- entries --------------------------------------------------------------------------------
 
-// A key to look for, with its hash.
-struct Wanted {
-  const void *key;
-  uint32_t hash;
-
-  Wanted(const HashTable &table, const void *wanted) : key(wanted), hash(HashKey(table, wanted)) {}
-};
-
-bool HasKey(const HashTable &table, const Entry &entry, const Wanted &wanted) {
-  return entry.hash == wanted.hash && SameKey(table, entry.key, wanted.key);
-}
-
-Entry *FindInChain(const HashTable &table, Entry *head, const Wanted &wanted) {
+template <typename Key>
+Entry *FindInChain(Entry *head, const Key &wanted) {
   Entry *entry = head;
-  while (entry != nullptr && !HasKey(table, *entry, wanted)) entry = entry->next;
+  while (entry != nullptr && !wanted.IsOf(*entry)) entry = entry->next;
   return entry;
 }
 
 Entry *Find(const HashTable &table, const void *key) {
-  const Wanted wanted(table, key);
-  return FindInChain(table, BucketOf(table, wanted.hash).load(std::memory_order_acquire), wanted);
+  return WithKey(table, key, [&table](const auto &wanted) {
+    return FindInChain(BucketOf(table, wanted.hash).load(std::memory_order_acquire), wanted);
+  });
 }
 
-EntryPtr MakeEntry(const HashTable &table, const Wanted &wanted, void *value) {
-  const size_t copySize = table.copyKey ? strlen(static_cast<const char *>(wanted.key)) + 1 : 0;
-  EntryPtr entry(new (Heap_SafeMalloc(sizeof(Entry) + copySize))
-                     Entry{nullptr, wanted.key, value, wanted.hash});
-  if (table.copyKey) {
-    entry->key = memcpy(static_cast<void *>(entry.get() + 1), wanted.key, copySize);
-  }
+EntryPtr MakeEntry(const HashTable &table, const void *key, uint32_t hash, void *value) {
+  const size_t copySize = table.copyKey ? strlen(static_cast<const char *>(key)) + 1 : 0;
+  EntryPtr entry(new (Heap_SafeMalloc(sizeof(Entry) + copySize)) Entry{nullptr, key, value, hash});
+  if (table.copyKey) entry->key = memcpy(static_cast<void *>(entry.get() + 1), key, copySize);
   return entry;
 }
 
@@ -174,15 +169,15 @@ void CountOneLess(HashTable *table) {
 }
 
 // The entry that has the key already; null when the key went in with the value.
-Entry *InsertUnlessThere(HashTable *table, const void *key, void *value) {
-  const Wanted wanted(*table, key);
+template <typename Key>
+Entry *InsertUnlessThere(HashTable *table, const Key &wanted, void *value) {
   Bucket &bucket = BucketOf(*table, wanted.hash);
   EntryPtr fresh;
   for (bool inserted = false; !inserted;) {
     Entry *head = bucket.load(std::memory_order_acquire);
-    Entry *const found = FindInChain(*table, head, wanted);
+    Entry *const found = FindInChain(head, wanted);
     if (found != nullptr) return found;
-    if (fresh == nullptr) fresh = MakeEntry(*table, wanted, value);
+    if (fresh == nullptr) fresh = MakeEntry(*table, wanted.key, wanted.hash, value);
     fresh->next = head;
     if (table->atomic) {
       inserted = bucket.compare_exchange_strong(head, fresh.get(), std::memory_order_release,
@@ -198,20 +193,25 @@ Entry *InsertUnlessThere(HashTable *table, const void *key, void *value) {
   return nullptr;
 }
 
-// Takes the key's entry out of its chain; null when there is none.  Has the table for itself.
+Entry *InsertUnlessThere(HashTable *table, const void *key, void *value) {
+  return WithKey(*table, key, [table, value](const auto &wanted) {
+    return InsertUnlessThere(table, wanted, value);
+  });
+}
+
+// Takes the key's entry out of its chain; null when there is none.  Exclusive.
 EntryPtr Unlink(HashTable *table, const void *key) {
-  const Wanted wanted(*table, key);
-  Bucket &bucket = BucketOf(*table, wanted.hash);
-  Entry *before = nullptr;
-  Entry *entry = bucket.load(std::memory_order_relaxed);
-  while (entry != nullptr && !HasKey(*table, *entry, wanted)) {
-    before = entry;
-    entry = entry->next;
-  }
+  Bucket *bucket = nullptr;
+  Entry *const entry = WithKey(*table, key, [table, &bucket](const auto &wanted) {
+    bucket = &BucketOf(*table, wanted.hash);
+    return FindInChain(bucket->load(std::memory_order_relaxed), wanted);
+  });
   if (entry == nullptr) return nullptr;
-  if (before == nullptr) {
-    bucket.store(entry->next, std::memory_order_relaxed);
+  Entry *before = bucket->load(std::memory_order_relaxed);
+  if (before == entry) {
+    bucket->store(entry->next, std::memory_order_relaxed);
   } else {
+    while (before->next != entry) before = before->next;
     before->next = entry->next;
   }
   CountOneLess(table);
@@ -269,24 +269,20 @@ HashTable *HashTable_Alloc(uint32_t numBuckets, uint32_t flags, HashTableFreeFn 
   if (numBuckets != 0 && !std::has_single_bit(numBuckets)) {
     Panic("%s only takes powers of 2 \n", "HashTable_Alloc");
   }
-  const uint32_t keyType = flags & HASHTABLE_KEY_TYPE_MASK;
-  auto *const table = new (Heap_SafeMalloc(sizeof(HashTable)))
-      HashTable{.numBuckets = numBuckets,
-                .numBits = static_cast<uint32_t>(std::bit_width(numBuckets)) - 1,
-                .keyType = keyType,
-                .atomic = (flags & HASHTABLE_ATOMIC) != 0,
-                .copyKey = (flags & HASHTABLE_COPY_KEY) != 0 && keyType != HASHTABLE_INT_KEY,
-                .freeFn = freeFn,
-                .heads = nullptr,
-                .count = 0,
-                .lower = {}};
-  for (size_t c = 0; keyType == HASHTABLE_ISTRING_KEY && c < table->lower.size(); c++) {
+  HeapPtr<HashTable> table = Heap_New<HashTable>();
+  table->numBuckets = numBuckets;
+  table->numBits = static_cast<uint32_t>(std::bit_width(numBuckets)) - 1;
+  table->keyType = flags & HASHTABLE_KEY_TYPE_MASK;
+  table->atomic = (flags & HASHTABLE_ATOMIC) != 0;
+  table->copyKey = (flags & HASHTABLE_COPY_KEY) != 0 && table->keyType != HASHTABLE_INT_KEY;
+  table->freeFn = freeFn;
+  for (size_t c = 0; table->keyType == HASHTABLE_ISTRING_KEY && c < table->lower.size(); c++) {
     table->lower[c] = static_cast<unsigned char>(tolower(static_cast<int>(c)));
   }
   const size_t numHeads = table->Buckets().size();
   table->heads.reset(static_cast<Bucket *>(Heap_SafeMalloc(numHeads * sizeof(Bucket))));
   std::uninitialized_value_construct_n(table->heads.get(), numHeads);
-  return table;
+  return table.release();
 }
 
 HashTable *HashTable_AllocOnce(std::atomic<HashTable *> *slot, uint32_t numBuckets, uint32_t flags,
@@ -299,8 +295,7 @@ HashTable *HashTable_AllocOnce(std::atomic<HashTable *> *slot, uint32_t numBucke
 void HashTable_Free(HashTable *table) {
   if (table == nullptr) return;
   HashTable_Clear(table);
-  std::destroy_at(table);
-  free(table);
+  HeapPtr<HashTable>(table).reset();
 }
 
 void HashTable_Clear(HashTable *table) {
@@ -315,7 +310,8 @@ void HashTable_Clear(HashTable *table) {
 
 // ---- one entry --------------------------------------------------------------------------------
 
-bool HashTable_Lookup(const HashTable *table, const void *key, void **value) {
+// Inlined whole: the calls would take a quarter of a look-up.
+[[gnu::flatten]] bool HashTable_Lookup(const HashTable *table, const void *key, void **value) {
   const Entry *const entry = Find(*table, key);
   if (entry == nullptr) return false;
   if (value != nullptr) *value = ValueOf(entry);
