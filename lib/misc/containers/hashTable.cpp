@@ -119,16 +119,16 @@ struct StringKeyIgnoringCase {
   }
 };
 
-// What use(wanted) returns for the key as the table's keys are.
+// What use.operator()<Key>() returns for the type of the table's keys.
 template <typename Use>
-auto WithKey(const HashTable &table, const void *key, Use use) {
+auto WithKeyType(const HashTable &table, Use use) {
   switch (table.keyType) {
     case HASHTABLE_INT_KEY:
-      return use(IntegerKey(table, key));
+      return use.template operator()<IntegerKey>();
     case HASHTABLE_STRING_KEY:
-      return use(StringKey(table, key));
+      return use.template operator()<StringKey>();
     case HASHTABLE_ISTRING_KEY:
-      return use(StringKeyIgnoringCase(table, key));
+      return use.template operator()<StringKeyIgnoringCase>();
     default:
       Fatal_NotReached("lib/misc/hashTable", 142);
   }
@@ -143,10 +143,13 @@ Entry *FindInChain(Entry *head, const Key &wanted) {
   return entry;
 }
 
-Entry *Find(const HashTable &table, const void *key) {
-  return WithKey(table, key, [&table](const auto &wanted) {
-    return FindInChain(BucketOf(table, wanted.hash).load(std::memory_order_acquire), wanted);
-  });
+template <typename Key>
+Entry *Find(const HashTable &table, const Key &wanted) {
+  return FindInChain(BucketOf(table, wanted.hash).load(std::memory_order_acquire), wanted);
+}
+
+void *ValueOf(const Entry *entry) {
+  return entry->value.load(std::memory_order_acquire);
 }
 
 EntryPtr MakeEntry(const HashTable &table, const void *key, uint32_t hash, void *value) {
@@ -154,6 +157,15 @@ EntryPtr MakeEntry(const HashTable &table, const void *key, uint32_t hash, void 
   EntryPtr entry(new (Heap_SafeMalloc(sizeof(Entry) + copySize)) Entry{nullptr, key, value, hash});
   if (table.copyKey) entry->key = memcpy(static_cast<void *>(entry.get() + 1), key, copySize);
   return entry;
+}
+
+// Out of line, so that the short way of an integer does not save the registers of the others.
+template <typename Key>
+[[gnu::noinline]] bool Lookup(const HashTable &table, const void *key, void **value) {
+  const Entry *const entry = Find(table, Key(table, key));
+  if (entry == nullptr) return false;
+  if (value != nullptr) *value = ValueOf(entry);
+  return true;
 }
 
 // The count is advisory under concurrent insertion: of two increments at the same time one may get
@@ -194,22 +206,19 @@ Entry *InsertUnlessThere(HashTable *table, const Key &wanted, void *value) {
 }
 
 Entry *InsertUnlessThere(HashTable *table, const void *key, void *value) {
-  return WithKey(*table, key, [table, value](const auto &wanted) {
-    return InsertUnlessThere(table, wanted, value);
-  });
+  return WithKeyType(
+      *table, [=]<typename Key>() { return InsertUnlessThere(table, Key(*table, key), value); });
 }
 
 // Takes the key's entry out of its chain; null when there is none.  Exclusive.
 EntryPtr Unlink(HashTable *table, const void *key) {
-  Bucket *bucket = nullptr;
-  Entry *const entry = WithKey(*table, key, [table, &bucket](const auto &wanted) {
-    bucket = &BucketOf(*table, wanted.hash);
-    return FindInChain(bucket->load(std::memory_order_relaxed), wanted);
-  });
+  Entry *const entry =
+      WithKeyType(*table, [=]<typename Key>() { return Find(*table, Key(*table, key)); });
   if (entry == nullptr) return nullptr;
-  Entry *before = bucket->load(std::memory_order_relaxed);
+  Bucket &bucket = BucketOf(*table, entry->hash);
+  Entry *before = bucket.load(std::memory_order_relaxed);
   if (before == entry) {
-    bucket->store(entry->next, std::memory_order_relaxed);
+    bucket.store(entry->next, std::memory_order_relaxed);
   } else {
     while (before->next != entry) before = before->next;
     before->next = entry->next;
@@ -255,10 +264,6 @@ T *Collect(const HashTable &table, size_t *count, Pick pick) {
     return 0;
   });
   return array.release();
-}
-
-void *ValueOf(const Entry *entry) {
-  return entry->value.load(std::memory_order_acquire);
 }
 
 }  // namespace
@@ -310,12 +315,8 @@ void HashTable_Clear(HashTable *table) {
 
 // ---- one entry --------------------------------------------------------------------------------
 
-// Inlined whole: the calls would take a quarter of a look-up.
-[[gnu::flatten]] bool HashTable_Lookup(const HashTable *table, const void *key, void **value) {
-  const Entry *const entry = Find(*table, key);
-  if (entry == nullptr) return false;
-  if (value != nullptr) *value = ValueOf(entry);
-  return true;
+bool HashTable_Lookup(const HashTable *table, const void *key, void **value) {
+  return WithKeyType(*table, [=]<typename Key>() { return Lookup<Key>(*table, key, value); });
 }
 
 bool HashTable_Insert(HashTable *table, const void *key, void *value) {
@@ -335,7 +336,8 @@ bool HashTable_ReplaceOrInsert(HashTable *table, const void *key, void *value) {
 }
 
 bool HashTable_ReplaceIfEqual(HashTable *table, const void *key, void *oldValue, void *newValue) {
-  Entry *const entry = Find(*table, key);
+  Entry *const entry =
+      WithKeyType(*table, [=]<typename Key>() { return Find(*table, Key(*table, key)); });
   void *expected = oldValue;
   if (entry == nullptr ||
       !entry->value.compare_exchange_strong(expected, newValue, std::memory_order_acq_rel,
