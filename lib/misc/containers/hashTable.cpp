@@ -161,7 +161,7 @@ EntryPtr MakeEntry(const HashTable &table, const void *key, uint32_t hash, void 
 
 // Out of line, so that the short way of an integer does not save the registers of the others.
 template <typename Key>
-[[gnu::noinline]] bool Lookup(const HashTable &table, const void *key, void **value) {
+[[gnu::noinline, gnu::flatten]] bool Lookup(const HashTable &table, const void *key, void **value) {
   const Entry *const entry = Find(table, Key(table, key));
   if (entry == nullptr) return false;
   if (value != nullptr) *value = ValueOf(entry);
