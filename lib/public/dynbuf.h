@@ -2,8 +2,9 @@
 //
 // A DynBuf is a plain record that its user owns, on the stack or inside another record; the bytes
 // are one block from malloc.  It starts with one of the three DynBuf_Init forms, and its block
-// leaves it by DynBuf_Detach or is freed by DynBuf_Destroy; ScopedDynBuf does both ends.  The bytes
-// are not NUL-terminated unless somebody appends the NUL or uses DynBuf_DetachString.
+// leaves it by DynBuf_Detach or is freed by DynBuf_Destroy; ScopedDynBuf does the first and the
+// last.  The bytes are not NUL-terminated unless the user appends the NUL or calls
+// DynBuf_DetachString.
 //
 // Sizes are bytes.  The buffer of every procedure is not null and, but for DynBuf_Init*,
 // initialised.  What returns a bool leaves the buffer as it was, with errno ENOMEM, when it returns
@@ -55,7 +56,8 @@ void DynBuf_Attach(DynBuf *buf, size_t size, void *data);
 // is 0.
 [[nodiscard]] bool DynBuf_Append(DynBuf *buf, const void *bytes, size_t length);
 
-// Gives back what is reserved and not in use; an empty buffer has no block then.
+// Gives back what is reserved and not in use; an empty buffer has no block then.  After a failure
+// the buffer is as good as before, only larger than it has to be.
 [[nodiscard]] bool DynBuf_Trim(DynBuf *buf);
 
 // Makes `dest` a copy of src: a block of its own with as much reserved and the same content.  What

@@ -2,11 +2,11 @@
 // back.
 //
 // Data are any bytes, NUL included, given with their length; they may be null when the length is 0.
-// Texts are NUL-terminated and not null.  Where the result is a `char *` that is not told
-// otherwise, it is a new NUL-terminated string that the caller frees with free(), or null with
-// errno ENOMEM. `outLength` may be null; it receives the result's length without the NUL, and is
-// left alone on failure.  Bytes are taken as they are, whatever the encoding: in UTF-8 only ASCII
-// characters may be escape bytes or be searched for.  Any thread may call anything here.
+// Texts are NUL-terminated and not null.  A result of type `char *` is a new NUL-terminated string
+// that the caller frees with free(), or null with errno ENOMEM.  `outLength` may be null; it receives
+// the result's length without the NUL, and is left alone on failure.  Bytes are taken as they are,
+// whatever the encoding: in UTF-8 only ASCII characters may be escape bytes or be searched for.  Any
+// thread may call anything here.
 #pragma once
 
 #include <array>
@@ -34,9 +34,9 @@ constexpr EscapeTable Escape_Table(std::string_view marked) {
 [[nodiscard]] char *Escape_Do(char escapeByte, const EscapeTable &bytesToEscape, const void *data,
                               size_t length, size_t *outLength);
 
-// Each escape byte that two hexadecimal digits of either case follow becomes, with them, the byte
-// they tell.  An escape byte without two digits stays, and so does what ended it, even an escape
-// byte: "%%41" and "%4%41" are left as they are.
+// Each escape byte followed by two hexadecimal digits, of either case, becomes together with them the
+// byte of that value.  An escape byte without two digits stays, and so does the byte that ended the
+// attempt, even if that is an escape byte: "%%41" and "%4%41" are left as they are.
 [[nodiscard]] char *Escape_Undo(char escapeByte, const void *data, size_t length,
                                 size_t *outLength);
 

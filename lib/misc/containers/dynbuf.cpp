@@ -1,8 +1,9 @@
 // dynbuf.cpp -- a byte buffer that grows as bytes are appended.
 //
-// Holds: size <= allocated, and allocated is 0 when data is null; but the size of a detached buffer
-//        outlives its block.
-// Tests: tests/unit/containers_test.cpp
+// Invariants: size <= allocated, and allocated is 0 when data is null; but a detached buffer keeps its
+// size.
+//
+// Tested by tests/unit/containers_test.cpp.
 
 #include "lib/public/dynbuf.h"
 

@@ -1,9 +1,9 @@
 // escape.cpp -- escaping and quoting of bytes.
 //
-// Idea:  every result is the input with some places replaced.  A procedure finds the places from
-//        left to right; Rewriter copies the run before each one unchanged and puts the replacement
-//        after it.
-// Tests: tests/unit/containers_test.cpp, fuzz/escape_fuzz.cpp
+// Idea: every result is the input with some places replaced.  A procedure finds the places from left
+// to right; Rewriter copies the run before each place unchanged and appends the replacement.
+//
+// Tested by tests/unit/containers_test.cpp and fuzz/escape_fuzz.cpp.
 
 #include "lib/public/escape.h"
 
@@ -17,7 +17,7 @@
 
 namespace {
 
-// The input, and the result while it is built.  A failed append makes all of it fail.
+// The input, and the result while it is built.  After a failed append there is no result.
 class Rewriter {
   std::string_view input_;
   size_t next_ = 0;  // where the input is not copied or replaced yet
@@ -27,7 +27,7 @@ class Rewriter {
  public:
   explicit Rewriter(std::string_view input) : input_(input) {}
 
-  // Puts `text` for the bytes [from, to) of the input.  Places come in order.
+  // Puts `text` in place of the bytes [from, to) of the input.  Places come in order.
   void Replace(size_t from, size_t to, std::string_view text) {
     Append(std::string_view(input_.data() + next_, from - next_));
     Append(text);
@@ -42,7 +42,8 @@ class Rewriter {
   // The result for the caller of the procedure; null when memory ran out on the way.
   [[nodiscard]] char *Finish(size_t *outLength) {
     Replace(input_.size(), input_.size(), {"\0", 1});
-    if (!ok_ || !DynBuf_Trim(&result_)) return nullptr;
+    if (!ok_) return nullptr;
+    static_cast<void>(DynBuf_Trim(&result_));  // a block that stays too large is no failure
     if (outLength != nullptr) *outLength = result_.size - 1;
     return DynBuf_Detach(&result_);
   }
@@ -90,7 +91,7 @@ size_t ReadCEscape(const char *text, char *byte) {
     *byte = text[1] == 'n' ? '\n' : '\\';
     return 2;
   }
-  // sscanf alone would also take blanks, a sign or fewer digits, and measure all of the text.
+  // sscanf by itself would also accept blanks, a sign or fewer digits, and measures all of the text.
   if (!IsOctal(text[1]) || !IsOctal(text[2]) || !IsOctal(text[3])) return 0;
   const char digits[] = {text[0], text[1], text[2], text[3], '\0'};
   unsigned value = 0;
@@ -161,8 +162,8 @@ char *Escape_Sh(const void *data, size_t length, size_t *outLength) {
   Rewriter rewriter(input);
   rewriter.Replace(0, 0, "'");
   for (size_t at = 0; (at = input.find('\'', at)) != std::string_view::npos; at++) {
-    // Ends the single quotes and writes a quote between double ones; the input's own quote, at the
-    // head of the next run, begins the single quotes again.
+    // Ends the single-quoted part and adds a quote in double quotes; the quote of the input itself,
+    // which begins the next run, opens the next single-quoted part.
     rewriter.Replace(at, at, "'\"'\"");
   }
   rewriter.Replace(input.size(), input.size(), "'");
