@@ -20,7 +20,7 @@ namespace {
 void FormatAll(FormatSink &sink, FormatLocale &locale, const char *format, FormatBinder &binder) {
   for (const char *at = format; !sink.Failed();) {
     const char *const percent = FormatGrammar_Find(at);
-    sink.Write(at, static_cast<size_t>(percent - at));
+    if (percent != at) sink.Write(at, static_cast<size_t>(percent - at));
     if (*percent == '\0') return;
     FormatConversion conversion;
     at = FormatGrammar_Parse(percent, &conversion);

@@ -1,4 +1,6 @@
 // formatConvert.cpp -- stage 3 of formatting: which conversion a value goes through.
+//
+// Tested by tests/unit/format_test.cpp.
 
 #include "lib/string/formatConvert.h"
 
@@ -35,14 +37,19 @@ void FormatConvert(FormatSink &sink, FormatLocale &locale, const FormatConversio
       FormatConvertChar(sink, field, field.character);
       break;
     case FormatKind::Signed:
+      FormatConvertSigned(sink, locale, field, value.integer);
+      break;
     case FormatKind::Unsigned:
+      FormatConvertUnsigned(sink, locale, field, value.integer);
+      break;
     case FormatKind::Octal:
+      FormatConvertOctal(sink, field, value.integer);
+      break;
     case FormatKind::Hex:
-      FormatConvertInteger(sink, locale, field, value.integer);
+      FormatConvertHex(sink, field, value.integer);
       break;
     case FormatKind::Pointer:
-      FormatConvertInteger(sink, locale, field,
-                           static_cast<int64_t>(reinterpret_cast<uintptr_t>(value.pointer)));
+      FormatConvertPointer(sink, field, value.pointer);
       break;
     case FormatKind::Char:
       FormatConvertChar(sink, field, static_cast<int>(value.integer));

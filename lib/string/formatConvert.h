@@ -16,8 +16,13 @@ void FormatConvert(FormatSink &sink, FormatLocale &locale, const FormatConversio
                    FormatValue value);
 
 // Its parts, by kind of conversion.
-void FormatConvertInteger(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
-                          int64_t value);
+void FormatConvertSigned(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
+                         int64_t argument);
+void FormatConvertUnsigned(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
+                           int64_t argument);
+void FormatConvertOctal(FormatSink &sink, const FormatConversion &field, int64_t argument);
+void FormatConvertHex(FormatSink &sink, const FormatConversion &field, int64_t argument);
+void FormatConvertPointer(FormatSink &sink, const FormatConversion &field, const void *pointer);
 void FormatConvertFloat(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
                         double value);
 void FormatConvertString(FormatSink &sink, const FormatConversion &field, const void *string);

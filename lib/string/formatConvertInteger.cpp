@@ -1,7 +1,9 @@
 // formatConvertInteger.cpp -- d i u o x X p: integers.
 //
-// The number of digits is known before the first is written, so that a field that fits is written
-// where it belongs, digits from the last to the first.
+// The number of digits is known before the first is written, so a field that fits is written in place,
+// its digits from the last to the first.
+//
+// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
 
 #include <algorithm>
 #include <array>
@@ -72,32 +74,19 @@ void PutHex(uint64_t value, char *end, const char *digits) {
   } while ((value >>= 4) != 0);
 }
 
+// The value as an argument of the type that the size modifier says.
+
 int64_t NarrowSigned(int64_t value, FormatSize size) {
-  switch (size) {
-    case FormatSize::None:
-    case FormatSize::Int:
-      return static_cast<int>(value);
-    case FormatSize::Char:
-      return static_cast<signed char>(value);
-    case FormatSize::Short:
-      return static_cast<short>(value);
-    default:
-      return value;
-  }
+  if (size <= FormatSize::Int) return static_cast<int>(value);
+  if (size == FormatSize::Char) return static_cast<signed char>(value);
+  return size == FormatSize::Short ? static_cast<short>(value) : value;
 }
 
 uint64_t NarrowUnsigned(int64_t value, FormatSize size) {
-  switch (size) {
-    case FormatSize::None:
-    case FormatSize::Int:
-      return static_cast<unsigned>(value);
-    case FormatSize::Char:
-      return static_cast<unsigned char>(value);
-    case FormatSize::Short:
-      return static_cast<unsigned short>(value);
-    default:
-      return static_cast<uint64_t>(value);
-  }
+  if (size <= FormatSize::Int) return static_cast<unsigned>(value);
+  if (size == FormatSize::Char) return static_cast<unsigned char>(value);
+  if (size == FormatSize::Short) return static_cast<unsigned short>(value);
+  return static_cast<uint64_t>(value);
 }
 
 struct Decimal {
@@ -229,40 +218,37 @@ void PrintDecimal(FormatSink &sink, FormatLocale &locale, const FormatConversion
   Print<Decimal>(sink, field, head, value);
 }
 
-void PrintSigned(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
-                 int64_t value) {
+}  // namespace
+
+void FormatConvertSigned(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
+                         int64_t argument) {
+  const int64_t value = NarrowSigned(argument, field.size);
   const uint64_t magnitude =
       value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
   PrintDecimal(sink, locale, field, {FormatSignOf(field, value < 0)}, magnitude);
 }
 
-void PrintOctal(FormatSink &sink, const FormatConversion &field, uint64_t value) {
+void FormatConvertUnsigned(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
+                           int64_t argument) {
+  PrintDecimal(sink, locale, field, {}, NarrowUnsigned(argument, field.size));
+}
+
+void FormatConvertOctal(FormatSink &sink, const FormatConversion &field, int64_t argument) {
+  const uint64_t value = NarrowUnsigned(argument, field.size);
   // With # the first digit is a zero.
   const size_t wanted = !field.Has(kFormatAlternate) ? 0 : value == 0 ? 1 : Octal::Count(value) + 1;
   Print<Octal>(sink, field, {}, value, wanted);
 }
 
-void PrintHex(FormatSink &sink, const FormatConversion &field, uint64_t value) {
+void FormatConvertHex(FormatSink &sink, const FormatConversion &field, int64_t argument) {
+  const uint64_t value = NarrowUnsigned(argument, field.size);
   Head head;
   if (field.Has(kFormatAlternate) && value != 0) head.prefix = field.character;
   if (field.character == 'x') return Print<LowerHex>(sink, field, head, value);
   Print<UpperHex>(sink, field, head, value);
 }
 
-}  // namespace
-
-void FormatConvertInteger(FormatSink &sink, FormatLocale &locale, const FormatConversion &field,
-                          int64_t value) {
-  switch (field.kind) {
-    case FormatKind::Signed:
-      return PrintSigned(sink, locale, field, NarrowSigned(value, field.size));
-    case FormatKind::Octal:
-      return PrintOctal(sink, field, NarrowUnsigned(value, field.size));
-    case FormatKind::Hex:
-      return PrintHex(sink, field, NarrowUnsigned(value, field.size));
-    case FormatKind::Pointer:  // never with a prefix
-      return Print<UpperHex>(sink, field, {}, static_cast<uint64_t>(value));
-    default:
-      return PrintDecimal(sink, locale, field, {}, NarrowUnsigned(value, field.size));
-  }
+// Never with a prefix.
+void FormatConvertPointer(FormatSink &sink, const FormatConversion &field, const void *pointer) {
+  Print<UpperHex>(sink, field, {}, reinterpret_cast<uintptr_t>(pointer));
 }
