@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "lib/public/bsd_vsnprintf.h"
 #include "lib/public/heap.h"
@@ -33,9 +34,7 @@ void Require(bool condition, const string &format, const char *what) {
 
 // ---- made formats ---------------------------------------------------------------------------
 
-enum class Type { Int, Int64, Double, String };
-constexpr Type kTypes[] = {Type::Int,    Type::Int64, Type::Double,
-                           Type::String, Type::Int,   Type::Double};
+constexpr std::string_view kTypes = "ilfsif";  // int, int64_t, double, string
 constexpr int kIntPositions[] = {1, 5};
 
 class FormatMaker {
@@ -49,9 +48,9 @@ class FormatMaker {
   string Make() {
     AddLiteral();
     // By position each one is named once at least, or its type would be unknown.
-    for (size_t i = 0; i < std::size(kTypes); ++i) AddConversion(i);
+    for (size_t i = 0; i < kTypes.size(); ++i) AddConversion(i);
     while (positional_ && data_.remaining_bytes() > 0) {
-      AddConversion(data_.ConsumeIntegralInRange<size_t>(0, std::size(kTypes) - 1));
+      AddConversion(data_.ConsumeIntegralInRange<size_t>(0, kTypes.size() - 1));
     }
     return format_;
   }
@@ -63,10 +62,8 @@ class FormatMaker {
     }
   }
 
-  void AddFlags(const char *flags) {
-    while (data_.ConsumeBool() && data_.remaining_bytes() > 0) {
-      format_ += flags[data_.ConsumeIntegralInRange<size_t>(0, strlen(flags) - 1)];
-    }
+  char PickOf(const char *list) {
+    return list[data_.ConsumeIntegralInRange<size_t>(0, strlen(list) - 1)];
   }
 
   void AddCount(int lowest, int highest) {
@@ -77,39 +74,27 @@ class FormatMaker {
     }
   }
 
-  void AddPrecision(int lowest) {
-    if (!data_.ConsumeBool()) return;
-    format_ += '.';
-    AddCount(lowest, 400);
-  }
-
   void AddConversion(size_t index) {
     format_ += '%';
     if (positional_) format_ += std::to_string(index + 1) + '$';
-    const Type type = kTypes[index];
-    const size_t flags = format_.size();
-    AddFlags(type == Type::String ? "-+ #'" : "-+ #'0");
+    const char type = kTypes[index];
+    const char letter = PickOf(type == 'f' ? "eEfFgG" : type == 's' ? "s" : "diuoxX");
+    // glibc drops the zeros of "#" when rounding adds a digit (%#g of 999999.5).
+    const bool isGeneral = letter == 'g' || letter == 'G';
+    const char *const flags = isGeneral ? "-+ '0" : letter == 's' ? "-+ #'" : "-+ #'0";
+    while (data_.ConsumeBool() && data_.remaining_bytes() > 0) format_ += PickOf(flags);
     if (data_.ConsumeBool()) AddCount(1, 300);
-    if (type == Type::Int || type == Type::Int64) {
-      AddPrecision(0);
-      // By position glibc takes q and L for no modifier at all.
-      format_ += type == Type::Int ? data_.PickValueInArray({"", "h", "hh"})
-                 : positional_     ? data_.PickValueInArray({"l", "ll", "j", "z", "t"})
-                                   : data_.PickValueInArray({"l", "ll", "q", "L", "j", "z", "t"});
-      format_ += data_.PickValueInArray({'d', 'i', 'u', 'o', 'x', 'X'});
-    } else if (type == Type::Double) {
-      const char conversion = data_.PickValueInArray({'e', 'E', 'f', 'F', 'g', 'G'});
-      // glibc drops the zeros of "#" when rounding adds a digit (%#g of 999999.5).
-      if (conversion == 'g' || conversion == 'G') {
-        std::replace(format_.begin() + static_cast<ptrdiff_t>(flags), format_.end(), '#', '+');
-      }
+    if (data_.ConsumeBool()) {
+      format_ += '.';
       // Without decimals halves are rounded another way than the host's.
-      AddPrecision(conversion == 'f' || conversion == 'F' ? 1 : 0);
-      format_ += conversion;
-    } else {
-      AddPrecision(0);
-      format_ += 's';
+      AddCount(letter == 'f' || letter == 'F' ? 1 : 0, 400);
     }
+    if (type == 'i') format_ += data_.PickValueInArray({"", "h", "hh"});
+    // By position glibc takes q and L for no modifier at all.
+    const size_t last = positional_ ? 4 : 6;
+    const char *const sizes[] = {"l", "ll", "j", "z", "t", "q", "L"};
+    if (type == 'l') format_ += sizes[data_.ConsumeIntegralInRange<size_t>(0, last)];
+    format_ += letter;
     AddLiteral();
   }
 };
@@ -150,9 +135,7 @@ void PrintRaw(FuzzedDataProvider &data) {
   const size_t size = data.ConsumeIntegralInRange<size_t>(0, 300);
   string format = data.ConsumeRemainingBytesAsString();
   // A stored count could make the wide string below illegal, which is fatal.
-  for (char &c : format) {
-    if (c == 'n') c = 'd';
-  }
+  std::replace(format.begin(), format.end(), 'n', 'd');
   format = format.c_str();
   // "ab" as 32-bit units, "a" as bytes, and an address for whatever takes a number.
   alignas(8) const char32_t text[] = U"ab";

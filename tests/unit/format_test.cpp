@@ -84,13 +84,10 @@ TEST(Format, OwnForms) {
        Ours("%12$d %11$s %10$g %9$d %2$s", 1, "b", 3, 4, 5, 6, 7, 8, 9, 1.5, "k", 12)},
   };
   for (const auto &[expected, actual] : rows) EXPECT_EQ(expected, actual);
-  signed char c[2] = {-1, -1};
-  short h[2] = {-1, -1};
-  int n[2] = {-1, -1};
-  int64_t l = -1;
-  EXPECT_EQ("abc", Ours("%hhna%hnb%nc%lln", c, h, n, &l));
-  EXPECT_TRUE(c[0] == 0 && h[0] == 1 && n[0] == 2 && l == 3) << "what stands before";
-  EXPECT_TRUE(c[1] == -1 && h[1] == -1 && n[1] == -1) << "no wider than told";
+  int64_t cells[] = {-1, -1, -1, -1};  // of which no more is written than the modifier says
+  EXPECT_EQ("abc", Ours("%hhna%hnb%nc%lln", &cells[0], &cells[1], &cells[2], &cells[3]));
+  const int64_t counts[] = {~int64_t{0xFF}, ~int64_t{0xFFFF} + 1, ~int64_t{0xFFFFFFFF} + 2, 3};
+  EXPECT_TRUE(std::equal(std::begin(cells), std::end(cells), counts));
 }
 
 TEST(Format, WideCharactersDependOnTheLocale) {
@@ -187,11 +184,10 @@ TEST(Format, ExhaustedMemoryIsAFailureAtEveryPlace) {
   }
   EXPECT_EQ(1, aborts);
   EXPECT_GT(nth, 4);
-  const auto grows = [](size_t length) {
-    const AllocFault second(2);
-    return Ours("%s", string(length, 'a').c_str()) == kPeerFailed;
-  };
-  EXPECT_TRUE(!grows(63) && grows(64)) << "what the first block holds";
+  for (const size_t length : {63, 64}) {
+    const AllocFault second(2);  // the first block holds 64 bytes
+    EXPECT_EQ(length == 64, Ours("%s", string(length, 'a').c_str()) == kPeerFailed);
+  }
 }
 
 // ---- bounded buffers -------------------------------------------------------------------------
@@ -223,17 +219,19 @@ TEST(Str, CutsBetweenCharactersAtEverySize) {
 
 TEST(Str, WhatDoesNotFitIsFatal) {
   static char buffer[8];
-  const std::pair<string, std::function<void()>> rows[] = {
-      {"lib/string/str:214 Buffer too small", [] { Str_Sprintf(buffer, 3, "%d", 123); }},
-      {"lib/string/str:177 Buffer too small", [] { Str_SprintfPosixLocale(buffer, 3, "%d", 123); }},
-      {"lib/string/str:284 Buffer too small", [] { Str_Strcpy(buffer, "abc", 3); }},
-      {"lib/string/str:322 Buffer too small", [] { Str_Strncpy(buffer, 3, "abcd", 3); }},
-      {"lib/string/str:444 Buffer too small", [] { Str_Strcat(strcpy(buffer, "ab"), "cd", 4); }},
-      {"lib/string/str:498 Buffer too small",
-       [] { Str_Strncat(strcpy(buffer, "ab"), 4, "cde", 2); }},
-      {"VERIFY lib/string/str:657", [] { free(Str_SafeAsprintf(nullptr, "%lc", 0x20ac)); }},
+  const std::pair<const char *, std::function<void()>> rows[] = {
+      {"214", [] { Str_Sprintf(buffer, 3, "%d", 123); }},
+      {"177", [] { Str_SprintfPosixLocale(buffer, 3, "%d", 123); }},
+      {"284", [] { Str_Strcpy(buffer, "abc", 3); }},
+      {"322", [] { Str_Strncpy(buffer, 3, "abcd", 3); }},
+      {"444", [] { Str_Strcat(strcpy(buffer, "ab"), "cd", 4); }},
+      {"498", [] { Str_Strncat(strcpy(buffer, "ab"), 4, "cde", 2); }},
   };
-  for (const auto &[text, body] : rows) EXPECT_EQ("Panic: " + text + "\n", FatalText(body));
+  for (const auto &[line, body] : rows) {
+    EXPECT_EQ(string("Panic: lib/string/str:") + line + " Buffer too small\n", FatalText(body));
+  }
+  EXPECT_EQ("Panic: VERIFY lib/string/str:657\n",
+            FatalText([] { free(Str_SafeAsprintf(nullptr, "%lc", 0x20ac)); }));
 }
 
 TEST(Str, BoundedCopiesAndSearches) {
