@@ -40,16 +40,15 @@ void DynBuf_Destroy(DynBuf *buf);
 void DynBuf_Attach(DynBuf *buf, size_t size, void *data);
 
 // Hands the block, null when there is none, to the caller, who frees it with free().  The buffer
-// has no block any more, but `size` still tells how many bytes the caller received: initialise the
-// buffer before it is used again.
+// has no block any more, but `size` is still the number of bytes that the caller received: initialise
+// the buffer before it is used again.
 [[nodiscard]] char *DynBuf_Detach(DynBuf *buf);
 
 // ---- growing and shrinking -------------------------------------------------------------------
 
 // Enlarges the block, always: to at least minSize bytes, and by a step at least.  The step is 128
-// bytes for the first block, the block's own size below 256 KiB, and 256 KiB from there on:
-// doubling keeps the copying linear, and the bound keeps a large buffer from reserving much in
-// vain.
+// bytes for the first block, the block's own size below 256 KiB, and 256 KiB from there on: doubling
+// keeps the copying linear, and the bound keeps large buffers from reserving much that is never used.
 [[nodiscard]] bool DynBuf_Enlarge(DynBuf *buf, size_t minSize);
 
 // Appends `length` bytes, which do not lie in the buffer itself.  `bytes` may be null when length

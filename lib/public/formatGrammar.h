@@ -98,8 +98,7 @@ struct FormatConversion {
   return percent != nullptr ? percent : at + strlen(at);
 }
 
-// Takes apart the conversion whose `%` is at `percent`; returns where it ends and the format goes
-// on.
+// Takes apart the conversion whose `%` is at `percent`; returns the place behind it.
 [[nodiscard]] const char *FormatGrammar_Parse(const char *percent, FormatConversion *conversion);
 
 // ---- the arguments of a whole format ----------------------------------------------------------
@@ -111,18 +110,17 @@ struct FormatPlaces {
   size_t value = 0;
 };
 
-// The highest position that a format may name.  Whoever fetches arguments by position keeps them all,
-// so a format could otherwise ask for any amount of memory.  glibc and most other systems have the
-// same limit.
+// The highest position that a format may name.  Arguments fetched by position are all kept, so without
+// a limit a format could ask for any amount of memory.  This is NL_ARGMAX of glibc.
 inline constexpr size_t kFormatMaxPosition = 4096;
 
-// Which argument is next in turn for what names no position.
+// Which argument is next in turn where no position is named.
 class FormatTurn {
   size_t next_ = 1;
 
  public:
-  // The places of the next conversion of a format.  The position of its value moves the turn, one at
-  // a `*` does not.
+  // The places of the next conversion of a format.  A position for its value moves the turn, a
+  // position at a `*` does not.
   FormatPlaces PlacesOf(const FormatConversion &conversion) {
     FormatPlaces places;
     if (conversion.Has(kFormatStar)) {
@@ -143,7 +141,7 @@ class FormatTurn {
   }
 };
 
-// Goes through the conversions of a format with their positions, without the arguments.
+// Visits the conversions of a format with their positions, without the arguments.
 class FormatWalk {
   const char *percent_ = nullptr;
   const char *next_;

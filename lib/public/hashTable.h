@@ -5,20 +5,20 @@
 // table is as fast as it has buckets for its entries.  "Bucket order" is by bucket, and within one
 // the latest insertion first.
 //
-// Who owns what
+// Ownership
 //   keys     stay the caller's and must outlive their entries, unless the table was created with
 //            HASHTABLE_COPY_KEY: then it keeps a copy of each string.
 //   values   are handed to the table by a successful insertion or replacement.  A table with a free
-//            function calls it once with each value that it gives up by replacing, deleting,
+//            function calls it once for each value that is dropped by replacing, deleting,
 //            clearing or freeing; a value that was refused, or taken out by
 //            HashTable_LookupAndDelete, is the caller's.
 //
 // Threads
 //   "Concurrent" below: on a table created with HASHTABLE_ATOMIC, any number of threads may call
 //   these procedures at the same time, without a lock, and none of them ever waits for another.
-//   What a thread wrote before it handed over a key or value is seen by whoever gets that from the
-//   table.  A replaced value is freed at once, so where values are replaced and freed, a reader
-//   needs an agreement of its own about how long a value that it looked up may be used.
+//   What a thread wrote before it handed over a key or value is visible to any thread that gets it
+//   from the table.  A replaced value is freed at once, so where values are replaced and freed, the
+//   program must settle by other means how long a reader may use a value that it looked up.
 //   "Exclusive": the caller makes sure that no other thread uses the table meanwhile.
 //   Without HASHTABLE_ATOMIC a table is used by one thread at a time.
 //
@@ -33,7 +33,7 @@
 
 struct HashTable;
 
-// Called with a value that the table gives up.  It must not use the table.
+// Called with a value that the table drops.  It must not use the table.
 using HashTableFreeFn = void (*)(void *value);
 
 // Called with an entry; a result other than zero ends the walk.
@@ -61,8 +61,8 @@ inline const void *HashTable_IntKey(uintptr_t key) {
 [[nodiscard]] HashTable *HashTable_Alloc(uint32_t numBuckets, uint32_t flags,
                                          HashTableFreeFn freeFn);
 
-// The table in `slot` (not null); when there is none, makes one and puts it there.  All threads
-// that ask for a slot at the same time get the same table.
+// The table in `slot` (not null), which is made when there is none.  Threads that ask for the same
+// slot at the same time get the same table.
 [[nodiscard]] HashTable *HashTable_AllocOnce(std::atomic<HashTable *> *slot, uint32_t numBuckets,
                                              uint32_t flags, HashTableFreeFn freeFn);
 
@@ -104,8 +104,8 @@ bool HashTable_LookupAndDelete(HashTable *table, const void *key, void **value);
 //
 // While others insert, entries that are new may be met or not.
 
-// The number of entries.  Advisory once threads have inserted at the same time: it may miss some
-// then, until the table is cleared.  The arrays below have all the entries nevertheless.
+// The number of entries.  Only advisory once threads have inserted at the same time: it may be too
+// small from then on, until the table is cleared.  The arrays below have all entries nevertheless.
 [[nodiscard]] size_t HashTable_GetNumElements(const HashTable *table);
 
 // A new array of all keys, or all values, in bucket order, which the caller frees with free(); the

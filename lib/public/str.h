@@ -6,7 +6,7 @@
 //   %ls   32-bit code units, converted to UTF-8 whatever the locale; one above 10FFFF is fatal
 //   %s    prints "(null)" for a null pointer; so does %ls
 //   %.0f  rounds halves away from zero; all other roundings take the even digit
-//   %f    never prints a minus before "nan", and neither do the other conversions of doubles
+//   %f    prints "nan" without a minus, as the other conversions of doubles do
 //   %Lf   prints the nearest double
 //   %'d   groups digits only if the locale separates them by one ASCII character
 //   %a    prints as itself, like an unknown conversion character, but takes its argument
@@ -42,7 +42,7 @@ int Str_SprintfPosixLocale(char *buffer, size_t size, const char *format, ...)
 // ---- into a new string -----------------------------------------------------------------------
 //
 // The caller frees the result with free().  `length` may be null; on success it receives the
-// string's length, on failure it is left alone.
+// string's length; on failure it is left alone.
 
 // Null, with errno as bsd_vsnprintf.h says, when memory runs out or the arguments cannot be
 // formatted.
@@ -70,8 +70,8 @@ char *Str_Strncpy(char *dest, size_t size, const char *src, size_t n);
 // The length up to the first NUL, at most n; never reads past n bytes.
 size_t Str_Strlen(const char *s, size_t n);
 
-// The first place of `needle` within the first n bytes of s, which end at a NUL, too; null if there
-// is none.  An empty needle is found at s.
+// The first occurrence of `needle` within the first n bytes of s, or up to its NUL; null if there is
+// none.  An empty needle is found at s.
 char *Str_Strnstr(const char *s, const char *needle, size_t n);
 
 char *Str_Strcat(char *dest, const char *src, size_t size);

@@ -5,7 +5,9 @@
 //          --> formatConvert   turns the value into bytes
 //          --> formatSink      keeps what fits, or grows
 //
-// Conversions differ from the host's printf where str.h says so.  Nothing is written but to memory.
+// Conversions differ from the host's printf where str.h says so.
+//
+// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
 
 #include "lib/public/bsd_vsnprintf.h"
 

@@ -1,9 +1,10 @@
 // formatBind.h -- stage 2 of formatting: which argument each conversion, width and precision gets.
 //
-// Arguments come straight from the argument list, one after the other, until a format names a
-// position.  Then the whole format is read once to learn the type at every position -- an argument
-// list can only be walked from its start, knowing each type -- and from there on all arguments come
-// from the table of fetched values.  A conversion without a position takes the one behind the last.
+// Arguments come straight from the argument list, one after the other, until the format names a
+// position.  Then the whole format is read once to learn the type at every position, since an argument
+// list can only be walked from its start and knowing each type.  From there on all arguments come from
+// the table of fetched values, and a conversion without a position takes the argument that follows the
+// previous one.
 #pragma once
 
 #include <cstdarg>
@@ -69,8 +70,7 @@ class FormatBinder {
   HeapArray<FormatValue> inHeap_;
 
  public:
-  // Arguments from a list, which is used up; the parameter outlives the binder.  A copy to use up
-  // would be simpler, but a list is slow to copy right after va_start.
+  // Arguments from a list, which is consumed; the parameter outlives the binder.
   FormatBinder(const char *format, FormatArgList *args) : format_(format), next_(args) {
     va_copy(first_, *args);
   }
@@ -81,7 +81,7 @@ class FormatBinder {
   FormatBinder(const FormatBinder &) = delete;
   FormatBinder &operator=(const FormatBinder &) = delete;
 
-  // Fetches the argument of `conversion`, of any kind but End, if it has one.  A width or precision
+  // Fetches the argument of `conversion`, which is of any kind but End, if it takes one.  A width or precision
   // that is an argument becomes a literal, a negative width becomes the flag for left adjustment,
   // and a negative precision none.  False, with errno set, when memory runs out or the argument does
   // not exist.

@@ -1,7 +1,6 @@
-// formatBytes.h -- memcpy and memset without the call, for the few bytes that most pieces of a text
-// have.
+// formatBytes.h -- memcpy and memset without the call, since most pieces of a text have few bytes.
 //
-// Two words that may overlap cover every length between one and two of them.
+// Two words that may overlap cover every length between one word and two.
 #pragma once
 
 #include <array>

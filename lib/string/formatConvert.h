@@ -1,8 +1,8 @@
 // formatConvert.h -- stage 3 of formatting: from one value to the bytes of its field.
 //
-// Every conversion makes the same row of runs, most of them mostly empty:
+// Every conversion writes the same sequence of runs, most of which are usually empty:
 //   blanks, sign or prefix, zeros, body, blanks
-// and announces its length to the sink before it writes.
+// and makes room for all of them before it writes the first.
 #pragma once
 
 #include <cstdint>

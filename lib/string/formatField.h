@@ -6,7 +6,7 @@
 
 #include "lib/public/formatGrammar.h"
 
-// What a field is filled up with to its width.
+// What fills a field up to its width.
 struct FormatPadding {
   size_t blanksBefore = 0;
   size_t zeros = 0;

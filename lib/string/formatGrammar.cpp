@@ -1,7 +1,9 @@
 // formatGrammar.cpp -- stage 1 of formatting: from the text of a conversion to its parts.
 //
-// One table row per character says what the character means inside a conversion, so that the common
-// conversions, a `%` and a letter, cost one look-up.
+// A table says for each character what it means inside a conversion, so that the common conversions,
+// a `%` and a letter, cost one look-up.
+//
+// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
 
 #include "lib/public/formatGrammar.h"
 

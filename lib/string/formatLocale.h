@@ -1,4 +1,4 @@
-// formatLocale.h -- how numbers look where the text will be read.
+// formatLocale.h -- how numbers are written: decimal point, grouping and its separator.
 #pragma once
 
 struct FormatNumerals {
@@ -9,7 +9,7 @@ struct FormatNumerals {
 
 inline constexpr FormatNumerals kFormatPosixNumerals{".", nullptr, ','};
 
-// The numerals that a caller chose, or those of the current locale.  These are looked up when the
+// The numerals that a caller chose, or those of the current locale.  The latter are looked up when the
 // first number needs them: localeconv takes longer than a short conversion.
 class FormatLocale {
   FormatNumerals numerals_;

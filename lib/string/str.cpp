@@ -1,4 +1,6 @@
 // str.cpp -- formatting into bounded buffers and new strings.
+//
+// Tested by tests/unit/format_test.cpp.
 
 #include "lib/public/str.h"
 
@@ -14,8 +16,8 @@ void TrimPartialCharacter(char *buffer, size_t kept) {
   if (tail.missing != 0) buffer[tail.start] = '\0';
 }
 
-// What the fixed-buffer procedures make of the engine's count.  A text that did not fit fills the
-// buffer.  One that failed ends in a whole piece, unless it filled the buffer before.
+// The fixed-buffer procedures' result from the engine's count.  A text that did not fit fills the
+// buffer.  After a failure the text ends with a whole piece, unless the buffer was full before.
 int Bounded(char *buffer, size_t size, int count) {
   if (count >= 0 && static_cast<size_t>(count) < size) return count;
   if (size > 0) {

@@ -1,4 +1,6 @@
 // strBounded.cpp -- copying, joining and searching strings of bounded length.
+//
+// Tested by tests/unit/format_test.cpp.
 
 #include <algorithm>
 #include <cstring>

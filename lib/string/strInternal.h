@@ -3,5 +3,6 @@
 
 #include "lib/public/fatal.h"
 
-// How fatal messages name this module; their lines stay as readers of old logs know them.
+// How fatal messages name this module.  Their line numbers are constants, so that they mean the same in
+// every log.
 inline constexpr char kStrSource[] = "lib/string/str";

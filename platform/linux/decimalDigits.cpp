@@ -1,14 +1,13 @@
 // decimalDigits.cpp -- decimal digits on Linux, in arithmetic of our own.
 //
-// glibc's ecvt and fcvt stop at 17 digits and are inexact for large exponents.  Its printf is exact,
-// but its text would have to be taken apart, whatever the locale's decimal point is, and it takes
-// longer.  Here a value goes one of two ways:
+// glibc's ecvt and fcvt stop at 17 digits and are inexact for large exponents.  Its printf is exact, but
+// slow, and the digits would have to be picked out of its text.  Here there are two ways:
 //
-//   Estimate  2 to 17 significant digits: the value times a power of ten in floating point of 128
-//             bits, whose error is known.  If a number that far away could round to other digits, it
-//             gives up; apart from exact halves that practically never happens.
-//   Expand    anything else: long division of the whole part by 10^16, long multiplication of the
-//             fraction, 16 digits at a time, so that the digits are exact and rounded as such.
+//   Estimate  for 2 to 17 significant digits: the value times a power of ten, in floating point of 128
+//             bits whose error has a known bound.  Where an error that large could change the digits,
+//             Estimate gives up; apart from exact halves that practically never happens.
+//   Expand    for anything else: long division of the whole part by 10^16 and long multiplication of
+//             the fraction by it, 16 digits at a time.  All digits are exact, and so is their rounding.
 //
 // Tested by tests/unit/format_test.cpp, with glibc's printf as the second opinion.
 

@@ -98,7 +98,7 @@ TEST(Escape, ResultsAreWholeOrNone) {
 // ---- hash tables -----------------------------------------------------------------------------
 
 struct Value {
-  size_t key = 0;        // plain: written before the hand-over, read by whoever looks the value up
+  size_t key = 0;        // plain: written before the hand-over, read by threads that look it up
   bool isFreed = false;  // should be, in the end
   std::atomic<int> freed = 0;
 };
