@@ -184,7 +184,7 @@ TEST(Format, ExhaustedMemoryIsAFailureAtEveryPlace) {
   }
   EXPECT_EQ(1, aborts);
   EXPECT_GT(nth, 4);
-  for (const size_t length : {63, 64}) {
+  for (const size_t length : {63U, 64U}) {
     const AllocFault second(2);  // the first block holds 64 bytes
     EXPECT_EQ(length == 64, Ours("%s", string(length, 'a').c_str()) == kPeerFailed);
   }
