@@ -5,6 +5,9 @@
 //       where the peer of an atomic table is the map behind a mutex.  Two threads insert halves of
 //       the keys, or all of them each.
 //
+// The hash, which decides the order of a table, spreads these names unevenly: a key of 32768 is found
+// after 1.75 entries on average, and a random hash would need 1.5.  Among 2048 it is 1.56.
+//
 //   hashTable_bench [options of Google Benchmark]
 
 #include <benchmark/benchmark.h>

@@ -26,8 +26,8 @@ TEST(Format, AgreesWithTheHost) {
   const char *const extents[] = {"",    "7",   "30",    ".",   ".0",    "1.1",
                                  "7.0", ".17", "30.25", ".40", ".1100", "14.6"};
   const char *const sizes[] = {"", "h", "hh", "l", "ll", "q", "L", "j", "t", "z", "Z"};
-  const double known[] = {0.0,   0.5,      1.5, 9.995,  99999.5, 5e-5,    9.9999e-5,   1e22,
-                          1e100, INFINITY, NAN, 0x1p63, DBL_MAX, DBL_MIN, DBL_TRUE_MIN};
+  const double known[] = {0.0,  0.5,   1.5,      9.995, 1350,   99999.5, 5e-5,    9.9999e-5,
+                          1e22, 1e100, INFINITY, NAN,   0x1p63, DBL_MAX, DBL_MIN, DBL_TRUE_MIN};
   std::mt19937_64 random(20240305);
   const auto pick = [&random](const auto &list) { return list[random() % std::size(list)]; };
   for (int round = Rounds(100'000); round > 0 && !HasFatalFailure(); round--) {
