@@ -10,7 +10,7 @@
 #include "lib/lock/mxUserInt.h"
 
 struct MXUserCondVar {
-  MXUserShared<uint32_t> signature;
+  RelaxedAtomic<uint32_t> signature;
   MXUserLock *lock;  // the only one to wait with
   pthread_cond_t cond;
   std::atomic<uint32_t> waiters;  // destruction reads it without the lock

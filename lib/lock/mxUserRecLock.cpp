@@ -106,7 +106,7 @@ void MXUser_DestroyRecLock(MXUserRecLock *lock) {
 // ---- operations ------------------------------------------------------------------------------
 
 void MXUser_AcquireRecLock(MXUserRecLock *lock) {
-  if (lock->vmmLock != nullptr) {
+  if (lock->vmmLock != nullptr) [[unlikely]] {
     MXUserGetMxHooks().acquire(lock->vmmLock);
     return;
   }

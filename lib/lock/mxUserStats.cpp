@@ -14,9 +14,9 @@ constexpr uint32_t kBinsPerDecade = 100;
 
 struct StatsState {
   std::atomic<int> mode = 0;
-  MXUserShared<double> ratioFloor;
-  MXUserShared<uint64_t> countFloor;
-  MXUserShared<uint64_t> durationFloor;
+  RelaxedAtomic<double> ratioFloor;
+  RelaxedAtomic<uint64_t> countFloor;
+  RelaxedAtomic<uint64_t> durationFloor;
 };
 
 constinit StatsState state;
@@ -38,7 +38,7 @@ HeapPtr<MXUserHeldStats> NewHeldStats() {
 
 // Sets one floor of a lock, if it has any.
 template <typename T>
-bool SetFloor(MXUserLock *lock, MXUserShared<T> MXUserAcquireStats::*floor, T value) {
+bool SetFloor(MXUserLock *lock, RelaxedAtomic<T> MXUserAcquireStats::*floor, T value) {
   MXUserAcquireStats *const stats = lock->acquireStats.Get();
   if (stats == nullptr) return false;
   (stats->*floor).Set(value);
@@ -69,7 +69,7 @@ double Part(uint64_t part, uint64_t whole) {
 // ---- histograms ------------------------------------------------------------------------------
 
 HeapPtr<MXUserHisto> MXUserNewHisto(const char *typeName, uint64_t minValue, uint32_t decades) {
-  using Bin = MXUserShared<uint64_t>;
+  using Bin = RelaxedAtomic<uint64_t>;
   HeapPtr<MXUserHisto> histo = Heap_New<MXUserHisto>();
   histo->typeName = typeName;
   histo->numBins = kBinsPerDecade * decades;

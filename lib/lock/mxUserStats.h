@@ -19,8 +19,8 @@ struct MXUserHisto {
   uint32_t numBins;
   uint64_t minValue;
   uint64_t maxValue;
-  MXUserShared<uint64_t> totalSamples;
-  std::unique_ptr<MXUserShared<uint64_t>[], HeapFreer> bins;
+  RelaxedAtomic<uint64_t> totalSamples;
+  std::unique_ptr<RelaxedAtomic<uint64_t>[], HeapFreer> bins;
 };
 
 // From minValue > 0 on, with 100 bins a decade.
@@ -34,11 +34,11 @@ void MXUserHistoSample(MXUserHisto *histo, uint64_t value);
 
 struct MXUserBasicStats {
   const char *typeName = nullptr;
-  MXUserShared<uint64_t> numSamples;
-  MXUserShared<uint64_t> minTime{UINT64_MAX};
-  MXUserShared<uint64_t> maxTime;
-  MXUserShared<uint64_t> timeSum;
-  MXUserShared<double> timeSquaredSum;
+  RelaxedAtomic<uint64_t> numSamples;
+  RelaxedAtomic<uint64_t> minTime{UINT64_MAX};
+  RelaxedAtomic<uint64_t> maxTime;
+  RelaxedAtomic<uint64_t> timeSum;
+  RelaxedAtomic<double> timeSquaredSum;
   MXUserOnceSlot<MXUserHisto> histo;  // none until the lock turns hot
 };
 
@@ -52,14 +52,14 @@ void MXUserBasicStatsSample(MXUserBasicStats *stats, uint64_t value);
 // ---- acquisitions ----------------------------------------------------------------------------
 
 struct MXUserAcquireStats {
-  MXUserShared<double> ratioFloor;
-  MXUserShared<uint64_t> countFloor;
-  MXUserShared<uint64_t> durationFloor;
+  RelaxedAtomic<double> ratioFloor;
+  RelaxedAtomic<uint64_t> countFloor;
+  RelaxedAtomic<uint64_t> durationFloor;
 
   std::atomic<uint64_t> numAttempts = 0;
-  MXUserShared<uint64_t> numSuccesses;
-  MXUserShared<uint64_t> numSuccessesContended;
-  MXUserShared<uint64_t> successContentionTime;
+  RelaxedAtomic<uint64_t> numSuccesses;
+  RelaxedAtomic<uint64_t> numSuccessesContended;
+  RelaxedAtomic<uint64_t> successContentionTime;
   std::atomic<uint64_t> totalContentionTime = 0;
 
   MXUserBasicStats basic;
@@ -81,7 +81,7 @@ struct MXUserContention {
 // ---- held times ------------------------------------------------------------------------------
 
 struct MXUserHeldStats {
-  MXUserShared<uint64_t> holdStart;
+  RelaxedAtomic<uint64_t> holdStart;
   MXUserBasicStats basic;
 };
 
