@@ -3,7 +3,7 @@
 
 #include "lib/lock/mxUserInt.h"
 #include "lib/public/log.h"
-#include "lib/public/str.h"
+#include "lib/public/recordText.h"
 
 namespace {
 
@@ -20,16 +20,10 @@ constinit PanicState state;
 
 constexpr MXUserMxHooks kNoHooks = {};
 
-bool HasAny(const MXUserMxHooks &hooks) {
-  return hooks.acquire != nullptr || hooks.release != nullptr || hooks.tryAcquire != nullptr ||
-         hooks.isHeld != nullptr || hooks.name != nullptr || hooks.dump != nullptr ||
-         hooks.unbind != nullptr || hooks.panic != nullptr || hooks.inPanic != nullptr;
-}
-
 }  // namespace
 
 void MXUser_InstallMxHooks(const MXUserMxHooks &hooks) {
-  if (!HasAny(hooks)) return;
+  if (hooks == kNoHooks) return;
   HeapPtr<MXUserMxHooks> fresh = Heap_New<MXUserMxHooks>();
   *fresh = hooks;
   OnceSlot_Install(&state.hooks, std::move(fresh));
@@ -48,7 +42,7 @@ bool MXUser_InPanic() {
 
 void MXUserDumpHeader(const MXUserHeader &header) {
   Warning("\tsignature 0x%X\n", header.signature.Get());
-  Warning("\tname %s\n", header.name.get());
+  Warning("%s", RecordText_Format("\tname %s\n", header.name.get()).text);
   Warning("\trank 0x%X\n", header.rank);
   Warning("\tserial number %llu\n", static_cast<unsigned long long>(header.serialNumber));
 }
@@ -66,13 +60,11 @@ void MXUserDumpAndPanic(const MXUserHeader &header, const char *format, ...) {
   }
   header.dump(header);
 
-  // As long as a record may be: a long name is cut, not the cause of a lost message.
-  char message[1024];
   va_list args;
   va_start(args, format);
-  Str_Vsnprintf(message, sizeof message, format, args);
+  const RecordText message = RecordText_VFormat(format, args);
   va_end(args);
-  Panic("%s", message);
+  Panic("%s", message.text);
 }
 
 void MXUserNativeFailure(const MXUserHeader &header, const char *procedure, int error) {

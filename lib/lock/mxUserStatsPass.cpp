@@ -8,6 +8,7 @@
 
 #include "lib/lock/mxUserStats.h"
 #include "lib/public/log.h"
+#include "lib/public/recordText.h"
 #include "lib/public/str.h"
 
 namespace {
@@ -133,7 +134,9 @@ void MXUserStatsAction(MXUserHeader *header) {
   MakeHisto(&acquire->basic);
   if (held != nullptr) MakeHisto(&held->basic);
   if (contention.doLog) {
-    Log("HOT LOCK (%s); contention ratio %f\n", lock->name.get(), contention.ratio);
+    const RecordText record = RecordText_Format("HOT LOCK (%s); contention ratio %f\n",
+                                                lock->name.get(), contention.ratio);
+    Log("%s", record.text);
   }
 }
 

@@ -113,6 +113,8 @@ struct MXUserMxHooks {
   void (*panic)() = nullptr;
   // Whether the other system is ending the process.
   bool (*inPanic)() = nullptr;
+
+  bool operator==(const MXUserMxHooks &) const = default;
 };
 
 // Installs the hooks, unless some are installed already: then nothing happens.

@@ -94,6 +94,11 @@ TYPED_TEST(LockTest, TheOwnerNestsAndATimedWaitComesBackToTheSameDepth) {
   for (int depth = 2; depth > 0; depth--) {
     EXPECT_TRUE(TypeParam::IsHeld(this->lock_));
     EXPECT_FALSE(this->IsFree());
+    // A child of fork holds what the thread held, and as often.
+    InChild([&, depth] {
+      for (int i = 0; i < depth; i++) TypeParam::Release(this->lock_);
+      EXPECT_FALSE(TypeParam::IsHeld(this->lock_));
+    });
     TypeParam::Release(this->lock_);
   }
   EXPECT_FALSE(TypeParam::IsHeld(this->lock_));
@@ -207,6 +212,8 @@ TEST(LockMisuse, EndsTheProcessWithTheStateOfTheLock) {
        "Panic: MXUser_CreateRecLock: unknown stats mode: 3!\n"},
       {"", [&] { recTwice(), MXUser_WaitCondVarRecLock(rec, exclVar); },
        Rec(1, 2, "MXUserWaitCondVar: invalid use of lock R with condVar (*; E)\n")},
+      {"", [&] { MXUser_WaitCondVarExclLock(excl, exclVar); },
+       Excl(0, "MXUserWaitCondVar: invalid use of lock E with condVar (*; E)\n")},
       {"pthread_cond_wait", [&] { recTwice(), MXUser_WaitCondVarRecLock(rec, recVar); },
        Rec(1, 2, "MXUserWaitInternal: failure " + error + " on condVar (*; R)\n")},
       {"pthread_cond_signal", [&] { MXUser_SignalCondVar(exclVar); },
@@ -225,6 +232,15 @@ TEST(LockMisuse, EndsTheProcessWithTheStateOfTheLock) {
   MXUser_DestroyCondVar(recVar);
   MXUser_DestroyExclLock(excl);
   MXUser_DestroyRecLock(rec);
+}
+
+TEST(LockMisuse, OfALongNameAsMuchIsToldAsARecordHasRoomFor) {
+  const std::string name(1017, 'n');
+  MXUserExclLock *const lock = MXUser_CreateExclLock(name.c_str(), 0);
+  const std::string text = FatalText([=] { MXUser_ReleaseExclLock(lock); });
+  EXPECT_NE(std::string::npos, text.find("\tname " + name.substr(4) + "...\nWarning: \trank"))
+      << text;
+  MXUser_DestroyExclLock(lock);
 }
 
 // Each failure exits, and each exit runs the next handler.
@@ -296,18 +312,24 @@ TEST(LockStats, LinesAreAsDocumented) {
       "MXUser: ce l=L a=4 s=3 sc=1 sct=100 t=2100\n";
   EXPECT_EQ(lines, Pass());  // one in three contended, one in four failed
 
-  // A third of the acquisitions was contended, and that must exceed the floor.
-  ASSERT_TRUE(MXUser_SetContentionRatioFloorExclLock(lock, 0.33));
-  EXPECT_EQ("HOT LOCK (stat); contention ratio 0.333333\n",
-            LogOf([&] { EXPECT_EQ(lines, Pass()); }));
-  ASSERT_TRUE(MXUser_SetContentionCountFloorExclLock(lock, 5));
+  // All ones take any lock for contended, silently.
+  ASSERT_TRUE(MXUser_SetContentionCountFloorExclLock(lock, UINT64_MAX));
+  EXPECT_EQ("", LogOf([&] { EXPECT_EQ(lines, Pass()); }));
   for (const uint64_t time : {UINT64_MAX / 2, 0UL, 999UL, 1000UL, 9999UL, 10000UL, 100000UL}) {
     MXUserBasicStatsSample(&acquire->basic, time);
   }
-  const std::string hot = Pass();
+  MXUserBasicStatsSample(&lock->heldStats.Get()->basic, 5000);
+  // A third of the acquisitions was contended, and that must exceed the floor.
+  ASSERT_TRUE(MXUser_SetContentionCountFloorExclLock(lock, 4));
+  ASSERT_TRUE(MXUser_SetContentionRatioFloorExclLock(lock, 0.33));
+  std::string hot;
+  EXPECT_EQ("HOT LOCK (stat); contention ratio 0.333333\n", LogOf([&] { hot = Pass(); }));
+  ASSERT_TRUE(MXUser_SetContentionCountFloorExclLock(lock, 5));
+  EXPECT_EQ("", LogOf([&] { EXPECT_EQ(hot, Pass()); }));
   const std::string histo =
       "MXUser: h l=L t=a min=1000 max=10000000000 0-3 99-1 100-1 200-1 699-1\n";
   EXPECT_TRUE(hot.ends_with(histo)) << hot;
+  EXPECT_NE(std::string::npos, hot.find("MXUser: h l=L t=h min=1000 max=10000000000 69-1\n"));
   // A bin is written if two bytes stay free behind it.
   const size_t room = histo.size() - 1 + std::to_string(lock->serialNumber).size() + 3;
   EXPECT_TRUE(Pass(room).ends_with(" 699-1\n"));
@@ -356,16 +378,36 @@ const MXUserMxHooks kHooks = {
     .release = [](MX_MutexRec *) { asked += "release "; },
     .tryAcquire = [](MX_MutexRec *) { return asked += "try ", true; },
     .isHeld = [](const MX_MutexRec *) { return asked += "held? ", true; },
-    .name = [](const MX_MutexRec *lock) { return reinterpret_cast<const char *>(lock); },
+    .name = [](auto lock) { return asked += "name ", lock != nullptr ? "theirs" : nullptr; },
     .unbind = [](MX_MutexRec *) { asked += "unbind "; },
+    .inPanic = [] { return asked += "panic? ", true; },
 };
 
+TEST(BoundLock, NeedsFiveHooks) {
+  std::vector<MXUserMxHooks> rows(6, kHooks);
+  rows[0].acquire = nullptr;
+  rows[1].release = nullptr;
+  rows[2].tryAcquire = nullptr;
+  rows[3].isHeld = nullptr;
+  rows[4].name = nullptr;
+  rows[5] = {};
+  for (const MXUserMxHooks &row : rows) {
+    InChild([&] {
+      MXUser_InstallMxHooks(row);
+      EXPECT_EQ(nullptr, MXUser_BindMXMutexRec(nullptr, 1));
+      EXPECT_EQ(row.inPanic != nullptr, MXUser_InPanic());
+    });
+  }
+}
+
 TEST(BoundLock, ForwardsToTheHooksInstalledFirst) {
-  char name[] = "theirs";
-  auto *const external = reinterpret_cast<MX_MutexRec *>(name);
-  EXPECT_EQ(nullptr, MXUser_BindMXMutexRec(external, 1));
+  char theirs;
+  auto *const external = reinterpret_cast<MX_MutexRec *>(&theirs);
   MXUser_InstallMxHooks(kHooks);
   MXUser_InstallMxHooks({.name = [](auto) { return "late"; }});
+  MXUserRecLock *const nameless = MXUser_BindMXMutexRec(nullptr, 1);
+  EXPECT_STREQ("MX_0", nameless->name.get());
+  MXUser_DestroyRecLock(nameless);
   MXUserRecLock *const lock = MXUser_BindMXMutexRec(external, 1);
   EXPECT_STREQ("theirs *", lock->name.get());
   EXPECT_EQ(external, MXUser_GetRecLockVmm(lock));
@@ -374,7 +416,7 @@ TEST(BoundLock, ForwardsToTheHooksInstalledFirst) {
   EXPECT_TRUE(MXUser_TryAcquireRecLock(lock) && MXUser_IsCurThreadHoldingRecLock(lock));
   MXUser_ReleaseRecLock(lock);
   MXUser_DestroyRecLock(lock);
-  EXPECT_EQ("acquire try held? release unbind ", asked);
+  EXPECT_EQ("name name acquire try held? release unbind ", asked);
 }
 
 }  // namespace
