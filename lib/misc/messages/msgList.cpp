@@ -1,35 +1,39 @@
 // msgList.cpp -- lists of messages.
+//
+// Tests: tests/unit/messages_test.cpp
 
 #include "lib/public/msgList.h"
 
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string_view>
+#include <utility>
 
 #include "lib/misc/messages/msgfmtInternal.h"
+#include "lib/public/dynbuf.h"
 #include "lib/public/errnoKeeper.h"
 #include "lib/public/fatal.h"
 #include "lib/public/heap.h"
 #include "lib/public/log.h"
-#include "lib/public/str.h"
+#include "lib/public/recordText.h"
 
 namespace {
 
 // A message without arguments.
 MsgListOwner MakeMessage(std::string_view id, const char *format) {
-  auto *const message = new (Heap_SafeMalloc(sizeof(MsgList))) MsgList{};
+  MsgListOwner message(Heap_New<MsgList>().release());
   message->id = Heap_SafeStrndup(id.data(), id.size()).release();
   message->format = Heap_SafeStrdup(format).release();
-  return MsgListOwner(message);
+  return message;
 }
 
 __attribute__((format(printf, 2, 0))) void CaptureArgs(MsgList *message, const char *format,
                                                        va_list args) {
   char *error = nullptr;
   if (MsgFmt_GetArgs(format, args, &message->args, &message->numArgs, &error)) return;
-  Panic("%s error: %s\nformat <%s>\n", "MsgList_VAppend", error, format);
+  Panic("%s",
+        RecordText_Format("%s error: %s\nformat <%s>\n", "MsgList_VAppend", error, format).text);
 }
 
 void PushFront(MsgList **list, MsgListOwner message) {
@@ -41,8 +45,8 @@ void AppendLiteral(MsgList **list, const char *text) {
   MsgList_Append(list, "@&!*@*@(msg.literal)%s", text);
 }
 
-// The text of one message.  A format that does not suit its arguments, as a text with a stray %,
-// stands for itself: better than nothing.
+// The text of one message.  A format that does not suit its arguments, such
+// as a text with a stray %, is printed as it is: better than nothing.
 HeapStr TextOf(const MsgList &message) {
   const ErrnoKeeper keeper;
   HeapStr text(MsgFmt_Asprintf(nullptr, message.format, message.args, message.numArgs));
@@ -126,9 +130,8 @@ MsgList *MsgList_Copy(const MsgList *list) {
 }
 
 void MsgList_Free(MsgList *list) {
-  const ErrnoKeeper keeper;
   while (list != nullptr) {
-    const std::unique_ptr<MsgList, HeapFreer> message(list);
+    const HeapPtr<MsgList> message(list);
     list = message->next;
     HeapStr(message->format).reset();
     HeapStr(message->id).reset();
@@ -136,15 +139,19 @@ void MsgList_Free(MsgList *list) {
   }
 }
 
-// A loop: recursion would need a stack as long as the list.
+// One growing buffer, so that the time is linear in the size of the text.
 char *MsgList_ToString(const MsgList *list) {
-  HeapStr all;
+  if (list == nullptr) return nullptr;
+  ScopedDynBuf all;
   for (; list != nullptr; list = list->next) {
     const HeapStr text = TextOf(*list);
-    all.reset(Str_SafeAsprintf(nullptr, "%s%s%s", all != nullptr ? all.get() : "", text.get(),
-                               MissingNewline(text.get())));
+    const char *const newline = MissingNewline(text.get());
+    if (!DynBuf_Append(&all, text.get(), strlen(text.get())) ||
+        !DynBuf_Append(&all, newline, strlen(newline))) {
+      Fatal_MemAlloc();
+    }
   }
-  return all.release();
+  return DynBuf_DetachString(&all);
 }
 
 void MsgList_Log(const MsgList *list) {

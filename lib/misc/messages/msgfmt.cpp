@@ -1,15 +1,15 @@
 // msgfmt.cpp -- captures the arguments of a format.
 //
-// Three steps: scan the format for the type at every position; fetch the arguments, which can only
-// be done from the first on and knowing each type; copy the strings.  Strings come last because a
-// precision may be an argument behind its string, and no more of a string may be read than that.
+// Idea:  three steps.  The format is scanned for the type of the argument at each position.  The
+//        arguments are fetched, which is only possible from the first on and knowing every type.  The
+//        strings are copied; last, because the precision that says how much of a string may be read
+//        can be an argument behind it.
+// Tests: tests/unit/messages_test.cpp, fuzz/msgfmt_fuzz.cpp
 
 #include "lib/public/msgfmt.h"
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
-#include <utility>
 
 #include "lib/misc/messages/msgfmtCapture.h"
 #include "lib/misc/messages/msgfmtInternal.h"
@@ -17,79 +17,76 @@
 
 namespace {
 
-// What can be wrong with a format as such.
+// Only a mistake can name a position above this, and records for all positions below one would fill
+// the memory.
+constexpr size_t kLastPosition = 0xFFFF;
+
+// What can be wrong with a format as such; the numbers are in error texts.
 enum class Status : int { Ok, FormatError, OutOfMemory, BadPosition };
 
-// The wider of two precisions, of which -1 is the widest.
-int32_t WiderPrecision(int32_t a, int32_t b) {
-  return static_cast<int32_t>(std::max(static_cast<uint32_t>(a), static_cast<uint32_t>(b)));
-}
+// A conversion as error texts quote it: the position as it is written, with its `$`, or nothing; and
+// the rest.
+struct Quote {
+  const char *position = "";
+  int positionLength = 0;
+  const char *type;
+  int typeLength;
 
-// An argument that a conversion asks for.
-struct Request {
-  size_t position = 0;
-  MsgFmt_ArgType type = MSGFMT_ARG_INVALID;
-  int32_t precision = -1;
-  Status status = Status::Ok;
-  // For error texts: the position as it is written, with its `$`, or nothing; and what follows it.
-  const char *where = "";
-  int whereLength = 0;
-  const char *what = "";
-  int whatLength = 0;
-
-  explicit Request(const FormatWalk &walk) {
+  explicit Quote(const FormatWalk &walk) : type(walk.Begin() + 1) {
     const char *const digits = walk.Conversion().positionDigits;
-    what = walk.Begin() + 1;
     if (digits != nullptr) {
-      where = digits;
-      what = strchr(digits, '$') + 1;
-      whereLength = static_cast<int>(what - where);
+      position = digits;
+      type = strchr(digits, '$') + 1;
+      positionLength = static_cast<int>(type - position);
     }
-    whatLength = static_cast<int>(walk.End() - what);
+    typeLength = static_cast<int>(walk.End() - type);
   }
 };
 
-// The single letter for what a size modifier means, of those that some conversion refuses.
-char LetterOf(FormatSize size) {
-  return size == FormatSize::IntMax ? 'j' : 'L';
-}
-
-// Fails for a conversion whose value cannot be captured.
-bool FailUnsupported(MsgFmtCapture &capture, const Request &r, const FormatConversion &conversion) {
+// Fails because of a conversion whose value cannot be captured.
+bool FailUnsupported(MsgFmtCapture &capture, const FormatWalk &walk) {
+  const FormatConversion &conversion = walk.Conversion();
+  const Quote q(walk);
   if (conversion.kind == FormatKind::Count) {
     return capture.Fail("MsgFmtGetArg1: %%n not supported, pos \"%.*s\", type \"%.*s\"",
-                        r.whereLength, r.where, r.whatLength, r.what);
+                        q.positionLength, q.position, q.typeLength, q.type);
   }
   if (conversion.kind != FormatKind::Literal) {
+    // No other modifiers are refused: of their spellings, one letter for each meaning.
+    const char modifier = conversion.size == FormatSize::IntMax ? 'j' : 'L';
     return capture.Fail("MsgFmtGetArg1: %%%c%c not supported, pos \"%.*s\", type \"%.*s\"",
-                        LetterOf(conversion.size), conversion.character, r.whereLength, r.where,
-                        r.whatLength, r.what);
+                        modifier, conversion.character, q.positionLength, q.position, q.typeLength,
+                        q.type);
   }
   capture.Fail("MsgFmtGetArg1: %%%c not understood, pos \"%.*s\", type \"%.*s\"",
-               conversion.character, r.whereLength, r.where, r.whatLength, r.what);
+               conversion.character, q.positionLength, q.position, q.typeLength, q.type);
   Fatal_NotReached(kMsgFmtSource, 1345);
 }
 
-// Notes the type of the argument at the position.
-bool MsgFmtGetArg1(MsgFmtCapture &capture, const Request &r, const FormatConversion &conversion) {
-  const int position = static_cast<int>(r.position);
-  if (r.status != Status::Ok) {
+// Notes that the conversion at which the walk is takes an argument of `type` at `position`.
+bool MsgFmtGetArg1(MsgFmtCapture &capture, const FormatWalk &walk, size_t position,
+                   MsgFmt_ArgType type) {
+  if (position > kLastPosition) {
+    const Quote q(walk);
     return capture.Fail("MsgFmtGetArg1: bad specifier, status %d, pos \"%.*s\", type \"%.*s\"",
-                        static_cast<int>(r.status), r.whereLength, r.where, r.whatLength, r.what);
+                        static_cast<int>(Status::BadPosition), q.positionLength, q.position,
+                        q.typeLength, q.type);
   }
-  if (!capture.Cover(r.position)) {
-    return capture.Fail("MsgFmtGetArg1: out of memory at arg %d", position);
+  if (!capture.Cover(position)) {
+    return capture.Fail("MsgFmtGetArg1: out of memory at arg %d", static_cast<int>(position));
   }
-  if (r.type == MSGFMT_ARG_INVALID) return FailUnsupported(capture, r, conversion);
-  MsgFmt_Arg &arg = capture.At(r.position);
-  if (arg.type != MSGFMT_ARG_INVALID && arg.type != r.type) {
+  if (type == MSGFMT_ARG_INVALID) return FailUnsupported(capture, walk);
+  MsgFmt_Arg &arg = capture.At(position);
+  if (arg.type != MSGFMT_ARG_INVALID && arg.type != type) {
+    const Quote q(walk);
     return capture.Fail(
         "MsgFmtGetArg1: incompatible specifiers for argument %d, old type %d, new type %d, pos "
         "\"%.*s\", type \"%.*s\"",
-        position, arg.type, r.type, r.whereLength, r.where, r.whatLength, r.what);
+        static_cast<int>(position), arg.type, type, q.positionLength, q.position, q.typeLength,
+        q.type);
   }
-  arg.type = r.type;
-  arg.precision = WiderPrecision(arg.precision, r.precision);
+  arg.type = type;
+  arg.precision = StringLimit().AsPrecision();
   return true;
 }
 
@@ -104,54 +101,40 @@ bool FailByStatus(MsgFmtCapture &capture, Status status) {
   }
 }
 
-// The parser counts a number that is too large as the largest.
-Status StatusOf(int position) {
-  return position == INT_MAX ? Status::BadPosition : Status::Ok;
-}
-
-// The arguments of one conversion.
-bool ScanOne(MsgFmtCapture &capture, const FormatWalk &walk) {
-  const FormatConversion &conversion = walk.Conversion();
-  const FormatPlaces &places = walk.Places();
-  if (conversion.kind == FormatKind::End) return FailByStatus(capture, Status::FormatError);
-  Request request(walk);
-  for (const auto &[count, place] : {std::pair{conversion.width, places.width},
-                                     std::pair{conversion.precision, places.precision}}) {
-    if (place == 0) continue;
-    request.position = place;
-    request.type = kMsgFmtCountType;
-    request.status = StatusOf(count.number);
-    if (!MsgFmtGetArg1(capture, request, conversion)) return false;
-  }
-  if (conversion.character == '%') return true;
-  request.position = places.value;
-  request.type = MsgFmtTypeOf(conversion);
-  request.status = StatusOf(conversion.position);
-  if (conversion.kind == FormatKind::String && conversion.HasPrecision()) {
-    // One that is an argument is not known yet: WidenStrings.
-    request.precision = places.precision != 0 ? 0 : conversion.precision.number;
-  }
-  return MsgFmtGetArg1(capture, request, conversion);
-}
-
-// *hasUnknown: some strings have precisions that are arguments.
-bool Scan(MsgFmtCapture &capture, const char *format, bool *hasUnknown) {
+// Notes the types of all arguments.  *cutsStrings: some string has a precision.
+bool Scan(MsgFmtCapture &capture, const char *format, bool *cutsStrings) {
+  *cutsStrings = false;
   for (FormatWalk walk(format); walk.Next();) {
-    if (!ScanOne(capture, walk)) return false;
-    const bool isString = walk.Conversion().kind == FormatKind::String;
-    *hasUnknown |= isString && walk.Places().precision != 0;
+    const FormatConversion &conversion = walk.Conversion();
+    const FormatPlaces &places = walk.Places();
+    if (conversion.kind == FormatKind::End) return FailByStatus(capture, Status::FormatError);
+    for (const size_t place : {places.width, places.precision}) {
+      if (place != 0 && !MsgFmtGetArg1(capture, walk, place, kMsgFmtCountType)) return false;
+    }
+    if (conversion.character == '%') continue;
+    if (!MsgFmtGetArg1(capture, walk, places.value, MsgFmtTypeOf(conversion))) return false;
+    *cutsStrings |= conversion.kind == FormatKind::String && conversion.HasPrecision();
   }
   return true;
 }
 
-// Makes up for the precisions that are arguments, now that these are known.
-void WidenStrings(MsgFmtCapture &capture, const char *format) {
+// Limits each string to what the widest of its conversions prints.  All precisions are known now, those
+// that are arguments, too.
+void LimitStrings(MsgFmtCapture &capture, const char *format) {
+  for (MsgFmt_Arg &arg : capture.Records()) {
+    if (MsgFmtIsString(arg.type)) arg.precision = 0;
+  }
   for (FormatWalk walk(format); walk.Next();) {
-    const FormatPlaces &places = walk.Places();
-    if (walk.Conversion().kind != FormatKind::String || places.precision == 0) continue;
-    const int32_t precision = std::max(capture.At(places.precision).v.signed32, -1);
-    MsgFmt_Arg &string = capture.At(places.value);
-    string.precision = WiderPrecision(string.precision, precision);
+    const FormatConversion &conversion = walk.Conversion();
+    if (conversion.kind != FormatKind::String) continue;
+    StringLimit limit;
+    if (const size_t place = walk.Places().precision; place != 0) {
+      limit = StringLimit(capture.At(place).v.signed32);
+    } else if (conversion.HasPrecision()) {
+      limit = StringLimit(conversion.precision.number);
+    }
+    MsgFmt_Arg &string = capture.At(walk.Places().value);
+    string.precision = std::max(limit, StringLimit(string.precision)).AsPrecision();
   }
 }
 
@@ -159,9 +142,9 @@ bool GetArgs(MsgFmtCapture &capture, const char *format, MsgFmtArgList *list, Ms
              int *numArgs) {
   *args = nullptr;
   *numArgs = 0;
-  bool hasUnknown = false;
-  if (!Scan(capture, format, &hasUnknown) || !capture.Fetch(list)) return false;
-  if (hasUnknown) WidenStrings(capture, format);
+  bool cutsStrings;
+  if (!Scan(capture, format, &cutsStrings) || !capture.Fetch(list)) return false;
+  if (cutsStrings) LimitStrings(capture, format);
   if (!capture.CopyStrings()) return FailByStatus(capture, Status::OutOfMemory);
   capture.HandOver(args, numArgs);
   return true;

@@ -1,10 +1,10 @@
 // msgfmtCapture.cpp -- the records of a capture: their memory, their values, their strings.
+//
+// Tests: tests/unit/messages_test.cpp
 
 #include "lib/misc/messages/msgfmtCapture.h"
 
 #include <algorithm>
-#include <climits>
-#include <cwchar>
 
 #include "lib/misc/messages/msgfmtInternal.h"
 #include "lib/public/err.h"
@@ -36,29 +36,28 @@ bool MsgFmtCapture::Fail(const char *format, ...) {
 }
 
 bool MsgFmtCapture::Cover(size_t position) {
-  if (position > INT_MAX || (position > capacity_ && !Grow(position))) return false;
+  if (position > capacity_ && !Grow(position)) return false;
   count_ = std::max(count_, position);
   return true;
 }
 
 bool MsgFmtCapture::Grow(size_t position) {
+  constexpr size_t kFewest = 4;
+  size_t capacity = position;
   if (buffer_ != nullptr) {
     // Nothing else is placed there before all records are, so new ones join the old.
-    MsgFmt_Arg *const added = buffer_->Allocate<MsgFmt_Arg>(position - capacity_);
+    MsgFmt_Arg *const added = buffer_->Allocate<MsgFmt_Arg>(capacity - capacity_);
     if (added == nullptr) return false;
     if (args_ == nullptr) args_ = added;
-    capacity_ = position;
-    std::fill(added, args_ + capacity_, MsgFmt_Arg{});
-    return true;
+  } else {
+    capacity = std::max(kFewest, capacity_ + position);
+    HeapArray<MsgFmt_Arg> grown = Heap_Array<MsgFmt_Arg>(capacity);
+    if (!grown) return false;
+    std::copy_n(args_, capacity_, grown.get());
+    inHeap_ = std::move(grown);
+    args_ = inHeap_.get();
   }
-  constexpr size_t kFewest = 4;
-  const size_t capacity = std::max(kFewest, capacity_ + position);
-  // From calloc: a position far out, which must be a mistake, costs addresses and no memory.
-  HeapArray<MsgFmt_Arg> grown(static_cast<MsgFmt_Arg *>(calloc(capacity, sizeof(MsgFmt_Arg))));
-  if (!grown) return false;
-  std::copy_n(args_, count_, grown.get());
-  inHeap_ = std::move(grown);
-  args_ = inHeap_.get();
+  std::fill(args_ + capacity_, args_ + capacity, MsgFmt_Arg{});
   capacity_ = capacity;
   return true;
 }
@@ -107,21 +106,21 @@ bool MsgFmtCapture::CopyStrings() {
 }
 
 bool MsgFmtCapture::CopyStringOf(MsgFmt_Arg *arg) {
-  const bool isCut = arg->precision >= 0;
-  const auto limit = static_cast<size_t>(arg->precision);
+  const StringLimit limit(arg->precision);
   if (MsgFmtIsString8(arg->type) && arg->v.string8 != nullptr) {
-    char *const string = arg->v.string8;
+    const char *const string = arg->v.string8;
+    const size_t length = limit.LengthOf(string);
     const int number = Err_StringToErrno(string);
-    if (number != -1) {
+    // A text of the table that is cut is not that text any more.
+    if (number != -1 && string[length] == '\0') {
       arg->type = MSGFMT_ARG_ERRNO;
       arg->errorKind = MSGFMT_ERROR_ERRNO;
       arg->errorNumber = number;
     }
-    return CopyString(&arg->v.string8, isCut ? Str_Strlen(string, limit) : strlen(string));
+    return CopyString(&arg->v.string8, length);
   }
   if (MsgFmtIsString32(arg->type) && arg->v.string32 != nullptr) {
-    wchar_t *const string = arg->v.string32;
-    return CopyString(&arg->v.string32, isCut ? wcsnlen(string, limit) : wcslen(string));
+    return CopyString(&arg->v.string32, limit.LengthOf(arg->v.string32));
   }
   return true;
 }

@@ -1,10 +1,13 @@
-// msgfmtCapture.h -- the records of a capture in the making.
+// msgfmtCapture.h -- the records of a capture while they are being made.
 #pragma once
 
+#include <compare>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <cwchar>
+#include <span>
 #include <type_traits>
 
 #include "lib/public/heap.h"
@@ -14,7 +17,7 @@
 // A va_list as a parameter is: on some hosts the list itself, on others a pointer to it.
 using MsgFmtArgList = std::decay_t<va_list>;
 
-// The caller's buffer, used up from its start.
+// The caller's buffer, filled from its start.
 class MsgFmtBuffer {
   char *begin_;
   char *at_;
@@ -49,7 +52,28 @@ class MsgFmtBuffer {
   }
 };
 
-// The records, which come to be in three steps: Cover and At, Fetch, CopyStrings.
+// How many units of a string may be read.
+class StringLimit {
+  uint32_t units_ = UINT32_MAX;  // all of them
+
+ public:
+  StringLimit() = default;
+  // As the precision of a conversion and of a record: a negative one is no limit.
+  explicit StringLimit(int32_t precision)
+      : units_(precision < 0 ? UINT32_MAX : static_cast<uint32_t>(precision)) {}
+
+  int32_t AsPrecision() const { return static_cast<int32_t>(units_); }
+  auto operator<=>(const StringLimit &) const = default;
+
+  size_t LengthOf(const char *string) const {
+    return *this == StringLimit() ? strlen(string) : Str_Strlen(string, units_);
+  }
+  size_t LengthOf(const wchar_t *string) const {
+    return *this == StringLimit() ? wcslen(string) : wcsnlen(string, units_);
+  }
+};
+
+// The records of one capture.  They are made in three steps: Cover and At, Fetch, CopyStrings.
 class MsgFmtCapture {
   MsgFmtBuffer *const buffer_;  // null: blocks from malloc
   char **const error_;
@@ -57,7 +81,7 @@ class MsgFmtCapture {
   MsgFmt_Arg *args_ = nullptr;
   size_t capacity_ = 0;
   size_t count_ = 0;
-  size_t copied_ = 0;  // so many records have a string of their own
+  size_t copied_ = 0;  // of so many records, the first ones, the strings are copies
 
  public:
   MsgFmtCapture(MsgFmtBuffer *buffer, char **error) : buffer_(buffer), error_(error) {
@@ -67,14 +91,15 @@ class MsgFmtCapture {
   MsgFmtCapture &operator=(const MsgFmtCapture &) = delete;
   ~MsgFmtCapture() { Drop(); }
 
-  // From now on there are records up to `position`; new ones are all zero.
+  // Makes sure that there are records up to `position`; new ones are all zero.  False: out of memory.
   [[nodiscard]] bool Cover(size_t position);
   MsgFmt_Arg &At(size_t position) { return args_[position - 1]; }
+  std::span<MsgFmt_Arg> Records() { return {args_, count_}; }
 
   [[nodiscard]] bool Fetch(MsgFmtArgList *list);
   [[nodiscard]] bool CopyStrings();
 
-  // Gives up the records and leaves the text to the caller of MsgFmt_GetArgs.  Always false.
+  // Frees the records and makes the text the error of the capture.  Always false.
   bool Fail(const char *format, ...) __attribute__((format(printf, 2, 3)));
 
   void HandOver(MsgFmt_Arg **args, int *numArgs);

@@ -24,5 +24,8 @@ inline bool MsgFmtIsString8(MsgFmt_ArgType type) {
 inline bool MsgFmtIsString32(MsgFmt_ArgType type) {
   return type == MSGFMT_ARG_STRING16 || type == MSGFMT_ARG_STRING32;
 }
+inline bool MsgFmtIsString(MsgFmt_ArgType type) {
+  return MsgFmtIsString8(type) || MsgFmtIsString32(type);
+}
 
 inline constexpr char kMsgFmtSource[] = "lib/misc/msgfmt";
