@@ -1,7 +1,6 @@
 // ratios.h -- Google Benchmark's results as ratios: one line for each thing measured and each peer.
 //
-// Benchmarks are named ROW/ENGINE.  The fastest repetition of each counts, since other work on the
-// machine only adds time.
+// Benchmarks are named ROW/ENGINE.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -13,17 +12,34 @@
 
 #include "bench/report.h"
 
+// Which of the repetitions counts.
+enum class By {
+  fastest,  // other work on the machine only adds time
+  median,   // of threads that meet, of which some meet less than others
+};
+
 class Ratios : public benchmark::ConsoleReporter {
   static constexpr const char *kOurs = "lumen";
-  std::vector<std::pair<std::string, std::vector<Peer>>> rows_;
-  std::map<std::string, double> fastest_;
+  struct Row {
+    std::string name;
+    std::vector<Peer> peers;
+    By by;
+  };
+  std::vector<Row> rows_;
+  std::map<std::string, std::vector<double>> times_;
+
+  double Typical(const std::string &name, By by) {
+    std::vector<double> &times = times_[name];
+    std::sort(times.begin(), times.end());
+    return times.empty() ? 0 : times[by == By::fastest ? 0 : times.size() / 2];
+  }
 
  public:
   Ratios() : ConsoleReporter(OO_Tabular) {}
 
   // A row; then Add for `lumen` and for each of its peers.
-  void AddRow(const std::string &row, const std::vector<Peer> &peers) {
-    rows_.emplace_back(row, peers);
+  void AddRow(const std::string &row, const std::vector<Peer> &peers, By by = By::fastest) {
+    rows_.push_back({row, peers, by});
   }
 
   // Measures body(), whose result must depend on what is measured.
@@ -44,21 +60,20 @@ class Ratios : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run> &runs) override {
     for (const Run &run : runs) {
       if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      // Threads are timed by the clock on the wall.
+      // A time that the benchmark took by itself is by the clock on the wall.
       const double time =
           run.run_name.time_type.empty() ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime();
-      const auto [at, isNew] = fastest_.emplace(run.run_name.function_name, time);
-      if (!isNew) at->second = std::min(at->second, time);
+      times_[run.run_name.function_name].push_back(time);
     }
   }
 
-  void Print() const {
-    for (const auto &[row, peers] : rows_) {
-      const auto ours = fastest_.find(row + "/" + kOurs);
-      if (ours == fastest_.end()) continue;
-      for (const Peer &peer : peers) {
-        const auto other = fastest_.find(row + "/" + peer.name);
-        if (other != fastest_.end()) ReportRatio(row, "ns", ours->second, peer, other->second);
+  // Leaves out what was not measured.
+  void Print() {
+    for (const Row &row : rows_) {
+      const double ours = Typical(row.name + "/" + kOurs, row.by);
+      for (const Peer &peer : row.peers) {
+        const double theirs = Typical(row.name + "/" + peer.name, row.by);
+        if (ours > 0 && theirs > 0) ReportRatio(row.name, "ns", ours, peer, theirs);
       }
     }
   }
