@@ -2,7 +2,8 @@
 //
 // The peer is one Str_Asprintf of the same text.  Both free what they made, within the time.  The
 // rows are messages of the system with four arguments; "append" and "pending" keep a message,
-// "print" makes the text of one that is kept.
+// "print" makes the text of one that is kept.  The last row is the text of a long list against that of
+// a short one, sixteen times: it tells whether the time is linear.
 //
 //   msg_bench [options of Google Benchmark]
 
@@ -60,6 +61,26 @@ void AddRows(Ratios *ratios, const std::string &name, const std::string &format,
   addRow("print", print);
 }
 
+void AddLists(Ratios *ratios) {
+  const std::string row = "list of 16,000";
+  const Peer shorter = {"16 of 1,000", 1.3};
+  const auto addList = [&](const std::string &engine, int length, int times) {
+    MsgList *list = nullptr;
+    for (int i = 0; i < length; ++i) {
+      MsgList_Append(&list, "@&!*@*@(msg.File.Unlink.failure)Cannot remove %d: %s.", i,
+                     Err_ErrnoToString(EACCES));
+    }
+    Ratios::Add(row, engine, [list, times] {
+      char last = 0;
+      for (int i = 0; i < times; ++i) last = *HeapStr(MsgList_ToString(list));
+      return last;
+    });
+  };
+  ratios->AddRow(row, {shorter});
+  addList("lumen", 16'000, 1);
+  addList(shorter.name, 1'000, 16);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -70,5 +91,6 @@ int main(int argc, char **argv) {
   AddRows(&ratios, "mixed", "Unable to lock '%s' within %d ms, %u retries: %s.", path, 2000, 10u,
           Err_ErrnoToString(EAGAIN));
   AddRows(&ratios, "numbers", "Blocks %d to %d of %lld, error %d.", 7, 4095, 1LL << 33, 5);
+  AddLists(&ratios);
   return ratios.Main(argc, argv);
 }
