@@ -1,4 +1,4 @@
-// posix.h -- calls of the operating system that give paths, between UTF-8 strings.
+// posix.h -- system calls that return paths, with UTF-8 strings.
 #pragma once
 
 // The absolute path of `path` (not null, UTF-8) without links, "." and "..", as realpath(3) finds
@@ -11,5 +11,5 @@
 // Any thread.
 [[nodiscard]] char *Posix_ReadLink(const char *path);
 
-// The same for a `path` that counts from the directory that is open as `dir`.
+// The same for a `path` relative to the directory that is open as `dir`.
 [[nodiscard]] char *Posix_ReadLinkAt(int dir, const char *path);

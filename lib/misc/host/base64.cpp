@@ -1,4 +1,6 @@
 // base64.cpp -- Base64: three bytes become four characters of six bits each, and back.
+//
+// Tests: tests/unit/hostServices_test.cpp
 
 #include "lib/public/base64.h"
 
@@ -9,12 +11,12 @@ namespace {
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// Without computing the text's size, which may not fit into a size_t.
+// Does not compute the text's size, which may not fit into a size_t.
 bool Fits(size_t srcLength, size_t dstMax) {
   return srcLength < SIZE_MAX - 1 && dstMax > 0 && (srcLength + 2) / 3 <= (dstMax - 1) / 4;
 }
 
-// One group of `count` bytes, 1 to 3; what a short one lacks is padded.
+// One group of `count` bytes, 1 to 3; a short group is padded.  Returns the end of the text.
 char *EncodeGroup(const uint8_t *src, size_t count, char *dst) {
   uint32_t bits = 0;
   for (size_t i = 0; i < 3; i++) bits = bits << 8 | (i < count ? src[i] : 0U);
@@ -24,8 +26,8 @@ char *EncodeGroup(const uint8_t *src, size_t count, char *dst) {
   return dst;
 }
 
-// One group of four characters; the number of bytes, 1 to 3, or 0 when it is none.  Only the last
-// group may be padded, and what the padding cuts off must be zero.
+// One group of four characters.  Returns the number of bytes, 1 to 3, or 0 for an invalid group.  Only
+// the last group may be padded, and the bits that the padding cuts off must be zero.
 size_t DecodeGroup(const char *text, bool last, uint8_t bytes[3]) {
   uint32_t bits = 0;
   size_t padding = 0;

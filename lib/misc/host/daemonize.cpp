@@ -1,17 +1,18 @@
 // daemonize.cpp -- starting a daemon.
 //
-// Idea:   the classic double fork.  The first child resets what exec would carry over (timers,
-//         signal actions, descriptors), makes the session and forks again, so that the daemon is no
-//         session leader and no child of the caller.  The second child becomes the daemon.
-// Report: the first child reports by its exit status, the second one through a pipe whose write end
-//         is close-on-exec: the errno of whatever failed, or 0 as its last act before exec, followed
-//         by the errno of exec should that fail.  The caller reads until end of file, so it also
-//         notices a child that was killed on the way.  Only a child killed inside exec passes for
-//         a success; nothing tells it from a daemon that was killed at once.
-// Invariants: after the first fork nothing is allocated and no string is converted; all that children
-//         need is in the Plan.  Error pipe and PID file are above 2: the daemon's 0 to 2 are replaced.
-// Order:  as in time: the caller prepares, the first child, the second child, the caller waits.
-// Tests:  tests/unit/daemonize_test.cpp
+// Idea:       the classic double fork.  The first child resets what exec would carry over (timers, signal
+//             actions, descriptors), creates the session and forks again, so that the daemon is neither
+//             a session leader nor a child of the caller.  The second child becomes the daemon.
+// Report:     the first child reports by its exit status.  The second child reports through a pipe whose
+//             write end is close-on-exec: the errno of the step that failed, or 0 right before exec,
+//             followed by the errno of exec if that fails.  The caller reads up to the end of file, so a
+//             child that is killed on the way is noticed.  Only a child killed inside exec counts as a
+//             success: it looks like a daemon that was killed right after its start.
+// Invariants: after the first fork nothing is allocated and no string is converted; the Plan has all that
+//             the children need.  The error pipe and the PID file are above 2, because the daemon's 0 to
+//             2 are replaced.
+// Order:      as in time: the caller prepares, the first child, the second child, the caller waits.
+// Tests:      tests/unit/daemonize_test.cpp, tests/system/caller_test.cpp
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -37,14 +38,14 @@
 
 namespace {
 
-constexpr char kWho[] = "Hostinfo_Daemonize";
+constexpr char kSelf[] = "Hostinfo_Daemonize";
 constinit HostinfoPreExecHook *preExecHook = nullptr;
 
-// Logs `format`, given the procedure's name, `args` and errno in this order, and returns that errno.
+// Logs `format` with the name of the procedure, `args` and errno, in this order.  Returns that errno.
 template <typename... Args>
 int Failed(const char *format, Args... args) {
   const int error = errno;
-  Warning(format, kWho, args..., error);
+  Warning(format, kSelf, args..., error);
   return error;
 }
 
@@ -96,9 +97,9 @@ struct Plan {
 
 // ---- the caller prepares --------------------------------------------------------------------
 //
-// A result of type int is 0, or the errno that the caller of Hostinfo_Daemonize is to see.
+// A result of type int is 0, or the errno for the caller of Hostinfo_Daemonize.
 
-// Gives `fd` a number above 2, if it has none; its close-on-exec flag is clear then.
+// Moves `fd` to a number above 2 if it is not there yet; then its close-on-exec flag is clear.
 bool LiftAboveStdio(Fd *fd) {
   if (fd->Get() > STDERR_FILENO) return true;
   const int lifted = fcntl(fd->Get(), F_DUPFD, STDERR_FILENO + 1);
@@ -110,8 +111,9 @@ bool LiftAboveStdio(Fd *fd) {
   return true;
 }
 
-// Opens the PID file and, if asked, locks it.  The lock comes before all else that can fail: only then
-// may a failure remove the file.  It is the open file's, so it stays when the number changes.
+// Opens the PID file and locks it if the flag asks for that.  The lock comes before all else that can
+// fail, because only with it a failure may remove the file.  It belongs to the open file, so it stays
+// when the number changes.
 int OpenPidFile(Plan *plan) {
   const char *const cannotOpen = "%s: Couldn't open PID path [%s], error %u.\n";
   plan->pidFile.Reset(open(plan->pidPath, O_WRONLY | O_CREAT, 0644));
@@ -119,7 +121,7 @@ int OpenPidFile(Plan *plan) {
   if (plan->Has(HOSTINFO_DAEMONIZE_LOCKPID) && flock(plan->pidFile.Get(), LOCK_EX | LOCK_NB) != 0) {
     const int error =
         Failed("%s: Lock held on PID path [%s], error %u, not daemonizing.\n", plan->pidPath);
-    plan->pidFile.Reset();  // the file belongs to a running daemon, or may do so
+    plan->pidFile.Reset();  // the file may belong to a running daemon
     return error;
   }
   return LiftAboveStdio(&plan->pidFile) ? 0 : Failed(cannotOpen, plan->pidPath);
@@ -154,12 +156,12 @@ int SetCloseOnExec(int fd) {
 int ConvertStrings(Plan *plan, const char *const argv[]) {
   char *localPath;
   if (!CodeSet_Utf8ToCurrent(plan->path, strlen(plan->path), &localPath, nullptr)) {
-    Warning("%s: Couldn't convert path [%s] to default encoding.\n", kWho, plan->path);
+    Warning("%s: Couldn't convert path [%s] to default encoding.\n", kSelf, plan->path);
     return EINVAL;
   }
   plan->localPath.reset(localPath);
   if (!plan->args.Convert(argv)) {
-    Warning("%s: Couldn't convert arguments to default encoding.\n", kWho);
+    Warning("%s: Couldn't convert arguments to default encoding.\n", kSelf);
     return EINVAL;
   }
   return 0;
@@ -175,11 +177,11 @@ void ResetTimers() {
 
 void LetWriteFail(int /*number*/) {}
 
-// Every signal gets its default action, except the two that report a failed write: a log that has
-// lost its reader or reached a file size limit must not kill a child before it has reported.  These
-// are caught, not ignored, because exec gives a caught signal its default action back.
+// Every signal gets its default action, except the two that a failed write raises: when the log has
+// lost its reader, or a file has reached the size limit, that must not kill a child before it has
+// reported.  These two are caught, not ignored, because exec resets caught signals to their default.
 //
-// Some numbers cannot be set, on either host; they have the default action anyway.
+// Some signals cannot be set, on either host; they have the default action anyway.
 void ResetSignals() {
   struct sigaction action = {};
   action.sa_flags = SA_RESTART;
@@ -246,15 +248,14 @@ int WritePidFile(Plan *plan) {
   if (fsync(fd) != 0) {
     return Failed("%s: Couldn't flush PID to path [%s], error %d.\n", plan->pidPath);
   }
-  // Closing gives the lock up only when the caller's copy is closed, too; with the flag the copy
-  // here stays open and goes through exec.
+  // With the flag this copy stays open across exec, and so the lock is kept.
   if (!plan->Has(HOSTINFO_DAEMONIZE_LOCKPID)) plan->pidFile.Reset();
   return 0;
 }
 
 int RunHook(const Plan &plan) {
   if (preExecHook == nullptr || preExecHook()) return 0;
-  if (errno == 0) errno = EINVAL;  // the caller takes 0 for no failure
+  if (errno == 0) errno = EINVAL;  // 0 would report success
   return Failed("%s: Couldn't prepare for exec of %s, error %d.\n", plan.path);
 }
 
@@ -270,33 +271,30 @@ int PrepareForExec(Plan *plan) {
   return error != 0 ? error : RunHook(*plan);
 }
 
-int Exec(const Plan &plan) {
-  if (execv(plan.localPath.get(), plan.args.Get()) == -1) {
-    return Failed("%s: Couldn't exec %s, error %d.\n", plan.path);
-  }
-  Fatal_NotReached("lib/misc/hostinfoPosix", 3250);
-}
-
 bool Report(const Plan &plan, int error) {
   if (write(plan.errorWrite.Get(), &error, sizeof error) == sizeof error) return true;
-  // The caller was killed, or could not read.  Others may be waiting for the daemon all the same.
+  // The caller was killed, or could not read.  Others may be waiting for the daemon nevertheless.
   if (error == 0 && errno == EPIPE) return true;
-  Warning("%s: Couldn't write to parent pipe: %u, original error: %u.\n", kWho,
+  Warning("%s: Couldn't write to parent pipe: %u, original error: %u.\n", kSelf,
           static_cast<unsigned>(errno), static_cast<unsigned>(error));
   return false;
 }
 
-// No exec unless a caller that waits has been told of it: it would take that daemon for a failed start.
+// Without a report there is no exec: a caller that waits would take the daemon for a failed start.
 [[noreturn]] void SecondChild(Plan *plan) {
   const int error = PrepareForExec(plan);
-  if (Report(*plan, error) && error == 0) Report(*plan, Exec(*plan));
+  if (!Report(*plan, error) || error != 0) _exit(EXIT_FAILURE);
+  if (execv(plan->localPath.get(), plan->args.Get()) != -1) {
+    Fatal_NotReached("lib/misc/hostinfoPosix", 3250);
+  }
+  Report(*plan, Failed("%s: Couldn't exec %s, error %d.\n", plan->path));
   _exit(EXIT_FAILURE);
 }
 
 // ---- the caller waits -----------------------------------------------------------------------
 
-// While it lives, children leave an exit status.  If SIGCHLD is ignored, which programs inherit through
-// exec, the host discards the first child's.
+// Makes sure, for its scope, that children leave an exit status.  When SIGCHLD is ignored, which is
+// inherited across exec, the host discards it.
 class ChildStatusKept {
   struct sigaction before_;
   bool changed_;
@@ -317,21 +315,22 @@ class ChildStatusKept {
   }
 };
 
-// Without a status (another thread may wait for all children) the error pipe decides.
+// When there is no status to be had, because another thread waits for all children, the error pipe
+// decides.
 int AwaitFirstChild(pid_t child) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) return 0;
   }
   if (WIFSIGNALED(status)) {
-    Warning("%s: Child %d exited with signal %d.\n", kWho, child, WTERMSIG(status));
+    Warning("%s: Child %d exited with signal %d.\n", kSelf, child, WTERMSIG(status));
   } else if (WEXITSTATUS(status) != EXIT_SUCCESS) {
-    Warning("%s: Child %d exited with error %d.\n", kWho, child, WEXITSTATUS(status));
+    Warning("%s: Child %d exited with error %d.\n", kSelf, child, WEXITSTATUS(status));
   }
   return status == 0 ? 0 : EINVAL;
 }
 
-// Waits for one report.  Returns its size, 0 at the end of file, or -1.
+// Waits for one report.  Returns its size, 0 at end of file, or -1.
 ssize_t ReadReport(const Plan &plan, int *error) {
   ssize_t got;
   do {
@@ -341,19 +340,19 @@ ssize_t ReadReport(const Plan &plan, int *error) {
   return got;
 }
 
-// A pipe that cannot be read is not a failure: the daemon may well be running.
+// A pipe that cannot be read is no failure: the daemon may well be running.
 int AwaitExec(const Plan &plan) {
   int error;
   ssize_t got = ReadReport(plan, &error);
   const bool atExec = got > 0 && error == 0;
   if (atExec) got = ReadReport(plan, &error);
   if (got > 0) {
-    Warning("%s: Child could not exec %s, read %d, error %u.\n", kWho, plan.path,
+    Warning("%s: Child could not exec %s, read %d, error %u.\n", kSelf, plan.path,
             static_cast<int>(got), static_cast<unsigned>(error));
     return error;
   }
   if (got == 0 && !atExec) {
-    Warning("%s: Child died before it could exec %s.\n", kWho, plan.path);
+    Warning("%s: Child died before it could exec %s.\n", kSelf, plan.path);
     return EINVAL;
   }
   return 0;
@@ -397,6 +396,6 @@ bool Hostinfo_Daemonize(const char *path, const char *const argv[], int flags, c
   }
   if (error == 0 && plan.Has(HOSTINFO_DAEMONIZE_EXIT)) _exit(EXIT_SUCCESS);
   if (error == 0) return true;
-  errno = error;  // and the plan's destructors keep it
+  errno = error;  // kept by the plan's destructor
   return false;
 }

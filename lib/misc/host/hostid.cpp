@@ -1,4 +1,6 @@
-// hostid.cpp -- what identifies the host: a hash of its name and the address of its network card.
+// hostid.cpp -- what identifies the host: a hash of its name and the address of its network interface.
+//
+// Tests: tests/unit/hostServices_test.cpp
 
 #include <ifaddrs.h>
 
@@ -48,7 +50,7 @@ bool FindLinkAddress(const ifaddrs *list, const char *name, PlatformLinkAddress 
   return false;
 }
 
-// Stores the identifier when there is one.  0, or the errno of what failed, after a warning.
+// Stores the identifier if there is one.  Returns 0, or the errno of the failure after a warning.
 int ObtainHardwareID(uint64_t *hardwareID) {
   ifaddrs *first;
   if (getifaddrs(&first) != 0) {

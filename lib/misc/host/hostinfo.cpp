@@ -1,4 +1,6 @@
 // hostinfo.cpp -- the path of the running program, the name of the host, and whether a process lives.
+//
+// Tests: tests/unit/hostServices_test.cpp
 
 #include "lib/public/hostinfo.h"
 

@@ -1,4 +1,6 @@
 // id.cpp -- the super-user bracket and the identity queries.
+//
+// Tests: tests/unit/hostServices_test.cpp
 
 #include "lib/public/id.h"
 
@@ -18,15 +20,15 @@ uid_t Id_BeginSuperUser() {
   const uid_t uid = geteuid();
   if (uid == 0) return kNothingToRestore;
   if (uid == kNothingToRestore) Fatal_Verify("lib/misc/idLinux", 925);
-  // PRIV: the process's identity is the super-user's.  Where it is not, this fails or changes
-  // nothing, and the call inside the bracket tells by its own failure.
+  // PRIV: the process's identity is the super-user's.  If it is not, this fails or changes nothing, and
+  // the calls inside the bracket fail by themselves.
   static_cast<void>(Platform_ResumeProcessIdentity());
   return uid;
 }
 
 void Id_EndSuperUser(uid_t savedUid) {
   if (savedUid == kNothingToRestore || geteuid() == savedUid) return;
-  // PRIV: gives up what the bracket's beginning took.
+  // PRIV: gives up what the beginning of the bracket took.
   if (Platform_AssumeThreadIdentity(savedUid, getgid()) == -1) {
     Log("Failed to release super user privileges.\n");
   }

@@ -1,7 +1,9 @@
 // posix.cpp -- realpath(3) and readlink(2) between UTF-8 strings.
 //
-// A wrong path of the caller is ERANGE, a wrong answer of the system EILSEQ.  Every clean-up keeps
-// errno, so what the caller sees is what the system call left.
+// A path from the caller that is not UTF-8 is ERANGE, a result of the system that is not is EILSEQ.
+// All clean-up keeps errno, so the caller sees what the system call left.
+//
+// Tests: tests/unit/hostServices_test.cpp
 
 #include "lib/public/posix.h"
 
@@ -45,7 +47,7 @@ char *Posix_RealPath(const char *path) {
   if (local == nullptr) return nullptr;
   char resolved[PATH_MAX];
   if (realpath(local.get(), resolved) == nullptr) return nullptr;
-  // Looking at components that are no links may leave an errno behind, though all is well.
+  // A successful realpath may leave an errno behind, from looking at components that are not links.
   errno = before;
   return FromLocal(resolved, strlen(resolved));
 }
@@ -57,7 +59,7 @@ char *Posix_ReadLink(const char *path) {
 char *Posix_ReadLinkAt(int dir, const char *path) {
   const HeapStr local = ToLocal(path);
   if (local == nullptr) return nullptr;
-  // A target that fills the buffer may have been cut: only one that leaves room is whole.
+  // A target that fills the buffer may have been cut; one that leaves room is complete.
   for (size_t size = kLinkSize;; size += kLinkSizeStep) {
     const HeapStr target(static_cast<char *>(Heap_SafeMalloc(size)));
     const ssize_t length = readlinkat(dir, local.get(), target.get(), size);

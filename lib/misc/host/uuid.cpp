@@ -1,4 +1,6 @@
 // uuid.cpp -- the host's identity as a text of sixteen bytes.
+//
+// Tests: tests/unit/hostServices_test.cpp
 
 #include "lib/public/uuid.h"
 
@@ -23,7 +25,7 @@ struct UuidState {
 
 constinit UuidState state;
 
-// Cached even when it fails: an identity that changes while the process runs is worse than none.
+// A failure is cached, too: an identity that changes while the process runs would be worse than none.
 HostText ComputeHostText() {
   uint32_t hostNameHash;
   uint64_t hardwareID;
