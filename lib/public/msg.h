@@ -1,8 +1,8 @@
 // msg.h -- the pending messages of each thread.
 //
-// A procedure that fails appends what went wrong for the user here and returns its result; the
-// caller decides whether the messages are shown, logged or dropped.  They belong to the thread
-// that appended them and are freed when it ends; those of the main thread, with the process.
+// A procedure that fails appends a message for the user here and returns its result; its caller decides
+// whether the messages are shown, logged or dropped.  They belong to the thread that appended them and
+// are freed when it ends; after fork(2) the child has a copy of those of the thread that called it.
 // errno is unchanged.  Any thread.  Exhausted memory is fatal.
 #pragma once
 
@@ -10,7 +10,7 @@
 
 #include "lib/public/msgList.h"
 
-// As MsgList_Append and its kin, on the pending messages of this thread.
+// As the MsgList procedures of the same names, on the pending messages of this thread.
 void Msg_Append(const char *idFormat, ...) __attribute__((format(printf, 1, 2)));
 void Msg_VAppend(const char *idFormat, va_list args) __attribute__((format(printf, 1, 0)));
 void Msg_AppendStr(const char *idText);

@@ -1,7 +1,9 @@
 // err.cpp -- what errno values mean.
 //
-// Two tables with the same entries, one by value and one by the address of the text.  They stay
-// until the process ends, because a thread may still hold a text while others run exit handlers.
+// Two tables with the same entries, one by value and one by the address of the text.  They are never
+// freed, because a thread may still use a text while others run exit handlers.
+//
+// Tests: tests/unit/messages_test.cpp
 
 #include "lib/public/err.h"
 
@@ -9,9 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <memory>
-#include <new>
-#include <span>
 
 #include "lib/public/errnoKeeper.h"
 #include "lib/public/hashTable.h"
@@ -29,16 +28,9 @@ struct ErrInfo {
   HeapStr text;
 };
 
-void FreeInfo(void *value) {
-  auto *const info = static_cast<ErrInfo *>(value);
-  std::destroy_at(info);
-  free(info);
+void FreeInfo(void *info) {
+  HeapPtr<ErrInfo>(static_cast<ErrInfo *>(info)).reset();
 }
-
-struct InfoFreer {
-  void operator()(ErrInfo *info) const noexcept { FreeInfo(info); }
-};
-using InfoOwner = std::unique_ptr<ErrInfo, InfoFreer>;
 
 struct ErrState {
   std::atomic<HashTable *> byNumber = nullptr;  // owns the entries
@@ -54,11 +46,10 @@ size_t WholeCharacters(const char *text) {
   return tail.missing > 0 ? tail.start : length;
 }
 
-InfoOwner MakeInfo(int number) {
+HeapPtr<ErrInfo> MakeInfo(int number) {
   std::array<char, kTextSize> buffer;
   const char *const text = Platform_ErrorText(number, buffer);
-  return InfoOwner(new (Heap_SafeMalloc(sizeof(ErrInfo)))
-                       ErrInfo{number, Heap_SafeStrndup(text, WholeCharacters(text))});
+  return Heap_New<ErrInfo>(number, Heap_SafeStrndup(text, WholeCharacters(text)));
 }
 
 const void *NumberKey(int number) {
@@ -70,8 +61,8 @@ const ErrInfo *FindOrMake(int number) {
                                                HASHTABLE_INT_KEY | HASHTABLE_ATOMIC, FreeInfo);
   void *found = nullptr;
   if (HashTable_Lookup(table, NumberKey(number), &found)) return static_cast<ErrInfo *>(found);
-  InfoOwner fresh = MakeInfo(number);
-  // Another thread may have been faster: then its text is the one.
+  HeapPtr<ErrInfo> fresh = MakeInfo(number);
+  // Another thread may have been faster: then its entry counts.
   found = HashTable_LookupOrInsert(table, NumberKey(number), fresh.get());
   if (found == fresh.get()) static_cast<void>(fresh.release());
   return static_cast<ErrInfo *>(found);

@@ -14,7 +14,7 @@
 #include "lib/public/msgfmt.h"
 #include "lib/public/str.h"
 
-// A va_list as a parameter is: on some hosts the list itself, on others a pointer to it.
+// The type of a va_list as a parameter: on some hosts the list itself, on others a pointer to it.
 using MsgFmtArgList = std::decay_t<va_list>;
 
 // The caller's buffer, filled from its start.
@@ -42,7 +42,7 @@ class MsgFmtBuffer {
 
   void Clear() { at_ = begin_; }
 
-  // The first text of an empty buffer, cut to its size; null when it has none.
+  // Formats into the empty buffer, cut to its size; null when the size is 0.
   __attribute__((format(printf, 2, 0))) char *Format(const char *format, va_list args) {
     const auto size = static_cast<size_t>(end_ - begin_);
     if (size == 0) return nullptr;

@@ -1,4 +1,4 @@
-// msgfmtInternal.h -- what the files of messages share.
+// msgfmtInternal.h -- shared by the sources of this folder.
 #pragma once
 
 #include <string_view>
@@ -10,11 +10,11 @@
 // follows.  False for any other text.
 [[nodiscard]] bool MsgFmtSplitId(const char *text, std::string_view *id, const char **rest);
 
-// The type of the record that a conversion's value is captured in; MSGFMT_ARG_INVALID when it has
-// no value, or one that cannot be captured.
+// The type of the record for the value of a conversion; MSGFMT_ARG_INVALID when it has no value, or one
+// that cannot be captured.
 [[nodiscard]] MsgFmt_ArgType MsgFmtTypeOf(const FormatConversion &conversion);
 
-// The type of the records that widths and precisions are captured in.
+// The type of the records for widths and precisions.
 inline constexpr MsgFmt_ArgType kMsgFmtCountType = MSGFMT_ARG_INT32;
 
 // Which member of a record's union is in use.

@@ -1,4 +1,6 @@
 // msgfmtPrint.cpp -- captured arguments back into text, by the conversions of the printf engine.
+//
+// Tests: tests/unit/messages_test.cpp, fuzz/msgfmt_fuzz.cpp
 
 #include <cerrno>
 #include <cstring>
@@ -13,7 +15,7 @@ namespace {
 
 using Records = std::span<const MsgFmt_Arg>;
 
-// Whether the record at `position`, if one is asked for, is there and of the type.
+// Whether the record at `position` exists and has the type; true for no position.
 bool Holds(Records records, size_t position, MsgFmt_ArgType wanted) {
   if (position == 0) return true;
   if (position > records.size()) return false;
@@ -21,8 +23,8 @@ bool Holds(Records records, size_t position, MsgFmt_ArgType wanted) {
   return type == wanted || (type == MSGFMT_ARG_ERRNO && wanted == MSGFMT_ARG_STRING8);
 }
 
-// Whether the records are what the format asks for, and the format is one that could have been
-// captured.  A format may come from a translation, and the engine would take a number for a string.
+// Whether the records are what the format asks for, and the format could have been captured.  A format may
+// come from a translation, and the engine would trust it and take a number for the address of a string.
 bool Suit(Records records, const char *format) {
   for (FormatWalk walk(format); walk.Next();) {
     const FormatPlaces &places = walk.Places();

@@ -1,4 +1,6 @@
-// msgfmtRecords.cpp -- which record an argument is captured in; copies of records, and their end.
+// msgfmtRecords.cpp -- the types of captured arguments; copying and freeing of records.
+//
+// Tests: tests/unit/messages_test.cpp
 
 #include <array>
 #include <cstring>
@@ -11,9 +13,9 @@
 
 namespace {
 
-// One row for the conversions that heed size modifiers alike: the types in the order of FormatSize,
+// What the size modifiers mean to one kind of conversion: the types in the order of FormatSize,
 //   none I32 hh h l ll j t z
-// and the place to report when there is no such modifier.
+// and the line to report for any other value.
 struct TypeRow {
   std::array<MsgFmt_ArgType, 9> types;
   int line;
@@ -38,7 +40,7 @@ MsgFmt_ArgType TypeIn(const TypeRow &row, FormatSize size) {
   return row.types[column];
 }
 
-// Strings are null or end in a zero.
+// Captured strings are null or end in a zero.
 void CopyString(MsgFmt_Arg *arg) {
   if (MsgFmtIsString8(arg->type) && arg->v.string8 != nullptr) {
     arg->v.string8 = Heap_SafeStrdup(arg->v.string8).release();
