@@ -1,7 +1,9 @@
 // mxUserCondVar.cpp -- condition variables on either kind of lock.
 //
-// The native wait gives the mutex up once, whatever the depth, so the lock's own count and owner
-// leave with it and come back with it.
+// The native wait unlocks the mutex once, whatever the lock's depth.  So count and owner are reset for
+// the wait, and restored after it.
+//
+// Tests: tests/unit/lock_test.cpp
 
 #include <sys/time.h>
 
@@ -11,7 +13,7 @@
 
 struct MXUserCondVar {
   RelaxedAtomic<uint32_t> signature;
-  MXUserLock *lock;  // the only one to wait with
+  MXUserLock *lock;  // the only lock to wait with
   pthread_cond_t cond;
   std::atomic<uint32_t> waiters;  // destruction reads it without the lock
 };
@@ -50,8 +52,8 @@ int NativeWait(MXUserCondVar *condVar, pthread_mutex_t *mutex, uint32_t msecWait
   return pthread_cond_timedwait(&condVar->cond, mutex, &deadline);
 }
 
-// The count of waiters falls only when the native object is left behind: whoever reads 0 may
-// destroy it.
+// The count of waiters is lowered only when this thread is done with the native object: a thread that
+// reads 0 may destroy it.
 void MXUserWaitInternal(MXUserLock *lock, MXUserCondVar *condVar, uint32_t msecWait) {
   if (lock != condVar->lock || !lock->native.IsOwnedByCaller()) {
     MXUserDumpAndPanic(*lock, "%s: invalid use of lock %s with condVar (0x%p; %s)\n",

@@ -1,4 +1,6 @@
-// mxUserExclLock.cpp -- exclusive locks: one owner, who destroys the lock.
+// mxUserExclLock.cpp -- exclusive locks, which their creator destroys.
+//
+// Tests: tests/unit/lock_test.cpp
 
 #include "lib/lock/mxUserInt.h"
 #include "lib/lock/mxUserStats.h"

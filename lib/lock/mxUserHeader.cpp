@@ -1,5 +1,7 @@
-// mxUserHeader.cpp -- what every lock begins with: name, signature, serial number, place on the
-// list of all locks.
+// mxUserHeader.cpp -- the beginning of every lock: name, signature, serial number, place on the list of
+// all locks.
+//
+// Tests: tests/unit/lock_test.cpp
 
 #include <ctime>
 
@@ -11,7 +13,7 @@
 namespace {
 
 struct HeaderState {
-  std::atomic<uint32_t> salt = 0;  // of signatures; 0: not drawn yet
+  std::atomic<uint32_t> salt = 0;  // of signatures; 0: not chosen yet
   std::atomic<uint64_t> nextSerialNumber = 1;
   std::atomic<MXUserNativeLock *> listLock = nullptr;
   MXUserHeader *head = nullptr;  // of a ring; under the list lock
@@ -26,7 +28,7 @@ struct NativeLockDeleter {
   }
 };
 
-// Null when the native lock could not be made.
+// Null when the native lock could not be created.
 MXUserNativeLock *GetListLock() {
   MXUserNativeLock *const lock = state.listLock.load(std::memory_order_acquire);
   if (lock != nullptr) return lock;
@@ -101,9 +103,8 @@ void MXUserForEachLock(void (*visit)(MXUserHeader *header)) {
   } while (header != state.head);
 }
 
-// The number is drawn under the list lock, although it need not be for its own sake: so no lock
-// appears on the list after one with a higher number, and the statistics pass, which remembers the
-// highest that it has announced, misses none.
+// The number is drawn under the list lock, so that locks come onto the list in the order of their
+// numbers: the statistics pass remembers only the highest number that it has announced.
 void MXUserAddToList(MXUserHeader *header) {
   const MXUserListHolder list(MXUserListHolder::Mode::wait);
   header->serialNumber = MXUserAllocSerialNumber();

@@ -1,14 +1,15 @@
-// mxUserInt.h -- what the files of the lock library share.
+// mxUserInt.h -- shared by the sources of the lock library.
 //
-// Holds:  1. `count` and `owner` of a native lock are changed only by the thread that has the
-//            mutex.  All others may read them at any time, so they are atomic, but relaxed: the one
-//            question they answer without the mutex is "is it me?", and a thread finds its own
-//            identity there only if it wrote that itself.
-//         2. A lock is on the list from the end of its creation to the beginning of its
-//            destruction.  List links belong to the list lock; so does the life of a lock, as seen
-//            by the statistics pass.
-//         3. What is created at first use is installed by compare-and-swap; who comes second
-//            destroys its own and takes the first.
+// Invariants: 1. `count` and `owner` of a native lock are changed only by the thread that has the mutex.
+//                Others may read them at any time, so they are atomic.  Relaxed is enough: without the
+//                mutex the only question is "am I the owner?", and a thread finds its own identity there
+//                only if it has written it.
+//             2. A lock is on the list from the end of its creation to the beginning of its destruction.
+//                The list lock guards the links, and keeps locks alive while the statistics pass visits
+//                them.
+//             3. An object that is created at its first use is installed by compare-and-swap.  A thread
+//                that loses the race destroys its own object and uses the winner's.
+// Tests:      tests/unit/lock_test.cpp
 #pragma once
 
 #include <pthread.h>
@@ -30,7 +31,7 @@
 
 // ---- memory ----------------------------------------------------------------------------------
 
-// A slot that owns what is installed in it.
+// A slot that owns the object that is installed in it.
 template <typename T>
 class MXUserOnceSlot {
   std::atomic<T *> value_ = nullptr;
@@ -45,8 +46,8 @@ class MXUserOnceSlot {
   T *Install(HeapPtr<T> fresh) { return OnceSlot_Install(&value_, std::move(fresh)); }
 };
 
-// A value that one thread at a time changes and that others may read meanwhile: a plain load and
-// store on every processor, without a data race.
+// A value that one thread at a time changes while others may read it: plain loads and stores on every
+// processor, but no data race.
 template <typename T>
 class RelaxedAtomic {
   std::atomic<T> value_{};
@@ -63,8 +64,8 @@ class RelaxedAtomic {
 
 // ---- the native lock -------------------------------------------------------------------------
 
-// The owner of a lock that nobody owns: all bits set.  pthread_t is a pointer on one host and an
-// integer on the other.
+// The owner of a lock that is free: all bits set.  pthread_t is a pointer on one host and an integer on
+// the other.
 inline pthread_t MXUserNobody() {
   static_assert(sizeof(pthread_t) == sizeof(uintptr_t));
   return std::bit_cast<pthread_t>(UINTPTR_MAX);
@@ -72,16 +73,16 @@ inline pthread_t MXUserNobody() {
 
 constexpr size_t kMXUserCacheLine = 64;
 
-// A mutex that its owner may acquire again.  Between release and acquisition the count is 0.
+// A mutex that its owner may acquire again.  The count is 0 while the lock is free.
 //
-// It begins a cache line: where the mutex is small enough, two processors that fight for the lock
-// pass one line to and fro, and never two.
+// It starts a cache line.  If the mutex is small enough, processors that compete for the lock exchange one
+// line, not two.
 struct alignas(kMXUserCacheLine) MXUserNativeLock {
   pthread_mutex_t mutex;
   RelaxedAtomic<int32_t> count;
   RelaxedAtomic<pthread_t> owner{MXUserNobody()};
 
-  // These four return what the native call returned.
+  // These four return the result of the native call.
   int Init() { return pthread_mutex_init(&mutex, nullptr); }
   int Destroy() { return pthread_mutex_destroy(&mutex); }
   int Acquire() { return AcquireWith(pthread_mutex_lock); }
@@ -89,8 +90,8 @@ struct alignas(kMXUserCacheLine) MXUserNativeLock {
 
   bool IsOwnedByCaller() const { return owner.Get() == Platform_ThreadSelf(); }
 
-  // The caller must be the owner.  Then unlocking a mutex of the default kind cannot fail, and by
-  // not looking it becomes the caller's last jump: a tenth of the time of a free lock.
+  // The caller must be the owner.  Then unlocking a mutex of the default kind cannot fail, and ignoring
+  // the result lets the compiler emit a tail call: a tenth of the time of a free lock.
   void Release() {
     const int32_t before = count.Get();
     count.Set(before - 1);
@@ -99,7 +100,7 @@ struct alignas(kMXUserCacheLine) MXUserNativeLock {
     pthread_mutex_unlock(&mutex);
   }
 
-  // The caller keeps the mutex, but gives up all that it has acquired: how often that was.
+  // The caller keeps the mutex, but owns the lock no more.  Returns how often it had acquired it.
   int32_t Disown() {
     const int32_t times = count.Get();
     count.Set(0);
@@ -107,7 +108,7 @@ struct alignas(kMXUserCacheLine) MXUserNativeLock {
     return times;
   }
 
-  // The caller has the mutex and owns the lock from now on, acquired so many times.
+  // The caller has the mutex, and from now on owns the lock, acquired `times` times.
   void Own(int32_t times) {
     count.Set(times);
     owner.Set(Platform_ThreadSelf());
@@ -130,15 +131,15 @@ struct alignas(kMXUserCacheLine) MXUserNativeLock {
 
 enum class MXUserType : uint32_t { recLock = 2, exclLock = 4, condVar = 6 };
 
-// The type in the upper four bits; below it a number that all objects of this process share.
+// The type in the upper four bits; below it a salt that all objects of this process share.
 [[nodiscard]] uint32_t MXUserSignature(MXUserType type);
 
 struct MXUserHeader {
   HeapStr name;
-  RelaxedAtomic<uint32_t> signature;  // atomic, so that the 0 at the end is really written
+  RelaxedAtomic<uint32_t> signature;  // atomic, so that the final 0 is not optimised away
   MX_Rank rank;
   void (*dump)(const MXUserHeader &header);   // writes the state as warnings
-  void (*statsAction)(MXUserHeader *header);  // writes the statistics; null without them
+  void (*statsAction)(MXUserHeader *header);  // writes the statistics; null when there are none
   MXUserHeader *next;                         // null when not on the list
   MXUserHeader *prev;
   uint64_t serialNumber;
@@ -156,38 +157,38 @@ struct MXUserLock : MXUserHeader {
 
 struct MXUserExclLock : MXUserLock {};
 
-// A bound lock has no native mutex and is on no list: `native` stays as it was born, and every
+// A bound lock has no native mutex and is not on the list: `native` keeps its initial values, and every
 // operation goes to the hooks.
 struct MXUserRecLock : MXUserLock {
   MX_MutexRec *vmmLock;  // null for an ordinary lock
-  // By itself, because every operation looks at vmmLock: counting must not take that line away from
-  // other processors.
+  // On a line of its own: every operation reads vmmLock, and counting references would keep taking its
+  // line away from other processors.
   alignas(kMXUserCacheLine) std::atomic<uint32_t> refCount = 1;
 };
 
-// How a kind of locks is made.
+// How the locks of one kind are made.
 struct MXUserLockKind {
   MXUserType type;
-  const char *nameFormat;  // of a lock without a name, for its creator
+  const char *nameFormat;  // of the name of a lock that was given none; prints the creator
   const char *createName;  // the procedure that creates it, for messages
   void (*dump)(const MXUserHeader &header);
 };
 
-// Everything but what only the kind has, and puts the lock on the list.  `creator` is the code
-// location that created the lock.
+// Initialises all that both kinds have in common, and puts the lock on the list.  `creator` is the code
+// address that created the lock.
 void MXUserInitLock(MXUserLock *lock, const MXUserLockKind &kind, const char *name, MX_Rank rank,
                     const void *creator);
 
-// Name, signature, rank and dump.
+// Sets name, signature, rank and dump.
 void MXUserInitHeader(MXUserHeader *header, const MXUserLockKind &kind, HeapStr name, MX_Rank rank);
 
-// 1 for the first caller, and so on; never twice the same.
+// 1, 2, 3 and so on; never the same number twice.
 [[nodiscard]] uint64_t MXUserAllocSerialNumber();
 
 // ---- the list of locks -----------------------------------------------------------------------
 
-// The list lock for a scope.  Without it, because the native lock could not be made or because
-// another thread has it and the caller does not wait, there is no list for the caller.
+// Holds the list lock for a scope.  False when it does not: because the native lock could not be created,
+// or because another thread has it and the caller does not wait.  Then the list is out of bounds.
 class MXUserListHolder {
   MXUserNativeLock *lock_;
 
@@ -203,20 +204,20 @@ class MXUserListHolder {
   explicit operator bool() const { return lock_ != nullptr; }
 };
 
-// Calls visit(header) for every lock, beginning with the head.  The caller holds the list.
+// Calls visit(header) for every lock, beginning with the head.  The caller holds the list lock.
 void MXUserForEachLock(void (*visit)(MXUserHeader *header));
 
-// Gives the lock its serial number and puts it on the list, if there is one.
+// Gives the lock its serial number and puts it on the list, if the list lock exists.
 void MXUserAddToList(MXUserHeader *header);
 void MXUserRemoveFromList(MXUserHeader *header);
 
 // ---- the end ---------------------------------------------------------------------------------
 
-// The lines that the dumps of both kinds have in common.
+// The lines that the dumps of both kinds share.
 void MXUserDumpHeader(const MXUserHeader &header);
 void MXUserDumpNative(const MXUserNativeLock &native);
 
-// The lock's state as warnings, then the message by Panic.
+// Writes the lock's state as warnings, then ends the process with the message, by Panic.
 [[noreturn]] void MXUserDumpAndPanic(const MXUserHeader &header, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -1,10 +1,10 @@
 // mxUserLog10.h -- logarithms in fixed point, for the bins of histograms.
 //
-// Idea:   the binary logarithm of x is the place of its leading one, plus the logarithm of what
-//         follows it, read as a number in [1, 2): the next 8 bits choose a row of a table, the 16
-//         bits after them a point on the line to the next row.  No floating point, no library.
-//         Between two rows the line is at most 0.18 below the curve, in units of the last place.
-// Tests:  tests/unit/lock_test.cpp
+// Idea:  the binary logarithm of x is the position of its leading one, plus the logarithm of x scaled to
+//        [1, 2).  For the latter the 8 bits after the leading one choose a row of a table, and the 16 bits
+//        after those a point on the line to the next row.  No floating point, no library.  Between two
+//        rows the line is at most 0.18 units of the last place below the curve.
+// Tests: tests/unit/lock_test.cpp
 #pragma once
 
 #include <array>
@@ -48,8 +48,8 @@ struct MXUserLog10 {
     return (63 - zeros) * kOne + kTable[index] + static_cast<uint32_t>(step * between / kOne);
   }
 
-  // floor(scale * log10(value / unit)), for value >= unit > 0.  The quotient is taken with all the
-  // binary digits that there is room for.
+  // floor(scale * log10(value / unit)), for value >= unit > 0.  The quotient has as many binary digits as
+  // there is room for.
   static constexpr uint64_t Scaled(uint64_t scale, uint64_t value, uint64_t unit) {
     const auto shift = static_cast<unsigned>(std::countl_zero(value));
     return scale * (Log2((value << shift) / unit) - shift * kOne) / kLog2Of10;

@@ -1,5 +1,7 @@
-// mxUserPanic.cpp -- the end of the process because of a lock, and the hooks of the other system
-// that takes part in it.
+// mxUserPanic.cpp -- ending the process because of a lock, and the hooks of the external lock system,
+// which takes part in that.
+//
+// Tests: tests/unit/lock_test.cpp
 
 #include "lib/lock/mxUserInt.h"
 #include "lib/public/log.h"
@@ -7,7 +9,8 @@
 
 namespace {
 
-// From this failure on, since they come one after the other, locks are not to be trusted.
+// From this failure on, locks are no longer trusted: each failure ends the process, so more than one means
+// that exit handlers keep failing.
 constexpr uint32_t kFailuresToPanic = 6;
 
 struct PanicState {

@@ -1,4 +1,6 @@
-// mxUserRecLock.cpp -- recursive locks: counted references, and locks that stand for external ones.
+// mxUserRecLock.cpp -- recursive locks: counted references, and locks that forward to external ones.
+//
+// Tests: tests/unit/lock_test.cpp
 
 #include "lib/lock/mxUserInt.h"
 #include "lib/lock/mxUserStats.h"
@@ -39,7 +41,7 @@ RecLockOwner NewRecLock(const char *name, MX_Rank rank, const void *creator) {
   return RecLockOwner(lock.release());
 }
 
-// What only an ordinary lock has.
+// Destroys what only an ordinary lock has.
 void DestroyNative(MXUserRecLock *lock) {
   if (lock->native.count.Get() > 0) {
     MXUserDumpAndPanic(*lock, "%s: Destroy of an acquired recursive lock\n",
@@ -87,7 +89,8 @@ void MXUser_IncRefRecLock(MXUserRecLock *lock) {
   lock->refCount.fetch_add(1, std::memory_order_relaxed);
 }
 
-// The last one must see all that the others did to the lock before they dropped theirs.
+// The thread that drops the last reference must see what the others did to the lock before they dropped
+// theirs: acquire and release.
 void MXUser_DecRefRecLock(MXUserRecLock *lock) {
   if (lock->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
   MX_MutexRec *const external = lock->vmmLock;

@@ -1,4 +1,6 @@
-// mxUserStats.cpp -- the records of statistics, from creation to the check for contention.
+// mxUserStats.cpp -- statistics records, from their creation to the check for contention.
+//
+// Tests: tests/unit/lock_test.cpp
 
 #include "lib/lock/mxUserStats.h"
 
@@ -36,7 +38,7 @@ HeapPtr<MXUserHeldStats> NewHeldStats() {
   return stats;
 }
 
-// Sets one floor of a lock, if it has any.
+// Sets one floor of a lock; false when it has none.
 template <typename T>
 bool SetFloor(MXUserLock *lock, RelaxedAtomic<T> MXUserAcquireStats::*floor, T value) {
   MXUserAcquireStats *const stats = lock->acquireStats.Get();
@@ -45,9 +47,9 @@ bool SetFloor(MXUserLock *lock, RelaxedAtomic<T> MXUserAcquireStats::*floor, T v
   return true;
 }
 
-// Newton's iteration.  From the first step on it comes down to the root, and ends when it moves no
-// more; roots so large that neighbouring numbers are farther apart than that end it by the number
-// of steps, which halve the distance at least: 100 lead from 2^192 to the root.
+// Newton's iteration.  From the first step on it approaches the root from above, and ends when a step is
+// small enough.  Near roots so large that neighbouring doubles are farther apart, the number of steps ends
+// it: each step halves the distance at least, so 100 lead from 2^192 to the root.
 double SquareRoot(double value) {
   constexpr double kClose = 1e-10;
   constexpr int kMostSteps = 128;
@@ -111,7 +113,7 @@ uint64_t MXUserStandardDeviation(uint64_t numSamples, uint64_t timeSum, double t
   const double variance = (timeSquaredSum - mean * count * mean) / (count - 1);
   if (variance <= 0) return 0;
   const double rounded = SquareRoot(variance) + 0.5;
-  // A sum that has wrapped may ask for more than there is.
+  // A sum that has wrapped around can make this larger than any uint64_t.
   return rounded < 0x1p64 ? static_cast<uint64_t>(rounded) : UINT64_MAX;
 }
 
@@ -133,7 +135,7 @@ void MXUserAcquisitionSample(MXUserAcquireStats *stats, bool acquired, bool cont
 
 MXUserContention MXUserCheckContention(const MXUserAcquireStats &stats) {
   const uint64_t attempts = stats.numAttempts.load(std::memory_order_relaxed);
-  // An attempt is counted before its success, but may be seen after it.
+  // An attempt is counted before its success, but the two counts may be seen in the other order.
   const uint64_t successes = std::min(attempts, stats.numSuccesses.Get());
   const uint64_t countFloor = stats.countFloor.Get();
   const double ratio = attempts < countFloor

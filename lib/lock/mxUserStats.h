@@ -1,19 +1,17 @@
-// mxUserStats.h -- the statistics of locks: their records, how samples get in, and the check for
-// contention.
+// mxUserStats.h -- statistics of locks: the records, their samples, and the check for contention.
 //
-// A record is written by the thread that holds the lock, and read by the statistics pass of
-// whatever thread meanwhile: a line may mix values from before and after a sample, which is good
-// enough for statistics.  Only what a thread without the lock can count, too, is added atomically.
+// The thread that holds the lock writes a record while the statistics pass of another thread may read it:
+// a line may mix values from before and after a sample, which is good enough for statistics.  Only the
+// numbers that threads without the lock change, too, are added to atomically.
 //
-// Nothing samples yet: the mode is 0, and the paths of acquisition and release stay as short as
-// they are.
+// Nothing takes samples yet: the mode is 0, and acquiring and releasing stay as short as they are.
 #pragma once
 
 #include "lib/lock/mxUserInt.h"
 
 // ---- histograms ------------------------------------------------------------------------------
 
-// Bins are equally wide in the logarithm.
+// All bins have the same width on a logarithmic scale.
 struct MXUserHisto {
   const char *typeName;
   uint32_t numBins;
@@ -23,11 +21,11 @@ struct MXUserHisto {
   std::unique_ptr<RelaxedAtomic<uint64_t>[], HeapFreer> bins;
 };
 
-// From minValue > 0 on, with 100 bins a decade.
+// Begins at minValue, which is above 0, with 100 bins per decade.
 [[nodiscard]] HeapPtr<MXUserHisto> MXUserNewHisto(const char *typeName, uint64_t minValue,
                                                   uint32_t decades);
 
-// What lies below the range goes to the first bin, what lies above to the last.
+// A value below the range counts in the first bin, a value above it in the last.
 void MXUserHistoSample(MXUserHisto *histo, uint64_t value);
 
 // ---- samples ---------------------------------------------------------------------------------
@@ -70,7 +68,7 @@ struct MXUserAcquireStats {
 void MXUserAcquisitionSample(MXUserAcquireStats *stats, bool acquired, bool contended,
                              uint64_t elapsed);
 
-// What the check for contention says.
+// The result of the check for contention.
 struct MXUserContention {
   bool isHot;
   bool doLog;
@@ -87,15 +85,15 @@ struct MXUserHeldStats {
 
 // ---- of one lock -----------------------------------------------------------------------------
 
-// 0: no statistics; 1: acquisitions; 2: held times, too.  Holds for locks created from then on; any
-// other value is fatal to them.
+// 0: no statistics; 1: acquisitions; 2: held times, too.  Applies to locks that are created from then on;
+// with any other value creating one is fatal.
 void MXUserSetStatsMode(int mode);
 
-// Makes the records that the mode asks for.
+// Creates the records that the mode asks for.
 void MXUserInitStats(MXUserLock *lock, const MXUserLockKind &kind);
 
-// The statistics action: writes the lines of a MXUserLock, and makes the histograms of one that is
-// hot.  For the statistics pass.
+// The statistics action of a MXUserLock: writes its lines, and creates its histograms when it is hot.
+// For the statistics pass.
 void MXUserStatsAction(MXUserHeader *header);
 
 // False when the lock has no statistics of acquisitions.

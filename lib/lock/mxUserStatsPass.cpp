@@ -1,6 +1,8 @@
 // mxUserStatsPass.cpp -- the statistics pass: walks the list of locks and writes their lines.
 //
-// All that is here is used with the list lock held, which makes one line buffer enough.
+// Everything here runs with the list lock held, so one line buffer is enough.
+//
+// Tests: tests/unit/lock_test.cpp
 
 #include <algorithm>
 #include <cstdarg>
@@ -20,7 +22,7 @@ struct StatsOutput {
   MXUserStatsFunc write = nullptr;
   void *context = nullptr;
   size_t size = 0;         // of the line, with its NUL
-  char *line = nullptr;    // owned, like everything here for the life of the process
+  char *line = nullptr;    // owned
   uint64_t announced = 0;  // the highest serial number whose lock has been named
   uint64_t highestSeen = 0;
 };
@@ -29,7 +31,7 @@ constinit StatsOutput output;
 
 // ---- lines -----------------------------------------------------------------------------------
 
-// Into the buffer, cut if need be: the length, or -1 when it has been cut.
+// Formats into the line buffer.  Returns the length, or -1 when the line was cut.
 __attribute__((format(printf, 1, 2))) int Format(const char *format, ...) {
   va_list args;
   va_start(args, format);
@@ -65,8 +67,7 @@ void WriteContentionLine(const MXUserHeader &header, const MXUserAcquireStats &s
   Write();
 }
 
-// The bins are appended over the line's end, each with an end of its own, as long as two bytes stay
-// free behind the whole.
+// Each bin overwrites the end of the line and brings a new one, as long as two bytes stay free behind it.
 void WriteHistoLine(const MXUserHeader &header, const MXUserHisto &histo) {
   const int headLength =
       Format("MXUser: h l=%llu t=%s min=%llu max=%llu\n", Wide(header.serialNumber), histo.typeName,
