@@ -1,7 +1,6 @@
 // msgfmtCapture.h -- the records of a capture while they are being made.
 #pragma once
 
-#include <compare>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -63,13 +62,14 @@ class StringLimit {
       : units_(precision < 0 ? UINT32_MAX : static_cast<uint32_t>(precision)) {}
 
   int32_t AsPrecision() const { return static_cast<int32_t>(units_); }
-  auto operator<=>(const StringLimit &) const = default;
+  bool IsAll() const { return units_ == UINT32_MAX; }
+  bool operator<(const StringLimit &other) const { return units_ < other.units_; }
 
   size_t LengthOf(const char *string) const {
-    return *this == StringLimit() ? strlen(string) : Str_Strlen(string, units_);
+    return IsAll() ? strlen(string) : Str_Strlen(string, units_);
   }
   size_t LengthOf(const wchar_t *string) const {
-    return *this == StringLimit() ? wcslen(string) : wcsnlen(string, units_);
+    return IsAll() ? wcslen(string) : wcsnlen(string, units_);
   }
 };
 
