@@ -387,7 +387,7 @@ TEST(BoundLock, NeedsFiveHooksAndForwardsToThoseInstalledFirst) {
   rows[5] = {};
   for (const MXUserMxHooks &row : rows) {
     InChild([&] {
-      MXUser_InstallMxHooks(row);
+      MXUser_InstallMxHooks({}), MXUser_InstallMxHooks(row);
       EXPECT_EQ(nullptr, MXUser_BindMXMutexRec(nullptr, 1));
       EXPECT_EQ(row.inPanic != nullptr, MXUser_InPanic());
     });
