@@ -284,9 +284,8 @@ bool Report(const Plan &plan, int error) {
 [[noreturn]] void SecondChild(Plan *plan) {
   const int error = PrepareForExec(plan);
   if (!Report(*plan, error) || error != 0) _exit(EXIT_FAILURE);
-  if (execv(plan->localPath.get(), plan->args.Get()) != -1) {
-    Fatal_NotReached("lib/misc/hostinfoPosix", 3250);
-  }
+  const int result = execv(plan->localPath.get(), plan->args.Get());
+  if (result != -1) Fatal_NotReached("lib/misc/hostinfoPosix", 3250);
   Report(*plan, Failed("%s: Couldn't exec %s, error %d.\n", plan->path));
   _exit(EXIT_FAILURE);
 }

@@ -59,6 +59,10 @@ const char *MissingNewline(const char *text) {
   return length > 0 && text[length - 1] == '\n' ? "" : "\n";
 }
 
+void AppendText(DynBuf *all, const char *text) {
+  if (!DynBuf_Append(all, text, strlen(text))) Fatal_MemAlloc();
+}
+
 }  // namespace
 
 void MsgList_VAppend(MsgList **list, const char *idFormat, va_list args) {
@@ -145,11 +149,8 @@ char *MsgList_ToString(const MsgList *list) {
   ScopedDynBuf all;
   for (; list != nullptr; list = list->next) {
     const HeapStr text = TextOf(*list);
-    const char *const newline = MissingNewline(text.get());
-    if (!DynBuf_Append(&all, text.get(), strlen(text.get())) ||
-        !DynBuf_Append(&all, newline, strlen(newline))) {
-      Fatal_MemAlloc();
-    }
+    AppendText(&all, text.get());
+    AppendText(&all, MissingNewline(text.get()));
   }
   return DynBuf_DetachString(&all);
 }
