@@ -1,6 +1,6 @@
 // mxUserCondVar.cpp -- condition variables on either kind of lock.
 //
-// The native wait unlocks the mutex once, whatever the lock's depth.  So count and owner are reset for
+// The native wait unlocks the mutex once, whatever the lock's depth.  So depth and owner are reset for
 // the wait, and restored after it.
 //
 // Tests: tests/unit/lock_test.cpp

@@ -68,7 +68,7 @@ bool MXUser_IsCurThreadHoldingExclLock(const MXUserExclLock *lock) {
 
 void MXUser_DestroyExclLock(MXUserExclLock *lock) {
   if (lock == nullptr) return;
-  if (lock->native.count.Get() > 0) {
+  if (!lock->native.IsFree()) {
     MXUserDumpAndPanic(*lock, "%s: Destroy of an acquired exclusive lock\n", __func__);
   }
   const int error = lock->native.Destroy();

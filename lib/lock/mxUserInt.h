@@ -1,6 +1,6 @@
 // mxUserInt.h -- shared by the sources of the lock library.
 //
-// Invariants: 1. `count` and `owner` of a native lock are changed only by the thread that has the mutex.
+// Invariants: 1. `again` and `owner` of a native lock are changed only by the thread that has the mutex.
 //                Others may read them at any time, so they are atomic.  Relaxed is enough: without the
 //                mutex the only question is "am I the owner?", and a thread finds its own identity there
 //                only if it has written it.
@@ -73,13 +73,14 @@ inline pthread_t MXUserNobody() {
 
 constexpr size_t kMXUserCacheLine = 64;
 
-// A mutex that its owner may acquire again.  The count is 0 while the lock is free.
+// A mutex that its owner may acquire again.  Only further acquisitions are counted, so the first one and
+// the last release write nothing but the owner.
 //
 // It starts a cache line.  If the mutex is small enough, processors that compete for the lock exchange one
 // line, not two.
 struct alignas(kMXUserCacheLine) MXUserNativeLock {
   pthread_mutex_t mutex;
-  RelaxedAtomic<int32_t> count;
+  RelaxedAtomic<int32_t> again;  // acquisitions by the owner after the first one
   RelaxedAtomic<pthread_t> owner{MXUserNobody()};
 
   // These four return the result of the native call.
@@ -88,41 +89,45 @@ struct alignas(kMXUserCacheLine) MXUserNativeLock {
   int Acquire() { return AcquireWith(pthread_mutex_lock); }
   int TryAcquire() { return AcquireWith(pthread_mutex_trylock); }
 
+  bool IsFree() const { return owner.Get() == MXUserNobody(); }
+  // How often the owner has acquired the lock; 0 when it is free.
+  int32_t Count() const { return IsFree() ? 0 : again.Get() + 1; }
   bool IsOwnedByCaller() const { return owner.Get() == Platform_ThreadSelf(); }
 
   // The caller must be the owner.  Then unlocking a mutex of the default kind cannot fail, and ignoring
   // the result lets the compiler emit a tail call: a tenth of the time of a free lock.
   void Release() {
-    const int32_t before = count.Get();
-    count.Set(before - 1);
-    if (before != 1) return;
+    if (again.Get() > 0) [[unlikely]] {
+      again.Add(-1);
+      return;
+    }
     owner.Set(MXUserNobody());
     pthread_mutex_unlock(&mutex);
   }
 
   // The caller keeps the mutex, but owns the lock no more.  Returns how often it had acquired it.
   int32_t Disown() {
-    const int32_t times = count.Get();
-    count.Set(0);
+    const int32_t times = Count();
+    again.Set(0);
     owner.Set(MXUserNobody());
     return times;
   }
 
   // The caller has the mutex, and from now on owns the lock, acquired `times` times.
   void Own(int32_t times) {
-    count.Set(times);
+    again.Set(times - 1);
     owner.Set(Platform_ThreadSelf());
   }
 
  private:
   int AcquireWith(int (*acquire)(pthread_mutex_t *)) {
     if (IsOwnedByCaller()) [[unlikely]] {
-      count.Add(1);
+      again.Add(1);
       return 0;
     }
     const int result = acquire(&mutex);
     if (result == 0) [[likely]]
-      Own(1);
+      owner.Set(Platform_ThreadSelf());
     return result;
   }
 };

@@ -51,7 +51,7 @@ void MXUserDumpHeader(const MXUserHeader &header) {
 }
 
 void MXUserDumpNative(const MXUserNativeLock &native) {
-  Warning("\tlock count %d\n", native.count.Get());
+  Warning("\tlock count %d\n", native.Count());
   Warning("\taddress of owner data %p\n", static_cast<const void *>(&native.owner));
 }
 

@@ -43,7 +43,7 @@ RecLockOwner NewRecLock(const char *name, MX_Rank rank, const void *creator) {
 
 // Destroys what only an ordinary lock has.
 void DestroyNative(MXUserRecLock *lock) {
-  if (lock->native.count.Get() > 0) {
+  if (!lock->native.IsFree()) {
     MXUserDumpAndPanic(*lock, "%s: Destroy of an acquired recursive lock\n",
                        "MXUserCondDestroyRecLock");
   }
