@@ -1,12 +1,20 @@
 // process.h -- the path of the running program, and the descriptors to close before exec.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 
 // Writes the absolute path of the running executable, with its NUL, into `buffer` of `size` bytes.
 // False if the host does not know it or it does not fit.  On macOS this is the path given to exec; on
 // Linux symbolic links are already resolved.
 [[nodiscard]] bool Platform_ExecutablePath(char *buffer, size_t size);
+
+// Of a child that was just forked by the process `parent`: from now on the host kills the caller, as by
+// SIGKILL, when the thread that forked it has ended; also after exec, unless that raises the caller's
+// rights.  Its own children are left alone.  False with ESRCH when the parent has ended already, and
+// with ENOTSUP where the host cannot: macOS.  Safe between fork and exec.
+[[nodiscard]] bool Platform_EndWithParent(pid_t parent);
 
 // Closes every descriptor above 2 except the `count` ones in `keep` (may be null when count is 0),
 // which may be in any order, repeated, negative or unused.  Safe between fork and exec: allocates

@@ -8,6 +8,7 @@
 #include <sys/sysctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <iterator>
 
@@ -37,6 +38,11 @@ int DescriptorLimit() {
 bool Platform_ExecutablePath(char *buffer, size_t size) {
   auto room = static_cast<uint32_t>(size);
   return _NSGetExecutablePath(buffer, &room) == 0;
+}
+
+bool Platform_EndWithParent(pid_t) {
+  errno = ENOTSUP;
+  return false;
 }
 
 void Platform_CloseDescriptorsExcept(const int *keep, size_t count) {

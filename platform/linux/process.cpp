@@ -5,7 +5,11 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
 
 #include "lib/public/fd.h"
 
@@ -89,6 +93,14 @@ bool Platform_ExecutablePath(char *buffer, size_t size) {
   if (length <= 0 || static_cast<size_t>(length) >= size) return false;
   buffer[length] = '\0';
   return true;
+}
+
+bool Platform_EndWithParent(pid_t parent) {
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return false;
+  // No signal comes for a parent that has gone before.
+  if (getppid() == parent) return true;
+  errno = ESRCH;
+  return false;
 }
 
 void Platform_CloseDescriptorsExcept(const int *keep, size_t count) {
