@@ -20,8 +20,8 @@ import sys
 REVIEWED = 'tests/unreached.txt'
 # Of tools/, what is installed.
 PRODUCT = ['lib/*.cpp', 'lib/*.h', 'opener/*.cpp', 'opener/*.h', 'platform/*.cpp', 'platform/*.h',
-           'service/*.cpp', 'service/*.h', 'tools/codeseal.cpp', 'tools/lumenLocks.cpp',
-           'tools/codeseal/sealMaker.cpp', 'tools/codeseal/sealMaker.h']
+           'service/*.cpp', 'service/*.h', 'tools/codeseal/*.cpp', 'tools/codeseal/*.h',
+           'tools/lumenLocks/*.cpp', 'tools/lumenLocks/*.h', 'checker/*.cpp', 'checker/*.h']
 NO_CODE = re.compile(r'\W*(else)?\W*')
 # The beginning of an unindented line that may start a function or a class.
 BEGINNING = re.compile(r'(?!namespace|using|extern "C"|static_assert|typedef)[A-Za-z_\[]')
