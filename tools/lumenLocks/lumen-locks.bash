@@ -31,7 +31,7 @@ _lumen_locks() {
     if declare -F _command_offset >/dev/null; then
       _command_offset $((at + 1))
     elif ((COMP_CWORD == at + 1)); then
-      mapfile -t COMPREPLY < <(compgen -c -- "$word")
+      mapfile -t COMPREPLY < <(compgen -c -- "$word" | sort -u)
     else
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
     fi
