@@ -30,6 +30,9 @@ constexpr std::array kStateTexts{"holds",  "waits",   "enters",     "writes its 
                                  "no file"};
 static_assert(kStateTexts.size() == static_cast<size_t>(EntryState::NoFile) + 1);
 
+// What NFS clients call a file that was removed while it was open.  It goes by itself.
+constexpr char kSillyName[] = ".nfs";
+
 // Fills in the member; otherwise returns why it is none.
 EntryState ReadRecord(const fs::path &path, Entry *entry) {
   const Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -96,6 +99,7 @@ std::vector<Entry> ReadEntries(const std::string &file) {
   for (; !error && at != fs::directory_iterator(); at.increment(error)) {
     Entry entry;
     entry.name = at->path().filename();
+    if (entry.name.starts_with(kSillyName)) continue;
     struct stat info;
     if (lstat(at->path().c_str(), &info) != 0) continue;  // has left
     entry.ageSeconds = std::max<int64_t>(0, time(nullptr) - info.st_mtime);

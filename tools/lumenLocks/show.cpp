@@ -35,11 +35,12 @@ void PrintTable(const std::vector<Entry> &entries) {
 // Bytes that are no ASCII may be of any encoding: each is a replacement character.
 std::string Quoted(const std::string &text) {
   std::string quoted = "\"";
-  for (const unsigned char c : text) {
+  for (const char c : text) {
+    const auto code = static_cast<unsigned char>(c);
     char escape[8];
-    snprintf(escape, sizeof escape, "\\u%04x", c < 0x80 ? c : 0xFFFDU);
-    const bool plain = c >= ' ' && c < 0x7F && c != '"' && c != '\\';
-    quoted += plain ? std::string(1, static_cast<char>(c)) : escape;
+    snprintf(escape, sizeof escape, "\\u%04x", code < 0x80 ? code : 0xFFFDU);
+    const bool plain = code >= ' ' && code < 0x7F && c != '"' && c != '\\';
+    quoted += plain ? std::string(1, c) : escape;
   }
   return quoted + '"';
 }
