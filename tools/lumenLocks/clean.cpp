@@ -18,6 +18,14 @@ namespace {
 
 constexpr option kOptions[] = {{"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
 
+// A chooser that is as old as that goes at once, without 8 seconds of watching.
+constexpr int64_t kOldChooserSeconds = 10;
+
+bool MayGo(const Entry &entry) {
+  const bool chooses = entry.state == EntryState::Enters || entry.state == EntryState::Writes;
+  return entry.IsDead() || (chooses && entry.ageSeconds >= kOldChooserSeconds);
+}
+
 // Errno-style.
 int PassThroughQueue(const std::string &file) {
   int error = 0;
@@ -29,12 +37,12 @@ int PassThroughQueue(const std::string &file) {
 
 int Clean(const std::string &file) {
   const std::vector<Entry> before = ReadEntries(file);
-  if (std::ranges::none_of(before, &Entry::IsDead)) return kOk;
+  if (std::ranges::none_of(before, MayGo)) return kOk;
   const int error = PassThroughQueue(file);
   const std::vector<Entry> after = ReadEntries(file);
   for (const Entry &entry : before) {
     const bool gone = std::ranges::find(after, entry.name, &Entry::name) == after.end();
-    if (!entry.IsDead() || !gone) continue;
+    if (!MayGo(entry) || !gone) continue;
     const std::string owner = entry.isMember ? ", " + OwnerOf(entry) : "";
     printf("removed %s: %s%s\n", Printable(entry.name).c_str(), EntryState_Text(entry.state),
            owner.c_str());
