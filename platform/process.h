@@ -10,10 +10,10 @@
 // Linux symbolic links are already resolved.
 [[nodiscard]] bool Platform_ExecutablePath(char *buffer, size_t size);
 
-// Of a child that was just forked by the process `parent`: from now on the host kills the caller, as by
-// SIGKILL, when the thread that forked it has ended; also after exec, unless that raises the caller's
-// rights.  Its own children are left alone.  False with ESRCH when the parent has ended already, and
-// with ENOTSUP where the host cannot: macOS.  Safe between fork and exec.
+// For a child that was just forked by the process `parent`: from now on the host kills the calling
+// process by SIGKILL as soon as the thread that forked it ends; also after exec, unless that gives the
+// process other rights.  Its own children are not affected.  False with ESRCH if the parent has ended
+// already, and with ENOTSUP on macOS, which cannot do that.  Safe between fork and exec.
 [[nodiscard]] bool Platform_EndWithParent(pid_t parent);
 
 // Closes every descriptor above 2 except the `count` ones in `keep` (may be null when count is 0),

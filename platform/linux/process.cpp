@@ -97,7 +97,7 @@ bool Platform_ExecutablePath(char *buffer, size_t size) {
 
 bool Platform_EndWithParent(pid_t parent) {
   if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return false;
-  // No signal comes for a parent that has gone before.
+  // If the parent had ended before, no signal will come.
   if (getppid() == parent) return true;
   errno = ESRCH;
   return false;

@@ -1,7 +1,8 @@
 // command.cpp -- runs COMMAND under the lock.
 //
-// By fork and exec: posix_spawn cannot make a child ignore what its parent does not, nor tie its life
-// to the parent's.
+// By fork and exec: posix_spawn cannot make a child ignore a signal that its parent does not ignore, nor
+// end it with its parent.
+// Tested by tests/system/lumenLocks_test.
 
 #include "tools/lumenLocks/command.h"
 
@@ -19,13 +20,26 @@
 
 namespace {
 
-// In the child.  Returns the errno of what went wrong.
-int Become(char **command, pid_t parent, const Signals &signals) {
-  // Whoever wants the lock next takes it as soon as the tool has gone.
-  if (!Platform_EndWithParent(parent) && errno == ESRCH) return ESRCH;
-  signals.Restore();
-  execvp(command[0], command);
-  return errno;
+// In the child: ends with the errno of what went wrong in `report`, if anything does.
+[[noreturn]] int Become(char **command, pid_t parent, const Signals &signals, const Fd &report) {
+  // The lock is free for others as soon as the tool has died, so COMMAND must not outlive it.
+  if (Platform_EndWithParent(parent) || errno != ESRCH) {
+    signals.Restore();
+    execvp(command[0], command);
+  }
+  const int error = errno;
+  (void)!write(report.Get(), &error, sizeof error);
+  _exit(kFailed);
+}
+
+// In the parent.  0 once the child has become COMMAND.
+int AwaitReport(const Fd &failure, Fd *report) {
+  report->Reset();
+  int error = 0;
+  ssize_t length;
+  do length = read(failure.Get(), &error, sizeof error);
+  while (length < 0 && errno == EINTR);
+  return length > 0 ? error : 0;
 }
 
 // 0, or the errno of the failure.
@@ -38,17 +52,7 @@ int Start(char **command, const Signals &signals, pid_t *child) {
   const pid_t parent = getpid();
   *child = fork();
   if (*child < 0) return errno;
-  if (*child == 0) {
-    const int error = Become(command, parent, signals);
-    (void)!write(report.Get(), &error, sizeof error);
-    _exit(kFailed);
-  }
-  report.Reset();
-  int error = 0;
-  ssize_t length;
-  do length = read(failure.Get(), &error, sizeof error);
-  while (length < 0 && errno == EINTR);
-  return length > 0 ? error : 0;
+  return *child == 0 ? Become(command, parent, signals, report) : AwaitReport(failure, &report);
 }
 
 int Await(pid_t child) {
@@ -70,7 +74,7 @@ int RunCommand(char **command, Signals *signals) {
                                                                           : kNotExecutable);
   }
   signals->PassTo(child);
-  // Its number stays its own until no signal can be passed on to it any more.
+  // Not reaped yet, so that its number is not given to another process while signals are passed on.
   siginfo_t info;
   while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
   }

@@ -1,8 +1,9 @@
 // entries.cpp -- the entries of a lock directory, read without changing anything.
 //
 // Invariants: any user may have put anything into the directory, and an operator may look at it as
-//             root.  So links are not followed, nothing but regular files is read, and what is printed
-//             has no control characters.
+//             root.  So links are not followed, only regular files are read, and no control characters
+//             are printed.
+// Tested by tests/system/lumenLocks_test.
 
 #include "tools/lumenLocks/entries.h"
 
@@ -30,10 +31,12 @@ constexpr std::array kStateTexts{"holds",  "waits",   "enters",     "writes its 
                                  "no file"};
 static_assert(kStateTexts.size() == static_cast<size_t>(EntryState::NoFile) + 1);
 
-// What NFS clients call a file that was removed while it was open.  It goes by itself.
+// NFS clients rename a file that is removed while open to such a name, and remove it when it is closed.
 constexpr char kSillyName[] = ".nfs";
 
-// Fills in the member; otherwise returns why it is none.
+constexpr auto kGone = std::errc::no_such_file_or_directory;
+
+// Fills in the fields of a member; the state says why if it is not one.
 EntryState ReadRecord(const fs::path &path, Entry *entry) {
   const Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat info;
@@ -67,8 +70,8 @@ EntryState StateOf(const fs::path &path, Entry *entry) {
   }
 }
 
-// Of those in the queue, in its order, the first holds the lock, and so do shared ones that only
-// shared ones precede.
+// The first member in the queue holds the lock, and so does each shared one with only shared ones before
+// it.
 void FindHolders(std::vector<Entry> *entries) {
   bool first = true;
   bool onlyShared = true;
@@ -106,9 +109,7 @@ std::vector<Entry> ReadEntries(const std::string &file) {
     entry.state = StateOf(at->path(), &entry);
     entries.push_back(entry);
   }
-  if (error && error != std::errc::no_such_file_or_directory) {
-    throw std::system_error(error, lockDir);
-  }
+  if (error && error != kGone) throw std::system_error(error, lockDir);
   std::ranges::sort(entries, {},
                     [](const Entry &e) { return std::tuple(!e.isMember, e.number, e.name); });
   FindHolders(&entries);
@@ -116,7 +117,7 @@ std::vector<Entry> ReadEntries(const std::string &file) {
 }
 
 std::string Printable(std::string text) {
-  // Controls of terminals also are among the bytes above ASCII.
+  // Some terminals take bytes above ASCII for control characters, too.
   std::ranges::replace_if(
       text, [](unsigned char c) { return c < ' ' || c >= 0x7F; }, '?');
   return text;

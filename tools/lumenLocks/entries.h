@@ -8,10 +8,10 @@
 enum class EntryState {
   Holds,
   Waits,
-  Enters,  // chooses its place
-  Writes,  // its record
-  // From here on: dead, the next one who takes the lock removes it.
-  Stale,  // its process was one of this machine, and is gone
+  Enters,  // is choosing its place
+  Writes,  // is writing its record
+  // The rest is dead: the next process that takes the lock removes it.
+  Stale,  // belongs to a process of this machine that is gone
   Foreign,
   WrongSize,
   NoRecord,
@@ -22,7 +22,7 @@ struct Entry {
   std::string name;
   int64_t ageSeconds = 0;
   EntryState state = EntryState::Foreign;
-  // Of a member, otherwise empty.  Any user may have written it.
+  // Only of members.  Any user may have written the texts.
   bool isMember = false;
   bool isHere = false;  // of this machine
   uint32_t number = 0;
@@ -37,7 +37,7 @@ const char *EntryState_Text(EntryState state);
 // std::system_error with a text that names the directory.
 std::vector<Entry> ReadEntries(const std::string &file);
 
-// For terminals.
+// The text with '?' for everything but printable ASCII, for terminals.
 std::string Printable(std::string text);
 
 // Such as "process 12 of this machine"; of a member.

@@ -5,8 +5,7 @@
 
 #include <string>
 
-// As env(1), nohup(1) and timeout(1) have them: what the tool itself has to say stays out of the way
-// of COMMAND's own statuses.
+// Like those of env(1), nohup(1) and timeout(1): the tool's own failures are not taken for COMMAND's.
 enum Status {
   kOk = 0,
   kInUse = 3,      // show: somebody holds the lock or waits for it
@@ -22,14 +21,14 @@ enum Status {
 int Complain(const std::string &what, int status = kFailed);
 int WrongUsage(const std::string &what);
 
-// getopt_long, which stops at the first word that is no option; what is no option of this command, or
-// lacks its value, is complained about.  '?' then, -1 at the end.
+// getopt_long; stops at the first word that is not an option.  Returns -1 at the end, and '?' after a
+// complaint about an unknown option or a missing value.
 int NextOption(int argc, char **argv, const option *allowed);
 
 // Whether a lock may be asked for by this path; complains otherwise.
 bool IsLockable(const std::string &file);
 
-// The commands, each a status.  argv[0] is the command.
+// The commands; each returns the exit status, or throws std::system_error.  argv[0] is the command.
 int MainShow(int argc, char **argv);
 int MainRun(int argc, char **argv);
 int MainClean(int argc, char **argv);

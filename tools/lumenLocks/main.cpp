@@ -1,8 +1,8 @@
-// main.cpp -- lumen-locks: shows who stands in the queue of a portable lock, runs commands under one,
-// and removes what the dead have left in it; see lumen-locks.1.
+// main.cpp -- lumen-locks: shows the queue of a portable lock, runs commands under one, and removes the
+// entries of dead processes; see lumen-locks.1.
 //
-// Parts: run.cpp (taking the lock), signals.cpp and command.cpp (what runs under it), entries.cpp (who
-//        is there), show.cpp, clean.cpp.
+// Parts: run.cpp (taking the lock), signals.cpp and command.cpp (COMMAND and its signals), entries.cpp
+//        (reading the queue), show.cpp, clean.cpp.
 // Tested by tests/system/lumenLocks_test and tests/system/lockMachines_test.
 
 #include <fcntl.h>
@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 
 #include "lib/public/fd.h"
 #include "lib/public/log.h"
@@ -51,7 +52,7 @@ constexpr std::array kCommands{
     Command{"clean", MainClean},
 };
 
-int Dispatch(int argc, char **argv) {
+int Dispatch(int argc, char **argv) try {
   if (argc < 2) return WrongUsage("nothing to do");
   const std::string_view word = argv[1];
   if (word == "--help" || word == "-h") return PrintHelp();
@@ -63,17 +64,18 @@ int Dispatch(int argc, char **argv) {
     if (word == command.name) return command.main(argc - 1, argv + 1);
   }
   return WrongUsage("no such command: " + std::string(word));
+} catch (const std::system_error &error) {
+  return Complain(error.what());
 }
 
-// Standard descriptors that are closed would be taken by files of the lock, and messages written into
-// those.  What is opened in their place fails as they would: it is for the other direction.  It is
-// closed for COMMAND.
+// If a standard descriptor is closed, the next file to be opened gets its number: messages would go into
+// a file of the lock.  So something is opened in its place that cannot be used, like the closed one: it
+// is for the other direction.  COMMAND does not inherit it.
 void FillStandardDescriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
     if (fcntl(fd, F_GETFD) >= 0) continue;
-    if (open("/dev/null", (fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) | O_CLOEXEC) != fd) {
-      exit(kFailed);
-    }
+    const int direction = fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+    if (open("/dev/null", direction | O_CLOEXEC) != fd) exit(kFailed);
   }
 }
 

@@ -1,4 +1,5 @@
 // run.cpp -- takes the lock, runs COMMAND, and releases the lock.
+// Tested by tests/system/lumenLocks_test.
 
 #include <cerrno>
 #include <cmath>
@@ -6,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
-#include <system_error>
 
 #include "lib/public/fileLock.h"
 #include "lib/public/heap.h"
@@ -45,7 +45,7 @@ std::optional<double> ParseNumber(const char *text, double limit) {
   return number;
 }
 
-// A status that ends the tool, or nothing when all is well.
+// Returns the exit status if there is nothing to run.
 std::optional<int> Parse(int argc, char **argv, Request *request) {
   for (int c; (c = NextOption(argc, argv, kOptions)) != -1;) {
     if (c == '?') return kFailed;
@@ -82,14 +82,10 @@ std::string Text(MsgList *messages) {
 }
 
 void TellHolders(const std::string &file) {
-  try {
-    for (const Entry &entry : ReadEntries(file)) {
-      if (entry.state != EntryState::Holds) continue;
-      Complain(file + ": " + entry.name + " belongs to " + OwnerOf(entry) + " and is " +
-               std::to_string(entry.ageSeconds) + " s old");
-    }
-  } catch (const std::system_error &error) {
-    Complain(error.what());
+  for (const Entry &entry : ReadEntries(file)) {
+    if (entry.state != EntryState::Holds) continue;
+    Complain(file + ": " + entry.name + " belongs to " + OwnerOf(entry) + " and is " +
+             std::to_string(entry.ageSeconds) + " s old");
   }
 }
 

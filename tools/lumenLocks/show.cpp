@@ -1,8 +1,8 @@
-// show.cpp -- the entries of a lock, for people and for programs.
+// show.cpp -- prints the entries of a lock, for people or for programs.
+// Tested by tests/system/lumenLocks_test.
 
 #include <algorithm>
 #include <cstdio>
-#include <system_error>
 
 #include "tools/lumenLocks/entries.h"
 #include "tools/lumenLocks/lockTool.h"
@@ -32,7 +32,7 @@ void PrintTable(const std::vector<Entry> &entries) {
   }
 }
 
-// Bytes that are no ASCII may be of any encoding: each is a replacement character.
+// The encoding of bytes above ASCII is unknown: each becomes a replacement character.
 std::string Quoted(const std::string &text) {
   std::string quoted = "\"";
   for (const char c : text) {
@@ -77,11 +77,7 @@ int MainShow(int argc, char **argv) {
   if (argc - optind != 1) return WrongUsage("show takes one FILE");
   const std::string file = argv[optind];
   if (!IsLockable(file)) return kFailed;
-  try {
-    const std::vector<Entry> entries = ReadEntries(file);
-    (json ? PrintJson : PrintTable)(entries);
-    return StatusOf(entries);
-  } catch (const std::system_error &error) {
-    return Complain(error.what());
-  }
+  const std::vector<Entry> entries = ReadEntries(file);
+  (json ? PrintJson : PrintTable)(entries);
+  return StatusOf(entries);
 }

@@ -1,4 +1,5 @@
 // signals.cpp -- what signals do to the tool, and how COMMAND gets them.
+// Tested by tests/system/lumenLocks_test.
 
 #include "tools/lumenLocks/signals.h"
 
@@ -15,7 +16,7 @@
 
 namespace {
 
-// What would end the tool, and leave its entry, unless it was ignored when the tool started.
+// Signals that would end the tool and leave its entry in the queue.
 struct Row {
   int number;
   bool ofTerminal;  // sent to COMMAND as well
@@ -77,9 +78,9 @@ Signals::Signals() {
     sigaddset(&state.caught, number);
     SetAction(number, OnSignal, nullptr);
   }
-  // Where it is ignored, the kernel keeps no status of COMMAND.
+  // If it is ignored, the kernel does not keep COMMAND's status.
   SetAction(SIGCHLD, SIG_DFL, &state.childBefore);
-  // A message that nobody reads must not end the tool while its entry stands.
+  // A message to a closed pipe must not end the tool and leave its entry.
   SetAction(SIGPIPE, SIG_IGN, &state.pipeBefore);
 }
 
@@ -102,7 +103,7 @@ void Signals::Restore() const {
 }
 
 void Signals::PassTo(pid_t child) {
-  // A terminal's signal that came before the fork has reached the tool alone.
+  // What the terminal has sent before the fork has only reached the tool.
   sigset_t pending;
   sigpending(&pending);
   for (const Row &row : kEnding) {

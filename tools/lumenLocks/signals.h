@@ -2,9 +2,9 @@
 //
 //   While the tool waits for the lock, a signal that would end it makes Descriptor() readable: the
 //     caller takes its entry back, and then ends by that signal.
-//   While COMMAND runs, those of the terminal are left to it, which gets them anyway; others are
-//     passed on.
-//   COMMAND starts with what was ignored, blocked or neither when the tool started.
+//   While COMMAND runs, the terminal's signals are left to COMMAND, which gets them from the terminal;
+//     others are passed on.
+//   COMMAND starts with the same signals ignored and blocked as the tool did.
 //
 // One object at a time, in a program of one thread.
 #pragma once
@@ -15,23 +15,23 @@
 
 class Signals {
  public:
-  Signals();  // they end the wait from now on; ends the process when it cannot have a pipe
+  Signals();  // from now on they end the wait; exits if there is no pipe for that
   Signals(const Signals &) = delete;
   Signals &operator=(const Signals &) = delete;
   ~Signals() = default;
 
-  // Readable as soon as there was a signal.
+  // Readable once a signal has come.
   int Descriptor() const;
 
-  // From now on, signals are kept back.  Returns one that came before, or 0.
+  // Blocks signals from now on.  Returns one that has come before, or 0.
   int Hold();
 
-  // In a child, for exec: all is as it was.
+  // In a child, before exec: restores what the tool was started with.
   void Restore() const;
 
-  // From now on, signals are passed on to `child`; also those that were kept back.
+  // From now on, signals are passed on to `child`, and so are those that came while they were blocked.
   void PassTo(pid_t child);
 
-  // As if it had not been caught.
+  // Ends the process as the signal would have if it had not been caught.
   [[noreturn]] static void EndBy(int number);
 };
