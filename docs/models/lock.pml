@@ -52,9 +52,9 @@
  *   long: holds EXCLUSION,TURN -DN=3 -DPIECES -DROUNDS=1
  *   long: holds served -DN=3 -DGIVEUP=6
  *
- * Left out: time (42 listings in a row are one here); the directory itself, which stays while it
- * has entries; other machines, whose dead are never removed; the last look at the own member, which
- * decides nothing between participants.  rendezvous.pml explains Promela.
+ * Left out: time (42 listings in a row are one); the directory itself; other machines, whose dead
+ * stay; the last look at the own member, which decides nothing between participants; that members
+ * are read once more before they are waited for.  rendezvous.pml explains Promela.
  */
 #ifndef K
 #define K 3
