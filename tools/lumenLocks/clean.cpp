@@ -26,11 +26,13 @@ bool MayGo(const Entry &entry) {
   return entry.IsDead() || (chooses && entry.ageSeconds >= kOldChooserSeconds);
 }
 
+// Not 0: without any patience, the lock stops looking at the first entry that is in the way.
+constexpr uint32_t kPatienceMs = 1;
+
 // Errno-style.
 int PassThroughQueue(const std::string &file) {
   int error = 0;
-  FileLockToken *const token =
-      FileLock_Lock(file.c_str(), false, FILELOCK_TRYLOCK_WAIT, &error, nullptr);
+  FileLockToken *const token = FileLock_Lock(file.c_str(), false, kPatienceMs, &error, nullptr);
   if (token != nullptr) return FileLock_Unlock(token, &error, nullptr) ? 0 : error;
   return error == EAGAIN ? 0 : error;
 }
