@@ -48,28 +48,19 @@ std::vector<Name> AllNames() {
   return names;
 }
 
-const std::vector<Name> &Names() {
-  static const std::vector<Name> names = AllNames();
-  return names;
-}
+const std::vector<Name> kNames = AllNames();
 
 const EncodingRow *ExpectedRow(const std::string &name) {
   for (const EncodingRow &row : EncodingTableRows()) {
     if (IsCodePage(name, row.codePage)) return &row;
   }
-  for (const Name &own : Names()) {
-    if (own.exact == name) return own.row;
-  }
-  const std::string reduced = Reduced(name);
-  for (const Name &own : Names()) {
-    if (own.reduced == reduced) return own.row;
+  for (const auto form : {&Name::exact, &Name::reduced}) {
+    const std::string wanted = form == &Name::exact ? name : Reduced(name);
+    for (const Name &own : kNames) {
+      if (own.*form == wanted) return own.row;
+    }
   }
   return nullptr;
-}
-
-StringEncoding Expected(const std::string &name) {
-  const EncodingRow *const row = ExpectedRow(name);
-  return row != nullptr && row->usable ? StringEncoding{row->encoding} : StringEncoding::Unknown;
 }
 
 }  // namespace
@@ -86,19 +77,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
   // One of the names with other cases and signs in it, or whatever the bytes are.
   std::string name;
   if (data.ConsumeBool()) {
-    const size_t index = data.ConsumeIntegralInRange<size_t>(0, Names().size() - 1);
-    for (const char c : Names()[index].exact) {
+    const size_t index = data.ConsumeIntegralInRange<size_t>(0, kNames.size() - 1);
+    for (const char c : kNames[index].exact) {
       if (data.ConsumeProbability<float>() > 0.9F)
         name += data.PickValueInArray({'-', '_', ' ', '\xE9'});
       name += data.ConsumeProbability<float>() > 0.9F ? static_cast<char>(c ^ 0x20) : c;
     }
   }
   name = (name + data.ConsumeRandomLengthString(20)).c_str();
-  const StringEncoding expected = Expected(name);
-  for (int round = 0; round < 2; round++) {  // the second time from memory
-    if (Unicode_EncodingNameToEnum(name.c_str()) == expected) continue;
-    fprintf(stderr, "another encoding for \"%s\"\n", name.c_str());
-    abort();
+  const EncodingRow *const row = ExpectedRow(name);
+  const bool isUsable = row != nullptr && row->usable;
+  const auto expected = isUsable ? StringEncoding{row->encoding} : StringEncoding::Unknown;
+  // The second time from memory.
+  if (Unicode_EncodingNameToEnum(name.c_str()) == expected &&
+      Unicode_EncodingNameToEnum(name.c_str()) == expected) {
+    return 0;
   }
-  return 0;
+  fprintf(stderr, "another encoding for \"%s\"\n", name.c_str());
+  abort();
 }

@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
-// The encodings that code asks for.  The type holds any of the 324 numbers, 0 to 323, of the name
-// table (lib/unicode/encodings/encodings.inc); those without an enumerator come from their names.
+// The encodings that are used by number.  The type holds any of the 324 numbers, 0 to 323, of the name
+// table (lib/unicode/encodings/encodings.inc); Unicode_EncodingNameToEnum returns the others, too.
 enum class StringEncoding : int32_t {
   Unknown = -2,
   Current = -1,
@@ -33,25 +33,24 @@ enum class StringEncoding : int32_t {
   JisX0201 = 43,
 };
 
-// The name of the current encoding, which is the one of paths and arguments, on every host.
+// The name of the current encoding, which paths and arguments are in, on every host.
 inline constexpr char kCurrentCodeSet[] = "UTF-8";
 
-// The preferred name of the encoding, a constant; of Current, the current encoding's.  Unknown, and
-// any other number that is no encoding, is fatal.
+// The preferred name of the encoding, a constant; for Current, that of the current encoding.  Fatal
+// for Unknown and any other number that is no encoding.
 [[nodiscard]] const char *Unicode_EncodingEnumToName(StringEncoding encoding);
 
-// The encoding that `name` (not null) names; Unknown, after a log record, when there is none, and
-// Unknown, silently, when the library knows the encoding but cannot use it.
-//   "windows-N"  names the encoding of the Windows code page N, with a small or capital W.
-//                Spelt otherwise it may be found or not.
-//   Other names  are those of the IANA registry and ICU.  Where no name is equal, one with the same
-//                letters and digits counts, in either case: "latin-1" and "LATIN1" are "latin1".
-// Each name that was found once is remembered for good, so names must not come from a stranger
-// without bound.
+// The encoding that has this name (not null).  Unknown, after a log record, when there is none, and
+// Unknown without a record when the library knows the encoding but cannot use it.
+//   "windows-N"  and "Windows-N" name the encoding with the Windows code page N.
+//   Other names  are those of the IANA registry and of ICU.  If none is equal, the first one with the
+//                same letters and digits is meant, ignoring case: "latin-1" and "LATIN1" are "latin1".
+// Each name that was found is remembered as long as the process lives, so an untrusted source must
+// not be able to ask for any number of names.
 [[nodiscard]] StringEncoding Unicode_EncodingNameToEnum(const char *name);
 
 // The current encoding's number: Utf8.
 [[nodiscard]] StringEncoding Unicode_GetCurrentEncoding();
 
-// Whether the number is below the number of encodings.  The two specials are, too.
+// Whether the number is below the number of encodings, which is true of the two specials, too.
 [[nodiscard]] bool Unicode_IsEncodingValid(StringEncoding encoding);

@@ -1,9 +1,10 @@
-// encodingTable.cpp -- makes the name table from encodings.inc.
+// encodingTable.cpp -- the name table, made from encodings.inc.
 //
-// The rows as written, with a pointer for each name, exist for the compiler only.  What the program
-// carries is made from them at compile time: all names in one block of characters, and rows of 16
-// bytes that tell where theirs begin.  That is 23 KB without a single address to relocate; rows of
-// pointers would be 120 KB that each start of the program has to touch.
+// The rows as written, with a pointer for each name, exist only while compiling.  The program has what
+// is made from them: one block of characters with all names, and rows of 16 bytes with the offset of
+// their first name.  That is 23 KB without a single relocation; rows of pointers would be 120 KB to
+// relocate whenever the program starts.
+// Tests: tests/unit/codeset_test.cpp, fuzz/encoding_fuzz.cpp
 
 #include "lib/unicode/encodings/encodingTable.h"
 
@@ -103,7 +104,7 @@ constexpr auto kFirstRows = MakeFirstRows();
 
 static_assert(std::ranges::find(kFirstRows, kNoRow) == kFirstRows.end(), "a number without a row");
 
-// The first numbers are StringEncoding's and stand where they like; a row after these has the next
+// The first numbers are those of StringEncoding, in any order.  Each row after these has the next
 // number, unless it is another row of an earlier encoding.
 static_assert([] {
   constexpr int kFirstCounted = 27;

@@ -12,12 +12,12 @@ constexpr size_t kMaxEncodingNames = 21;
 constexpr uint32_t kNoCodePage = UINT32_MAX;
 
 struct EncodingRow {
-  int32_t mib;  // the number in the IANA registry; -1 when it has none
+  int32_t mib;  // the number in the IANA registry; -1 when there is none
   uint32_t codePage;
   int16_t encoding;
   bool usable;
-  uint8_t preferred;   // which of its names
-  uint16_t firstName;  // where its names begin in the block of all names
+  uint8_t preferred;   // the index among its names
+  uint16_t firstName;  // the offset of its names in the block of all names
 };
 
 [[nodiscard]] std::span<const EncodingRow, kNumEncodingRows> EncodingTableRows();
@@ -25,7 +25,8 @@ struct EncodingRow {
 // The first row of an encoding, 0 <= encoding < kNumEncodings.
 [[nodiscard]] const EncodingRow &EncodingTableRow(int32_t encoding);
 
-// The names of a row: its first one, and from each the next, until an empty one.
+// The names of a row: the first one, and the one after each; the last one is followed by an empty
+// one.
 [[nodiscard]] const char *EncodingTableFirstName(const EncodingRow &row);
 [[nodiscard]] const char *EncodingTableNextName(const char *name);
 [[nodiscard]] const char *EncodingTablePreferredName(const EncodingRow &row);

@@ -1,4 +1,5 @@
 // unicodeSimpleTypes.cpp -- encodings by number and by name.
+// Tests: tests/unit/codeset_test.cpp, fuzz/encoding_fuzz.cpp
 
 #include <atomic>
 #include <charconv>
@@ -16,14 +17,10 @@ namespace {
 
 constexpr char kLookupName[] = "UnicodeIANALookup";
 
-// What the process remembers.  All of it is filled without a lock: threads that meet compute the
-// same values.
+// What the process remembers.  All of it is filled without a lock: threads that race store the same
+// values.
 struct {
-  // From names as given to rows; never freed.  Its keys do not tell cases apart, so a name in
-  // another case than the remembered one gets that one's row.  That is the row it would find, with
-  // two exceptions.  WINDOWS-28591 and its like, which no row lists, are found only once the same
-  // name with windows- or Windows- was.  ISO-IR-91 and -92 mean iso-ir-9-1 and -2, unless written
-  // small before; none of these four is usable.
+  // From names as they were given to rows; never freed.
   std::atomic<HashTable *> rowsByName = nullptr;
   std::atomic<StringEncoding> current = StringEncoding::Unknown;
 } state;
@@ -33,8 +30,7 @@ HashTable *RowsByName() {
   HashTable *const table = state.rowsByName.load(std::memory_order_acquire);
   if (table != nullptr) return table;
   return HashTable_AllocOnce(&state.rowsByName, kBuckets,
-                             HASHTABLE_ISTRING_KEY | HASHTABLE_ATOMIC | HASHTABLE_COPY_KEY,
-                             nullptr);
+                             HASHTABLE_STRING_KEY | HASHTABLE_ATOMIC | HASHTABLE_COPY_KEY, nullptr);
 }
 
 // ---- by code page ----------------------------------------------------------------------------
