@@ -1,8 +1,10 @@
-// codeset.cpp -- conversion between encodings, whoever does it.
+// codeset.cpp -- conversion between encodings, by whichever engine is installed.
+// Tests: tests/unit/codeset_test.cpp
 
 #include "lib/public/codeset.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
@@ -15,7 +17,7 @@
 
 namespace {
 
-// Ends a text in every encoding, also where a unit has four bytes.
+// Ends a text in every encoding; the largest units have four bytes.
 constexpr char kTerminator[4] = {};
 
 constexpr char kUtf8[] = "UTF-8";
@@ -46,10 +48,11 @@ bool CodeSet_GenericToGenericDb(const char *fromName, const void *bytes, size_t 
                                 const char *toName, int flags, DynBuf *out) {
   if (bytes == nullptr || length == 0) return true;
   const size_t before = out->size;
-  if (Engine().convert(fromName, static_cast<const char *>(bytes), length, toName, flags, out)) {
-    return true;
-  }
+  const int error =
+      Engine().convert(fromName, static_cast<const char *>(bytes), length, toName, flags, out);
+  if (error == 0) return true;
   out->size = before;
+  errno = error;
   return false;
 }
 
@@ -57,9 +60,11 @@ bool CodeSet_GenericToGeneric(const char *fromName, const void *bytes, size_t le
                               const char *toName, int flags, char **out, size_t *outLength) {
   ScopedDynBuf text;
   if (!CodeSet_GenericToGenericDb(fromName, bytes, length, toName, flags, &text) ||
-      !DynBuf_Append(&text, kTerminator, sizeof kTerminator) || !DynBuf_Trim(&text)) {
+      !DynBuf_Append(&text, kTerminator, sizeof kTerminator)) {
     return false;
   }
+  // Where this fails, the text is in a larger block than it needs.
+  (void)DynBuf_Trim(&text);
   *out = DynBuf_Detach(&text);
   if (outLength != nullptr) *outLength = text.size - sizeof kTerminator;
   return true;
@@ -113,7 +118,10 @@ bool CodeSet_UTF8ToUTF32(const char *utf8, char32_t **utf32) {
     return true;
   }
   const size_t length = strlen(utf8);
-  if (!CodeSet_IsValidUTF8(utf8, length)) return false;
+  if (!CodeSet_IsValidUTF8(utf8, length)) {
+    errno = EILSEQ;
+    return false;
+  }
   // No text has more characters than bytes.
   auto units = Heap_Array<char32_t>(length + 1);
   if (units == nullptr) return false;
@@ -141,7 +149,10 @@ bool CodeSet_UTF32ToUTF8(const char32_t *utf32, char **utf8) {
   auto bytes = Heap_Array<char>(room + 1);
   if (bytes == nullptr) return false;
   char *to = bytes.get();
-  if (Utf8_FromUtf32(&utf32, end, &to, to + room, Utf8Mode::Strict) != Utf8Result::Ok) return false;
+  if (Utf8_FromUtf32(&utf32, end, &to, to + room, Utf8Mode::Strict) != Utf8Result::Ok) {
+    errno = EILSEQ;
+    return false;
+  }
   *to = '\0';
   *utf8 = bytes.release();
   return true;

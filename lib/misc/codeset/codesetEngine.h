@@ -1,7 +1,7 @@
-// codesetEngine.h -- what the code sets ask of whoever converts: a table of operations.
+// codesetEngine.h -- a conversion engine, as codeset.cpp sees it: a table of operations.
 //
-// The library's own engine is in place from the start.  codesetIcu.cpp, which only programs that
-// call CodeSet_Init contain, installs another one.  No operation is called with an empty text.
+// The library's own engine is installed from the start.  codesetIcu.cpp, which is linked only into
+// programs that call CodeSet_Init, installs another one.  No operation is called with an empty text.
 #pragma once
 
 #include <cstddef>
@@ -9,9 +9,11 @@
 struct DynBuf;
 
 struct CodeSetEngine {
-  // Appends the text, converted, to `out`.  On failure `out` may hold a part of it, too.
-  bool (*convert)(const char *fromName, const char *bytes, size_t length, const char *toName,
-                  int flags, DynBuf *out);
+  // Appends the converted text to `out`.  Returns 0, or an errno: EILSEQ for a text that is invalid
+  // or cannot be expressed, EINVAL for a pair that the engine does not convert, or ENOMEM.  Then
+  // `out` may hold a part of the result.
+  int (*convert)(const char *fromName, const char *bytes, size_t length, const char *toName,
+                 int flags, DynBuf *out);
 
   // Whether the text, of less than 2^31 bytes, can be converted from the encoding.
   bool (*isValid)(const char *bytes, size_t length, const char *name);
@@ -19,8 +21,8 @@ struct CodeSetEngine {
 
 extern const CodeSetEngine kCodeSetOwnEngine;
 
-// From now on `engine`, which stays for good, does all the work.
+// Makes `engine`, which is never freed, the one that all further calls use.
 void CodeSetInstallEngine(const CodeSetEngine *engine);
 
-// The source file that fatal messages of both engines name.
+// The source file named in the fatal messages of both engines.
 inline constexpr char kCodeSetSource[] = "lib/misc/codeset";

@@ -1,13 +1,15 @@
-// codesetIcu.cpp -- ICU as the engine of the code sets, and how it gets in.
+// codesetIcu.cpp -- ICU as a conversion engine, and CodeSet_Init, which installs it.
 //
-// Nobody but CodeSet_Init refers to this file's code, so a program that does not call that has no
-// ICU in it.
+// Only CodeSet_Init refers to the rest of this file, so a program that does not call it does not
+// contain ICU.
+// Tests: tests/unit/codeset_test.cpp
 
 #include <sys/stat.h>
 #include <unicode/putil.h>
 #include <unicode/ucnv.h>
 #include <unicode/ucnv_err.h>
 
+#include <cerrno>
 #include <iterator>
 #include <memory>
 
@@ -32,7 +34,7 @@ Converter Open(const char *name) {
   return Converter(ucnv_open(name, &error));
 }
 
-// ---- what becomes of invalid text ------------------------------------------------------------
+// ---- flags ----------------------------------------------------------------------------------
 
 struct Callbacks {
   int flags;
@@ -69,7 +71,12 @@ bool SetFromUnicode(UConverter *converter, UConverterFromUCallback callback) {
 
 // ---- the engine ------------------------------------------------------------------------------
 
-// Makes room for the text and a terminator of any encoding: a first guess.
+int ErrnoOf(UErrorCode error) {
+  if (U_SUCCESS(error)) return 0;
+  return error == U_MEMORY_ALLOCATION_ERROR ? ENOMEM : EILSEQ;
+}
+
+// A first guess: room for as many bytes as the text has, and a terminator of any encoding.
 bool ReserveFirst(DynBuf *out, size_t length) {
   constexpr size_t kTerminator = 4;
   size_t whole;
@@ -83,40 +90,56 @@ bool ReserveTwice(DynBuf *out) {
   return !__builtin_mul_overflow(out->allocated, 2, &twice) && DynBuf_Enlarge(out, twice);
 }
 
-// Converts through UTF-16, in one pass that goes on with more room whenever the room is full.
-bool ConvertAll(UConverter *from, const char *bytes, size_t length, UConverter *to, DynBuf *out) {
+// ICU refuses ranges of 2^31 bytes and more, but converts a text in pieces of any size.  These are
+// small, so that pieces are no rare case.
+template <typename Char>
+Char *PieceEnd(Char *begin, Char *end) {
+  constexpr ptrdiff_t kPiece = 1 << 20;
+  return end - begin > kPiece ? begin + kPiece : end;
+}
+
+// Converts through UTF-16.  The converters are new, and resetting them would lose what they have yet
+// to write, such as the header of ISO-2022-KR.
+int ConvertAll(UConverter *from, const char *bytes, size_t length, UConverter *to, DynBuf *out) {
   UChar pivot[1024];
   UChar *pivotSource = pivot;
   UChar *pivotTarget = pivot;
   const char *source = bytes;
-  if (!ReserveFirst(out, length)) return false;
-  for (bool first = true;; first = false) {
+  const char *const end = bytes + length;
+  if (!ReserveFirst(out, length)) return ENOMEM;
+  for (;;) {
+    const char *const sourceLimit = PieceEnd(source, end);
+    char *const room = out->data + out->allocated;
     char *target = out->data + out->size;
+    const bool isLast = sourceLimit == end;
     UErrorCode error = U_ZERO_ERROR;
-    ucnv_convertEx(to, from, &target, out->data + out->allocated, &source, bytes + length, pivot,
-                   &pivotSource, &pivotTarget, std::end(pivot), first, true, &error);
+    ucnv_convertEx(to, from, &target, PieceEnd(target, room), &source, sourceLimit, pivot,
+                   &pivotSource, &pivotTarget, std::end(pivot), false, isLast, &error);
     out->size = static_cast<size_t>(target - out->data);
-    if (error != U_BUFFER_OVERFLOW_ERROR) return U_SUCCESS(error);
-    if (!ReserveTwice(out)) return false;
+    if (error == U_BUFFER_OVERFLOW_ERROR) {
+      if (target == room && !ReserveTwice(out)) return ENOMEM;
+    } else if (U_FAILURE(error) || isLast) {
+      return ErrnoOf(error);
+    }
   }
 }
 
-bool Convert(const char *fromName, const char *bytes, size_t length, const char *toName, int flags,
-             DynBuf *out) {
+int Convert(const char *fromName, const char *bytes, size_t length, const char *toName, int flags,
+            DynBuf *out) {
   const Converter from = Open(fromName);
   const Converter to = Open(toName);
-  if (from == nullptr || to == nullptr) return false;
+  if (from == nullptr || to == nullptr) return EINVAL;
   const Callbacks &callbacks = CallbacksFor(flags);
-  return SetToUnicode(from.get(), callbacks.toUnicode) &&
-         SetFromUnicode(to.get(), callbacks.fromUnicode) &&
-         ConvertAll(from.get(), bytes, length, to.get(), out);
+  const bool isSet = SetToUnicode(from.get(), callbacks.toUnicode) &&
+                     SetFromUnicode(to.get(), callbacks.fromUnicode);
+  return isSet ? ConvertAll(from.get(), bytes, length, to.get(), out) : EINVAL;
 }
 
 bool IsValid(const char *bytes, size_t length, const char *name) {
   const Converter converter = Open(name);
   if (converter == nullptr) Fatal_Verify(kCodeSetSource, 1723);
   if (!SetToUnicode(converter.get(), UCNV_TO_U_CALLBACK_STOP)) Fatal_Verify(kCodeSetSource, 1725);
-  // Into no room at all: when that is the only complaint, the text is valid.
+  // Into no room at all: the text is valid if that is the only thing wrong.
   UErrorCode error = U_ZERO_ERROR;
   ucnv_toUChars(converter.get(), nullptr, 0, bytes, static_cast<int32_t>(length), &error);
   return error == U_BUFFER_OVERFLOW_ERROR;
@@ -129,7 +152,7 @@ constinit const CodeSetEngine kIcuEngine = {Convert, IsValid};
 constexpr char kLibraryRoot[] = "/Library/Application Support/Zephrin Calder Lumen";
 constexpr char kIcuFolder[] = "/icu";
 
-// The folder of ICU's data; null when the program has a look-up that does not know one.
+// The folder of ICU's data; null when the program has a look-up, and it finds none.
 HeapStr DataFolder(const char *given) {
   if (given != nullptr) return Heap_SafeStrdup(given);
   const ProductDirLookup lookup = ProductDir_GetLookup();

@@ -1,4 +1,5 @@
 // codesetNormalize.cpp -- Unicode normalisation, by the host.
+// Tests: tests/unit/darwin_test.cpp
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-// codesetUtf8.h -- the small steps on UTF-8 bytes that the checks and the converters inline.
+// codesetUtf8.h -- UTF-8 by the byte and by the word, for checks and converters.
 #pragma once
 
 #include <bit>
@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-// Eight bytes at a time, the first one lowest.
+// A word has eight bytes of a text, the first one lowest.
 static_assert(std::endian::native == std::endian::little);
 constexpr ptrdiff_t kCodeSetWord = 8;
 
@@ -21,10 +21,29 @@ inline uint64_t CodeSetTopBits(uint64_t word) {
   return word & 0x8080808080808080;
 }
 
-// How many bytes from the first on are ASCII, given their top bits.
-inline size_t CodeSetAsciiPrefix(uint64_t topBits) {
-  return static_cast<size_t>(std::countr_zero(topBits)) / 8;
+// Where the first byte is that is not ASCII; `end` when there is none.
+inline const char *CodeSetSkipAscii(const char *p, const char *end) {
+  for (; end - p >= kCodeSetWord; p += kCodeSetWord) {
+    const uint64_t topBits = CodeSetTopBits(CodeSetLoadWord(p));
+    if (topBits != 0) return p + std::countr_zero(topBits) / 8;
+  }
+  while (p < end && static_cast<uint8_t>(*p) < 0x80) p++;
+  return p;
 }
+
+// Whether the processor has SSSE3: shuffles of a vector's bytes.
+inline bool CodeSetHasSsse3() {
+#if defined(__SSSE3__)
+  return true;
+#elif defined(__x86_64__)
+  return __builtin_cpu_supports("ssse3") != 0;
+#else
+  return false;
+#endif
+}
+
+// CodeSet_IsValidUTF8 as it works on processors without SSSE3.
+bool CodeSetUtf8DfaAccepts(const char *p, const char *end);
 
 inline bool CodeSetIsSurrogate(uint32_t codePoint) {
   return codePoint >> 11 == 0xD800 >> 11;
@@ -35,8 +54,8 @@ inline bool CodeSetAreTails(uint32_t a, uint32_t b = 0x80, uint32_t c = 0x80) {
   return ((a ^ 0x80) | (b ^ 0x80) | (c ^ 0x80)) < 0x40;
 }
 
-// The body of CodeSet_GetUtf8.  Each length is written out: converters inline this, and their speed
-// hangs on it.
+// The body of CodeSet_GetUtf8.  Each length is written out for the speed of the converters, which
+// inline it.
 inline size_t CodeSetDecode(const char *p, const char *end, uint32_t *codePoint) {
   const auto byte = [p](int i) { return static_cast<uint32_t>(static_cast<uint8_t>(p[i])); };
   const auto tail = [byte](int i) { return byte(i) & 0x3F; };
