@@ -3,5 +3,5 @@
 
 #include <cstdint>
 
-// The character that stands for `codePoint` when case does not count; most often itself.
+// The character that replaces `codePoint` when case is ignored: for most characters itself.
 [[nodiscard]] uint32_t UnicodeSimpleCaseFold(uint32_t codePoint);

@@ -1,4 +1,5 @@
-// unicodeInit.cpp -- the one start of the code sets for the whole process.
+// unicodeInit.cpp -- initialises the code sets, once for the process.
+// Tests: tests/unit/codeset_test.cpp
 
 #include <atomic>
 #include <ctime>
@@ -15,7 +16,8 @@ struct {
 } state;
 
 void Lock() {
-  // The work under the lock is done once and touches the disk: who has to wait may as well sleep.
+  // The lock is held for long only once, by a thread that accesses the disk, so waiting by sleeping
+  // is cheap enough.
   constexpr timespec kPause = {.tv_sec = 0, .tv_nsec = 250'000'000};
   for (unsigned unlocked = 0;
        !state.lock.compare_exchange_strong(unlocked, 1, std::memory_order_acquire); unlocked = 0) {

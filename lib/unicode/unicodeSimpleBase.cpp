@@ -1,6 +1,8 @@
 // unicodeSimpleBase.cpp -- strings from and to other encodings, and whole strings.
+// Tests: tests/unit/unicode_test.cpp
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstring>
@@ -36,7 +38,7 @@ size_t BytesBeforeZero(const void *buffer) {
   }
 }
 
-// The length of a text that is given with -1 for "to its end".
+// The length of a text given with its length, or with -1 if it ends before its terminator.
 size_t LengthInBytes(const void *buffer, ptrdiff_t length, StringEncoding encoding) {
   if (length >= 0) return static_cast<size_t>(length);
   switch (Resolve(encoding)) {
@@ -63,9 +65,7 @@ char *CopyBytes(std::string_view bytes, size_t *outLength) {
   return copy;
 }
 
-bool IsAscii(std::string_view bytes) {
-  return std::ranges::all_of(bytes, [](char byte) { return static_cast<uint8_t>(byte) < 0x80; });
-}
+// ---- a text that cannot be converted ---------------------------------------------------------
 
 constexpr EscapeTable MakeUnprintable() {
   EscapeTable table{};
@@ -77,10 +77,31 @@ constexpr EscapeTable MakeUnprintable() {
 
 constexpr EscapeTable kUnprintable = MakeUnprintable();
 
-[[noreturn]] void CannotConvert(const void *buffer, size_t length, StringEncoding encoding) {
-  const HeapStr escaped(Unicode_EscapeBuffer(buffer, static_cast<ptrdiff_t>(length), encoding));
+// How many bytes have an escaped form of at most `room` characters.
+size_t BytesThatFit(std::string_view bytes, size_t room) {
+  constexpr size_t kEscape = 4;
+  size_t width = 0;
+  const auto isTooMuch = [&](char byte) {
+    width += kUnprintable[static_cast<uint8_t>(byte)] ? kEscape : 1;
+    return width > room;
+  };
+  return static_cast<size_t>(std::ranges::find_if(bytes, isTooMuch) - bytes.begin());
+}
+
+// The text in the form of Unicode_EscapeBuffer, cut to what the log takes beside the rest of the
+// message; null when memory is exhausted.
+HeapStr Shown(std::string_view bytes, StringEncoding encoding) {
+  constexpr size_t kRoom = 880;
+  const size_t shown = BytesThatFit(bytes, kRoom);
+  HeapStr text(Unicode_EscapeBuffer(bytes.data(), static_cast<ptrdiff_t>(shown), encoding));
+  if (text != nullptr && shown < bytes.size()) text.reset(Unicode_Join(text.get(), "...", nullptr));
+  return text;
+}
+
+[[noreturn]] void CannotConvert(std::string_view bytes, StringEncoding encoding) {
+  const HeapStr shown = Shown(bytes, encoding);
   Panic("%s: Couldn't convert invalid buffer [%s] from %s to Unicode.\n", "Unicode_AllocWithLength",
-        escaped == nullptr ? "(couldn't escape bytes)" : escaped.get(),
+        shown == nullptr ? "(couldn't escape bytes)" : shown.get(),
         Unicode_EncodingEnumToName(encoding));
 }
 
@@ -94,7 +115,8 @@ char *Unicode_AllocWithLength(const void *buffer, ptrdiff_t length, StringEncodi
   char *string;
   if (!CodeSet_GenericToGeneric(Unicode_EncodingEnumToName(encoding), buffer, size, kUtf8,
                                 CODESET_SUBSTITUTE, &string, nullptr)) {
-    CannotConvert(buffer, size, encoding);
+    if (errno == ENOMEM) Fatal_MemAlloc();
+    CannotConvert({static_cast<const char *>(buffer), size}, encoding);
   }
   return string;
 }
@@ -112,10 +134,8 @@ char *Unicode_GetAllocBytesWithLength(const char *string, StringEncoding encodin
   switch (encoding) {
     case StringEncoding::Utf8:
       return CopyBytes(bytes, outLength);
-    case StringEncoding::UsAscii:
-      return IsAscii(bytes) ? CopyBytes(bytes, outLength) : nullptr;
     case StringEncoding::Utf16Le:
-      // A string of the library is UTF-8, so only exhausted memory can stop this.
+      // A string of the library is well-formed UTF-8, and all of that has a form in UTF-16.
       if (!CodeSet_Utf8ToUtf16le(bytes.data(), bytes.size(), &result, outLength)) {
         Fatal_NotImplemented(kSource, 741);
       }

@@ -1,11 +1,13 @@
-// unicodeSimpleOperations.cpp -- strings taken apart by code points.
+// unicodeSimpleOperations.cpp -- parts of strings, by code points.
 //
-// A string is checked first; from then on its characters are found by their first bytes, all of
-// which are no continuation bytes.  No character's bytes can be found within another one's, so
-// searching bytes is searching characters.
+// A string is checked first.  After that, each byte that is no continuation byte begins a character.
+// The bytes of a character never occur within another character or across two, so a search for bytes
+// finds characters.
+// Tests: tests/unit/unicode_test.cpp.  Speed: bench/codeset_bench.cpp
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <string_view>
 
@@ -20,7 +22,7 @@ namespace {
 constexpr char kSubstr[] = "Unicode_Substr";
 constexpr char kFind[] = "Unicode_FindSubstrInRange";
 
-// The whole string, which is fatal unless it is well-formed.
+// The whole string; fatal if it is not well-formed.
 std::string_view Checked(const char *string, const char *operation) {
   const std::string_view text(string);
   if (!CodeSet_IsValidUTF8(text.data(), text.size())) {
@@ -39,8 +41,8 @@ UnicodeIndex CountCharacters(std::string_view text) {
 
 // ---- ranges ----------------------------------------------------------------------------------
 
-// Where the character with that index begins, or the end; `index` is not negative and becomes the
-// index of that place.
+// The offset at which the character with the index *index (not negative) begins.  When the text has
+// fewer characters, the offset of its end, and *index becomes their number.
 size_t BytesBefore(std::string_view text, UnicodeIndex *index) {
   UnicodeIndex found = 0;
   size_t at = 0;
@@ -51,7 +53,7 @@ size_t BytesBefore(std::string_view text, UnicodeIndex *index) {
   return at;
 }
 
-// A range of a text, with its bytes before and after.
+// A range of a text, with the text before and after it.
 struct Range {
   std::string_view before, bytes, after;
   UnicodeIndex start;
@@ -65,7 +67,7 @@ Range RangeOf(std::string_view text, UnicodeIndex start, UnicodeIndex length) {
   return {text.substr(0, begin), rest.substr(0, size), rest.substr(size), start};
 }
 
-// A new string of the pieces.
+// A new string: the pieces, concatenated.
 char *Concatenate(std::initializer_list<std::string_view> pieces) {
   size_t size = 1;
   for (const std::string_view piece : pieces) size += piece.size();
@@ -98,11 +100,40 @@ int CompareCharacters(uint32_t a, uint32_t b) {
   return first < second ? -1 : 1;
 }
 
-// Takes the first character off a text, and folds it if wanted.
-uint32_t TakeCharacter(std::string_view *text, bool foldCase) {
-  uint32_t codePoint = 0;
-  text->remove_prefix(CodeSet_GetUtf8(text->data(), text->data() + text->size(), &codePoint));
-  return foldCase ? UnicodeSimpleCaseFold(codePoint) : codePoint;
+// Takes the first character off a text.
+uint32_t TakeCharacter(std::string_view *text) {
+  auto codePoint = static_cast<uint32_t>(static_cast<uint8_t>(text->front()));
+  size_t length = 1;
+  if (codePoint >= 0x80) {
+    length = CodeSet_GetUtf8(text->data(), text->data() + text->size(), &codePoint);
+  }
+  text->remove_prefix(length);
+  return codePoint;
+}
+
+// How many bytes at the beginning of both texts are the same.
+size_t CommonBytes(std::string_view a, std::string_view b) {
+  const size_t limit = std::min(a.size(), b.size());
+  size_t at = 0;
+  for (uint64_t wordA, wordB; limit - at >= sizeof wordA; at += sizeof wordA) {
+    memcpy(&wordA, a.data() + at, sizeof wordA);
+    memcpy(&wordB, b.data() + at, sizeof wordB);
+    if (wordA != wordB) break;
+  }
+  while (at < limit && a[at] == b[at]) at++;
+  return at;
+}
+
+// Takes the characters that two texts have in common off their beginnings.
+void SkipCommon(std::string_view *a, std::string_view *b) {
+  size_t at = CommonBytes(*a, *b);
+  // The characters that differ may begin with the same bytes.  They begin at the same offset, because
+  // the bytes before are the same in both texts.
+  if (at < a->size() && at < b->size()) {
+    while (!BeginsCharacter((*a)[at])) at--;
+  }
+  a->remove_prefix(at);
+  b->remove_prefix(at);
 }
 
 }  // namespace
@@ -149,9 +180,15 @@ int Unicode_CompareRange(const char *string1, UnicodeIndex start1, UnicodeIndex 
                          bool ignoreCase) {
   std::string_view text1 = RangeOf(Checked(string1, kSubstr), start1, length1).bytes;
   std::string_view text2 = RangeOf(Checked(string2, kSubstr), start2, length2).bytes;
-  while (!text1.empty() && !text2.empty()) {
-    const uint32_t c1 = TakeCharacter(&text1, ignoreCase);
-    const uint32_t c2 = TakeCharacter(&text2, ignoreCase);
+  for (;;) {
+    SkipCommon(&text1, &text2);
+    if (text1.empty() || text2.empty()) break;
+    uint32_t c1 = TakeCharacter(&text1);
+    uint32_t c2 = TakeCharacter(&text2);
+    if (ignoreCase) {
+      c1 = UnicodeSimpleCaseFold(c1);
+      c2 = UnicodeSimpleCaseFold(c2);
+    }
     if (c1 != c2) return CompareCharacters(c1, c2);
   }
   return static_cast<int>(text2.empty()) - static_cast<int>(text1.empty());

@@ -7,6 +7,7 @@
 
 #include "lib/public/codeset.h"
 #include "lib/unicode/unicodeCaseFold.h"
+#include "tests/support/allocFault.h"
 #include "tests/support/test.h"
 
 namespace {
@@ -45,9 +46,9 @@ Model OrderKeys(Model text, bool fold) {
 TEST(UnicodeRanges, BehaveLikeArraysOfCodePoints) {
   // Few neighbours of these in each text, so that they meet: case pairs, also of Deseret beyond
   // U+FFFF and of letters that change their length in UTF-8, and both sides of the surrogates.
-  constexpr char32_t kCharacters[] = {U'a',   U'A',    0xE9,    0xC9,    0x301, 0x3C3,
-                                      0x3C2,  0x1E9E,  0xDF,    0x212A,  U'k',  0xD7FF,
-                                      0xE000, 0x10400, 0x10428, 0x10FFFF};
+  constexpr std::u32string_view kCharacters =
+      U"aA\u00E9\u00C9\u0301\u03C3\u03C2\u1E9E\u00DF\u212Ak\uD7FF\uE000\U00010400\U00010428"
+      U"\U0010FFFF";
   std::mt19937 random(3);
   const auto text = [&](size_t limit) {
     Model model(random() % limit, U' ');
@@ -55,15 +56,11 @@ TEST(UnicodeRanges, BehaveLikeArraysOfCodePoints) {
     for (char32_t &c : model) c = kCharacters[(first + random() % sorts) % 16];
     return model;
   };
-  const auto index = [&](size_t limit) {
-    return static_cast<UnicodeIndex>(random() % (limit + 3)) - 2;
-  };
+  const auto index = [&](int limit) { return static_cast<int>(random() % 16) % (limit + 3) - 2; };
   for (int round = Rounds(50'000); round > 0; round--) {
     const Model a = text(12), b = text(4);
     const std::string s = ToUtf8(a), t = ToUtf8(b);
     const UnicodeIndex at = index(12), length = index(12), from = index(4), count = index(4);
-    SCOPED_TRACE(testing::Message()
-                 << s << ' ' << at << ' ' << length << ", " << t << ' ' << from << ' ' << count);
     const Model range = Range(a, at, length), needle = Range(b, from, count);
     const auto base = std::clamp<UnicodeIndex>(at, 0, std::ssize(a));
     const auto found = [base](size_t place) {
@@ -91,7 +88,7 @@ TEST(CaseFolding, IsIcusForEveryCodePoint) {
     UVersionInfo age;
     u_charAge(c, age);
     // Characters that are newer than the table, of Unicode 15.0, fold to themselves here.
-    if (age[0] > 15 || (age[0] == 15 && age[1] > 0)) continue;
+    if (std::pair(age[0], age[1]) > std::pair<uint8_t, uint8_t>(15, 0)) continue;
     const auto codePoint = static_cast<char32_t>(c);
     ASSERT_EQ(IcuFold(codePoint), UnicodeSimpleCaseFold(codePoint)) << c;
   }
@@ -103,18 +100,21 @@ TEST(Unicode, TextsComeAndGoToTheTerminatorOfTheirEncoding) {
   using enum StringEncoding;
   const std::string utf16 = "xa\0\0\1z\0\0\0z\0"s;  // unaligned, and U+0100 has a zero byte
   const char text[] = "ab\xC3\xA9";
+  size_t copied = 0;
   const std::pair<std::string, char *> rows[] = {
       {"a\xC4\x80z", Unicode_Alloc(utf16.data() + 1, Utf16Le)},
       {"ab\xEF\xBF\xBD", Unicode_AllocWithLength(text, 3, UsAscii)},
       {"a-\xC3\xA9", Unicode_Join("a", "-", "", "\xC3\xA9", nullptr)},
       {"\\x00\\x1F ~\\x5C\\x7F\\xC3\\xA9", Unicode_EscapeBuffer("\0\x1F ~\\\x7F\xC3\xA9", 8, Utf8)},
       {"a\\x00", Unicode_EscapeBuffer("a\0\0\0", -1, Utf16Le)},
-      {"ab\xC3",
-       Unicode_GetAllocBytesWithLength(text, Current, 3, nullptr)},  // copied, not checked
+      {"a\\x00\\x00\\x00b\\x00\\x00\\x00",
+       Unicode_EscapeBuffer("a\0\0\0b\0\0\0\0\0\0", -1, Utf32Le)},
+      {"ab\xC3", Unicode_GetAllocBytesWithLength(text, Current, 3, &copied)},  // not checked
       {"ab", Unicode_GetAllocBytesWithLength(text, UsAscii, 2, nullptr)},
       {"(null)", Unicode_GetAllocBytes(text, UsAscii)},
   };
   for (const auto &[expected, result] : rows) EXPECT_EQ(expected, Owned(result));
+  EXPECT_EQ(3U, copied);
 
   char a[] = "a", e[] = "\xC3\xA9";
   char *const strings[] = {a, e, nullptr};
@@ -131,10 +131,19 @@ TEST(Unicode, InvalidTextsAreFatal) {
       FatalText(find).starts_with("Panic: Unicode_FindSubstrInRange: invalid UTF8 string @ "));
   EXPECT_EQ("Panic: NOT_IMPLEMENTED lib/unicode/unicodeSimpleBase:741\n",
             FatalText([] { (void)Unicode_GetAllocBytes(kBad, StringEncoding::Utf16Le); }));
+  const auto convert = [](const std::string &text, int nthFails) {
+    return FatalText([&] {
+      const AllocFault fault(nthFails);
+      (void)Unicode_Alloc(text.c_str(), StringEncoding::Utf8);
+    });
+  };
   EXPECT_EQ(
-      "Panic: Unicode_AllocWithLength: Couldn't convert invalid buffer [\\x00\\xD8] from UTF-16LE "
-      "to Unicode.\n",
-      FatalText([] { (void)Unicode_AllocWithLength("\0\xD8", 2, StringEncoding::Utf16Le); }));
+      "Panic: Unicode_AllocWithLength: Couldn't convert invalid buffer [a\\x80] from UTF-8 to "
+      "Unicode.\n",
+      convert("a\x80", 0));
+  EXPECT_TRUE(
+      convert(std::string(9999, '\x80'), 0).ends_with("\\x80...] from UTF-8 to Unicode.\n"));
+  EXPECT_EQ("Panic: Unrecoverable memory allocation failure\n", convert("valid", 1));
 }
 
 }  // namespace
