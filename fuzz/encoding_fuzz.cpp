@@ -49,6 +49,7 @@ std::vector<Name> AllNames() {
 }
 
 const std::vector<Name> kNames = AllNames();
+const int kLog = LogOpen("/dev/null");
 
 const EncodingRow *ExpectedRow(const std::string &name) {
   for (const EncodingRow &row : EncodingTableRows()) {
@@ -64,12 +65,6 @@ const EncodingRow *ExpectedRow(const std::string &name) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  LogOpen("/dev/null");
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
