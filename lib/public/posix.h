@@ -11,5 +11,6 @@
 // Any thread.
 [[nodiscard]] char *Posix_ReadLink(const char *path);
 
-// The same for a `path` relative to the directory that is open as `dir`.
+// The same for a `path` relative to the directory that is open as `dir`, without conversion: path and
+// target are the system's bytes, UTF-8 or not.  errno is then that of readlinkat(2).
 [[nodiscard]] char *Posix_ReadLinkAt(int dir, const char *path);

@@ -53,19 +53,21 @@ char *Posix_RealPath(const char *path) {
 }
 
 char *Posix_ReadLink(const char *path) {
-  return Posix_ReadLinkAt(AT_FDCWD, path);
+  const HeapStr local = ToLocal(path);
+  if (local == nullptr) return nullptr;
+  const HeapStr target(Posix_ReadLinkAt(AT_FDCWD, local.get()));
+  return target == nullptr ? nullptr : FromLocal(target.get(), strlen(target.get()));
 }
 
 char *Posix_ReadLinkAt(int dir, const char *path) {
-  const HeapStr local = ToLocal(path);
-  if (local == nullptr) return nullptr;
   // A target that fills the buffer may have been cut; one that leaves room is complete.
   for (size_t size = kLinkSize;; size += kLinkSizeStep) {
-    const HeapStr target(static_cast<char *>(Heap_SafeMalloc(size)));
-    const ssize_t length = readlinkat(dir, local.get(), target.get(), size);
+    HeapStr target(static_cast<char *>(Heap_SafeMalloc(size)));
+    const ssize_t length = readlinkat(dir, path, target.get(), size);
     if (length < 0) return nullptr;
     if (static_cast<size_t>(length) < size) {
-      return FromLocal(target.get(), static_cast<size_t>(length));
+      target.get()[length] = '\0';
+      return target.release();
     }
   }
 }
