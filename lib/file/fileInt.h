@@ -1,7 +1,7 @@
 // fileInt.h -- what the modules of the file library share among themselves.
 //
 // Paths and threads are as in file.h.  An errno-style result is 0, or the errno of the call that
-// failed, which then is in errno, too.
+// failed, which is also left in errno.
 #pragma once
 
 #include <fcntl.h>
@@ -9,19 +9,23 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <utility>
 
 #include "lib/public/errnoKeeper.h"
 #include "lib/public/file.h"
+#include "lib/public/hashTable.h"
 #include "lib/public/heap.h"
 
-// What stat(2) tells of a file.
+// ---- attributes ------------------------------------------------------------------------------
+
+// What stat(2) reports of a file.
 struct FileData {
-  int64_t fileAccessTime;    // seconds, as the other times
+  int64_t fileAccessTime;    // seconds, like the other times
   int64_t fileCreationTime;  // of the last change of status, which stands in for creation
   int64_t fileModificationTime;
   int64_t fileSize;  // bytes
   FileType fileType;
-  uint32_t fileMode;  // the whole st_mode, with the bits of the type
+  uint32_t fileMode;  // the whole st_mode, type bits included
   uint32_t fileOwner;
   uint32_t fileGroup;
 };
@@ -29,76 +33,97 @@ struct FileData {
 // Errno-style.  Follows links; `out` may be null.  A null path is EFAULT.
 [[nodiscard]] int FileAttributes(const char *path, FileData *out);
 
-// Which file it is, whatever it is called.
-struct FileIdentity {
-  dev_t device;
-  ino_t inode;
-
-  static FileIdentity Of(const struct stat &status) { return {status.st_dev, status.st_ino}; }
-  bool operator==(const FileIdentity &) const = default;
-};
-
 // Errno-style: whether `path` is a directory, links followed; ENOTDIR for anything else.
 [[nodiscard]] int FileRequireDirectory(const char *path);
 
 // Errno-style: mkdir(2), with the process's umask.  A null path is EFAULT.
 [[nodiscard]] int FileCreateDirectory(const char *path, int mode);
 
+// ---- identities (fileIdentity.cpp) -----------------------------------------------------------
+
+// Which file it is, under any name and through any mount.
+struct FileIdentity {
+  dev_t device;
+  ino_t inode;
+
+  static FileIdentity Of(const struct stat &status) { return {status.st_dev, status.st_ino}; }
+  // Errno-style, of an open file.
+  [[nodiscard]] static int Of(int fd, FileIdentity *identity);
+  bool operator==(const FileIdentity &) const = default;
+};
+
+// A number for each of some files.
+class FileIdentityMap {
+  HashTableOwner table_;
+
+ public:
+  FileIdentityMap();
+  // Whether the file is there; then *value, unless `value` is null, receives its number.
+  bool Get(const FileIdentity &identity, int64_t *value = nullptr) const;
+  void Set(const FileIdentity &identity, int64_t value = 0);
+};
+
+// Errno-style: EINVAL when the open directory `dir` is the directory `outer` or lies below it.  What is
+// above a directory that the caller may not open counts as outside.
+[[nodiscard]] int FileRequireOutside(int dir, const FileIdentity &outer);
+
+// ---- removal ---------------------------------------------------------------------------------
+
 // Errno-style: unlink(2).  With handleLink, what a symbolic link names is removed before the link:
-// its target's text as a path by itself, so that one without a leading "/" counts from the current
+// the target's text is taken as a path by itself, so a relative one counts from the current
 // directory.  A target that is missing is fine; one that cannot be removed leaves the link.  A null
 // path is EFAULT.
 int FileDeletePath(const char *path, bool handleLink);
 
-// How a directory is opened that is walked by its entries; O_NOFOLLOW where no link may lead there.
-inline constexpr int kFileOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-
-// An entry of a directory that is open as `dir`; `path` is what messages call it.
-struct FileEntry {
-  int dir;
-  const char *name;
-  const char *path;
-};
-
-struct FileCopyOptions {
-  bool overwriteExisting;
-  bool followSymlinks;
-  bool regularOnly;      // nothing but regular files is opened: ENOTSUP, or ELOOP for a link
-  FileCopyBounds *left;  // what may still be copied; EFBIG beyond
-};
-
-// As File_Copy, of a file that is given as an entry.  Unless followSymlinks, neither file is opened
-// through a link of its own, and no FIFO is waited for.
-bool FileCopyEntry(const FileEntry &src, const char *dstName, const FileCopyOptions &options);
+// Removes the file `identity`, no directory, that `name` leads to from the directory `dir` (which
+// may be AT_FDCWD), and then `name` itself if that is a link.  Links are followed from where they
+// are.  A name that leads to another file by now is left alone.  errno is unchanged.
+void FileRemoveOpened(int dir, const char *name, const FileIdentity &identity);
 
 // Removes what is below the directory `path` and, unless contentOnly, the directory; see
-// File_DeleteDirectoryTree.
-bool FileDeleteDirectoryTree(const char *path, bool contentOnly);
+// File_DeleteDirectoryTree.  With `expected`, ESTALE and nothing removed if `path` leads to another
+// directory.
+bool FileDeleteDirectoryTree(const char *path, bool contentOnly,
+                             const FileIdentity *expected = nullptr);
 
-// The longest beginning of `path` (not null) that exists, cut where a "/" stands, as a new string
-// that the caller frees; "/" or "." when there is none.
+// ---- paths -----------------------------------------------------------------------------------
+
+// The longest beginning of `path` (not null) that exists, cut at a "/", as a new string that the
+// caller frees; "/" or "." when there is none.
 [[nodiscard]] char *FileFindExistingPrefix(const char *path);
 
-// The names of a directory, and their one owner.
+// ---- directories -----------------------------------------------------------------------------
+
+// How a directory is opened that is walked by its entries.
+inline constexpr int kFileOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+// The names of a directory, which this object owns.
 class FileNames {
-  char **names_ = nullptr;
+  HeapArray<char *> names_;
+  HeapArray<unsigned char> types_;
   int count_ = 0;
+
+  bool Take(struct WalkDirContext *walk, uint64_t limit);
 
  public:
   FileNames() noexcept = default;
-  FileNames(const FileNames &) = delete;
-  FileNames &operator=(const FileNames &) = delete;
+  FileNames(FileNames &&other) noexcept
+      : names_(std::move(other.names_)),
+        types_(std::move(other.types_)),
+        count_(std::exchange(other.count_, 0)) {}
+  FileNames &operator=(FileNames &&) = delete;
   ~FileNames() { Clear(); }
 
-  // False, and no names, with the errno of what failed.  Of the second form `dir` is the open
-  // directory, which stays open, and `path` what log records call it; EFBIG for more names than
-  // `limit`.
+  // On failure false, with errno set and no names.  In the second form `dir` is the directory,
+  // which stays open; `path` is what log records call it; more names than `limit` are EFBIG.
   [[nodiscard]] bool List(const char *path);
   [[nodiscard]] bool ListAt(int dir, const char *path, uint64_t limit = UINT64_MAX);
   void Clear() noexcept;
 
   int Count() const noexcept { return count_; }
-  const char *operator[](int i) const noexcept { return names_[i]; }
-  char *const *begin() const noexcept { return names_; }
-  char *const *end() const noexcept { return names_ + count_; }
+  const char *operator[](int i) const noexcept { return names_[static_cast<size_t>(i)]; }
+  // What kind of entry it was when it was listed: DT_REG and the like, as in readdir(3).
+  unsigned char TypeOf(int i) const noexcept { return types_[static_cast<size_t>(i)]; }
+  char *const *begin() const noexcept { return names_.get(); }
+  char *const *end() const noexcept { return names_.get() + count_; }
 };

@@ -1,12 +1,16 @@
 // filePosix.cpp -- what a path names, and the removal of a single name.
+//
+// Tested by tests/unit/file_test.cpp and tests/unit/fileTree_test.cpp.
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "lib/file/fileInt.h"
+#include "lib/public/fd.h"
 #include "lib/public/file.h"
 #include "lib/public/posix.h"
 
@@ -38,12 +42,25 @@ int UnlinkPath(const char *path) {
   return unlink(path) == 0 ? 0 : errno;
 }
 
-// Errno-style: removes what the link `path` names, if it is a link and that is there.
+// Errno-style: removes what `path` names if it is a link; a missing target is fine.
 int DeleteTarget(const char *path) {
-  const HeapStr target(Posix_ReadLink(path));
+  const HeapStr target(Posix_ReadLinkAt(AT_FDCWD, path));
   if (target == nullptr) return errno == EINVAL ? 0 : errno;
   const int error = UnlinkPath(target.get());
   return error == ENOENT ? 0 : error;
+}
+
+// As many links as open(2) follows.
+constexpr int kMaxLinks = 40;
+
+// The directory that `path` is an entry of, seen from the directory `dir`; empty when it cannot be
+// opened.
+Fd OpenParent(int dir, const char *path) {
+  const char *const slash = strrchr(path, '/');
+  const HeapStr parent = slash == nullptr
+                             ? Heap_SafeStrdup(".")
+                             : Heap_SafeStrndup(path, static_cast<size_t>(slash + 1 - path));
+  return Fd(openat(dir, parent.get(), kFileOpenDirectory));
 }
 
 }  // namespace
@@ -75,6 +92,26 @@ int FileDeletePath(const char *path, bool handleLink) {
   if (path == nullptr) return errno = EFAULT;
   const int error = handleLink ? DeleteTarget(path) : 0;
   return error != 0 ? error : UnlinkPath(path);
+}
+
+void FileRemoveOpened(int dir, const char *name, const FileIdentity &identity) {
+  const ErrnoKeeper keeper;
+  Fd parent;
+  HeapStr target = Heap_SafeStrdup(name);
+  for (int links = 0; links <= kMaxLinks && target != nullptr; links++) {
+    const int at = parent ? parent.Get() : dir;
+    struct stat status;
+    if (fstatat(at, target.get(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    if (!S_ISLNK(status.st_mode)) {
+      if (FileIdentity::Of(status) != identity || unlinkat(at, target.get(), 0) != 0) return;
+      if (links > 0) unlinkat(dir, name, 0);
+      return;
+    }
+    Fd next = OpenParent(at, target.get());
+    if (!next) return;
+    target = HeapStr(Posix_ReadLinkAt(at, target.get()));
+    parent = std::move(next);
+  }
 }
 
 // ---- public ---------------------------------------------------------------------------------

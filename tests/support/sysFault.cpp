@@ -1,6 +1,7 @@
 #include "tests/support/sysFault.h"
 
 #include <dirent.h>
+#include <sys/uio.h>
 
 #include <atomic>
 
@@ -41,11 +42,14 @@ bool MustFail(const char *call) {
 // NOLINTEND(bugprone-macro-parentheses)
 
 WRAP_INT(mkdir, (const char *path, mode_t mode), (path, mode))
+WRAP_INT(mkdirat, (int dir, const char *path, mode_t mode), (dir, path, mode))
 WRAP_INT(unlink, (const char *path), (path))
 WRAP_INT(unlinkat, (int dir, const char *path, int flags), (dir, path, flags))
 WRAP_INT(rmdir, (const char *path), (path))
 WRAP_INT(rename, (const char *from, const char *to), (from, to))
 WRAP_INT(symlink, (const char *target, const char *path), (target, path))
+WRAP_INT(symlinkat, (const char *target, int dir, const char *path), (target, dir, path))
+WRAP_INT(ftruncate, (int fd, off_t size), (fd, size))
 WRAP_INT(stat, (const char *path, struct stat *out), (path, out))
 WRAP_INT(lstat, (const char *path, struct stat *out), (path, out))
 WRAP_INT(fstat, (int fd, struct stat *out), (fd, out))
@@ -53,6 +57,10 @@ WRAP_INT(fstatat, (int dir, const char *path, struct stat *out, int flags), (dir
 WRAP_INT(fsync, (int fd), (fd))
 WRAP(read, "read", ssize_t, -1, (int fd, void *to, size_t size), (fd, to, size))
 WRAP(write, "write", ssize_t, -1, (int fd, const void *from, size_t size), (fd, from, size))
+WRAP(readv, "readv", ssize_t, -1, (int fd, const iovec *to, int count), (fd, to, count))
+WRAP(writev, "writev", ssize_t, -1, (int fd, const iovec *from, int count), (fd, from, count))
+WRAP(pwrite, "pwrite", ssize_t, -1, (int fd, const void *from, size_t size, off_t offset),
+     (fd, from, size, offset))
 WRAP(readlinkat, "readlinkat", ssize_t, -1, (int dir, const char *path, char *to, size_t size),
      (dir, path, to, size))
 WRAP(opendir, "opendir", DIR *, nullptr, (const char *path), (path))

@@ -125,16 +125,23 @@ TEST(DeleteTree, IsNotLedElsewhereByWhoChangesTheTree) {
   EXPECT_TRUE(fs::exists(outside + "/x") && fs::exists(outside + "/f"));
 }
 
-TEST(CopyTree, IsNotLedElsewhereByWhoChangesTheSource) {
-  for (const auto &[make, target] : {std::pair{">", "secret/y"}, {"mkdir ", "secret"}}) {
+// Right before the directory "x" is opened on either side, a link takes its place.
+TEST(CopyTree, IsNotLedElsewhereByChangesToEitherTree) {
+  for (const auto &[later, tree, outcome] : {std::tuple{1, "from", "ok"}, {2, "to", "ELOOP"}}) {
     const ScratchDir dir;
-    const std::string in = "cd '" + dir.Path() + "' && ", link = std::string("ln -s ../") + target;
-    ASSERT_TRUE(Shell(in + "mkdir from to secret && >secret/y && " + make + "from/x"));
-    const SysFault swap("openat", 1, 0, [&] { Shell(in + "rm -r from/x && " + link + " from/x"); });
-    CaptureOutput([&] {
-      EXPECT_FALSE(File_CopyTree(dir.Path("from").c_str(), dir.Path("to").c_str(), true, false));
+    const std::string in = "cd '" + dir.Path() + "' && ", to = dir.Path("to");
+    ASSERT_TRUE(Shell(in + "mkdir -p from/x to secret && >secret/y && >from/x/z"));
+    // Before it, the directories above the destination are opened.
+    const auto above = std::count(to.begin(), to.end(), '/') + 2;
+    const SysFault swap("openat", static_cast<int>(above) + later, 0, [&, where = tree] {
+      Shell(in + "cd " + where + " && mv x ../away && ln -s ../secret x");
     });
-    EXPECT_TRUE(swap.Fired() && fs::is_empty(dir.Path("to")) && HadMessages()) << target;
+    CaptureOutput([&, wanted = outcome] {
+      EXPECT_EQ(wanted,
+                OkOrErrno(File_CopyTree(dir.Path("from").c_str(), to.c_str(), true, false)));
+    });
+    EXPECT_TRUE(swap.Fired() && fs::is_symlink(to + "/x") && !fs::exists(dir.Path("secret/z")));
+    Msg_Reset();
   }
 }
 

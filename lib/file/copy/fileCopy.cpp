@@ -1,179 +1,175 @@
 // fileCopy.cpp -- copies of single files.
 //
-// Holds:  1. Each failure appends one message where it is found, and errno is its cause until the
-//         outermost procedure returns.
-//         2. The source is never touched: a destination that is the source, by whatever name, is
-//         refused before it is emptied.
-//         3. The buffer stands in the frame of CopyWithin, which no recursion passes through (the
-//         copy of a tree is another source file, and so cannot inline it).
-// Tests:  tests/unit/fileTree_test.cpp
+// Invariants: 1. Each failure appends one message where it is found, and the first cause is in
+//             errno when the copy returns.
+//             2. The source is never touched: the destination is opened without emptying it, and
+//             emptied only after it has been found to be another file.
+//             3. What is removed after a failure is the regular file that was opened, found again by
+//             its identity; not whatever its name leads to by then, and no device.
+// Tested by tests/unit/fileTree_test.cpp.
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 
-#include "lib/file/fileInt.h"
+#include "lib/file/copy/fileCopyInt.h"
 #include "lib/file/raw/fileIOInt.h"
 #include "lib/public/err.h"
-#include "lib/public/errnoKeeper.h"
 #include "lib/public/fd.h"
 #include "lib/public/file.h"
 #include "lib/public/msg.h"
-#include "platform/files.h"
 
 namespace {
 
 constexpr size_t kBufferSize = 8192;
 
+constexpr char kCannotCloseSource[] =
+    "@&!*@*@(msg.File.Copy.close.failure)Unable to close the '%s' file: %s.\n\n";
+constexpr char kCannotCloseDestination[] =
+    "@&!*@*@(msg.File.CopyFromFdToName.close.failure)Unable to close the '%s' file: %s.\n\n";
+
 bool TellReadError() {
-  const ErrnoKeeper keeper;
   Msg_Append("@&!*@*@(msg.File.CopyFromFdToFd.read.failure)Read error: %s.\n\n",
-             Err_ErrnoToString(keeper.Get()));
+             Err_ErrnoToString(errno));
   return false;
-}
-
-bool TellCreateError(const char *dstName, FileIOResult result) {
-  const ErrnoKeeper keeper;
-  Msg_Append(
-      "@&!*@*@(msg.File.CopyFromFdToName.create.failure)"
-      "Unable to create a new '%s' file: %s.\n\n",
-      dstName, FileIO_MsgError(result));
-  return false;
-}
-
-// What would fail only after the destination was emptied fails here: a directory has no content to
-// read, and a file cannot be copied to itself.
-bool CanBeCopied(const FileIODescriptor &src, const char *dstName) {
-  struct stat from;
-  struct stat to;
-  if (fstat(src.posix, &from) != 0) return TellReadError();
-  if (S_ISDIR(from.st_mode)) {
-    errno = EISDIR;
-    return TellReadError();
-  }
-  if (stat(dstName, &to) == 0 && FileIdentity::Of(from) == FileIdentity::Of(to)) {
-    errno = EEXIST;
-    return TellCreateError(dstName, FILEIO_OPEN_ERROR_EXIST);
-  }
-  return true;
 }
 
 bool TellWriteError(FileIOResult result) {
-  const ErrnoKeeper keeper;
   Msg_Append("@&!*@*@(msg.File.CopyFromFdToFd.write.failure)Write error: %s.\n\n",
              FileIO_MsgError(result));
   return false;
 }
 
-// FileIO_Write, of no more than *left bytes, which become fewer.
-FileIOResult WriteWithin(FileIODescriptor *fd, const char *data, size_t size, uint64_t *left) {
-  if (size > *left) {
-    errno = EFBIG;
-    return FILEIO_WRITE_ERROR_FBIG;
-  }
-  *left -= size;
-  return FileIO_Write(fd, data, size, nullptr);
+bool TellCreateError(const FileEntry &dst, FileIOResult result) {
+  Msg_Append(
+      "@&!*@*@(msg.File.CopyFromFdToName.create.failure)"
+      "Unable to create a new '%s' file: %s.\n\n",
+      dst.Path().get(), FileIO_MsgError(result));
+  return false;
 }
 
-// File_CopyFromFdToFd, of no more than *left bytes.
-bool CopyWithin(FileIODescriptor *srcFd, FileIODescriptor *dstFd, uint64_t *left) {
+// Closes *fd after a step that succeeded if `ok`, and returns whether both did.  errno is that of
+// the first failure.
+bool CloseAfter(bool ok, FileIODescriptor *fd, const char *message, const FileEntry &entry) {
+  ErrnoKeeper cause;
+  if (FileIOCloseUnlocked(fd) == FILEIO_SUCCESS) return ok;
+  if (ok) cause.Set(errno);
+  Msg_Append(message, entry.Path().get(), Err_ErrnoToString(errno));
+  return false;
+}
+
+// False, with EFBIG, when less than `size` bytes are left; otherwise they are taken off.
+bool TakeBytes(FileCopyBounds *left, size_t size) {
+  if (left == nullptr) return true;
+  if (size > left->bytes) {
+    errno = EFBIG;
+    return false;
+  }
+  left->bytes -= size;
+  return true;
+}
+
+// File_CopyFromFdToFd within bounds.
+bool CopyWithin(FileIODescriptor *src, FileIODescriptor *dst, FileCopyBounds *left) {
   char buffer[kBufferSize];
   for (;;) {
     size_t size = 0;
-    const FileIOResult got = FileIO_Read(srcFd, buffer, sizeof buffer, &size);
+    const FileIOResult got = FileIO_Read(src, buffer, sizeof buffer, &size);
     if (got != FILEIO_SUCCESS && got != FILEIO_READ_ERROR_EOF) return TellReadError();
-    const FileIOResult put = WriteWithin(dstFd, buffer, size, left);
+    if (!TakeBytes(left, size)) return TellWriteError(FILEIO_WRITE_ERROR_FBIG);
+    const FileIOResult put = FileIO_Write(dst, buffer, size, nullptr);
     if (put != FILEIO_SUCCESS) return TellWriteError(put);
     if (got == FILEIO_READ_ERROR_EOF) return true;
   }
 }
 
-// `flags` are for opening the destination.
-bool CopyToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting,
-                uint32_t flags, uint64_t *left) {
-  if (!CanBeCopied(*srcFd, dstName)) return false;
-  FileIODescriptor dstFd;
-  const FileIOResult opened = FileIOOpenUnlocked(
-      &dstFd, dstName, FILEIO_ACCESS_WRITE | flags,
-      overwriteExisting ? FILEIO_OPEN_CREATE_EMPTY : FILEIO_OPEN_CREATE_SAFE, 0600);
-  if (opened != FILEIO_SUCCESS) return TellCreateError(dstName, opened);
-
-  bool ok = CopyWithin(srcFd, &dstFd, left);
-  ErrnoKeeper cause;
-  if (FileIOCloseUnlocked(&dstFd) != FILEIO_SUCCESS) {
-    const ErrnoKeeper keeper;
-    if (ok) cause.Set(keeper.Get());
-    Msg_Append(
-        "@&!*@*@(msg.File.CopyFromFdToName.close.failure)Unable to close the '%s' file: %s.\n\n",
-        dstName, Err_ErrnoToString(keeper.Get()));
-    ok = false;
-  }
-  if (!ok) FileDeletePath(dstName, true);
-  return ok;
-}
-
-bool TellOpenError(const char *srcName, FileIOResult result) {
-  const ErrnoKeeper keeper;
-  Msg_Append(
-      "@&!*@*@(msg.File.Copy.open.failure)Unable to open the '%s' file for read access: %s.\n\n",
-      srcName, FileIO_MsgError(result));
-  return false;
-}
-
-bool CopyAndClose(FileIODescriptor *srcFd, const char *srcName, const char *dstName,
-                  bool overwriteExisting, uint32_t flags, uint64_t *left) {
-  const bool copied = CopyToName(srcFd, dstName, overwriteExisting, flags, left);
-  ErrnoKeeper cause;
-  if (FileIOCloseUnlocked(srcFd) == FILEIO_SUCCESS) return copied;
-  const ErrnoKeeper keeper;
-  if (copied) cause.Set(keeper.Get());
-  Msg_Append("@&!*@*@(msg.File.Copy.close.failure)Unable to close the '%s' file: %s.\n\n", srcName,
-             Err_ErrnoToString(keeper.Get()));
-  return false;
-}
-
-Fd OpenSource(const FileEntry &entry, const FileCopyOptions &options) {
-  if (options.regularOnly) return Platform_OpenRegularOrDirectory(entry.dir, entry.name);
-  const int flags = options.followSymlinks ? 0 : O_NOFOLLOW | O_NONBLOCK;
-  return Fd(openat(entry.dir, entry.name, O_RDONLY | O_CLOEXEC | flags));
-}
-
-FileIOResult OpenEntry(const FileEntry &entry, const FileCopyOptions &options,
-                       FileIODescriptor *fd) {
+// Opens the destination, new or empty.  *opened is then its status.
+FileIOResult OpenDestination(const FileEntry &dst, const FileCopyOptions &options,
+                             const FileIdentity &src, FileIODescriptor *fd, struct stat *opened) {
   FileIO_Invalidate(fd);
-  fd->posix = OpenSource(entry, options).Release();
-  if (!FileIO_IsValid(fd)) return FileIOReport("FILE:open error on %s: %s\n", entry.path);
-  fd->flags = FILEIO_ACCESS_READ;
-  return FILEIO_SUCCESS;
+  if (dst.name == nullptr) {
+    errno = EFAULT;
+    return FILEIO_ERROR;
+  }
+  const int flags = (options.overwriteExisting ? 0 : O_EXCL) |
+                    (options.followSymlinks ? 0 : O_NOFOLLOW | O_NONBLOCK);
+  Fd file(openat(dst.dir, dst.name, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0600));
+  if (file && fstat(file.Get(), opened) == 0) {
+    if (FileIdentity::Of(*opened) == src) {
+      errno = EEXIST;
+      return FILEIO_OPEN_ERROR_EXIST;
+    }
+    if (!S_ISREG(opened->st_mode) || opened->st_size == 0 || ftruncate(file.Get(), 0) == 0) {
+      fd->posix = file.Release();
+      fd->flags = FILEIO_ACCESS_WRITE;
+      return FILEIO_SUCCESS;
+    }
+  }
+  return FileIOReport("FILE:open error on %s: %s\n", dst.Path().get());
+}
+
+bool CopyToEntry(FileIODescriptor *src, const FileEntry &dst, const FileCopyOptions &options,
+                 FileIdentity *copied = nullptr) {
+  struct stat from;
+  if (fstat(src->posix, &from) != 0) return TellReadError();
+  if (S_ISDIR(from.st_mode)) {
+    errno = EISDIR;
+    return TellReadError();
+  }
+  const FileIdentity identity = FileIdentity::Of(from);
+  if (copied != nullptr) *copied = identity;
+  FileIODescriptor out;
+  struct stat to;
+  const FileIOResult opened = OpenDestination(dst, options, identity, &out, &to);
+  if (opened != FILEIO_SUCCESS) return TellCreateError(dst, opened);
+
+  bool ok = CopyWithin(src, &out, options.left);
+  ok = CloseAfter(ok, &out, kCannotCloseDestination, dst);
+  if (!ok && S_ISREG(to.st_mode)) FileRemoveOpened(dst.dir, dst.name, FileIdentity::Of(to));
+  return ok;
 }
 
 }  // namespace
 
+HeapStr FileEntry::Path() const {
+  if (way != nullptr) return way->PathOf(name);
+  return Heap_SafeStrdup(name == nullptr ? "(null)" : name);
+}
+
+bool FileTellOpenError(const FileEntry &src, FileIOResult result) {
+  Msg_Append(
+      "@&!*@*@(msg.File.Copy.open.failure)Unable to open the '%s' file for read access: %s.\n\n",
+      src.Path().get(), FileIO_MsgError(result));
+  return false;
+}
+
+bool FileCopyOpened(FileIODescriptor *src, const FileEntry &srcEntry, const FileEntry &dst,
+                    const FileCopyOptions &options, FileIdentity *copied) {
+  return CloseAfter(CopyToEntry(src, dst, options, copied), src, kCannotCloseSource, srcEntry);
+}
+
 bool File_CopyFromFdToFd(FileIODescriptor *srcFd, FileIODescriptor *dstFd) {
-  uint64_t left = UINT64_MAX;
-  return CopyWithin(srcFd, dstFd, &left);
+  return CopyWithin(srcFd, dstFd, nullptr);
 }
 
 bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting) {
-  uint64_t left = UINT64_MAX;
-  return CopyToName(srcFd, dstName, overwriteExisting, 0, &left);
+  return CopyToEntry(srcFd, {AT_FDCWD, dstName},
+                     {.overwriteExisting = overwriteExisting, .followSymlinks = true});
 }
 
 bool File_Copy(const char *srcName, const char *dstName, bool overwriteExisting) {
-  FileIODescriptor srcFd;
-  const FileIOResult opened =
-      FileIOOpenUnlocked(&srcFd, srcName, FILEIO_ACCESS_READ, FILEIO_OPEN, 0600);
-  if (opened != FILEIO_SUCCESS) return TellOpenError(srcName, opened);
-  uint64_t left = UINT64_MAX;
-  return CopyAndClose(&srcFd, srcName, dstName, overwriteExisting, 0, &left);
+  return FileCopyPaths(srcName, dstName, overwriteExisting, nullptr);
 }
 
-bool FileCopyEntry(const FileEntry &src, const char *dstName, const FileCopyOptions &options) {
-  FileIODescriptor srcFd;
-  const FileIOResult opened = OpenEntry(src, options, &srcFd);
-  if (opened != FILEIO_SUCCESS) return TellOpenError(src.path, opened);
-  return CopyAndClose(&srcFd, src.path, dstName, options.overwriteExisting,
-                      options.followSymlinks ? 0U : FILEIO_FLAG_NOFOLLOW | FILEIO_FLAG_NONBLOCK,
-                      &options.left->bytes);
+bool FileCopyPaths(const char *srcName, const char *dstName, bool overwriteExisting,
+                   FileIdentity *copied) {
+  const FileEntry src = {AT_FDCWD, srcName};
+  FileIODescriptor fd;
+  const FileIOResult opened =
+      FileIOOpenUnlocked(&fd, srcName, FILEIO_ACCESS_READ, FILEIO_OPEN, 0600);
+  if (opened != FILEIO_SUCCESS) return FileTellOpenError(src, opened);
+  return FileCopyOpened(&fd, src, {AT_FDCWD, dstName},
+                        {.overwriteExisting = overwriteExisting, .followSymlinks = true}, copied);
 }

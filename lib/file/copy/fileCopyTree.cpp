@@ -1,165 +1,255 @@
 // fileCopyTree.cpp -- copies of directory trees.
 //
-// Idea:   one level lists its names and copies entry by entry; a directory among them is the next
-//         level.  The first failure ends all levels.
-// Holds:  1. Without followSymlinks nothing is read through a link, even if somebody changes the
-//            source meanwhile: below the top, each step names one entry of a directory that is
-//            open, and a directory is entered only as one.
-//         2. Nor is anything written through a link that the copy meets, even if the listing has a
-//            name twice: once for a link, which is made, and once for what would go through it.
-//            The destination is looked up by path, though: nobody else may change it meanwhile.
-//         3. Without followSymlinks nothing waits for the other end of a FIFO; with bounds, special
-//         files are not even opened.
-//         4. The depth ends where paths would become too long.  A level keeps a descriptor open, and
-//            in its frame little more than a few paths.
-// Tests:  tests/unit/fileTree_test.cpp
+// Idea:       two ways down, one in each tree, and the names that are left in each directory of the
+//             way.  Every step names one entry of an open directory, on both sides, so whoever
+//             changes a tree meanwhile cannot lead the copy elsewhere.  The first failure ends it.
+// Invariants: 1. An entry is opened first and looked at afterwards, so what is copied is what was
+//             looked at.  Without followSymlinks neither side is opened through a link, and nothing
+//             waits for the other end of a FIFO; with bounds, special files are not even opened.
+//             2. Whatever names and mounts lead there: no directory is both read and written, so
+//             the copy neither changes its source nor copies itself; and none is entered from
+//             within itself.
+// Tested by tests/unit/fileTree_test.cpp.
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
-#include <cstring>
 
-#include "lib/file/fileInt.h"
+#include "lib/file/copy/fileCopyInt.h"
+#include "lib/file/raw/fileIOInt.h"
 #include "lib/public/err.h"
-#include "lib/public/errnoKeeper.h"
 #include "lib/public/fd.h"
 #include "lib/public/file.h"
 #include "lib/public/msg.h"
 #include "lib/public/posix.h"
+#include "platform/files.h"
 
 namespace {
 
-bool FileCopyTreeWorker(int dir, const char *src, const char *dst, const FileCopyOptions &options);
+// ---- failures ----------------------------------------------------------------------------------
 
-// fstatat(2), but for the limit of the depth.
-int StatEntry(const FileEntry &entry, bool followSymlinks, struct stat *status) {
-  if (strlen(entry.path) < PATH_MAX) {
-    return fstatat(entry.dir, entry.name, status, followSymlinks ? 0 : AT_SYMLINK_NOFOLLOW);
-  }
-  errno = ENAMETOOLONG;
-  return -1;
-}
-
-// The type bits of an entry; 0, with a message, when they cannot be had.
-mode_t TypeOf(const FileEntry &entry, bool followSymlinks) {
-  struct stat status;
-  if (StatEntry(entry, followSymlinks, &status) == 0) return status.st_mode & S_IFMT;
-  const ErrnoKeeper keeper;
+bool TellStatError(const FileEntry &src) {
   Msg_Append(
       "@&!*@*@(msg.File.CopyTree.stat.failure)"
       "Unable to get information on '%s' when copying files.\n\n",
-      entry.path);
-  return 0;
-}
-
-bool CopyLink(const FileEntry &src, const char *dst) {
-  const HeapStr target(Posix_ReadLinkAt(src.dir, src.name));
-  if (target != nullptr && symlink(target.get(), dst) == 0) return true;
-  const ErrnoKeeper keeper;
-  Msg_Append("@&!*@*@(msg.File.CopyTree.symlink.failure)Unable to symlink '%s' to '%s': %s\n\n",
-             target.get(), dst, Err_ErrnoToString(keeper.Get()));
-  return false;
-}
-
-bool TellCopyError(const char *src, const char *dst) {
-  const ErrnoKeeper keeper;
-  Msg_Append("@&!*@*@(msg.File.CopyTree.copy.failure)Unable to copy '%s' to '%s': %s\n\n", src, dst,
-             Err_ErrnoToString(keeper.Get()));
+      src.Path().get());
   return false;
 }
 
 bool TellWalkError(const char *src) {
-  const ErrnoKeeper keeper;
   Msg_Append("@&!*@*@(msg.File.CopyTree.walk.failure)Unable to access '%s' when copying files.\n\n",
              src);
   return false;
 }
 
-bool CopyContent(const FileEntry &src, const char *dst, const FileCopyOptions &options) {
-  return FileCopyEntry(src, dst, options) || TellCopyError(src.path, dst);
-}
-
-// Whether nothing, or no link, is at `path`; if not, errno says why.
-bool RequireNoLink(const char *path) {
-  struct stat status;
-  if (lstat(path, &status) != 0) return errno == ENOENT;
-  if (!S_ISLNK(status.st_mode)) return true;
-  errno = ELOOP;
+bool TellCopyError(const char *src, const char *dst) {
+  Msg_Append("@&!*@*@(msg.File.CopyTree.copy.failure)Unable to copy '%s' to '%s': %s\n\n", src, dst,
+             Err_ErrnoToString(errno));
   return false;
 }
 
-bool CopyDirectory(const FileEntry &src, const char *dst, const FileCopyOptions &options) {
-  if (!options.followSymlinks && !RequireNoLink(dst)) return TellCopyError(src.path, dst);
-  const int flags = options.followSymlinks ? 0 : O_NOFOLLOW;
-  const Fd dir(openat(src.dir, src.name, kFileOpenDirectory | flags));
-  return dir ? FileCopyTreeWorker(dir.Get(), src.path, dst, options) : TellWalkError(src.path);
+bool TellCopyError(const FileEntry &src, const FileEntry &dst) {
+  return TellCopyError(src.Path().get(), dst.Path().get());
 }
 
-bool CopyEntry(const FileEntry &src, const char *dst, const FileCopyOptions &options) {
-  const mode_t type = TypeOf(src, options.followSymlinks);
-  if (type == 0) return false;
-  if (S_ISLNK(type)) return CopyLink(src, dst);
-  if (S_ISDIR(type)) return CopyDirectory(src, dst, options);
-  return CopyContent(src, dst, options);
+// ---- the copy ----------------------------------------------------------------------------------
+
+class TreeCopy {
+  const FileCopyOptions &options_;
+  FileDescent from_;
+  FileDescent to_;
+  FileLevels levels_;
+  FileIdentityMap read_;     // directories of the source so far
+  FileIdentityMap written_;  // directories of the destination so far
+
+  FileEntry Source(const char *name) const { return {from_.Here(), name, &from_}; }
+  FileEntry Destination(const char *name) const { return {to_.Here(), name, &to_}; }
+  Fd OpenSource(const char *name) const;
+  Fd OpenDestination(const char *name) const;
+  [[nodiscard]] bool List(int dir, const char *path, FileNames *names) const;
+  [[nodiscard]] bool MayRead(const FileIdentity &dir);
+  [[nodiscard]] bool MayWrite(int dir);
+  bool CopyLink(const char *name) const;
+  bool CopyUnopened(const char *name) const;
+  bool CopyFile(const char *name, Fd opened) const;
+  bool EnterDirectory(const char *name, Fd from, const FileIdentity &identity);
+  bool CopyEntry(const char *name);
+
+ public:
+  explicit TreeCopy(const FileCopyOptions &options)
+      : options_(options), from_(options.followSymlinks), to_(options.followSymlinks) {}
+
+  bool Run(Fd from, const char *srcName, Fd to, const char *dstName);
+};
+
+Fd TreeCopy::OpenSource(const char *name) const {
+  if (options_.regularOnly) return Platform_OpenRegularOrDirectory(from_.Here(), name);
+  const int flags = options_.followSymlinks ? 0 : O_NOFOLLOW | O_NONBLOCK;
+  return Fd(openat(from_.Here(), name, O_RDONLY | O_CLOEXEC | flags));
 }
 
-// An existing destination is the normal case, and another failure shows at the first entry.
-void MakeDestination(const char *dst) {
-  if (FileCreateDirectory(dst, 0777) == EEXIST) static_cast<void>(FileRequireDirectory(dst));
-}
-
-// Copies what is in the source, which is open as `dir`.
-bool FileCopyTreeWorker(int dir, const char *src, const char *dst, const FileCopyOptions &options) {
-  FileNames names;
-  if (!names.ListAt(dir, src, options.left->entries)) return TellWalkError(src);
-  options.left->entries -= static_cast<uint64_t>(names.Count());
-  MakeDestination(dst);
-  for (const char *const name : names) {
-    const HeapStr from(File_PathJoin(src, name));
-    const HeapStr to(File_PathJoin(dst, name));
-    if (!CopyEntry({dir, name, from.get()}, to.get(), options)) return false;
+// Opens the directory, which is made if it is missing.
+Fd TreeCopy::OpenDestination(const char *name) const {
+  if (mkdirat(to_.Here(), name, 0777) != 0 && errno != EEXIST) return Fd();
+  const int flags = options_.followSymlinks ? 0 : O_NOFOLLOW;
+  Fd dir(openat(to_.Here(), name, kFileOpenDirectory | flags));
+  struct stat status;
+  if (!dir && flags != 0 && fstatat(to_.Here(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    errno = S_ISLNK(status.st_mode) ? ELOOP : ENOTDIR;
   }
+  return dir;
+}
+
+bool TreeCopy::List(int dir, const char *path, FileNames *names) const {
+  FileCopyBounds *const left = options_.left;
+  if (!names->ListAt(dir, path, left == nullptr ? UINT64_MAX : left->entries)) {
+    return TellWalkError(path);
+  }
+  if (left != nullptr) left->entries -= static_cast<uint64_t>(names->Count());
   return true;
 }
 
-bool RequireDestination(const char *dstName) {
-  if (FileRequireDirectory(dstName) == 0) return true;
-  const ErrnoKeeper keeper;
-  Msg_Append(
-      "@&!*@*@(msg.File.CopyTree.dest.notDirectory)Destination path '%s' is not a directory.",
-      dstName);
+// EINVAL for a directory of the destination, ELOOP for one that the way leads through already.
+bool TreeCopy::MayRead(const FileIdentity &dir) {
+  const bool isDestination = written_.Get(dir);
+  if (!isDestination && !(read_.Get(dir) && from_.Passes(dir))) {
+    read_.Set(dir);
+    return true;
+  }
+  errno = isDestination ? EINVAL : ELOOP;
   return false;
+}
+
+// EINVAL for a directory of the source.
+bool TreeCopy::MayWrite(int dir) {
+  FileIdentity identity;
+  if (FileIdentity::Of(dir, &identity) != 0) return false;
+  written_.Set(identity);
+  if (!read_.Get(identity)) return true;
+  errno = EINVAL;
+  return false;
+}
+
+bool TreeCopy::CopyLink(const char *name) const {
+  const HeapStr target(Posix_ReadLinkAt(from_.Here(), name));
+  if (target != nullptr && symlinkat(target.get(), to_.Here(), name) == 0) return true;
+  Msg_Append("@&!*@*@(msg.File.CopyTree.symlink.failure)Unable to symlink '%s' to '%s': %s\n\n",
+             target.get(), Destination(name).Path().get(), Err_ErrnoToString(errno));
+  return false;
+}
+
+// An entry that OpenSource has failed on, with the cause in errno: a link, which may be copied
+// without being opened, or a failure.
+bool TreeCopy::CopyUnopened(const char *name) const {
+  const int cause = errno;
+  const FileEntry src = Source(name);
+  struct stat status;
+  if (fstatat(src.dir, name, &status, options_.followSymlinks ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
+    return TellStatError(src);
+  }
+  if (S_ISLNK(status.st_mode) && cause == ELOOP) return CopyLink(name);
+  errno = cause;
+  if (S_ISDIR(status.st_mode)) return TellWalkError(src.Path().get());
+  FileTellOpenError(src, FileIOReport("FILE:open error on %s: %s\n", src.Path().get()));
+  return TellCopyError(src, Destination(name));
+}
+
+bool TreeCopy::CopyFile(const char *name, Fd opened) const {
+  FileIODescriptor src;
+  FileIO_Invalidate(&src);
+  src.posix = opened.Release();
+  src.flags = FILEIO_ACCESS_READ;
+  return FileCopyOpened(&src, Source(name), Destination(name), options_) ||
+         TellCopyError(Source(name), Destination(name));
+}
+
+// The directory `name`, open as `from`, is the next to be copied.
+bool TreeCopy::EnterDirectory(const char *name, Fd from, const FileIdentity &identity) {
+  const FileEntry src = Source(name);
+  const FileEntry dst = Destination(name);
+  if (!MayRead(identity)) return TellCopyError(src, dst);
+  FileNames names;
+  if (!List(from.Get(), src.Path().get(), &names)) return false;
+  Fd to = OpenDestination(name);
+  if (!to || !MayWrite(to.Get()) || to_.Down(std::move(to), name) != 0 ||
+      from_.Down(std::move(from), name) != 0) {
+    return TellCopyError(src, dst);
+  }
+  levels_.Push(std::move(names));
+  return true;
+}
+
+bool TreeCopy::CopyEntry(const char *name) {
+  Fd opened = OpenSource(name);
+  if (!opened) return CopyUnopened(name);
+  struct stat status;
+  if (fstat(opened.Get(), &status) != 0) return TellStatError(Source(name));
+  if (!S_ISDIR(status.st_mode)) return CopyFile(name, std::move(opened));
+  return EnterDirectory(name, std::move(opened), FileIdentity::Of(status));
+}
+
+bool TreeCopy::Run(Fd from, const char *srcName, Fd to, const char *dstName) {
+  FileIdentity source;
+  if (FileIdentity::Of(from.Get(), &source) != 0) return TellWalkError(srcName);
+  if (FileRequireOutside(to.Get(), source) != 0) return TellCopyError(srcName, dstName);
+  FileNames top;
+  if (!List(from.Get(), srcName, &top)) return false;
+  if (!MayRead(source) || !MayWrite(to.Get()) || to_.Begin(std::move(to), dstName) != 0 ||
+      from_.Begin(std::move(from), srcName) != 0) {
+    return TellCopyError(srcName, dstName);
+  }
+  levels_.Push(std::move(top));
+  for (;;) {
+    FileLevel &level = levels_.Last();
+    if (const char *const name = level.Next(); name != nullptr) {
+      if (!CopyEntry(name)) return false;
+      continue;
+    }
+    levels_.Pop();
+    if (levels_.Empty()) return true;
+    if (from_.Up() != 0) return TellWalkError(from_.Path());
+    if (to_.Up() != 0) return TellCopyError(from_.Path(), to_.Path());
+  }
+}
+
+// The destination, which must be a directory; links are followed.
+Fd OpenDestinationTop(const char *dstName) {
+  Fd dir(FileRequireDirectory(dstName) == 0 ? open(dstName, kFileOpenDirectory) : -1);
+  if (!dir) {
+    Msg_Append(
+        "@&!*@*@(msg.File.CopyTree.dest.notDirectory)Destination path '%s' is not a directory.",
+        dstName);
+  }
+  return dir;
 }
 
 }  // namespace
 
+bool FileCopyOpenTree(Fd src, const char *srcName, const char *dstName,
+                      const FileCopyOptions &options) {
+  Fd to = OpenDestinationTop(dstName);
+  return to && TreeCopy(options).Run(std::move(src), srcName, std::move(to), dstName);
+}
+
 bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
                    bool followSymlinks) {
   if (FileRequireDirectory(srcName) != 0) {
-    const ErrnoKeeper keeper;
     Msg_Append("@&!*@*@(msg.File.CopyTree.source.notDirectory)Source path '%s' is not a directory.",
                srcName);
     return false;
   }
-  if (!RequireDestination(dstName)) return false;
-  const Fd top(open(srcName, kFileOpenDirectory));
-  if (!top) return TellWalkError(srcName);
-  FileCopyBounds none = {UINT64_MAX, UINT64_MAX};
-  return FileCopyTreeWorker(top.Get(), srcName, dstName,
-                            {.overwriteExisting = overwriteExisting,
-                             .followSymlinks = followSymlinks,
-                             .regularOnly = false,
-                             .left = &none});
+  Fd src(open(srcName, kFileOpenDirectory));
+  if (!src) return TellWalkError(srcName);
+  return FileCopyOpenTree(
+      std::move(src), srcName, dstName,
+      {.overwriteExisting = overwriteExisting, .followSymlinks = followSymlinks});
 }
 
 bool File_CopyOpenTree(int srcDir, const char *srcName, const char *dstName,
                        FileCopyBounds bounds) {
-  return RequireDestination(dstName) && FileCopyTreeWorker(srcDir, srcName, dstName,
-                                                           {.overwriteExisting = false,
-                                                            .followSymlinks = false,
-                                                            .regularOnly = true,
-                                                            .left = &bounds});
+  Fd src(fcntl(srcDir, F_DUPFD_CLOEXEC, 0));
+  if (!src) return TellWalkError(srcName);
+  return FileCopyOpenTree(std::move(src), srcName, dstName, {.regularOnly = true, .left = &bounds});
 }

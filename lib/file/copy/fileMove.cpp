@@ -1,18 +1,19 @@
 // fileMove.cpp -- renames, and the copy and removal that stand in for one.
 //
-// Holds:  the source of a move is removed only after a complete copy outside it.  rename(2) refuses
-//         to move a directory into itself; so must what stands in for it, or the copy would go with
-//         the source.
-// Tests:  tests/unit/fileTree_test.cpp
+// Invariants: 1. The source of a move is removed only after a complete copy outside it.  rename(2)
+//             refuses to move a directory into itself; so must the copy in its place, or the copy
+//             would be removed along with the source.
+//             2. What is removed is the file or directory that was copied, known by its identity.
+// Tested by tests/unit/fileTree_test.cpp.
 
+#include <fcntl.h>
 #include <stdio.h>
-#include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 
-#include "lib/file/fileInt.h"
+#include "lib/file/copy/fileCopyInt.h"
 #include "lib/public/errnoKeeper.h"
+#include "lib/public/fd.h"
 #include "lib/public/file.h"
 #include "lib/public/msg.h"
 #include "lib/public/str.h"
@@ -20,57 +21,13 @@
 
 namespace {
 
-void Tell(bool *asRename, bool value) {
+void StoreIfWanted(bool *asRename, bool value) {
   if (asRename != nullptr) *asRename = value;
-}
-
-// ---- moves that would lose what they move ------------------------------------------------------
-
-// The first component of `inner` below `outer`, both full paths, or null when it is not below.
-const char *NameBelow(const char *inner, const char *outer) {
-  const size_t length = strcmp(outer, "/") == 0 ? 0 : strlen(outer);
-  return strncmp(inner, outer, length) == 0 && inner[length] == '/' ? inner + length + 1 : nullptr;
-}
-
-// Whether the full path `path` leads through the directory `dir`, under whatever name.
-bool LeadsThrough(char *path, const FileIdentity &dir) {
-  for (char *end = strchr(path + 1, '/');; end = strchr(end + 1, '/')) {
-    if (end != nullptr) *end = '\0';
-    struct stat status;
-    const bool same = stat(path, &status) == 0 && FileIdentity::Of(status) == dir;
-    if (end == nullptr || same) return same;
-    *end = '/';
-  }
-}
-
-// Whether an entry of src would be copied over the directory of dst that src lies in.
-bool CoversItself(const char *src, const char *dst) {
-  const char *const name = NameBelow(src, dst);
-  if (name == nullptr) return false;
-  const HeapStr first(Heap_SafeStrdup(name));
-  if (char *const slash = strchr(first.get(), '/'); slash != nullptr) *slash = '\0';
-  const HeapStr entry(File_PathJoin(src, first.get()));
-  struct stat status;
-  return lstat(entry.get(), &status) == 0;
-}
-
-// Whether a copy of the directory src in dst can stand without src.
-bool CanStandAlone(const char *src, const char *dst) {
-  const HeapStr fullSrc(File_FullPath(src));
-  const HeapStr fullDst(File_FullPath(dst));
-  struct stat status;
-  if (fullSrc == nullptr || fullDst == nullptr || stat(src, &status) != 0) return false;
-  if (!LeadsThrough(fullDst.get(), FileIdentity::Of(status)) &&
-      !CoversItself(fullSrc.get(), fullDst.get())) {
-    return true;
-  }
-  errno = EINVAL;
-  return false;
 }
 
 // ---- room ----------------------------------------------------------------------------------------
 
-// A number of bytes for people, rounded up.
+// A number of bytes for the user, rounded up.
 HeapStr SizeText(uint64_t bytes) {
   static constexpr const char *kUnits[] = {"KB", "MB", "GB", "TB", "PB", "EB"};
   if (bytes < 1024) {
@@ -82,15 +39,16 @@ HeapStr SizeText(uint64_t bytes) {
   return HeapStr(Str_SafeAsprintf(nullptr, "%u.%u %s", tenths / 10, tenths % 10, kUnits[unit]));
 }
 
-// False, with a message, when the file system of dst has less room than the tree src takes.  Where
-// either cannot be told, the copy will show.
-bool HasRoom(const char *src, const char *dst) {
-  const int64_t size = File_GetSizeEx(src);
+// False, with a message, when the file system of dst has less room than the tree open as `src` takes.
+// Where either is unknown, the copy will show.
+bool HasRoom(int src, const char *srcName, const char *dstName) {
+  Fd top(fcntl(src, F_DUPFD_CLOEXEC, 0));
+  const int64_t size = top ? FileSizeOfTree(std::move(top), srcName, false) : -1;
   uint64_t room = 0;
-  if (size < 0 || !Platform_FreeSpace(dst, &room) || static_cast<uint64_t>(size) <= room) {
+  if (size < 0 || !Platform_FreeSpace(dstName, &room) || static_cast<uint64_t>(size) <= room) {
     return true;
   }
-  const ErrnoKeeper keeper(ENOSPC);
+  errno = ENOSPC;
   const HeapStr needed = SizeText(static_cast<uint64_t>(size));
   Msg_Append(
       "@&!*@*@(msg.File.MoveTree.dst.insufficientSpace)There is not enough space in the file "
@@ -101,57 +59,47 @@ bool HasRoom(const char *src, const char *dst) {
 
 // ---- steps of a move by copy -----------------------------------------------------------------------
 
-bool RequireSource(const char *srcName) {
-  if (FileRequireDirectory(srcName) == 0) return true;
-  const ErrnoKeeper keeper;
-  Msg_Append("@&!*@*@(msg.File.MoveTree.source.notDirectory)Source path '%s' is not a directory.",
-             srcName);
-  return false;
+// Whether the destination, or the directory in which it is to be made, lies outside the source; if
+// not, errno says why.
+bool LiesOutside(const char *dstName, const FileIdentity &src) {
+  const HeapStr there(FileFindExistingPrefix(dstName));
+  const Fd dir(open(there.get(), kFileOpenDirectory));
+  // What is no directory is refused later.
+  return dir ? FileRequireOutside(dir.Get(), src) == 0 : errno == ENOTDIR;
 }
 
-// *created: what somebody else made meanwhile is not to be removed again.
+// *created is false for a directory that another process made meanwhile, which is not to be removed.
 bool CreateDestination(const char *dstName, bool *created) {
   char *topmost;
   const bool ok = File_CreateDirectoryHierarchyEx(dstName, 0777, &topmost);
   const HeapStr owner(topmost);
   *created = topmost != nullptr;
   if (ok) return true;
-  const ErrnoKeeper keeper;
   Msg_Append("@&!*@*@(msg.File.MoveTree.dst.couldntCreate)Could not create '%s'.\n\n", dstName);
   return false;
 }
 
-// Leaves a directory at dstName with room for the tree, or false with a message.
-bool PrepareDestination(const char *srcName, const char *dstName, bool *created) {
-  struct stat status;
+// Leaves a directory at dstName with room for the tree open as `src`, or false with a message.
+bool PrepareDestination(int src, const char *srcName, const char *dstName, bool *created) {
+  FileData data;
   *created = false;
-  if (stat(dstName, &status) == 0) {
-    if (S_ISDIR(status.st_mode)) return true;
-    const ErrnoKeeper keeper(ENOTDIR);
-    Msg_Append(
-        "@&!*@*@(msg.File.MoveTree.dest.notDirectory)"
-        "The destination path '%s' is not a directory.\n\n",
-        dstName);
-    return false;
-  }
-  if (errno != ENOENT) {
-    const ErrnoKeeper keeper;
+  const int error = FileAttributes(dstName, &data);
+  if (error == ENOENT) return CreateDestination(dstName, created) && HasRoom(src, srcName, dstName);
+  if (error != 0) {
     Msg_Append("@&!*@*@(msg.File.MoveTree.statFailed)%d:Failed to stat destination '%s'.\n\n",
-               keeper.Get(), dstName);
+               error, dstName);
     return false;
   }
-  return CreateDestination(dstName, created) && HasRoom(srcName, dstName);
-}
-
-bool CopyOver(const char *srcName, const char *dstName, bool overwriteExisting, bool created) {
-  if (File_CopyTree(srcName, dstName, overwriteExisting, false)) return true;
-  const ErrnoKeeper keeper;
-  if (created) File_DeleteDirectoryTree(dstName);
+  if (data.fileType == FILE_TYPE_DIRECTORY) return true;
+  errno = ENOTDIR;
+  Msg_Append(
+      "@&!*@*@(msg.File.MoveTree.dest.notDirectory)"
+      "The destination path '%s' is not a directory.\n\n",
+      dstName);
   return false;
 }
 
 bool TellCopyFailed(const char *srcName) {
-  const ErrnoKeeper keeper;
   Msg_Append(
       "@&!*@*@(msg.File.MoveTree.copyFailed)"
       "Could not rename and failed to copy source directory '%s'.\n\n",
@@ -159,35 +107,62 @@ bool TellCopyFailed(const char *srcName) {
   return false;
 }
 
-}  // namespace
-
-bool File_Rename(const char *oldName, const char *newName, bool *asRename) {
-  const bool renamed = rename(oldName, newName) == 0;
-  Tell(asRename, renamed);
-  if (renamed) return true;
-  if (!File_Copy(oldName, newName, true)) return false;
-  FileDeletePath(oldName, true);
-  errno = 0;  // the copy is what counts
-  return true;
-}
-
-bool File_MoveTree(const char *srcName, const char *dstName, bool overwriteExisting,
-                   bool *asRename) {
-  Tell(asRename, false);
-  if (!RequireSource(srcName)) return false;
-  if (rename(srcName, dstName) == 0) {
-    Tell(asRename, true);
-    return true;
+// What stands in for rename(2): the source is open as `src`.
+bool MoveByCopy(Fd src, const char *srcName, const char *dstName, bool overwriteExisting) {
+  FileIdentity identity;
+  if (FileIdentity::Of(src.Get(), &identity) != 0 ||
+      (dstName != nullptr && !LiesOutside(dstName, identity))) {
+    return TellCopyFailed(srcName);
   }
-  if (!CanStandAlone(srcName, dstName)) return TellCopyFailed(srcName);
   bool created = false;
-  if (!PrepareDestination(srcName, dstName, &created)) return false;
-  if (!CopyOver(srcName, dstName, overwriteExisting, created)) return TellCopyFailed(srcName);
-  if (!File_DeleteDirectoryTree(srcName)) {
+  if (!PrepareDestination(src.Get(), srcName, dstName, &created)) return false;
+  if (!FileCopyOpenTree(std::move(src), srcName, dstName,
+                        {.overwriteExisting = overwriteExisting})) {
+    const ErrnoKeeper keeper;
+    TellCopyFailed(srcName);
+    if (created) File_DeleteDirectoryTree(dstName);
+    return false;
+  }
+  if (!FileDeleteDirectoryTree(srcName, false, &identity)) {
     Msg_Append(
         "@&!*@*@(msg.File.MoveTree.cleanupFailed)"
         "Forced to copy '%s' into '%s' but unable to remove source directory.\n\n",
         srcName, dstName);
   }
   return true;
+}
+
+// rename(2), for which null is no crash.
+bool Renamed(const char *oldName, const char *newName) {
+  return oldName != nullptr && newName != nullptr && rename(oldName, newName) == 0;
+}
+
+}  // namespace
+
+bool File_Rename(const char *oldName, const char *newName, bool *asRename) {
+  const bool renamed = Renamed(oldName, newName);
+  StoreIfWanted(asRename, renamed);
+  if (renamed) return true;
+  FileIdentity copied{};
+  if (!FileCopyPaths(oldName, newName, true, &copied)) return false;
+  FileRemoveOpened(AT_FDCWD, oldName, copied);
+  errno = 0;  // the copy is what counts
+  return true;
+}
+
+bool File_MoveTree(const char *srcName, const char *dstName, bool overwriteExisting,
+                   bool *asRename) {
+  StoreIfWanted(asRename, false);
+  if (FileRequireDirectory(srcName) != 0) {
+    Msg_Append("@&!*@*@(msg.File.MoveTree.source.notDirectory)Source path '%s' is not a directory.",
+               srcName);
+    return false;
+  }
+  if (Renamed(srcName, dstName)) {
+    StoreIfWanted(asRename, true);
+    return true;
+  }
+  Fd src(open(srcName, kFileOpenDirectory));
+  if (!src) return TellCopyFailed(srcName);
+  return MoveByCopy(std::move(src), srcName, dstName, overwriteExisting);
 }
