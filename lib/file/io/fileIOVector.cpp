@@ -1,13 +1,12 @@
 // fileIOVector.cpp -- vectors: many entries in one transfer.
 //
-// Idea:   a Plan looks at the vector and decides whether its entries go through one buffer.  If so,
-//         the transfer is one of a single entry; a write gathers before it, a read scatters after.
-//         Then Advance goes from call to call over the entries that are left, in the caller's own
-//         array: what is left of an entry that a read ended in is read by itself.
-// Holds:  1. Only a vector whose lengths add up to totalSize goes through a buffer, so gathering and
-//         scattering stay inside it and inside the entries.
-//         2. Of a read, only what was read is scattered.
-// Tests:  tests/unit/fileIO_test.cpp
+// Idea:       three straight loops transfer the entries of a vector, in the caller's own array: by
+//             readv(2), by writev(2), and entry by entry by pwrite(2).  Where a Coalesced buffer
+//             stands in for the vector, the same loops get it as their only entry.
+// Invariants: 1. Only a vector whose lengths add up to totalSize goes through a buffer, so gathering
+//             and scattering stay inside the buffer and inside the entries.
+//             2. Of a read, only what was read is scattered.
+// Tested by tests/unit/fileIO_test.cpp.
 
 #include <unistd.h>
 
@@ -29,54 +28,77 @@ constexpr size_t kMaxEntriesPerCall = 1024;
 
 using Entries = std::span<const iovec>;
 
-// The buffer in place of a vector, from either source.
-struct Buffer {
-  FileIOAlignedBuffer aligned{nullptr, FileIOAlignedFreer{0}};
-  HeapArray<char> plain;
+// The lengths of a vector, added up and compared with the totalSize that the caller gave.
+enum class Sum { TooSmall, Exact, TooLarge };
 
-  char *Get() const { return aligned != nullptr ? aligned.get() : plain.get(); }
-};
-
-enum class Coalesce { AsConfigured, Always };
-
-// The sign of the sum of the lengths less totalSize.
-int CompareSum(Entries entries, size_t totalSize) {
+Sum SumOf(Entries entries, size_t totalSize) {
+  if (totalSize > kFileIOMaxRequest) Fatal_Verify(kSource, 178);
   size_t left = totalSize;
   for (const iovec &entry : entries) {
-    if (entry.iov_len > left) return 1;
+    if (entry.iov_len > left) return Sum::TooLarge;
     left -= entry.iov_len;
   }
-  return left == 0 ? 0 : -1;
+  return left == 0 ? Sum::Exact : Sum::TooSmall;
 }
 
-bool IsWorthIt(Entries entries, size_t totalSize) {
+Entries EntriesOf(const iovec *entries, int count) {
+  return {entries, count < 0 ? 0 : static_cast<size_t>(count)};
+}
+
+// ---- one buffer in place of a vector -------------------------------------------------------------
+
+enum class Coalesce { Never, AsConfigured, Always };
+
+class Coalesced {
+  Entries entries_;
+  FileIOAlignedBuffer aligned_{nullptr, FileIOAlignedFreer{0}};
+  HeapArray<char> plain_;
+  iovec whole_ = {};
+
+ public:
+  Coalesced(const FileIODescriptor &fd, Entries entries, size_t totalSize, Coalesce when);
+
+  // Whether there is a buffer.
+  explicit operator bool() const { return whole_.iov_base != nullptr; }
+  // What to transfer in place of the vector: the vector itself when there is no buffer.
+  Entries Get() const { return *this ? Entries(&whole_, 1) : entries_; }
+  void Gather() const;
+  void Scatter(size_t size) const;
+};
+
+bool IsWorthIt(size_t count, size_t totalSize) {
   const FileIOSettings &settings = FileIOGetSettings();
-  return settings.coalesceEnable && static_cast<int64_t>(entries.size()) > settings.coalesceCount &&
-         static_cast<int64_t>(totalSize / entries.size()) < settings.coalesceSize;
+  return settings.coalesceEnable && static_cast<int64_t>(count) > settings.coalesceCount &&
+         static_cast<int64_t>(totalSize / count) < settings.coalesceSize;
 }
 
-// Without a buffer, the entries go by themselves.
-Buffer BufferFor(const FileIODescriptor &fd, Entries entries, size_t totalSize, Coalesce when) {
-  Buffer buffer;
-  if (entries.size() < 2 || totalSize == 0) return buffer;
-  if (when == Coalesce::AsConfigured && !IsWorthIt(entries, totalSize)) return buffer;
+Coalesced::Coalesced(const FileIODescriptor &fd, Entries entries, size_t totalSize, Coalesce when)
+    : entries_(entries) {
+  if (when == Coalesce::Never || entries.size() < 2 || totalSize == 0) return;
+  if (when == Coalesce::AsConfigured && !IsWorthIt(entries.size(), totalSize)) return;
   if ((fd.flags & FILEIO_FLAG_UNBUFFERED) != 0 || FileIOGetSettings().coalesceAligned) {
-    buffer.aligned = FileIOAlignedAlloc(totalSize);
+    aligned_ = FileIOAlignedAlloc(totalSize);
+    whole_ = {aligned_.get(), totalSize};
   } else {
-    buffer.plain = Heap_Array<char>(totalSize);
+    plain_ = Heap_Array<char>(totalSize);
+    whole_ = {plain_.get(), totalSize};
   }
-  return buffer;
 }
 
-void Gather(Entries entries, char *to) {
-  for (const iovec &entry : entries) {
+void Coalesced::Gather() const {
+  if (!*this) return;
+  auto *to = static_cast<char *>(whole_.iov_base);
+  for (const iovec &entry : entries_) {
     if (entry.iov_len > 0) memcpy(to, entry.iov_base, entry.iov_len);
     to += entry.iov_len;
   }
 }
 
-void Scatter(Entries entries, const char *from, size_t size) {
-  for (const iovec &entry : entries) {
+// Of the first `size` bytes.
+void Coalesced::Scatter(size_t size) const {
+  if (!*this) return;
+  const auto *from = static_cast<const char *>(whole_.iov_base);
+  for (const iovec &entry : entries_) {
     const size_t part = std::min(size, entry.iov_len);
     if (part > 0) memcpy(entry.iov_base, from, part);
     from += part;
@@ -84,14 +106,11 @@ void Scatter(Entries entries, const char *from, size_t size) {
   }
 }
 
-FileIOResult Invalid() {
-  errno = EINVAL;
-  return FILEIO_ERROR;
-}
+// ---- the loops -----------------------------------------------------------------------------------
 
-// Takes the entries that `n` bytes fill off the front, and the empty ones behind them.  Returns how
-// many bytes of the next one are done.
-size_t Drop(Entries *entries, size_t n) {
+// Removes the entries that `n` bytes fill from the front, and the empty ones behind them.  Returns
+// how many of the bytes belong to the entry that is in front then.
+size_t SkipFilled(Entries *entries, size_t n) {
   while (!entries->empty() && n >= entries->front().iov_len) {
     n -= entries->front().iov_len;
     *entries = entries->subspan(1);
@@ -99,47 +118,49 @@ size_t Drop(Entries *entries, size_t n) {
   return n;
 }
 
-// Transfers all entries by call(entries), which is readv or writev, and ends them by
-// finish(entry, done), which is told of an entry that the call ended in, of which `done` bytes are
-// through; it returns how the entry came out, and adds what it did to *done.
-template <typename Call, typename Finish>
-FileIOResult Advance(Entries entries, size_t *total, Call call, Finish finish) {
-  Drop(&entries, 0);
-  while (!entries.empty()) {
-    const ssize_t n = call(entries.first(std::min(entries.size(), kMaxEntriesPerCall)));
+// As many entries as one call takes.
+Entries OneCall(Entries entries) {
+  return entries.first(std::min(entries.size(), kMaxEntriesPerCall));
+}
+
+// The rest of an entry that a call ended in is read by itself.
+FileIOResult ReadEntries(FileIODescriptor *fd, Entries left, size_t *total) {
+  SkipFilled(&left, 0);
+  while (!left.empty()) {
+    const Entries part = OneCall(left);
+    const ssize_t n = readv(fd->posix, part.data(), static_cast<int>(part.size()));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return FileIOResultOfErrno(errno);
+    if (n == 0) return FILEIO_READ_ERROR_EOF;
     *total += static_cast<size_t>(n);
-    const size_t begun = Drop(&entries, static_cast<size_t>(n));
-    if (begun == 0 && n > 0) continue;
+    const size_t begun = SkipFilled(&left, static_cast<size_t>(n));
+    if (begun == 0) continue;
+    const iovec &entry = left.front();
     size_t more = 0;
-    const FileIOResult result = finish(entries.front(), begun, &more);
+    const FileIOResult result =
+        FileIO_Read(fd, static_cast<char *>(entry.iov_base) + begun, entry.iov_len - begun, &more);
     *total += more;
     if (result != FILEIO_SUCCESS) return result;
-    entries = entries.subspan(1);
-    Drop(&entries, 0);
+    left = left.subspan(1);
+    SkipFilled(&left, 0);
   }
   return FILEIO_SUCCESS;
 }
 
-FileIOResult ReadEntries(FileIODescriptor *fd, Entries entries, size_t *total) {
-  return Advance(
-      entries, total,
-      [&](Entries part) { return readv(fd->posix, part.data(), static_cast<int>(part.size())); },
-      [&](const iovec &entry, size_t begun, size_t *more) {
-        return FileIO_Read(fd, static_cast<char *>(entry.iov_base) + begun, entry.iov_len - begun,
-                           more);
-      });
-}
-
-FileIOResult WriteEntries(FileIODescriptor *fd, Entries entries, size_t *total) {
-  return Advance(
-      entries, total,
-      [&](Entries part) { return writev(fd->posix, part.data(), static_cast<int>(part.size())); },
-      [](const iovec &, size_t, size_t *) {
-        errno = ENOSPC;
-        return FILEIO_WRITE_ERROR_NOSPC;
-      });
+// A write that ends inside an entry has met the end of the room.
+FileIOResult WriteEntries(FileIODescriptor *fd, Entries left, size_t *total) {
+  SkipFilled(&left, 0);
+  while (!left.empty()) {
+    const Entries part = OneCall(left);
+    const ssize_t n = writev(fd->posix, part.data(), static_cast<int>(part.size()));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return FileIOResultOfErrno(errno);
+    *total += static_cast<size_t>(n);
+    if (SkipFilled(&left, static_cast<size_t>(n)) == 0 && n > 0) continue;
+    errno = ENOSPC;
+    return FILEIO_WRITE_ERROR_NOSPC;
+  }
+  return FILEIO_SUCCESS;
 }
 
 FileIOResult WriteEntriesAt(FileIODescriptor *fd, Entries entries, off_t offset, size_t *total) {
@@ -158,32 +179,12 @@ FileIOResult WriteEntriesAt(FileIODescriptor *fd, Entries entries, off_t offset,
   return FILEIO_SUCCESS;
 }
 
-// What all vectors have in common: transfer(entries, total) on the vector itself or on the one
-// buffer in its place.
-template <typename Before, typename Transfer, typename After>
-FileIOResult Run(const FileIODescriptor &fd, Entries entries, size_t totalSize, size_t *actual,
-                 Coalesce when, Before before, Transfer transfer, After after) {
-  if (totalSize > kFileIOMaxRequest) Fatal_Verify(kSource, 178);
-  size_t total = 0;
-  if (actual != nullptr) *actual = 0;
-  const int sum = CompareSum(entries, totalSize);
-  if (sum > 0) return Invalid();
-  const Buffer buffer = sum == 0 ? BufferFor(fd, entries, totalSize, when) : Buffer();
-  FileIOResult result;
-  if (buffer.Get() == nullptr) {
-    result = transfer(entries, &total);
-  } else {
-    const iovec whole = {.iov_base = buffer.Get(), .iov_len = totalSize};
-    before(buffer.Get());
-    result = transfer(Entries(&whole, 1), &total);
-    after(buffer.Get(), total);
-  }
-  if (actual != nullptr) *actual = total;
-  return result == FILEIO_SUCCESS && sum < 0 ? Invalid() : result;
-}
-
-Entries EntriesOf(const iovec *entries, int numEntries) {
-  return {entries, numEntries < 0 ? 0 : static_cast<size_t>(numEntries)};
+// Stores what was transferred, and finds an error in a transfer of the wrong sum.
+FileIOResult Finish(FileIOResult result, Sum sum, size_t done, size_t *actual) {
+  if (actual != nullptr) *actual = done;
+  if (result != FILEIO_SUCCESS || sum == Sum::Exact) return result;
+  errno = EINVAL;
+  return FILEIO_ERROR;
 }
 
 }  // namespace
@@ -191,27 +192,44 @@ Entries EntriesOf(const iovec *entries, int numEntries) {
 FileIOResult FileIO_Readv(FileIODescriptor *fd, const iovec *entries, int numEntries,
                           size_t totalSize, size_t *actual) {
   const Entries all = EntriesOf(entries, numEntries);
-  return Run(
-      *fd, all, totalSize, actual, Coalesce::AsConfigured, [](char *) {},
-      [fd](Entries part, size_t *total) { return ReadEntries(fd, part, total); },
-      [all](const char *buffer, size_t size) { Scatter(all, buffer, size); });
+  const Sum sum = SumOf(all, totalSize);
+  size_t done = 0;
+  FileIOResult result = FILEIO_SUCCESS;
+  if (sum != Sum::TooLarge) {
+    const Coalesced buffer(*fd, all, totalSize,
+                           sum == Sum::Exact ? Coalesce::AsConfigured : Coalesce::Never);
+    result = ReadEntries(fd, buffer.Get(), &done);
+    buffer.Scatter(done);
+  }
+  return Finish(result, sum, done, actual);
 }
 
 FileIOResult FileIO_Writev(FileIODescriptor *fd, const iovec *entries, int numEntries,
                            size_t totalSize, size_t *actual) {
   const Entries all = EntriesOf(entries, numEntries);
-  return Run(
-      *fd, all, totalSize, actual, Coalesce::AsConfigured,
-      [all](char *buffer) { Gather(all, buffer); },
-      [fd](Entries part, size_t *total) { return WriteEntries(fd, part, total); },
-      [](const char *, size_t) {});
+  const Sum sum = SumOf(all, totalSize);
+  size_t done = 0;
+  FileIOResult result = FILEIO_SUCCESS;
+  if (sum != Sum::TooLarge) {
+    const Coalesced buffer(*fd, all, totalSize,
+                           sum == Sum::Exact ? Coalesce::AsConfigured : Coalesce::Never);
+    buffer.Gather();
+    result = WriteEntries(fd, buffer.Get(), &done);
+  }
+  return Finish(result, sum, done, actual);
 }
 
 FileIOResult FileIOPwritevCoalesced(FileIODescriptor *fd, const iovec *entries, int numEntries,
                                     size_t totalSize, off_t offset, size_t *actual) {
   const Entries all = EntriesOf(entries, numEntries);
-  return Run(
-      *fd, all, totalSize, actual, Coalesce::Always, [all](char *buffer) { Gather(all, buffer); },
-      [fd, offset](Entries part, size_t *total) { return WriteEntriesAt(fd, part, offset, total); },
-      [](const char *, size_t) {});
+  const Sum sum = SumOf(all, totalSize);
+  size_t done = 0;
+  FileIOResult result = FILEIO_SUCCESS;
+  if (sum != Sum::TooLarge) {
+    const Coalesced buffer(*fd, all, totalSize,
+                           sum == Sum::Exact ? Coalesce::Always : Coalesce::Never);
+    buffer.Gather();
+    result = WriteEntriesAt(fd, buffer.Get(), offset, &done);
+  }
+  return Finish(result, sum, done, actual);
 }
