@@ -1,8 +1,8 @@
 // copy_bench.cpp -- copies of files and trees against cp, and against a bare loop of read and write.
 //
-// Rows:  256 MiB in the page cache, and 10,000 small files in 100 folders.  All of it is in one file
-//        system, that of $TMPDIR (/dev/shm unless set), and what is copied to is removed before.
-//        Times are the processor's, of cp with its start.
+// Rows:  256 MiB in the page cache, and trees of 100 folders with files of 1 kB, 20 kB and 1 MB.  All
+//        of it is in one file system, that of $TMPDIR (/dev/shm unless set), and the destination is
+//        removed before each copy.  Times are the processor's; those of cp include its start.
 //
 //   copy_bench [options of Google Benchmark]
 
@@ -53,20 +53,33 @@ void AddFile(Ratios *ratios, const fs::path &dir) {
   Add("256 MiB/loop", to, [=] { BareLoop(from, to); });
 }
 
-void AddTree(Ratios *ratios, const fs::path &dir) {
-  const fs::path from = dir / "tree";
+struct Tree {
+  const char *row;
+  int files;
+  size_t size;
+  double goal;
+};
+constexpr Tree kTrees[] = {
+    {"tree of 1 kB files", 10'000, 1000, 1.0},
+    {"tree of 20 kB files", 4'000, 20'000, 1.1},
+    {"tree of 1 MB files", 200, 1'000'000, 1.1},
+};
+
+void AddTree(Ratios *ratios, const fs::path &dir, const Tree &tree) {
+  const fs::path from = dir / tree.row;
   const fs::path to = dir / "copies";
-  for (int i = 0; i < 10'000; i++) {
+  for (int i = 0; i < tree.files; i++) {
     const fs::path folder = from / std::to_string(i % 100);
     if (i < 100) fs::create_directories(folder);
-    std::ofstream(folder / ("file" + std::to_string(i))) << std::string(500, 'x');
+    std::ofstream(folder / ("file" + std::to_string(i))) << std::string(tree.size, 'x');
   }
-  ratios->AddRow("10,000 files", {{"cp", 1.3}});
-  Add("10,000 files/lumen", to, [=] {
+  const std::string row = tree.row;
+  ratios->AddRow(row, {{"cp", tree.goal}});
+  Add(row + "/lumen", to, [=] {
     fs::create_directory(to);
     Require(File_CopyTree(from.c_str(), to.c_str(), false, false), "copy");
   });
-  Add("10,000 files/cp", to, [=] { Shell("cp -R '" + from.string() + "' '" + to.string() + "'"); });
+  Add(row + "/cp", to, [=] { Shell("cp -R '" + from.string() + "' '" + to.string() + "'"); });
 }
 
 }  // namespace
@@ -75,6 +88,6 @@ int main(int argc, char **argv) {
   const BenchFolder folder;
   Ratios ratios;
   AddFile(&ratios, folder.Path());
-  AddTree(&ratios, folder.Path());
+  for (const Tree &tree : kTrees) AddTree(&ratios, folder.Path(), tree);
   return ratios.Main(argc, argv);
 }

@@ -19,6 +19,12 @@
 // signal interrupts the wait, EAGAIN instead of waiting with O_NONBLOCK.
 [[nodiscard]] int Platform_OpenLocked(const char *path, int flags, mode_t mode);
 
+// Copies up to `limit` bytes from the regular file open as `from` to the one open as `to`, from
+// their positions, which move along, as far as the kernel does so without passing the bytes through
+// this process.  Returns how many bytes that were: none where a host or file system cannot.  Why it
+// stopped is left open; the caller copies the rest and meets the end or the failure.
+[[nodiscard]] uint64_t Platform_CopyInKernel(int from, int to, uint64_t limit);
+
 // Makes the regular file open as `to` a copy of the one open as `from`, which has at most `limit` bytes:
 // data, mode, owner, times, extended attributes and access control list; the attributes that the
 // target had are removed first, and what it has beyond the source's length is cut off.  Two

@@ -20,6 +20,9 @@
 
 namespace {
 
+// The most that the kernel copies in one call.
+constexpr uint64_t kKernelPiece = uint64_t{1} << 30;
+
 // ---- data --------------------------------------------------------------------------------------
 
 bool WriteAll(int to, const char *data, size_t size, off_t offset) {
@@ -63,10 +66,9 @@ bool KernelCannot(int error) {
 
 // The kernel copies as far as it can and may.
 bool CopyData(int from, int to, uint64_t limit) {
-  constexpr uint64_t kPiece = uint64_t{1} << 30;
   off_t in = 0;
   off_t out = 0;
-  while (const uint64_t piece = std::min(kPiece, limit - static_cast<uint64_t>(in))) {
+  while (const uint64_t piece = std::min(kKernelPiece, limit - static_cast<uint64_t>(in))) {
     const ssize_t n = copy_file_range(from, &in, to, &out, piece, 0);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && !KernelCannot(errno)) return false;
@@ -135,6 +137,18 @@ bool CopyAttributes(int from, int to) {
 }
 
 }  // namespace
+
+uint64_t Platform_CopyInKernel(int from, int to, uint64_t limit) {
+  uint64_t done = 0;
+  while (done < limit) {
+    const ssize_t n =
+        copy_file_range(from, nullptr, to, nullptr, std::min(kKernelPiece, limit - done), 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<uint64_t>(n);
+  }
+  return done;
+}
 
 bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit) {
   struct stat source;

@@ -20,6 +20,7 @@
 #include "lib/public/fd.h"
 #include "lib/public/file.h"
 #include "lib/public/msg.h"
+#include "platform/files.h"
 
 namespace {
 
@@ -85,6 +86,13 @@ bool CopyWithin(FileIODescriptor *src, FileIODescriptor *dst, FileCopyBounds *le
   }
 }
 
+// What the kernel can copy by itself; CopyWithin copies the rest.
+void CopyInKernel(int src, int dst, FileCopyBounds *left) {
+  const uint64_t copied =
+      Platform_CopyInKernel(src, dst, left == nullptr ? UINT64_MAX : left->bytes);
+  if (left != nullptr) left->bytes -= copied;
+}
+
 // Opens the destination, new or empty.  *opened is then its status.
 FileIOResult OpenDestination(const FileEntry &dst, const FileCopyOptions &options,
                              const FileIdentity &src, FileIODescriptor *fd, struct stat *opened) {
@@ -125,6 +133,10 @@ bool CopyToEntry(FileIODescriptor *src, const FileEntry &dst, const FileCopyOpti
   const FileIOResult opened = OpenDestination(dst, options, identity, &out, &to);
   if (opened != FILEIO_SUCCESS) return TellCreateError(dst, opened);
 
+  // Below one buffer, its read and write cost no more.
+  if (S_ISREG(from.st_mode) && S_ISREG(to.st_mode) && from.st_size > off_t{kBufferSize}) {
+    CopyInKernel(src->posix, out.posix, options.left);
+  }
   bool ok = CopyWithin(src, &out, options.left);
   ok = CloseAfter(ok, &out, kCannotCloseDestination, dst);
   if (!ok && S_ISREG(to.st_mode)) FileRemoveOpened(dst.dir, dst.name, FileIdentity::Of(to));
