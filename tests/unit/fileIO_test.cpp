@@ -41,14 +41,15 @@ std::string Record(const std::string &call, const std::string &path) {
 }
 
 TEST(FileIO, ErrnosHaveCodesAndCodesHaveTexts) {
-  for (const auto &[error, text] :
-       {std::pair{EIO, "(msg.fileio.generic)Error"},
-        {EDQUOT, "(msg.fileio.dQuot)There is no space left on the device"}}) {
+  for (const auto &[error, text] : {std::pair{EIO, "generic)Error"},
+                                    {EFBIG, "fBig)The file is too large"},
+                                    {ENOSPC, "noSpc)There is no space left on the device"},
+                                    {EDQUOT, "dQuot)There is no space left on the device"}}) {
     const SysFault fault("open", 1, error);
     FileIOResult result = FILEIO_SUCCESS;
     EXPECT_EQ(error == EIO ? Record("open", "/") : "",
               LogOf([&] { result = Opened("/", kRead).result; }));
-    EXPECT_EQ(std::string("@&!*@*@") + text, FileIO_MsgError(result));
+    EXPECT_EQ(std::string("@&!*@*@(msg.fileio.") + text, FileIO_MsgError(result));
   }
   EXPECT_EQ("Panic: NOT_IMPLEMENTED lib/file/fileIO:150\n",
             FatalText([] { static_cast<void>(FileIO_MsgError(FILEIO_RESERVED)); }));
@@ -56,7 +57,8 @@ TEST(FileIO, ErrnosHaveCodesAndCodesHaveTexts) {
 
 TEST(FileIO, ActionsCreateAndEmptyAsTheySay) {
   // Under a lock, the file is emptied by other means.
-  for (const uint32_t access : {kReadWrite, kReadWrite | FILEIO_FLAG_EXLOCK}) {
+  constexpr uint32_t kLocked = kRead | FILEIO_FLAG_EXLOCK;
+  for (const uint32_t access : {kReadWrite, kWrite | kLocked, kLocked}) {
     // The errno for a file that is missing and one that is there, and what is in it then.
     for (const auto &[action, missing, there, content] :
          {std::tuple{FILEIO_OPEN, ENOENT, 0, "old"},
@@ -71,6 +73,13 @@ TEST(FileIO, ActionsCreateAndEmptyAsTheySay) {
       EXPECT_EQ(content, ReadFile(file)) << action;
     }
   }
+  const ScratchDir dir;
+  EXPECT_EQ(EISDIR, Opened(dir.Path(), kLocked, FILEIO_OPEN_EMPTY).error);
+  Opened file(dir.Path("a"), kWrite | FILEIO_FLAG_SYNC, FILEIO_OPEN_CREATE);
+  EXPECT_EQ(O_SYNC, fcntl(file.fd.posix, F_GETFL) & O_SYNC);
+  EXPECT_EQ(
+      0, Opened(dir.Path("b"), kWrite | FILEIO_FLAG_UNLINK_AFTER_OPEN, FILEIO_OPEN_CREATE).error);
+  EXPECT_TRUE(FileIO_CloseAndUnlink(&file.fd) == FILEIO_SUCCESS && fs::is_empty(dir.Path()));
 }
 
 TEST(FileIO, LocksHoldAndRefusalsTouchNothing) {
@@ -122,8 +131,6 @@ TEST(FileIO, PrivilegedOpensReachWhatTheUserMayNot) {
   });
 }
 
-// ---- copies with all metadata ---------------------------------------------------------------
-
 TEST(FileCopy, HasDataAndMetadataAndNothingElse) {
   const ScratchDir dir;
   const std::string content = std::string(300'000, 'x') + '\0' + "end";
@@ -171,28 +178,6 @@ TEST(FileCopy, HasDataAndMetadataAndNothingElse) {
   EXPECT_TRUE(!copy("/dev/null", UINT64_MAX) && errno == ENOTSUP);
 }
 
-// ---- transfers -------------------------------------------------------------------------------
-
-TEST(FileIO, TransfersAreWholeWhateverTheHostGives) {
-  // A pipe gives pieces, and each end is interrupted once.
-  Pipe pipe;
-  FileIODescriptor reader = FileIO_FromPosix(pipe.read.Get());
-  FileIODescriptor writer = FileIO_FromPosix(pipe.write.Get());
-  const std::string sent(1'000'000, 'x');
-  for (const char *call : {"read", "write"}) {
-    const SysFault fault(call, 1, EINTR);
-    std::thread thread([&] {
-      EXPECT_EQ(FILEIO_SUCCESS, FileIO_Write(&writer, sent.data(), sent.size(), nullptr));
-    });
-    std::string got(sent.size(), 0);
-    EXPECT_EQ(FILEIO_SUCCESS, FileIO_Read(&reader, got.data(), got.size(), nullptr));
-    thread.join();
-    EXPECT_TRUE(sent == got && fault.Fired()) << call;
-  }
-}
-
-// ---- vectors ---------------------------------------------------------------------------------
-
 // Writes a vector in two ways and reads it back, a piece of the file missing in the end.
 void RoundTrip(int count, uint32_t flags, std::mt19937 *random) {
   const ScratchDir dir;
@@ -235,7 +220,9 @@ TEST(FileVector, ArrivesWholeWithAnySettings) {
   };
   for (setting = 0; setting <= 1000; setting += 1000) InChild(roundTrips);
   setting = -1;
+  std::thread another(roundTrips);  // they share the pool of buffers
   roundTrips();
+  another.join();
 }
 
 // A pipe of packets, of which each read gives one.
@@ -245,20 +232,26 @@ TEST(FileVector, GoesOnWithinAnEntryAndSaysWhereItsWritesEnded) {
   FileIODescriptor reader = FileIO_FromPosix(ends[0]), writer = FileIO_FromPosix(ends[1]);
   std::string got(12, '#'), much(200'000, 'x');
   for (const std::string packet : {"012345", "67", "89ab"}) {
+    const SysFault fault("write", 1, EINTR);
     EXPECT_EQ(FILEIO_SUCCESS, FileIO_Write(&writer, packet.data(), packet.size(), nullptr));
   }
   const iovec to[] = {{got.data(), 4}, {&got[4], 4}, {&got[8], 4}};
+  const SysFault readFault("readv", 1, EINTR);
   EXPECT_EQ(FILEIO_SUCCESS, FileIO_Readv(&reader, to, 3, got.size(), nullptr));
-  EXPECT_EQ("0123456789ab", got);
+  EXPECT_TRUE("0123456789ab" == got && readFault.Fired());
   const iovec from[] = {{much.data(), 1000}, {&much[1000], much.size() - 1000}};
   size_t actual = 0;
+  const SysFault writeFault("writev", 1, EINTR);
   EXPECT_EQ(FILEIO_WRITE_ERROR_NOSPC, FileIO_Writev(&writer, from, 2, much.size(), &actual));
-  EXPECT_TRUE(actual > 1000 && actual < much.size());
+  EXPECT_TRUE(actual > 1000 && actual < much.size() && writeFault.Fired());
+  const SysFault interrupted("read", 1, EINTR);
+  EXPECT_EQ(FILEIO_SUCCESS, FileIO_Read(&reader, much.data(), 5000, nullptr));
+  const SysFault error("read", 3, EIO);
+  LogOf([&] { EXPECT_EQ(FILEIO_ERROR, FileIO_Read(&reader, much.data(), much.size(), &actual)); });
+  EXPECT_TRUE(actual == 2 * 4096 && error.Fired());
   FileIO_Close(&reader);
   FileIO_Close(&writer);
 }
-
-// ---- replacement and failures ------------------------------------------------------------------
 
 TEST(FileIO, AReplacedFileIsTheOldOneOrTheWholeNewOne) {
   const ScratchDir dir;

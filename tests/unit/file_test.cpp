@@ -74,13 +74,21 @@ TEST(CreateIfAbsent, AcceptsDirectoriesAsTheyStandAndNothingElse) {
   fs::create_symlink("gone", dir.Path("dangling"));
   std::string outcomes;
   for (const char *name : {"new", "there", "link", "file", "dangling", "no/x", "file/x"}) {
-    outcomes += " " + OkOrErrno(File_CreateDirectoryIfAbsent(dir.Path(name).c_str(), 0700));
+    const std::string path = dir.Path(name);
+    outcomes += " " + OkOrErrno(File_CreateDirectoryIfAbsent(path.c_str(), 0700));
+    if (File_IsRegularFile(path.c_str())) outcomes += "(file)";
+    if (File_IsEmptyDirectory(path.c_str())) outcomes += "(empty)";
   }
-  EXPECT_EQ(" ok ok ok ENOTDIR ENOENT ENOENT ENOTDIR", outcomes);
-  int mode;
-  ASSERT_TRUE(File_GetFilePermissions(dir.Path("there").c_str(), &mode));
-  EXPECT_EQ(S_IFDIR | 0511, mode);
-  EXPECT_TRUE(File_IsDirectory(dir.Path("link").c_str()));
+  EXPECT_EQ(" ok(empty) ok(empty) ok(empty) ENOTDIR(file) ENOENT ENOENT ENOTDIR", outcomes);
+  const mode_t mask = umask(0);
+  ASSERT_TRUE(File_CreateDirectory(dir.Path("a").c_str()) &&
+              File_EnsureDirectory(dir.Path("b").c_str()));
+  umask(mask);
+  for (const auto &[name, wanted] : {std::pair{"there", 0511}, {"a", 0777}, {"b", 0777}}) {
+    int mode = 0;
+    EXPECT_TRUE(File_GetFilePermissions(dir.Path(name).c_str(), &mode) &&
+                mode == (S_IFDIR | wanted));
+  }
 }
 
 TEST(CreateHierarchy, MakesWhatIsMissingAndTellsTheFirst) {
@@ -95,24 +103,6 @@ TEST(CreateHierarchy, MakesWhatIsMissingAndTellsTheFirst) {
   EXPECT_TRUE(fs::is_directory(dir.Path("a/b/c")));
   EXPECT_EQ("ok (null)ok (null)ok (null)", create(dir.Path("a/b/")) + create("/") + create(""));
   CaptureOutput([&] { EXPECT_EQ("ENOTDIR (null)", create(dir.Write("a/f", "") + "/g")); });
-}
-
-TEST(DeletePath, RemovesWhatALinkNamesOnlyWhenAskedTo) {
-  const ScratchDir dir;
-  const std::string file = dir.Write("file", ""), path = dir.Path("link");
-  const auto link = [&](const std::string &target) {
-    fs::remove(path);
-    fs::create_symlink(target, path);
-    return path.c_str();
-  };
-  EXPECT_TRUE(File_UnlinkNoFollow(link(file)) == 0 && fs::exists(file));
-  // A relative target is not looked for beside the link.
-  EXPECT_TRUE(File_Unlink(link("file")) == 0 && fs::exists(file));
-  EXPECT_TRUE(File_Unlink(link(file)) == 0 && !fs::exists(file));
-  EXPECT_TRUE(File_DeleteIfPresent(path.c_str()) == 0 && errno == 0);
-  // What cannot be removed leaves the link.
-  EXPECT_EQ(EISDIR, File_DeleteIfPresent(link(dir.Path())));
-  EXPECT_TRUE(fs::is_symlink(path));
 }
 
 TEST(List, HasEachNameOnceOrNone) {
