@@ -77,6 +77,9 @@ TEST(FileIO, ActionsCreateAndEmptyAsTheySay) {
   EXPECT_EQ(EISDIR, Opened(dir.Path(), kLocked, FILEIO_OPEN_EMPTY).error);
   Opened file(dir.Path("a"), kWrite | FILEIO_FLAG_SYNC, FILEIO_OPEN_CREATE);
   EXPECT_EQ(O_SYNC, fcntl(file.fd.posix, F_GETFL) & O_SYNC);
+  const SysFault fault("pwrite", 1, EINTR);
+  const iovec one = {file.fd.fileName, 1};
+  EXPECT_EQ(FILEIO_SUCCESS, FileIOPwritevCoalesced(&file.fd, &one, 1, 1, 0, nullptr));
   EXPECT_EQ(
       0, Opened(dir.Path("b"), kWrite | FILEIO_FLAG_UNLINK_AFTER_OPEN, FILEIO_OPEN_CREATE).error);
   EXPECT_TRUE(FileIO_CloseAndUnlink(&file.fd) == FILEIO_SUCCESS && fs::is_empty(dir.Path()));

@@ -262,8 +262,6 @@ TEST(FileTree, EveryCase) {
   });
 }
 
-// ---- failures in turn ------------------------------------------------------------------------
-
 void MakeTree(const ScratchDir &dir) {
   for (const char *name : {"from", "from/sub", "to"}) fs::create_directory(dir.Path(name));
   dir.Write("from/big", std::string(20'000, 'b'));
