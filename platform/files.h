@@ -15,8 +15,9 @@
 [[nodiscard]] Fd Platform_OpenRegularOrDirectory(int dir, const char *name);
 
 // Opens `path` close-on-exec with `flags` and `mode` and waits until it holds an exclusive flock(2)
-// on it; O_TRUNC takes effect under the lock.  Returns the descriptor, or -1 with errno set: EINTR if a
-// signal interrupts the wait, EAGAIN instead of waiting with O_NONBLOCK.
+// on it.  O_TRUNC takes effect under the lock, with O_RDONLY, too, if the caller may write to the file;
+// it is EISDIR for a directory.  Returns the descriptor, or -1 with errno set: EINTR if a signal
+// interrupts the wait, EAGAIN instead of waiting with O_NONBLOCK.
 [[nodiscard]] int Platform_OpenLocked(const char *path, int flags, mode_t mode);
 
 // Copies up to `limit` bytes from the regular file open as `from` to the one open as `to`, from
@@ -29,9 +30,9 @@
 // data, mode, owner, times, extended attributes and access control list; the attributes that the
 // target had are removed first, and what it has beyond the source's length is cut off.  Two
 // different files, open for reading and for writing, both at offset 0; the offsets afterwards are
-// left open.  False with errno set when the data or the attributes cannot be copied, EFBIG when the
-// source is larger or grows beyond the limit, ENOTSUP for another kind of file; the target is then
-// neither one thing nor the other, but has little more than `limit` bytes.  A mode, owner or times
+// unspecified.  False with errno set when the data or the attributes cannot be copied, EFBIG when the
+// source is larger or grows beyond the limit, ENOTSUP for another kind of file; the content of the
+// target is then undefined, but has little more than `limit` bytes.  A mode, owner or times
 // that cannot be set are left as they are.  A lock against change and removal (file flags of macOS)
 // does not come along.
 [[nodiscard]] bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit);

@@ -1,4 +1,6 @@
 // fileDirectory.cpp -- making directories.
+//
+// Tested by tests/unit/file_test.cpp.
 
 #include <sys/stat.h>
 
@@ -13,7 +15,7 @@ namespace {
 
 constexpr int kDefaultMode = 0777;
 
-// Errno-style: makes the directory or accepts the one that is there; *created tells which.
+// Errno-style: makes the directory or accepts an existing one; *created says which.
 int MakeOrAccept(const char *path, int mode, bool *created) {
   const int made = FileCreateDirectory(path, mode);
   *created = made == 0;
@@ -21,7 +23,7 @@ int MakeOrAccept(const char *path, int mode, bool *created) {
 }
 
 // The end of the next longer beginning of `path` that is to be a directory; null after the last.
-// The root is always there, and hosts differ in what they say to its making.
+// The root always exists, and hosts differ in the errno for creating it.
 const char *NextLevel(const char *path, const char *end) {
   if (end == path) end += strspn(path, "/");
   if (*end == '\0') return nullptr;
@@ -59,7 +61,7 @@ bool File_CreateDirectoryHierarchyEx(const char *path, int mode, char **topmostC
   const HeapStr prefix = Heap_SafeStrdup(path);
   const char *end = path;
   while ((end = NextLevel(path, end)) != nullptr) {
-    // The prefix ends here for the calls, and goes on for the next level.
+    // Cut for this level, and restored for the next.
     char *const cut = prefix.get() + (end - path);
     *cut = '\0';
     bool created;

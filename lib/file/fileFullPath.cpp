@@ -1,4 +1,6 @@
 // fileFullPath.cpp -- the current directory, and paths resolved as far as they exist.
+//
+// Tested by tests/unit/file_test.cpp.
 
 #include <unistd.h>
 
@@ -28,7 +30,7 @@ HeapStr LocalCwd() {
   }
 }
 
-// `path` as one from the root, not resolved.  Null when there is no current directory.
+// `path` as an absolute path, not resolved.  Null if there is no current directory.
 HeapStr FromRoot(const char *path) {
   if (File_IsFullPath(path)) return Heap_SafeStrdup(path);
   HeapStr cwd(File_Cwd(nullptr));
@@ -36,7 +38,7 @@ HeapStr FromRoot(const char *path) {
   return HeapStr(Str_SafeAsprintf(nullptr, "%s/%s", cwd.get(), path));
 }
 
-// In place: each run of separators becomes one.
+// In place: each run of separators becomes a single separator.
 void CollapseSlashes(char *path) {
   char *to = path;
   for (const char *from = path; *from != '\0'; from++) {
@@ -45,13 +47,13 @@ void CollapseSlashes(char *path) {
   *to = '\0';
 }
 
-// `full`, an absolute path that does not exist, with its existing beginning resolved; null when
-// that fails.
+// `full`, an absolute path that does not exist, with its existing beginning resolved; null if that
+// fails.
 char *ResolveBeginning(const char *full) {
   char *dir;
   File_GetPathName(full, &dir, nullptr);
   const HeapStr dirOwner(dir);
-  // What stands in the root has an empty directory part, which alone would not say which root.
+  // An entry of the root has an empty directory part, which would be taken for a relative path.
   const HeapStr prefix(FileFindExistingPrefix(dir[0] == '\0' ? "/" : dir));
   const HeapStr resolved(Posix_RealPath(prefix.get()));
   if (resolved == nullptr) return nullptr;

@@ -1,4 +1,6 @@
-// filePath.cpp -- paths taken apart and put together, without a look at the file system.
+// filePath.cpp -- paths split and joined as texts, without access to the file system.
+//
+// Tested by tests/unit/file_test.cpp.
 
 #include <cstring>
 

@@ -16,8 +16,8 @@ struct DirStreamCloser {
 };
 using DirStream = std::unique_ptr<DIR, DirStreamCloser>;
 
-// A stream over the directory open as `dir`, which it owns from then on.  Null with errno set when that
-// fails; with the errno of the caller's own call when `dir` is empty.
+// A stream over the directory open as `dir`, which it takes over.  Null with errno set on failure; if
+// `dir` is empty, errno is still that of the call that should have opened it.
 [[nodiscard]] inline DirStream DirStreamOf(Fd dir) {
   DirStream stream(dir ? fdopendir(dir.Get()) : nullptr);
   if (stream != nullptr) static_cast<void>(dir.Release());

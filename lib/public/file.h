@@ -1,17 +1,17 @@
 // file.h -- paths, directories, and copies of files and trees.
 //
-// Paths are UTF-8 with "/" as the only separator; they go to the system as they are, so one that is
-// not UTF-8 works, too, where nothing says otherwise.  A new string is never null for want of
-// memory, which is fatal, and the caller frees it with free().  "With errno" means that of the
-// system call that failed, whatever was cleaned up after it.  A null path is EFAULT where null is
-// not allowed for and errno is told; elsewhere it must not be null.  Any thread.
+// Paths are UTF-8 with "/" as the only separator.  They go to the system unchanged, so a path that is
+// not UTF-8 works as well unless stated otherwise.  Exhausted memory is fatal; the caller frees a new
+// string with free().  "With errno" means the errno of the system call that failed, whatever was
+// cleaned up after it.  A null path is EFAULT in every procedure that sets errno, unless stated
+// otherwise; other procedures must not be given null.  Any thread.
 #pragma once
 
 #include <cstdint>
 
 struct FileIODescriptor;
 
-// Types of files, as records keep them: 5 and 6 are not used.
+// Types of files; the numbers are part of stored records, and 5 and 6 are not used.
 enum FileType : uint32_t {
   FILE_TYPE_REGULAR = 0,
   FILE_TYPE_DIRECTORY = 1,
@@ -23,7 +23,7 @@ enum FileType : uint32_t {
 
 // ---- predicates ------------------------------------------------------------------------------
 //
-// False for what cannot be looked at, with errno, and for a null path.  Links are followed.
+// False, with errno, for a path that cannot be examined, and for a null path.  Links are followed.
 
 [[nodiscard]] bool File_Exists(const char *path);
 [[nodiscard]] bool File_IsDirectory(const char *path);
@@ -40,22 +40,22 @@ enum FileType : uint32_t {
 
 // ---- creation --------------------------------------------------------------------------------
 //
-// Modes are subject to the process's umask.  False with errno; nothing is logged unless told.
+// Modes are subject to the process's umask.  False with errno; nothing is logged unless stated.
 
 // mkdir(2): a path that exists is EEXIST.  Without a mode it is 0777.
 bool File_CreateDirectory(const char *path);
 bool File_CreateDirectoryMode(const char *path, int mode);
 
-// The same, but a directory that is there, or a link to one, is accepted as it stands: mode, owner
-// and content are left alone.  Anything else in its place is ENOTDIR; a link to nothing, ENOENT.
-// The second one has the mode 0777.
+// The same, but an existing directory, or a link to one, is accepted as it is: mode, owner and content
+// are not touched.  Anything else in its place is ENOTDIR; a dangling link is ENOENT.  The second
+// procedure uses mode 0777.
 [[nodiscard]] bool File_CreateDirectoryIfAbsent(const char *path, int mode);
 [[nodiscard]] bool File_EnsureDirectory(const char *path);
 
-// Creates each missing directory of the path, all with the mode, and accepts those that are there.
-// True for a null or empty path.  topmostCreated, unless null, receives the first directory that
-// was created as a new string, or null when there was none; on failure, too, when what was created
-// stays.  A failure is logged.
+// Creates each missing directory of the path with the given mode and accepts those that exist.  True
+// for a null or empty path.  *topmostCreated, unless `topmostCreated` is null, receives the first
+// directory that was created as a new string, or null if none was; also on failure, which leaves
+// what was created.  A failure is logged.
 [[nodiscard]] bool File_CreateDirectoryHierarchyEx(const char *path, int mode,
                                                    char **topmostCreated);
 
@@ -63,34 +63,35 @@ bool File_CreateDirectoryMode(const char *path, int mode);
 
 // These return 0 or the errno, which is also left in errno, 0 included.
 //
-// A file, and what it names if it is a symbolic link: first the target, its text taken as a path by
-// itself, so that a relative one counts from the current directory; then the link.  A missing
-// target is fine; one that cannot be removed leaves the link.
+// Removes a file; of a symbolic link, first the target and then the link.  The target's text is used
+// as a path by itself, so a relative target counts from the current directory.  A missing target is
+// no failure; a target that cannot be removed leaves the link.
 int File_Unlink(const char *path);
-// The same; a path that is missing is 0.
+// The same, but a missing path is 0.
 int File_DeleteIfPresent(const char *path);
-// The file or link itself.
+// Removes the file or link itself.
 int File_UnlinkNoFollow(const char *path);
 
 // rmdir(2); false with errno.
 bool File_DeleteEmptyDirectory(const char *path);
 
-// Removes the directory with all that is below it, or only that.  True, and errno 0, when it is
-// gone or was not there.  Otherwise false with the last errno, after everything else that could be
-// removed has been; an entry that cannot be looked at is logged.
+// Removes the directory with everything below it, or only what is below it.  True, with errno 0, when
+// that is gone or did not exist; several processes may delete one tree at the same time.  Otherwise
+// false with the last errno, after everything else that can be removed has been; an entry that cannot
+// be examined is logged.
 //
-// Links below the path are removed and never followed, whatever is changed in the tree meanwhile; a
+// Links below the path are removed and never followed, whatever changes in the tree meanwhile; a
 // directory that is moved away while it is being emptied ends the deletion with ESTALE.  The path
-// itself may be a link to a directory, which then loses its content, and the result is ENOTDIR.  A
-// name that is not UTF-8 is not removed (see the listing), which leaves its directory: ENOTEMPTY.
-// Depth is bounded by memory, and so is the number of names in one directory.
+// itself may be a link to a directory: that directory is emptied, and the result is ENOTDIR.  A name
+// that is not UTF-8 is not removed (see the listing) and keeps its directory: ENOTEMPTY.  Depth and
+// the number of names in one directory are bounded by memory alone; four descriptors are in use.
 bool File_DeleteDirectoryTree(const char *path);
 bool File_DeleteDirectoryContent(const char *path);
 
 // ---- walk and listing ------------------------------------------------------------------------
 //
-// Names come without "." and "..", each once.  One that is not UTF-8 comes as U+FFFD three times,
-// after a log record; so several of them are one name, which as a rule names nothing.
+// Names come without "." and "..", each once.  A name that is not UTF-8 is logged and replaced by three
+// U+FFFD, so several such names become one, which normally names nothing.
 
 struct WalkDirContext;
 
@@ -106,63 +107,67 @@ void File_WalkDirectoryEnd(WalkDirContext *context);
 
 // The number of names, or -1 with errno; then *names is left alone.  Unless `names` is null, *names
 // receives a new array of that many new strings, all of which the caller frees with free(), or null
-// for no names.  Their order is none in particular.
+// for no names.  Their order is unspecified.
 [[nodiscard]] int File_ListDirectory(const char *path, char ***names);
 
 // ---- paths -----------------------------------------------------------------------------------
 //
-// Only File_Cwd and File_FullPath look at the file system.  Any pointer for a result may be null.
+// Only File_Cwd and File_FullPath access the file system.  Any pointer for a result may be null.
 
-// Takes the path apart at its last "/", which stays with *dir: "a/b/" is "a/b/" and "", "/x" is "/"
-// and "x", "x" is "" and "x".  *volume is always empty.
+// Splits the path after its last "/": "a/b/" gives "a/b/" and "", "/x" gives "/" and "x", "x" gives ""
+// and "x".  *volume is always empty.
 void File_SplitName(const char *path, char **volume, char **dir, char **base);
 
-// The same without the "/", and without those before it: "/x" is "" and "x", "a//b" is "a" and "b".
+// The same without the slashes in between: "/x" gives "" and "x", "a//b" gives "a" and "b".
 void File_GetPathName(const char *path, char **pathName, char **base);
 
-// The path without the "/" at its end, however many: "a/b///" is "a/b", and "/" is "".
+// The path without the slashes at its end: "a/b///" gives "a/b", and "/" gives "".
 [[nodiscard]] char *File_StripSlashes(const char *path);
 
-// Both with exactly one "/" in between: "/" and "x" are "/x", "a/" and "/b" are "a/b".
+// Joins both with exactly one "/": "/" and "x" give "/x", "a/" and "/b" give "a/b".
 [[nodiscard]] char *File_PathJoin(const char *dir, const char *name);
 
-// The current directory.  Null with errno, a log record and a message when it cannot be told.  One
-// that is not UTF-8 is fatal.  There are no drives: one that is neither null nor empty is logged.
+// The current directory.  Null with errno, a log record and a message when it cannot be determined.  A
+// directory whose path is not UTF-8 is fatal.  There are no drives: a `drive` that is neither null
+// nor empty is logged.
 [[nodiscard]] char *File_Cwd(const char *drive);
 
-// The path as an absolute one, with links, "." and ".." resolved as far as it exists; the rest is
-// taken as it stands.  A null or empty path is the current directory.  When nothing can be
-// resolved, only runs of "/" are made one.  Null with errno when a relative path meets no current
-// directory, as for File_Cwd; on success errno is unchanged.
+// The absolute path, with links, "." and ".." resolved as far as it exists; the rest is appended as it
+// is.  A null or empty path is the current directory.  If nothing can be resolved, runs of "/" are
+// collapsed and nothing else.  Null with errno for a relative path without a current directory, as
+// for File_Cwd; on success errno is unchanged.
 [[nodiscard]] char *File_FullPath(const char *path);
 
 // ---- copies, renames, sizes ------------------------------------------------------------------
 //
-// Each failure appends its messages to the pending ones (msg.h) and leaves its cause in errno.  A
-// copy has the content only: a new file has mode 0600, a new directory 0777, both less the umask, and
-// a file that is overwritten keeps its mode and owner.  The source is never touched; a destination
-// file that is only half written is removed, and if it was reached through a symbolic link, that
-// link, too.  Exhausted memory is fatal.
+// Each failure appends its messages to the pending ones (msg.h) and leaves its cause in errno.  A copy
+// has the content only: a new file has mode 0600, a new directory 0777, both less the umask, and a
+// file that is overwritten keeps its mode and owner.  The source is never modified.  A regular file
+// that is only half written is removed; if the destination was a symbolic link to it, so is that link.
+// Files and directories are compared by device and inode, so other names, links and mounts of the
+// source count as the source.
 
 // Copies what can be read from the file `srcName`, a FIFO or device included, to the file `dstName`,
-// which must not exist unless overwriteExisting.  Waits for who writes to a FIFO.  The source itself,
-// under any name, is no destination (EEXIST), and a directory no source (EISDIR).
+// which must not exist unless overwriteExisting.  Waits for the writer of a FIFO.  EEXIST when both
+// are the same file, EISDIR for a directory.
 [[nodiscard]] bool File_Copy(const char *srcName, const char *dstName, bool overwriteExisting);
 
-// The same from where the open file *srcFd stands; it stays open.
+// The same from the position of the open file *srcFd, which stays open.
 [[nodiscard]] bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName,
                                          bool overwriteExisting);
 
-// Copies up to the end of *srcFd, from where both stand; both stay open.
+// Copies from the position of *srcFd up to its end to the position of *dstFd; both stay open.
 [[nodiscard]] bool File_CopyFromFdToFd(FileIODescriptor *srcFd, FileIODescriptor *dstFd);
 
-// Copies what is in the directory srcName into the directory dstName; both must be there.  Symbolic
-// links are made anew with the same text, and never replace anything (EEXIST); with followSymlinks
-// what they lead to is copied, and a cycle ends only at the limits of paths or descriptors, of which
-// each level keeps one.  Without it nothing below srcName is read through a link, whatever is changed
-// there meanwhile, a link below dstName that is in the way stops the copy (ELOOP), and a FIFO gives
-// only what is in it.  The first failure ends the copy, and what was copied stays.  A directory that
-// cannot be made fails at its first entry, and unnoticed when it has none.
+// Copies what is in the directory srcName into the directory dstName; both must exist.  Symbolic links
+// are recreated with the same text and never replace anything (EEXIST); with followSymlinks, what
+// they lead to is copied instead.  Without followSymlinks, nothing below either directory is opened
+// through a link, whatever changes there meanwhile: a link below dstName that is in the way stops the
+// copy (ELOOP).  A FIFO then gives only what it holds.
+//
+// The first failure ends the copy, and what was copied stays.  EINVAL when a directory of the source
+// is also one of the destination, which would copy it into itself or over itself; ELOOP for a
+// directory met again below itself.  Depth is bounded by memory alone; ten descriptors are in use.
 [[nodiscard]] bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
                                  bool followSymlinks);
 
@@ -172,27 +177,27 @@ struct FileCopyBounds {
   uint64_t entries;
 };
 
-// File_CopyTree without either flag, for a source that somebody else may change meanwhile: copies what
-// is in the directory that is open as srcDir, at its beginning, and stays so; messages call it
-// srcName.  EFBIG when there is more than the bounds allow; no more than that is written.  Below the
-// source only regular files and directories are ever opened: a FIFO, socket or device is ENOTSUP.
+// File_CopyTree without either flag, for a source that others may change meanwhile: copies what is in
+// the directory open as srcDir, which stays open; messages call it srcName.  EFBIG when there is more
+// than the bounds allow; no more than that is written.  Below the source only regular files and
+// directories are ever opened: a FIFO, socket or device is ENOTSUP.
 [[nodiscard]] bool File_CopyOpenTree(int srcDir, const char *srcName, const char *dstName,
                                      FileCopyBounds bounds);
 
-// rename(2), or else a copy of the file over newName and the removal of oldName, with what that
-// links to.  *asRename, if asRename is not null, tells whether it was a rename.  A removal that fails
-// is no failure.
+// rename(2); if that fails, copies the file over newName and removes oldName, if it still leads to the
+// file that was copied, together with what it links to.  *asRename, unless `asRename` is null, says
+// whether it was a rename.  A removal that fails is no failure.
 [[nodiscard]] bool File_Rename(const char *oldName, const char *newName, bool *asRename);
 
 // The same for a directory.  In place of the rename it is copied by File_CopyTree into dstName, which
-// is made when missing and removed again when the copy fails, and then deleted; a deletion that
-// fails leaves a message and is no failure.  EINVAL when one directory lies in the other such that
-// deleting the source would delete the copy; ENOSPC when the file system has less room than
-// File_GetSizeEx says.
+// is made if missing and removed again if the copy fails, and then deleted, if srcName still leads to
+// it; a deletion that fails leaves a message and is no failure.  EINVAL as for File_CopyTree; ENOSPC
+// when a new destination's file system has less room than the files of the tree take.
 [[nodiscard]] bool File_MoveTree(const char *srcName, const char *dstName, bool overwriteExisting,
                                  bool *asRename);
 
-// The size in bytes of the file `path` (may be null: EFAULT), or the sum of the files in a tree,
-// links followed; -1 when it cannot be opened or listed.  In a tree, what cannot counts as 0.  No
-// message.
+// The size in bytes of the file `path` (may be null: EFAULT), or the sum of the files in a tree, links
+// followed; -1 when it cannot be opened or listed.  In a tree, what cannot be opened counts as 0, and
+// so does a directory within itself; a directory that several links lead to counts for each.  At most
+// INT64_MAX.  No message.
 [[nodiscard]] int64_t File_GetSizeEx(const char *path);

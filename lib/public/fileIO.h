@@ -1,11 +1,12 @@
 // fileIO.h -- open files: one way to open, whole transfers, and results with a text for the user.
 //
-// A FileIODescriptor is a plain record that its holder owns: FileIO_Open fills it, FileIO_Close (or
-// one of its kin) empties it.  It belongs to one thread at a time.  Descriptors are close-on-exec.
+// A FileIODescriptor is a plain record that the caller owns: FileIO_Open fills it, and FileIO_Close or
+// FileIO_CloseAndUnlink empties it.  It is used by one thread at a time.  Descriptors are
+// close-on-exec.
 //
 // Results are codes with a text (FileIO_MsgError); after a failure errno has the underlying cause,
-// whatever had to be cleaned up since.  An errno without a code of its own comes back as
-// FILEIO_ERROR.  Pointers are not null, unless told otherwise.  Exhausted memory is fatal.
+// whatever has been cleaned up since.  An errno without a code of its own gives FILEIO_ERROR.
+// Pointers must not be null unless stated otherwise.  Exhausted memory is fatal.
 #pragma once
 
 #include <sys/types.h>
@@ -18,8 +19,8 @@ struct FileLockToken;
 
 struct FileIODescriptor {
   int32_t posix;             // -1 when invalid
-  uint32_t flags;            // FileIOAccess as asked for, the kind of lock resolved
-  char *fileName;            // the path it was opened by; owned; null when there is none
+  uint32_t flags;            // FileIOAccess as requested, with the kind of lock resolved
+  char *fileName;            // the path it was opened by; owned; null if there is none
   FileLockToken *lockToken;  // owned; null when no lock is held
 };
 
@@ -36,7 +37,7 @@ enum FileIOResult : int32_t {
   FILEIO_WRITE_ERROR_FBIG = 9,
   FILEIO_WRITE_ERROR_NOSPC = 10,
   FILEIO_WRITE_ERROR_DQUOT = 11,
-  FILEIO_RESERVED = 12,  // no result of anything
+  FILEIO_RESERVED = 12,  // never returned
 };
 
 enum FileIOOpenAction : int32_t {
@@ -50,28 +51,28 @@ enum FileIOOpenAction : int32_t {
 enum FileIOAccess : uint32_t {
   FILEIO_ACCESS_READ = 0x1,
   FILEIO_ACCESS_WRITE = 0x2,
-  // Past the cache, each write on the device when it returns; see platform/uncached.h.
+  // Bypasses the cache; each write is on the device when it returns (see platform/uncached.h).
   FILEIO_FLAG_SYNC = 0x4,
   FILEIO_FLAG_UNLINK_AFTER_OPEN = 0x8,  // the open file stays usable
-  // Past the cache; vectors go through aligned buffers.
+  // Bypasses the cache; vectors go through aligned buffers.
   FILEIO_FLAG_UNBUFFERED = 0x10,
   FILEIO_FLAG_LOCK_DEFAULT = 0x20,  // FILEIO_FLAG_LOCK_PORTABLE on these hosts
   FILEIO_FLAG_NONBLOCK = 0x80,
-  FILEIO_FLAG_PRIVILEGED = 0x100,  // as the super-user; only what exists, and without emptying it
+  FILEIO_FLAG_PRIVILEGED = 0x100,  // opens as the super-user, but never creates or empties a file
   FILEIO_FLAG_EXCLUSIVE_READ = 0x200,  // with the next: O_EXCL; alone: nothing
   FILEIO_FLAG_EXCLUSIVE_WRITE = 0x400,
   FILEIO_FLAG_LOCK_MANDATORY = 0x2000,  // means FILEIO_FLAG_LOCK_NATIVE
-  FILEIO_FLAG_EXLOCK = 0x10000,         // waits for an exclusive flock(2), and holds it
+  FILEIO_FLAG_EXLOCK = 0x10000,  // waits for an exclusive flock(2); the file is emptied under it
   FILEIO_FLAG_APPEND = 0x20000,
   FILEIO_FLAG_NOFOLLOW = 0x40000,
   FILEIO_FLAG_LOCK_PORTABLE = 0x100000,  // see FileIO_Lock
-  FILEIO_FLAG_LOCK_NATIVE = 0x200000,    // not to be had here: FILEIO_LOCK_FAILED
+  FILEIO_FLAG_LOCK_NATIVE = 0x200000,    // unsupported: FILEIO_LOCK_FAILED
 };
 
 // ---- results ---------------------------------------------------------------------------------
 
-// The text of a result for the user, with its message id in front, which lives for ever.  An unknown
-// code is logged and has a text of its own; FILEIO_RESERVED is fatal.
+// The text of a result for the user, with its message id in front; a constant.  An unknown code is
+// logged and has a text of its own; FILEIO_RESERVED is fatal.
 [[nodiscard]] const char *FileIO_MsgError(FileIOResult result);
 
 // ---- opening and closing ---------------------------------------------------------------------
@@ -84,7 +85,7 @@ void FileIO_Invalidate(FileIODescriptor *fd);
 [[nodiscard]] FileIOResult FileIO_Open(FileIODescriptor *fd, const char *path, uint32_t access,
                                        FileIOOpenAction action);
 
-// Opens `path` and fills *fd, whose old content does not matter; after a failure *fd is invalid.
+// Opens `path` and fills *fd, whose previous content is ignored; after a failure *fd is invalid.
 // `access` is a set of FileIOAccess; `mode` is that of a new file, less the umask.  A null path is
 // EFAULT, an unknown action EINVAL.  With FILEIO_FLAG_PRIVILEGED an action that creates or empties
 // is EACCES.  A lock is taken before the file is touched.  A file that was created stays when a later
@@ -92,8 +93,9 @@ void FileIO_Invalidate(FileIODescriptor *fd);
 [[nodiscard]] FileIOResult FileIOCreate(FileIODescriptor *fd, const char *path, uint32_t access,
                                         FileIOOpenAction action, int mode);
 
-// How privileged opens are done from now on: as open(2) with `flags`, a close-on-exec descriptor or
-// -1 with errno.  Null restores the library's own way.  Set before threads start.
+// Installs a replacement for privileged opens: it behaves like open(2) with `flags` and returns a
+// close-on-exec descriptor or -1 with errno.  Null restores the library's own way.  Must be set before
+// threads start.
 using FileIOPrivilegedOpenFn = int (*)(const char *path, int flags);
 void FileIO_SetPrivilegedOpen(FileIOPrivilegedOpenFn open);
 
@@ -111,11 +113,11 @@ FileIOResult FileIO_CloseAndUnlink(FileIODescriptor *fd);
 
 // ---- transfers -------------------------------------------------------------------------------
 //
-// They go on after short transfers and EINTR until everything has been transferred.  *actual, if
-// `actual` is not null, receives the bytes transferred, also after a failure.  A request above
+// Short transfers and EINTR are continued until everything has been transferred.  *actual, unless
+// `actual` is null, receives the number of bytes transferred, also after a failure.  A request above
 // 0x7FFFFFFF bytes is fatal.
 
-// FILEIO_READ_ERROR_EOF when the file ends before: what there was is in the buffer.
+// FILEIO_READ_ERROR_EOF when the file ends early: the bytes before its end are in the buffer.
 [[nodiscard]] FileIOResult FileIO_Read(FileIODescriptor *fd, void *buffer, size_t requested,
                                        size_t *actual);
 [[nodiscard]] FileIOResult FileIO_Write(FileIODescriptor *fd, const void *buffer, size_t requested,
@@ -134,34 +136,36 @@ FileIOResult FileIO_CloseAndUnlink(FileIODescriptor *fd);
 [[nodiscard]] FileIOResult FileIO_Readv(FileIODescriptor *fd, const iovec *entries, int numEntries,
                                         size_t totalSize, size_t *actual);
 
-// A write that ends inside an entry is not continued: FILEIO_WRITE_ERROR_NOSPC, ENOSPC.
+// A write that ends inside an entry is not continued: FILEIO_WRITE_ERROR_NOSPC with ENOSPC.
 [[nodiscard]] FileIOResult FileIO_Writev(FileIODescriptor *fd, const iovec *entries, int numEntries,
                                          size_t totalSize, size_t *actual);
 
-// Writes at `offset`, wherever the file's own position is, which stays; through one buffer whenever
-// there is more than one entry and memory for it.
+// Writes at `offset`, and leaves the file's own position alone; through one buffer whenever there is
+// more than one entry and enough memory.  With FILEIO_FLAG_APPEND, Linux appends whatever `offset` is
+// (pwrite(2)); macOS writes at `offset`.
 [[nodiscard]] FileIOResult FileIOPwritevCoalesced(FileIODescriptor *fd, const iovec *entries,
                                                   int numEntries, size_t totalSize, off_t offset,
                                                   size_t *actual);
 
-// Whoever stores settings gives the value of `key` through this: true with *value set, truth values
-// as 0 and 1; false when there is none, and the default holds:
+// Installs the procedure that looks up settings: true with *value set (truth values are 0 and 1), or
+// false when `key` has no value.  The keys and their defaults:
 //   filePosix.coalesce.enable    1      use one buffer at all
 //   filePosix.coalesce.aligned   0      always an aligned one
 //   filePosix.coalesce.count     5      only for more entries than that
 //   filePosix.coalesce.size      16384  only when they are smaller than that on average, in bytes
 //   aiomgr.numThreads            0      kept for others
-// They are read once, at the first use of a vector; set before.
+// They are read once, at the first use of a vector, so the procedure must be installed before.
 using FileIOConfigFn = bool (*)(const char *key, int64_t *value);
 void FileIO_SetConfigStore(FileIOConfigFn read);
 
 // ---- locks -----------------------------------------------------------------------------------
 
-// Takes the lock that `access` asks for on fd->fileName (see fileLock.h); FILEIO_SUCCESS when it asks
-// for none.  A shared lock without FILEIO_ACCESS_WRITE, an exclusive one with it.  Waits for others
-// for about 3.5 s: FILEIO_ERROR with EAGAIN when that was not enough.  FILEIO_LOCK_FAILED: there is
-// no such lock here (ENOTSUP), or no exclusive one on read-only media (EROFS).  A failure of the
-// portable lock is logged.  A descriptor without a name is EFAULT, one that holds a lock EDEADLK.
+// Takes the lock that `access` requests on fd->fileName (see fileLock.h); FILEIO_SUCCESS when it
+// requests none.  The lock is exclusive with FILEIO_ACCESS_WRITE, and shared without it.  Waits about
+// 3.5 s for other holders, then FILEIO_ERROR with EAGAIN.  FILEIO_LOCK_FAILED: this kind of lock is
+// unsupported (ENOTSUP), or the media are read-only and the lock would be exclusive (EROFS).  A
+// failure of the portable lock is logged.  A descriptor without a name is EFAULT, and one that holds
+// a lock already EDEADLK.
 [[nodiscard]] FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access);
 
 // The same for a wait that may be given up: FILEIO_ERROR with ECANCELED as soon as the descriptor
@@ -169,15 +173,15 @@ void FileIO_SetConfigStore(FileIOConfigFn read);
 [[nodiscard]] FileIOResult FileIO_LockCancellable(FileIODescriptor *fd, uint32_t access,
                                                   int cancelFd);
 
-// Releases the lock, if there is one; *fd has none afterwards, also after FILEIO_ERROR, which is
+// Releases the lock, if there is one; *fd has none afterwards, even after FILEIO_ERROR, which is
 // logged.
 FileIOResult FileIO_Unlock(FileIODescriptor *fd);
 
 // ---- atomic replacement ----------------------------------------------------------------------
 
-// Puts the complete new file *fresh in the place of the file *current, both open by name and in one
-// file system: whoever opens the name of `current` finds the old file or the whole new one, also
-// after a crash, and on Linux after a loss of power.  Afterwards *current is the new file under its
-// old name, with its own lock, and *fresh is invalid; nothing is left under the name of `fresh`.  The
-// new file keeps its own mode and owner.  After a failure both are as before; FILEIO_ERROR is logged.
+// Puts the complete new file *fresh in the place of the file *current; both were opened by name, in one
+// file system.  Opening the name of `current` finds either the old file or the whole new one, also
+// after a crash, and on Linux after a loss of power.  Afterwards *current is the new file under the
+// old name and keeps its lock, *fresh is invalid, and the name of `fresh` is gone.  The new file keeps
+// its own mode and owner.  After a failure both are as before; FILEIO_ERROR is logged.
 [[nodiscard]] FileIOResult FileIO_Replace(FileIODescriptor *current, FileIODescriptor *fresh);

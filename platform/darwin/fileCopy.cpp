@@ -1,7 +1,9 @@
-// fileCopy.cpp -- copying an open file with all its metadata, on macOS: one call does it, and more.
+// fileCopy.cpp -- copying an open file with all its metadata, on macOS: fcopyfile(3) does it all.
 //
-// The call knows no limit, but reports after each piece (8 KiB to a few MiB, as the file systems
-// like it), and can be told to end there.
+// The call has no limit, but reports its progress after each piece (8 KiB to a few MiB, depending on
+// the file systems) and can be told to stop there.
+//
+// Tested by tests/unit/darwin_test.cpp.
 
 #include <copyfile.h>
 #include <sys/acl.h>
@@ -31,7 +33,7 @@ struct AclFreer {
   }
 };
 
-// Flags that keep everybody, the super-user included, from changing and removing a file.
+// Flags that keep every user, the super-user included, from changing or removing a file.
 constexpr unsigned kLocks = UF_IMMUTABLE | UF_APPEND | SF_IMMUTABLE | SF_APPEND;
 
 bool IsWithin(const struct stat &status, uint64_t limit) {
@@ -45,10 +47,10 @@ struct Bounds {
   bool exceeded;
 };
 
-// Is told how the copy goes on, and ends it when it goes too far.
+// Called as the copy proceeds; ends it beyond the limit.
 int OnProgress(int what, int stage, copyfile_state_t state, const char *, const char *,
                void *context) {
-  // To go on after an error would mean to try the same write again, for ever.
+  // Continuing after an error would retry the same write forever.
   if (stage == COPYFILE_ERR) return COPYFILE_QUIT;
   if (what != COPYFILE_COPY_DATA || stage != COPYFILE_PROGRESS) return COPYFILE_CONTINUE;
   off_t copied = 0;
@@ -70,8 +72,8 @@ CopyState BoundedCopy(Bounds *bounds) {
   return state;
 }
 
-// Takes away the locks that came with the copy.  The other flags stay: UF_COMPRESSED is how the
-// content is stored.
+// Removes the locks that came with the copy.  The other flags stay: UF_COMPRESSED says how the content
+// is stored.
 bool Unlock(int fd, const struct stat &status) {
   const unsigned flags = status.st_flags;
   return (flags & kLocks) == 0 || fchflags(fd, flags & ~kLocks) == 0;

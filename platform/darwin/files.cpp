@@ -1,5 +1,6 @@
 // files.cpp -- opening with an exclusive lock, and without side effects, on macOS.
-// Tests: tests/unit/darwin_test.cpp
+//
+// Tested by tests/unit/darwin_test.cpp.
 
 #include "platform/files.h"
 
@@ -17,7 +18,8 @@ bool IsRegularOrDirectory(const struct stat &info) {
 }  // namespace
 
 Fd Platform_OpenRegularOrDirectory(int dir, const char *name) {
-  // macOS has no O_PATH: the kind of the file is checked by name first, and again once it is open.
+  // macOS cannot refer to a file without opening it, so its kind is checked by name first, and again
+  // after opening.
   struct stat info;
   if (fstatat(dir, name, &info, AT_SYMLINK_NOFOLLOW) != 0 || !IsRegularOrDirectory(info)) {
     return Fd();

@@ -1,8 +1,10 @@
 // fileCopy.cpp -- copying an open file with all its metadata, on Linux: piece by piece.
 //
-// The order is the kernel's wish: writing and a change of owner take file capabilities away, and a
-// change of owner the set-id bits; writing sets the times.  So data come first, then owner,
-// attributes, mode, times.  The access control list is an attribute (system.posix_acl_access).
+// The kernel dictates the order: writing and changing the owner remove file capabilities, changing the
+// owner clears the set-id bits, and writing sets the times.  So data come first, then owner,
+// attributes, mode and times.  The access control list is an attribute (system.posix_acl_access).
+//
+// Tested by tests/unit/fileIO_test.cpp and tests/unit/fileTree_test.cpp.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -29,7 +31,7 @@ bool WriteAll(int to, const char *data, size_t size, off_t offset) {
   while (size > 0) {
     const ssize_t n = pwrite(to, data, size, offset);
     if (n < 0 && errno == EINTR) continue;
-    // What takes nothing and reports nothing has no room, and must not be asked for ever.
+    // A device that accepts no bytes and reports no error is full; asking again would never end.
     if (n == 0) errno = ENOSPC;
     if (n <= 0) return false;
     data += n;
@@ -74,8 +76,8 @@ bool CopyData(int from, int to, uint64_t limit) {
     if (n < 0 && !KernelCannot(errno)) return false;
     if (n <= 0) break;
   }
-  // Reading tells whether this is the end.  It may also be the limit; or the kernel has given 0 for
-  // a file whose size it does not know.
+  // Only reading shows whether this is the end.  It may also be the limit, or the kernel has returned 0
+  // for a file whose size it does not know.
   return CopyByHand(from, to, &in, limit) && ftruncate(to, in) == 0;
 }
 
@@ -90,7 +92,7 @@ struct Names {
   const char *end() const { return list.get() + size; }
 };
 
-// What only the system's administration uses, and may be out of reach or mean nothing here.
+// Attributes of the system's administration, which may be inaccessible or meaningless here.
 bool IsSystems(std::string_view name) {
   return name.starts_with("security.") || name.starts_with("trusted.") ||
          name.starts_with("system.");
@@ -164,7 +166,7 @@ bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit) {
   if (!RemoveAttributes(to) || !CopyData(from, to, limit)) return false;
   const bool chowned = fchown(to, source.st_uid, source.st_gid) == 0;
   if (!CopyAttributes(from, to)) return false;
-  // A set-id bit is meant for the source's owner, not for whoever owns the copy instead.
+  // A set-id bit is meant for the owner of the source, so it is kept only with that owner.
   static_cast<void>(fchmod(to, source.st_mode & (chowned ? ALLPERMS : ACCESSPERMS)));
   const timespec times[] = {source.st_atim, source.st_mtim};
   static_cast<void>(futimens(to, times));

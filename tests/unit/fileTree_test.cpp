@@ -115,8 +115,6 @@ TEST(FileTree, GoesDeeperThanPathsAndDescriptors) {
   });
 }
 
-// ---- one case after the other ----------------------------------------------------------------
-
 constexpr auto kCopy = [] { return File_CopyTree("f", "t", true, false); };
 constexpr auto kFollow = [] { return File_CopyTree("f", "t", true, true); };
 constexpr auto kCopyX = [] { return File_Copy("f/x", "t/x", true); };
@@ -191,6 +189,8 @@ constexpr Row kRows[] = {
     // What is half written goes, wherever a link has led to.
     {"ln -s /proc/self/mem f/x; mkdir t/d; ln -s ../out t/d/y; ln -s d/y t/x; mkdir d; >d/y",
      kCopyX, "EIO" READ_FAILED, "test ! -e t/out -a ! -L t/x -a -L t/d/y -a -e d/y"},
+    {"ln -s /proc/self/mem f/x", kCopyX, "EIO" READ_FAILED, "test -e t/x -a -e y", "read", 1,
+     "mv t/x y; >t/x"},
     {"echo 1 >f/x; >t/y", kMove, "ok", "test ! -e f && grep -q 1 t/x"},
     {"rmdir t; echo 1 >f/x", kMove, "ok", "test ! -e f && grep -q 1 t/x"},
     {"rmdir t; >t", kMove, "ENOTDIR MoveTree.dest.notDirectory", "test -d f"},

@@ -1,6 +1,6 @@
-// fileIOConfig.cpp -- the settings of the FileIO layer: read once, from whoever stores settings.
+// fileIOConfig.cpp -- the settings of the FileIO layer, read once from the program's store.
 //
-// Tests:  tests/unit/fileIO_test.cpp
+// Tested by tests/unit/fileIO_test.cpp.
 
 #include <atomic>
 

@@ -1,8 +1,8 @@
-// fileIOFace.cpp -- opening and closing with the lock that an open may ask for.
+// fileIOFace.cpp -- opening and closing with the lock that an open may request.
 //
-// Idea:   a record gets its name first, its lock second and its open file last.  What was taken is
-//         given back in one place, whatever fails.
-// Tests:  tests/unit/fileIO_test.cpp
+// Idea: a record gets its name first, its lock second and its open file last.  One procedure releases
+//       all of them, whatever fails.
+// Tested by tests/unit/fileIO_test.cpp.
 
 #include <unistd.h>
 

@@ -36,9 +36,8 @@ struct FileIOAlignedFreer {
 };
 using FileIOAlignedBuffer = std::unique_ptr<char[], FileIOAlignedFreer>;
 
-// `size` bytes that begin at a page, with what an earlier user left in them.  Exhausted memory is
-// fatal.  Any thread.
+// `size` uninitialised bytes that begin at a page.  Exhausted memory is fatal.  Any thread.
 [[nodiscard]] FileIOAlignedBuffer FileIOAlignedAlloc(size_t size);
 
-// Makes the pool's lock unless that was done.  Any thread.
+// Creates the pool's lock unless it exists.  Any thread.
 void FileIOAlignedPrepare();

@@ -1,5 +1,6 @@
-// fileIOLock.cpp -- the lock that an open may ask for.
-// Tested by tests/unit/fileIO_test.cpp, tests/unit/fileLock_test.cpp.
+// fileIOLock.cpp -- the lock that an open may request.
+//
+// Tested by tests/unit/fileIO_test.cpp and tests/unit/fileLock_test.cpp.
 
 #include <cerrno>
 #include <utility>

@@ -1,12 +1,12 @@
 // fileIOPool.cpp -- page-aligned buffers that are used again.
 //
-// Idea:   a few sizes, and for each a short stack of buffers that nobody uses.  A request takes the
-//         buffer used last of the smallest size that holds it, since that is the one most likely in
-//         the processor's cache; a buffer that comes back to a full stack is freed.  So the pool
-//         never keeps more than kDepth buffers of each size, 5.25 MiB in all.  Larger requests are
-//         rare, and not pooled.
-// Holds:  the lock guards the stacks only; memory is taken and freed outside it.
-// Tests:  tests/unit/fileIO_test.cpp
+// Idea:       a few sizes, each with a short stack of idle buffers.  A request takes the most
+//             recently used buffer of the smallest size that fits, the one most likely to be in the
+//             processor's cache; a buffer returned to a full stack is freed.  So the pool never keeps
+//             more than kDepth buffers of each size, 5.25 MiB in all.  Larger requests are rare and
+//             are not pooled.
+// Invariants: the lock guards the stacks only; memory is allocated and freed outside it.
+// Tested by tests/unit/fileIO_test.cpp.
 
 #include <unistd.h>
 
@@ -36,7 +36,7 @@ struct Pool {
 
   MXUserExclLock *Lock() { return MXUser_CreateSingletonExclLock(&lock, "alignedPoolLock", kRank); }
 
-  // That of the smallest size that holds `size` bytes; null when there is none.
+  // The stack of the smallest size that holds `size` bytes; null if there is none.
   Stack *StackFor(size_t size) {
     for (Stack &stack : stacks) {
       if (size <= stack.size) return &stack;

@@ -1,10 +1,10 @@
 // fileIOReplace.cpp -- a file replaced by a complete new one, at one moment.
 //
-// Idea:   the new file is on the device before rename(2) puts its name in the place of the old one;
-//         no reader and no crash can find half of it there (macOS's fsync(2) ends at the drive's
-//         own cache, which only a loss of power empties).  Nothing can fail after the rename, so
-//         the records change hands only then.
-// Tests:  tests/unit/fileIO_test.cpp
+// Idea: the new file is on the device before rename(2) puts it in the place of the old one, so neither
+//       a reader nor a crash finds half of it (on macOS fsync(2) only reaches the drive's own cache,
+//       which a loss of power empties).  Nothing can fail after the rename, so the records are
+//       changed only then.
+// Tested by tests/unit/fileIO_test.cpp.
 
 #include <stdio.h>
 #include <unistd.h>

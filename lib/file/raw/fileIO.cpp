@@ -1,9 +1,10 @@
 // fileIO.cpp -- open files without locks: results, records, whole transfers, closing.
 //
-// Holds:  1. errno is that of the call that failed, also after logging and clean-up.
-//         2. close(2) is never repeated: the descriptor is gone either way.
-// Opening: fileIOOpen.cpp.  With locks: fileIOFace.cpp.  Vectors: fileIOVector.cpp.
-// Tests:  tests/unit/fileIO_test.cpp
+// Invariants: 1. errno is that of the call that failed, even after logging and clean-up.
+//             2. close(2) is never repeated: the descriptor is gone either way.
+// Opening is in fileIOOpen.cpp, the variants with locks in ../io/fileIOFace.cpp, and vectors in
+// ../io/fileIOVector.cpp.
+// Tested by tests/unit/fileIO_test.cpp.
 
 #include "lib/public/fileIO.h"
 
@@ -51,9 +52,8 @@ constexpr ErrnoRow kErrnos[] = {
     {EDQUOT, FILEIO_WRITE_ERROR_DQUOT},
 };
 
-// Calls step(offset), which is read(2) or write(2) on what remains, until `requested` bytes are
-// through, or it gives 0 or an error other than EINTR, which it leaves in errno.  Returns whether
-// there was no error.
+// Calls step(offset), a read(2) or write(2) of what remains, until `requested` bytes have been
+// transferred or it returns 0 or an error other than EINTR.  False with errno after an error.
 template <typename Step>
 bool TransferAll(size_t requested, size_t *done, Step step) {
   *done = 0;
@@ -67,7 +67,7 @@ bool TransferAll(size_t requested, size_t *done, Step step) {
   return true;
 }
 
-void Tell(size_t *actual, size_t done) {
+void StoreIfWanted(size_t *actual, size_t done) {
   if (actual != nullptr) *actual = done;
 }
 
@@ -121,7 +121,7 @@ FileIOResult FileIO_Read(FileIODescriptor *fd, void *buffer, size_t requested, s
   const bool ok = TransferAll(requested, &done, [&](size_t offset) {
     return read(fd->posix, bytes + offset, requested - offset);
   });
-  Tell(actual, done);
+  StoreIfWanted(actual, done);
   if (!ok) return FileIOResultOfErrno(errno);
   return done < requested ? FILEIO_READ_ERROR_EOF : FILEIO_SUCCESS;
 }
@@ -134,8 +134,8 @@ FileIOResult FileIO_Write(FileIODescriptor *fd, const void *buffer, size_t reque
   const bool ok = TransferAll(requested, &done, [&](size_t offset) {
     return write(fd->posix, bytes + offset, requested - offset);
   });
-  Tell(actual, done);
-  // A device that takes nothing and reports nothing has no room, and must not be asked for ever.
+  StoreIfWanted(actual, done);
+  // A device that accepts no bytes and reports no error is full; asking again would never end.
   if (ok && done < requested) errno = ENOSPC;
   return done < requested ? FileIOResultOfErrno(errno) : FILEIO_SUCCESS;
 }

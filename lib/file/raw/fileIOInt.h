@@ -8,7 +8,7 @@
 
 #include "lib/public/fileIO.h"
 
-// No transfer is larger; macOS refuses more than that with EINVAL.
+// The largest transfer; macOS refuses more with EINVAL.
 inline constexpr size_t kFileIOMaxRequest = 0x7FFFFFFF;
 
 // The code of an errno value.
@@ -20,23 +20,23 @@ inline constexpr size_t kFileIOMaxRequest = 0x7FFFFFFF;
 
 // ---- open files without locks ----------------------------------------------------------------
 //
-// What the lock itself and the copies use; FileIO_Open and FileIO_Close are these and a lock.
+// The lock itself and the copies use these; FileIO_Open and FileIO_Close add a lock to them.
 
-// Makes a record with the name `path`; nothing is open yet.  False with errno set, and *fd invalid, when
-// the path is null (EFAULT) or `action` is none (EINVAL).
+// Makes a record with the name `path`; nothing is open yet.  False, with *fd invalid, for a null path
+// (EFAULT) or an unknown action (EINVAL).
 [[nodiscard]] bool FileIOBegin(FileIODescriptor *fd, const char *path, uint32_t access,
                                FileIOOpenAction action);
 
-// Opens the file of a record by its flags; what they say of locks means nothing here.  On failure the
-// record is as it was, with the cause in errno and, if need be, in the log.
+// Opens the file of a record as its flags say, except for locks.  A failure leaves the record as it was
+// and the cause in errno; FILEIO_ERROR is logged.
 [[nodiscard]] FileIOResult FileIOOpenRecord(FileIODescriptor *fd, FileIOOpenAction action,
                                             int mode);
 
-// Both of them; *fd is invalid after a failure.
+// FileIOBegin and FileIOOpenRecord; *fd is invalid after a failure.
 [[nodiscard]] FileIOResult FileIOOpenUnlocked(FileIODescriptor *fd, const char *path,
                                               uint32_t access, FileIOOpenAction action, int mode);
 
-// Closes the file and releases the record, of a file without a lock.
+// Closes a file that has no lock, and releases its record.
 FileIOResult FileIOCloseUnlocked(FileIODescriptor *fd);
 
 // Frees the name and makes *fd invalid; the descriptor stays open.  errno stays.

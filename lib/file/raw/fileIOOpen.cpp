@@ -1,6 +1,7 @@
 // fileIOOpen.cpp -- opening without a lock: from access flags and an action to an open file and its
 // record.
-// Tests:  tests/unit/fileIO_test.cpp
+//
+// Tested by tests/unit/fileIO_test.cpp.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -27,7 +28,7 @@ std::atomic<FileIOPrivilegedOpenFn> privilegedOpen = nullptr;
 // By action.
 constexpr int kActionFlags[] = {0, O_TRUNC, O_CREAT, O_CREAT | O_EXCL, O_CREAT | O_TRUNC};
 
-// Access flags that stand for an open(2) flag by themselves.
+// Access flags that correspond to a flag of open(2).
 struct FlagRow {
   uint32_t access;
   int flag;
@@ -76,8 +77,8 @@ int OpenByReplacement(FileIOPrivilegedOpenFn replacement, const char *path, int 
   return fd.Release();
 }
 
-// What a user must not be able to do through a privileged program is refused before anything runs:
-// a path that he controls would be created or emptied as the super-user.
+// Creating and emptying are refused before anything runs: through a privileged program, a user could
+// have any file created or emptied by the super-user.
 int OpenPrivileged(const char *path, int flags, bool locked) {
   if ((flags & (O_CREAT | O_TRUNC)) != 0) {
     errno = EACCES;
@@ -86,7 +87,7 @@ int OpenPrivileged(const char *path, int flags, bool locked) {
   const FileIOPrivilegedOpenFn replacement = privilegedOpen.load(std::memory_order_acquire);
   if (replacement != nullptr) return OpenByReplacement(replacement, path, flags, locked);
   if (geteuid() == 0) return OpenPlain(path, flags, 0, locked);
-  // PRIV: one open of a file that exists, as the super-user.
+  // PRIV: one open of an existing file as the super-user.
   const uid_t saved = Id_BeginSuperUser();
   const int fd = OpenPlain(path, flags, 0, locked);
   const ErrnoKeeper keeper;
