@@ -37,6 +37,6 @@
 // does not come along.
 [[nodiscard]] bool Platform_CopyFileWithMetadata(int from, int to, uint64_t limit);
 
-// Removes the access control list of the open file, so that its mode alone decides on access.  False
-// with errno set; true for a file or a file system without lists.
+// Removes the access control list of the open file, so that its mode alone governs access.
+// False with errno set; a file or file system without a list is a success.
 [[nodiscard]] bool Platform_RemoveAccessList(int fd);

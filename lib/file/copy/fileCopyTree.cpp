@@ -1,8 +1,8 @@
 // fileCopyTree.cpp -- copies of directory trees.
 //
 // Idea:       two ways down, one in each tree, and the names that are left in each directory of the
-//             way.  Every step names one entry of an open directory, on both sides, so whoever
-//             changes a tree meanwhile cannot lead the copy elsewhere.  The first failure ends it.
+//             way.  Every step names one entry of an open directory, on both sides, so changes to
+//             either tree meanwhile cannot lead the copy elsewhere.  The first failure ends it.
 // Invariants: 1. An entry is opened first and looked at afterwards, so what is copied is what was
 //             looked at.  Without followSymlinks neither side is opened through a link, and nothing
 //             waits for the other end of a FIFO; with bounds, special files are not even opened.
