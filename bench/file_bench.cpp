@@ -64,7 +64,7 @@ void AddList(Ratios *ratios, const fs::path &dir, int count) {
   const fs::path parent = dir / row;
   Fill(parent, count, count);
   const fs::path full = parent / "0";
-  ratios->AddRow(row, {{"ls", 1.3}, {"loop", 2}});
+  ratios->AddRow(row, {{"ls", 1.3}, {"loop", 2.5}});
   AddWholeRun(
       row + "/lumen", [] {}, [=] { List(full.c_str()); });
   AddWholeRun(
