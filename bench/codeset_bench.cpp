@@ -80,7 +80,7 @@ std::vector<Script> Scripts() {
        Text({"키스의 ", "고유조건은 ", "입술끼리 ", "만나야 ", "하고 ", "특별한 ", "기술은 ",
              "필요치 ", "않다. ", "다람쥐 ", "헌 ", "쳇바퀴에 ", "타고파 "}),
        1, kWords},
-      {"path", "/Users/lumen/Library/Caches/lumen/42.log", 1, kWords},
+      {"path", "/Library/Caches/com.zephrin.lumen/42.log", 1, kWords},
   };
 }
 

@@ -28,15 +28,23 @@ static void consume(int fd) {
 /* Step 1: greet.  Step 2: the greeting comes back with the descriptor.  Step 3: "1" accepts it. */
 static void serve(int peer) {
   char byte = 'g';
-  union { struct cmsghdr align; char bytes[CMSG_SPACE(sizeof(int))]; } control = {0};
+  union {
+    struct cmsghdr align;
+    char bytes[CMSG_SPACE(sizeof(int))];
+  } control = {0};
   struct iovec payload = {&byte, 1};
-  struct msghdr message = {.msg_iov = &payload, .msg_iovlen = 1, .msg_control = &control, .msg_controllen = sizeof control};
+  struct msghdr message = {.msg_iov = &payload,
+                           .msg_iovlen = 1,
+                           .msg_control = &control,
+                           .msg_controllen = sizeof control};
   alarm(10); /* A user may stop the opener at any point. */
   if (send(peer, &byte, 1, MSG_NOSIGNAL) != 1) return;
   byte = 0;
   if (recvmsg(peer, &message, MSG_CMSG_CLOEXEC) != 1 || byte != 'g') return;
   struct cmsghdr *header = CMSG_FIRSTHDR(&message);
-  if (header == NULL || header->cmsg_type != SCM_RIGHTS || header->cmsg_len != CMSG_LEN(sizeof(int))) return;
+  if (header == NULL || header->cmsg_type != SCM_RIGHTS ||
+      header->cmsg_len != CMSG_LEN(sizeof(int)))
+    return;
   int delivered;
   memcpy(&delivered, CMSG_DATA(header), sizeof delivered);
   if (send(peer, "1", 1, MSG_NOSIGNAL) != 1) return;
@@ -48,7 +56,8 @@ static void serve(int peer) {
 int main(int argc, char **argv) {
   if (argc < 3) return 2;
   int listener = atoi(argv[1]); /* argv[2], the status pipe, is of no interest here */
-  if (setgroups(0, NULL) != 0 || setgid(0) != 0 || setuid(0) != 0) return 1; /* nothing of the user stays */
+  if (setgroups(0, NULL) != 0 || setgid(0) != 0 || setuid(0) != 0)
+    return 1; /* nothing of the user stays */
   environ = NULL;
   signal(SIGCHLD, SIG_IGN);
   if (listen(listener, SOMAXCONN) != 0 || fcntl(listener, F_SETFL, O_NONBLOCK) != 0) return 1;

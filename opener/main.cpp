@@ -23,10 +23,11 @@
 #include "opener/rendezvousPlaces.h"
 #include "opener/serviceImpl.h"
 #include "opener/staging.h"
-#include "opener/stagingPlan.h"
 #include "opener/startup.h"
 
 namespace {
+
+constexpr char kServicesDir[] = "Services";
 
 // Checked before anything else: the daemon in the bundle must belong to root.
 bool BundleDaemonIsRootOwned() {
@@ -36,7 +37,7 @@ bool BundleDaemonIsRootOwned() {
 
 // The daemon is started from the root-owned staging tree, never from the bundle.
 char *StagedDaemonPath() {
-  return Str_Asprintf(nullptr, "%s%s%s", Location_GetInstallRoot(), kServicesFolder,
+  return Str_Asprintf(nullptr, "%s/%s%s", Location_GetInstallRoot(), kServicesDir,
                       LocationGetRelative("serviceDaemonFile"));
 }
 

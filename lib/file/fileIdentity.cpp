@@ -52,7 +52,7 @@ int FileRequireOutside(int dir, const FileIdentity &outer) {
   FileIdentity below{};
   Fd at(openat(dir, ".", kFileOpenDirectory));
   for (;;) {
-    FileIdentity here;
+    FileIdentity here{};
     if (!at) return errno == EACCES || errno == EPERM ? 0 : errno;
     if (FileIdentity::Of(at.Get(), &here) != 0) return errno;
     if (here == outer) return errno = EINVAL;

@@ -120,8 +120,9 @@ struct Float128 {
   int exponent;
 };
 
+// `number` is not 0.
 constexpr Float128 Normalized(uint64_t number, int exponent) {
-  const int zeros = std::countl_zero(number);
+  const int zeros = std::countl_zero(number) % 64;
   return {Wide{number} << (64 + zeros), exponent - 64 - zeros};
 }
 

@@ -62,7 +62,7 @@ struct Arguments {
   }
 
   std::string Need(const std::string &option) const {
-    const std::string value = Get(option);
+    std::string value = Get(option);
     if (value.empty()) throw UsageError("--" + option + " is missing");
     return value;
   }

@@ -38,8 +38,8 @@ bool FileCopyPaths(const char *srcName, const char *dstName, bool overwriteExist
 bool FileTellOpenError(const FileEntry &src, FileIOResult result);
 
 // File_CopyTree for a source that is open as `src`.
-bool FileCopyOpenTree(Fd src, const char *srcName, const char *dstName,
-                      const FileCopyOptions &options);
+bool FileCopyTreeWorker(Fd src, const char *srcName, const char *dstName,
+                        const FileCopyOptions &options);
 
 // The sum of the files in the tree that is open as `top`; links count as 0 unless they are followed.
 // -1 with errno when it cannot be listed.

@@ -227,8 +227,8 @@ Fd OpenDestinationTop(const char *dstName) {
 
 }  // namespace
 
-bool FileCopyOpenTree(Fd src, const char *srcName, const char *dstName,
-                      const FileCopyOptions &options) {
+bool FileCopyTreeWorker(Fd src, const char *srcName, const char *dstName,
+                        const FileCopyOptions &options) {
   Fd to = OpenDestinationTop(dstName);
   return to && TreeCopy(options).Run(std::move(src), srcName, std::move(to), dstName);
 }
@@ -242,7 +242,7 @@ bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExist
   }
   Fd src(open(srcName, kFileOpenDirectory));
   if (!src) return TellWalkError(srcName);
-  return FileCopyOpenTree(
+  return FileCopyTreeWorker(
       std::move(src), srcName, dstName,
       {.overwriteExisting = overwriteExisting, .followSymlinks = followSymlinks});
 }
@@ -251,5 +251,6 @@ bool File_CopyOpenTree(int srcDir, const char *srcName, const char *dstName,
                        FileCopyBounds bounds) {
   Fd src(fcntl(srcDir, F_DUPFD_CLOEXEC, 0));
   if (!src) return TellWalkError(srcName);
-  return FileCopyOpenTree(std::move(src), srcName, dstName, {.regularOnly = true, .left = &bounds});
+  return FileCopyTreeWorker(std::move(src), srcName, dstName,
+                            {.regularOnly = true, .left = &bounds});
 }

@@ -116,8 +116,8 @@ bool MoveByCopy(Fd src, const char *srcName, const char *dstName, bool overwrite
   }
   bool created = false;
   if (!PrepareDestination(src.Get(), srcName, dstName, &created)) return false;
-  if (!FileCopyOpenTree(std::move(src), srcName, dstName,
-                        {.overwriteExisting = overwriteExisting})) {
+  if (!FileCopyTreeWorker(std::move(src), srcName, dstName,
+                          {.overwriteExisting = overwriteExisting})) {
     const ErrnoKeeper keeper;
     TellCopyFailed(srcName);
     if (created) File_DeleteDirectoryTree(dstName);

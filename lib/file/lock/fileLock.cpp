@@ -1,4 +1,4 @@
-// fileLock.cpp -- the portable on-disk lock: taking it in five steps, and releasing it.
+// fileLock.cpp -- the portable on-disk lock: taking it in four steps, and releasing it.
 //
 // Idea:   Lamport's bakery, played with directory entries.  A participant puts a member file with a
 //         number, one above the highest there is, into the directory FILE.lck and waits until those
@@ -104,6 +104,28 @@ int Leave(const FileLockToken &token) {
   return error;
 }
 
+// Errno-style: the portable lock, step by step.
+int FileLockIntrinsicPortable(FileLockRequest *request, FileLockToken **token) {
+  FileLockPaths paths;
+  int error = FileLockCreateEntryDirectory(*request, &paths);  // 1. the entry
+  if (IsImplicit(*request, error)) {
+    *token = NewToken(request, nullptr);
+    return 0;
+  }
+  if (error == 0) error = FileLockCreateMemberFile(request, paths);         // 2. the member
+  if (error == 0) error = FileLockAwaitTurn(*request, paths);               // 3. the turn
+  if (error == 0) *token = NewToken(request, std::move(paths.memberFile));  // 4. the token
+  return error;
+}
+
+// Errno-style: takes the kind of lock that is the default here, which is the portable one.
+int FileLockIntrinsic(const char *path, bool exclusive, uint32_t msecMaxWait, int cancelFd,
+                      FileLockToken **token) {
+  static_assert(!FileLockNativeIsDefault());
+  FileLockRequest request(path, exclusive, msecMaxWait, cancelFd);
+  return FileLockIntrinsicPortable(&request, token);
+}
+
 }  // namespace
 
 FileLockRequest::FileLockRequest(const char *filePath, bool exclusive, uint32_t waitMs,
@@ -132,14 +154,9 @@ FileLockToken *FileLock_LockCancellable(const char *path, bool readOnly, uint32_
   const HeapStr normalized = NormalizePath(path);
   if (normalized == nullptr) return Refuse(EINVAL, err, msgList);
   *err = 0;
-  FileLockPaths paths;
-  FileLockRequest request(normalized.get(), !readOnly, msecMaxWait, cancelFd);  // 1. the request
-  int error = FileLockCreateEntryDirectory(request, &paths);                    // 2. the entry
-  if (IsImplicit(request, error)) return NewToken(&request, nullptr);
-  if (error == 0) error = FileLockCreateMemberFile(&request, paths);  // 3. the member
-  if (error == 0) error = FileLockAwaitTurn(request, paths);          // 4. the turn
-  if (error != 0) return Refuse(error, err, msgList);
-  return NewToken(&request, std::move(paths.memberFile));  // 5. the token
+  FileLockToken *token = nullptr;
+  const int error = FileLockIntrinsic(normalized.get(), !readOnly, msecMaxWait, cancelFd, &token);
+  return error == 0 ? token : Refuse(error, err, msgList);
 }
 
 bool FileLock_Unlock(FileLockToken *token, int *err, MsgList **msgList) {

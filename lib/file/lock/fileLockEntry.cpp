@@ -95,16 +95,17 @@ bool IsDanglingLink(const char *path) {
          FileAttributes(path, nullptr) == ENOENT;
 }
 
-HeapStr PathOf(const char *lockDir, char letter, uint32_t number) {
-  return HeapStr(
-      Str_SafeAsprintf(nullptr, "%s/%c%05u%s", lockDir, letter, number, kFileLockSuffix));
+// `format` is that of the name: a letter, five digits, the suffix.
+HeapStr PathOf(const char *lockDir, const char *format, uint32_t number) {
+  const HeapStr name(Str_SafeAsprintf(nullptr, format, number, kFileLockSuffix));
+  return HeapStr(Str_SafeAsprintf(nullptr, "%s/%s", lockDir, name.get()));
 }
 
 void DrawNumber(const char *lockDir, FileLockPaths *paths) {
   const uint32_t number = FileSimpleRandom() >> 8 & 0xFFFF;
-  paths->entryDir = PathOf(lockDir, kFileLockChoosing, number);
-  paths->entryFile = PathOf(lockDir, kFileLockEntry, number);
-  paths->memberFile = PathOf(lockDir, kFileLockMember, number);
+  paths->entryDir = PathOf(lockDir, "D%05u%s", number);
+  paths->entryFile = PathOf(lockDir, "E%05u%s", number);
+  paths->memberFile = PathOf(lockDir, "M%05u%s", number);
 }
 
 // Errno values of two calls.

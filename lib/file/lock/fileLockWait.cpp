@@ -244,7 +244,7 @@ int ReportTimeout(const FileLockRequest &request, const FileLockMember &other, b
 }
 
 // Errno-style: waits until `other` has left.
-int WaitForPossession(const FileLockMember &other, const FileLockRequest &request) {
+int FileLockWaitForPossession(const FileLockMember &other, const FileLockRequest &request) {
   const bool local = OldMachineIDMatch(request.me.machineID, other.machineID);
   for (;;) {
     const auto elapsedMs = static_cast<uint64_t>(MonotonicClock_Ms() - request.startMs);
@@ -270,7 +270,7 @@ int AwaitQueue(const FileLockRequest &request, const FileNames &names) {
     FileLockMember other;
     error = FileLockMemberValues(request.Dir(), ahead.name, &record, &other);
     // It may have left, and somebody else have drawn its number.
-    if (error == 0 && GoesFirst(other, request)) error = WaitForPossession(other, request);
+    if (error == 0 && GoesFirst(other, request)) error = FileLockWaitForPossession(other, request);
     if (error == ENOENT) error = 0;
   }
   return error;
