@@ -26,6 +26,11 @@ inline uint64_t WordAt(const char *bytes) {
   return word;
 }
 
+// The libraries of the two hosts disagree on the type that std::rotl wants for `bits`.
+inline uint32_t RotateLeft(uint32_t value, size_t bits) {
+  return value << bits % 32 | value >> (32 - bits) % 32;
+}
+
 inline uint32_t HashString(const char *key) {
   const size_t length = strlen(key);
   uint32_t hash = 0;
@@ -35,7 +40,7 @@ inline uint32_t HashString(const char *key) {
   if (rest == 0) return hash;
   if (length >= 8) {
     const uint64_t last = WordAt(key + length - 8) & ~uint64_t{0} << (64 - 8 * rest);
-    return std::rotl(hash, static_cast<int>(5 * rest)) ^ HashWord(last);
+    return RotateLeft(hash, 5 * rest) ^ HashWord(last);
   }
   for (; at < length; at++) hash = std::rotl(hash ^ static_cast<unsigned char>(key[at]), 5);
   return hash;
