@@ -14,6 +14,8 @@ else()
   set(LUMEN_BUNDLE "/opt/zephrin/Zephrin Lumen Client.app" CACHE PATH "The client's bundle")
 endif()
 
+include(GNUInstallDirs)
+
 # Of folders, whatever the umask of who installs: read when the top of the tree is configured.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
                                                 GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
