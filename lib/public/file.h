@@ -166,8 +166,9 @@ void File_GetPathName(const char *path, char **pathName, char **base);
 // copy (ELOOP).  A FIFO then gives only what it holds.
 //
 // The first failure ends the copy, and what was copied stays.  EINVAL when a directory of the source
-// is also one of the destination, which would copy it into itself or over itself; ELOOP for a
-// directory met again below itself.  Depth is bounded by memory alone; ten descriptors are in use.
+// is also one of the destination, which would copy it into itself or over itself; EEXIST when a file
+// to be overwritten is one of the source; ELOOP for a directory met again below itself.  Depth is
+// bounded by memory alone; ten descriptors are in use.
 [[nodiscard]] bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
                                  bool followSymlinks);
 

@@ -186,6 +186,13 @@ constexpr Row kRows[] = {
     {">f/x; echo old >t/x", kBounded, "EEXIST" COPY_FAILED CREATE_FAILED, "grep -q old t/x"},
     {"mkdir f/x; echo old >t/x", kCopyX, "EISDIR" READ_FAILED, "grep -q old t/x"},
     {"echo 1 >f/x; ln f/x t/x", kCopyX, "EEXIST" CREATE_FAILED, "grep -q 1 f/x"},
+    // Other names of what is yet to be copied, or has been.
+    {"echo 1 >f/x; echo 2 >f/y; ln f/x t/y; ln f/y t/x", kCopy, "EEXIST" COPY_FAILED CREATE_FAILED,
+     "grep -q 1 f/x && grep -q 2 f/y"},
+    {"echo 1 >f/x; echo 2 >f/y; ln -s ../f/x t/y; ln -s ../f/y t/x", kFollow,
+     "EEXIST" COPY_FAILED CREATE_FAILED, "grep -q 1 f/x && grep -q 2 f/y"},
+    {"mkdir f/a f/b; echo 1 >f/a/x; echo 2 >f/b/x; ln -s ../f/a t/b; ln -s ../f/b t/a", kFollow,
+     "EINVAL" COPY_FAILED, "grep -q 1 f/a/x && grep -q 2 f/b/x"},
     // What is half written goes, wherever a link has led to.
     {"ln -s /proc/self/mem f/x; mkdir t/d; ln -s ../out t/d/y; ln -s d/y t/x; mkdir d; >d/y",
      kCopyX, "EIO" READ_FAILED, "test ! -e t/out -a ! -L t/x -a -L t/d/y -a -e d/y"},
@@ -231,8 +238,9 @@ constexpr Row kRows[] = {
     {"mkdir -p t/x/x m; echo 1 >t/x/x/y; mount --bind t m && rmdir f && ln -s m f",
      [] { return File_MoveTree("m/x", "t", true, nullptr); }, "EINVAL" MOVE_FAILED COPY_FAILED,
      "grep -q 1 t/x/x/y"},
-    {"mkdir -p f/m f/s t/m; echo 1 >f/m/f; mount --bind f/s t/m", kMove,
-     "EINVAL" MOVE_FAILED COPY_FAILED, "grep -q 1 f/m/f"},
+    {"mkdir -p f/a f/b t/a t/b; echo 1 >f/a/x; echo 2 >f/b/x; mount --bind f/a t/b;"
+     "mount --bind f/b t/a",
+     kMove, "EINVAL" MOVE_FAILED COPY_FAILED, "grep -q 1 f/a/x && grep -q 2 f/b/x"},
     {"echo 1 >f/x; mknod t/x c 1 7 || (>t/x; mount --bind /dev/full t/x)", kCopyX,
      "ENOSPC" WRITE_FAILED, "test -c t/x"},
 };
@@ -249,7 +257,7 @@ void RunRow(const Row &row) {
   CaptureOutput([&] { outcome = OkOrErrno(row.call()); });
   EXPECT_EQ(row.outcome, outcome + Messages()) << row.setUp;
   EXPECT_TRUE(Shell(row.check)) << row.setUp << " / " << row.check;
-  Shell("umount m t/m t/x 2>/dev/null");
+  Shell("umount m t/a t/b t/x 2>/dev/null");
   fs::current_path("/");
 }
 

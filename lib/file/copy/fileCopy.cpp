@@ -3,7 +3,7 @@
 // Invariants: 1. Each failure appends one message where it is found, and the first cause is in
 //             errno when the copy returns.
 //             2. The source is never touched: the destination is opened without emptying it, and
-//             emptied only after it has been found to be another file.
+//             emptied only after it has been found to be another file, and none of the same tree.
 //             3. What is removed after a failure is the regular file that was opened, found again by
 //             its identity; not whatever its name leads to by then, and no device.
 // Tested by tests/unit/fileTree_test.cpp.
@@ -105,7 +105,8 @@ FileIOResult OpenDestination(const FileEntry &dst, const FileCopyOptions &option
                     (options.followSymlinks ? 0 : O_NOFOLLOW | O_NONBLOCK);
   Fd file(openat(dst.dir, dst.name, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0600));
   if (file && fstat(file.Get(), opened) == 0) {
-    if (FileIdentity::Of(*opened) == src) {
+    const FileIdentity identity = FileIdentity::Of(*opened);
+    if (identity == src || (options.source != nullptr && options.source->Get(identity))) {
       errno = EEXIST;
       return FILEIO_OPEN_ERROR_EXIST;
     }

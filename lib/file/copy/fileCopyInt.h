@@ -23,6 +23,7 @@ struct FileCopyOptions {
   bool followSymlinks = false;     // without it no link is opened, and no FIFO is waited for
   bool regularOnly = false;        // only regular files and directories are opened: ENOTSUP
   FileCopyBounds *left = nullptr;  // what may still be copied, EFBIG beyond; null: no bounds
+  const FileIdentityMap *source = nullptr;  // files that are never overwritten: EEXIST; null: none
 };
 
 // File_Copy's work once the source is open as *src, which it closes.  *copied, unless `copied` is
@@ -40,6 +41,9 @@ bool FileTellOpenError(const FileEntry &src, FileIOResult result);
 // File_CopyTree for a source that is open as `src`.
 bool FileCopyTreeWorker(Fd src, const char *srcName, const char *dstName,
                         const FileCopyOptions &options);
+
+// Errno-style: enters the directories and regular files of the tree that is open as `top` into *found.
+[[nodiscard]] int FileScanTree(Fd top, const char *path, bool followLinks, FileIdentityMap *found);
 
 // The sum of the files in the tree that is open as `top`; links count as 0 unless they are followed.
 // -1 with errno when it cannot be listed.

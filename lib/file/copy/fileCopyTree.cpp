@@ -6,9 +6,10 @@
 // Invariants: 1. An entry is opened first and looked at afterwards, so what is copied is what was
 //             looked at.  Without followSymlinks neither side is opened through a link, and nothing
 //             waits for the other end of a FIFO; with bounds, special files are not even opened.
-//             2. Whatever names and mounts lead there: no directory is both read and written, so
-//             the copy neither changes its source nor copies itself; and none is entered from
-//             within itself.
+//             2. Whatever names, links and mounts lead there: no file or directory of the source is
+//             written, so the copy neither changes its source nor copies itself; and no directory is
+//             entered from within itself.  What an empty destination receives is new; in any other
+//             the files of the source are known before the first is copied.
 // Tested by tests/unit/fileTree_test.cpp.
 
 #include <fcntl.h>
@@ -57,11 +58,11 @@ bool TellCopyError(const FileEntry &src, const FileEntry &dst) {
 // ---- the copy ----------------------------------------------------------------------------------
 
 class TreeCopy {
-  const FileCopyOptions &options_;
+  FileCopyOptions options_;
   FileDescent from_;
   FileDescent to_;
   FileLevels levels_;
-  FileIdentityMap read_;     // directories of the source so far
+  FileIdentityMap read_;     // directories of the source so far, or all its directories and files
   FileIdentityMap written_;  // directories of the destination so far
 
   FileEntry Source(const char *name) const { return {from_.Here(), name, &from_}; }
@@ -69,6 +70,7 @@ class TreeCopy {
   Fd OpenSource(const char *name) const;
   Fd OpenDestination(const char *name) const;
   [[nodiscard]] bool List(int dir, const char *path, FileNames *names) const;
+  [[nodiscard]] bool LearnSource(int from, const char *srcName, int to, const char *dstName);
   [[nodiscard]] bool MayRead(const FileIdentity &dir);
   [[nodiscard]] bool MayWrite(int dir);
   bool CopyLink(const char *name) const;
@@ -79,7 +81,9 @@ class TreeCopy {
 
  public:
   explicit TreeCopy(const FileCopyOptions &options)
-      : options_(options), from_(options.followSymlinks), to_(options.followSymlinks) {}
+      : options_(options), from_(options.followSymlinks), to_(options.followSymlinks) {
+    options_.source = &read_;
+  }
 
   bool Run(Fd from, const char *srcName, Fd to, const char *dstName);
 };
@@ -109,6 +113,18 @@ bool TreeCopy::List(int dir, const char *path, FileNames *names) const {
   }
   if (left != nullptr) left->entries -= static_cast<uint64_t>(names->Count());
   return true;
+}
+
+// Within bounds this is left out: they are for a destination that only this copy fills.
+bool TreeCopy::LearnSource(int from, const char *srcName, int to, const char *dstName) {
+  if (options_.left != nullptr) return true;
+  FileNames there;
+  if (!there.ListAt(to, dstName)) return TellCopyError(srcName, dstName);
+  if (there.Count() == 0) return true;
+  Fd top(fcntl(from, F_DUPFD_CLOEXEC, 0));
+  const bool known =
+      top && FileScanTree(std::move(top), srcName, options_.followSymlinks, &read_) == 0;
+  return known || TellWalkError(srcName);
 }
 
 // EINVAL for a directory of the destination, ELOOP for one that the way leads through already.
@@ -195,7 +211,9 @@ bool TreeCopy::Run(Fd from, const char *srcName, Fd to, const char *dstName) {
   if (FileIdentity::Of(from.Get(), &source) != 0) return TellWalkError(srcName);
   if (FileRequireOutside(to.Get(), source) != 0) return TellCopyError(srcName, dstName);
   FileNames top;
-  if (!List(from.Get(), srcName, &top)) return false;
+  if (!List(from.Get(), srcName, &top) || !LearnSource(from.Get(), srcName, to.Get(), dstName)) {
+    return false;
+  }
   if (!MayRead(source) || !MayWrite(to.Get()) || to_.Begin(std::move(to), dstName) != 0 ||
       from_.Begin(std::move(from), srcName) != 0) {
     return TellCopyError(srcName, dstName);
