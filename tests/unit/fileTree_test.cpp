@@ -162,7 +162,8 @@ constexpr Row kRows[] = {
     {"ln -s $(printf 't\\377') f/x", kCopy, "ok", "test $(readlink t/x) = $(readlink f/x)"},
     {"ln -s a f/x; >t/x", kCopy, "EEXIST CopyTree.symlink.failure", "test -f t/x"},
     // Nothing waits, and nothing is written elsewhere.
-    {"mkfifo f/x", kCopy, "ok", "test -f t/x -a ! -s t/x"},
+    {"mkfifo f/x; exec 3<>f/x; printf abc >&3; sleep 99 & echo $! >pid", kCopy, "ok",
+     "kill $(cat pid) && test -f t/x && grep -q abc t/x"},
     {">f/x; ln -s ../out t/x", kCopy, "ELOOP" COPY_FAILED CREATE_FAILED, "test ! -e out"},
     {"mkdir f/x out; >f/x/y; ln -s ../out t/x", kCopy, "ELOOP" COPY_FAILED, "test ! -e out/y"},
     {"mkdir -p f/x s; >f/x/y", kCopy, "ok", "test -L f/x -a -L t/x", "openat", -1,

@@ -72,17 +72,19 @@ bool TakeBytes(FileCopyBounds *left, size_t size) {
   return true;
 }
 
-// File_CopyFromFdToFd within bounds.
-bool CopyWithin(FileIODescriptor *src, FileIODescriptor *dst, FileCopyBounds *left) {
+// File_CopyFromFdToFd within bounds.  With `drain`, what would have to be waited for is not copied.
+bool CopyWithin(FileIODescriptor *src, FileIODescriptor *dst, FileCopyBounds *left, bool drain) {
   char buffer[kBufferSize];
   for (;;) {
     size_t size = 0;
     const FileIOResult got = FileIO_Read(src, buffer, sizeof buffer, &size);
-    if (got != FILEIO_SUCCESS && got != FILEIO_READ_ERROR_EOF) return TellReadError();
+    const bool ended =
+        got == FILEIO_READ_ERROR_EOF || (drain && got == FILEIO_ERROR && errno == EAGAIN);
+    if (got != FILEIO_SUCCESS && !ended) return TellReadError();
     if (!TakeBytes(left, size)) return TellWriteError(FILEIO_WRITE_ERROR_FBIG);
     const FileIOResult put = FileIO_Write(dst, buffer, size, nullptr);
     if (put != FILEIO_SUCCESS) return TellWriteError(put);
-    if (got == FILEIO_READ_ERROR_EOF) return true;
+    if (ended) return true;
   }
 }
 
@@ -138,7 +140,8 @@ bool CopyToEntry(FileIODescriptor *src, const FileEntry &dst, const FileCopyOpti
   if (S_ISREG(from.st_mode) && S_ISREG(to.st_mode) && from.st_size > off_t{kBufferSize}) {
     CopyInKernel(src->posix, out.posix, options.left);
   }
-  bool ok = CopyWithin(src, &out, options.left);
+  const bool drain = S_ISFIFO(from.st_mode) && !options.followSymlinks;
+  bool ok = CopyWithin(src, &out, options.left, drain);
   ok = CloseAfter(ok, &out, kCannotCloseDestination, dst);
   if (!ok && S_ISREG(to.st_mode)) FileRemoveOpened(dst.dir, dst.name, FileIdentity::Of(to));
   return ok;
@@ -164,7 +167,7 @@ bool FileCopyOpened(FileIODescriptor *src, const FileEntry &srcEntry, const File
 }
 
 bool File_CopyFromFdToFd(FileIODescriptor *srcFd, FileIODescriptor *dstFd) {
-  return CopyWithin(srcFd, dstFd, nullptr);
+  return CopyWithin(srcFd, dstFd, nullptr, false);
 }
 
 bool File_CopyFromFdToName(FileIODescriptor *srcFd, const char *dstName, bool overwriteExisting) {
