@@ -115,7 +115,7 @@ class FileNames {
   ~FileNames() { Clear(); }
 
   // On failure false, with errno set and no names.  In the second form `dir` is the directory,
-  // which stays open; `path` is what log records call it; more names than `limit` are EFBIG.
+  // which stays open; `path` is what log records call it; more entries than `limit` are EFBIG.
   [[nodiscard]] bool List(const char *path);
   [[nodiscard]] bool ListAt(int dir, const char *path, uint64_t limit = UINT64_MAX);
   void Clear() noexcept;

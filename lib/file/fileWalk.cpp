@@ -106,6 +106,7 @@ class NameTable {
 struct WalkDirContext {
   HeapStr path;
   DirStream stream;
+  uint64_t left = UINT64_MAX;  // entries that may still be read
   NameTable names{};
 };
 
@@ -144,13 +145,10 @@ const char *TextOfName(const char *path, const char *name) {
   return kUndecodable;
 }
 
-// Goes to the end of the walk.  False with errno; EFBIG for more names than `limit`.
+// Goes to the end of the walk.  False with errno; EFBIG for more entries than `limit`.
 bool Finish(WalkDirContext *context, uint64_t limit) {
-  while (File_WalkDirectoryNext(context, nullptr)) {
-    if (context->names.Count() <= limit) continue;
-    errno = EFBIG;
-    return false;
-  }
+  context->left = limit;
+  while (File_WalkDirectoryNext(context, nullptr)) continue;
   return errno == 0;
 }
 
@@ -168,6 +166,11 @@ bool File_WalkDirectoryNext(WalkDirContext *context, char **name) {
     const dirent *const entry = readdir(context->stream.get());
     if (entry == nullptr) return false;
     if (IsDots(entry->d_name)) continue;
+    // Counted before it is logged: names that all become the same text have an end, too.
+    if (context->left-- == 0) {
+      errno = EFBIG;
+      return false;
+    }
     const char *const text = TextOfName(context->path.get(), entry->d_name);
     if (!context->names.Insert(text, entry->d_type)) continue;
     if (name != nullptr) *name = Heap_SafeStrdup(text).release();

@@ -183,6 +183,8 @@ constexpr Row kRows[] = {
     {"head -c 9999 /dev/zero >f/x", kBounded, "EFBIG" COPY_FAILED WRITE_FAILED, "test ! -e t/x"},
     {"mkdir f/d; touch f/d/1 f/d/2 f/d/3 f/d/4", kBounded, "EFBIG CopyTree.walk.failure",
      "test ! -e t/d"},
+    {"for i in 1 2 3 4 5; do >f/$(printf \"\\\\37$i\"); done", kBounded,
+     "EFBIG CopyTree.walk.failure", "true"},
     {"mkfifo f/x", kBounded, "EOPNOTSUPP" COPY_FAILED " Copy.open.failure", "test ! -e t/x"},
     {">f/x; echo old >t/x", kBounded, "EEXIST" COPY_FAILED CREATE_FAILED, "grep -q old t/x"},
     {"mkdir f/x; echo old >t/x", kCopyX, "EISDIR" READ_FAILED, "grep -q old t/x"},
