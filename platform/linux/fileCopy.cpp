@@ -62,18 +62,14 @@ bool CopyByHand(int from, int to, off_t *offset, uint64_t limit) {
   }
 }
 
-bool KernelCannot(int error) {
-  return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP;
-}
-
-// The kernel copies as far as it can and may.
+// The kernel copies as far as it can and may.  No error of its own is final: kernels, file systems and
+// system call filters have many ways to say that they cannot, and any other the copy by hand meets.
 bool CopyData(int from, int to, uint64_t limit) {
   off_t in = 0;
   off_t out = 0;
   while (const uint64_t piece = std::min(kKernelPiece, limit - static_cast<uint64_t>(in))) {
     const ssize_t n = copy_file_range(from, &in, to, &out, piece, 0);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && !KernelCannot(errno)) return false;
     if (n <= 0) break;
   }
   // Only reading shows whether this is the end.  It may also be the limit, or the kernel has returned 0
