@@ -76,9 +76,9 @@ class FileIdentityMap {
 int FileDeletePath(const char *path, bool handleLink);
 
 // Removes the file `identity`, no directory, that `name` leads to from the directory `dir` (which
-// may be AT_FDCWD), and then `name` itself if that is a link.  Links are followed from where they
-// are.  A name that leads to another file by now is left alone.  errno is unchanged.
-void FileRemoveOpened(int dir, const char *name, const FileIdentity &identity);
+// may be AT_FDCWD).  With followLinks, `name` may be a link, which is then removed, too; links count
+// from where they are.  A name that leads to another file by now is left alone.  errno is unchanged.
+void FileRemoveOpened(int dir, const char *name, const FileIdentity &identity, bool followLinks);
 
 // Removes what is below the directory `path` and, unless contentOnly, the directory; see
 // File_DeleteDirectoryTree.  With `expected`, ESTALE and nothing removed if `path` leads to another

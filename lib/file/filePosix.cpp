@@ -94,11 +94,12 @@ int FileDeletePath(const char *path, bool handleLink) {
   return error != 0 ? error : UnlinkPath(path);
 }
 
-void FileRemoveOpened(int dir, const char *name, const FileIdentity &identity) {
+void FileRemoveOpened(int dir, const char *name, const FileIdentity &identity, bool followLinks) {
   const ErrnoKeeper keeper;
   Fd parent;
   HeapStr target = Heap_SafeStrdup(name);
-  for (int links = 0; links <= kMaxLinks && target != nullptr; links++) {
+  const int most = followLinks ? kMaxLinks : 0;
+  for (int links = 0; links <= most && target != nullptr; links++) {
     const int at = parent ? parent.Get() : dir;
     struct stat status;
     if (fstatat(at, target.get(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;

@@ -143,7 +143,9 @@ bool CopyToEntry(FileIODescriptor *src, const FileEntry &dst, const FileCopyOpti
   const bool drain = S_ISFIFO(from.st_mode) && !options.followSymlinks;
   bool ok = CopyWithin(src, &out, options.left, drain);
   ok = CloseAfter(ok, &out, kCannotCloseDestination, dst);
-  if (!ok && S_ISREG(to.st_mode)) FileRemoveOpened(dst.dir, dst.name, FileIdentity::Of(to));
+  if (!ok && S_ISREG(to.st_mode)) {
+    FileRemoveOpened(dst.dir, dst.name, FileIdentity::Of(to), options.followSymlinks);
+  }
   return ok;
 }
 

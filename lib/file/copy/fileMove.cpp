@@ -145,7 +145,7 @@ bool File_Rename(const char *oldName, const char *newName, bool *asRename) {
   if (renamed) return true;
   FileIdentity copied{};
   if (!FileCopyPaths(oldName, newName, true, &copied)) return false;
-  FileRemoveOpened(AT_FDCWD, oldName, copied);
+  FileRemoveOpened(AT_FDCWD, oldName, copied, true);
   errno = 0;  // the copy is what counts
   return true;
 }
