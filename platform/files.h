@@ -8,10 +8,11 @@
 #include "lib/public/fd.h"
 
 // Opens the regular file or directory `name` for reading, close-on-exec; `name` (not null) is
-// relative to the directory `dir`, which may be AT_FDCWD.  Nothing of another kind is ever opened,
-// even if it is put there in the meantime: merely opening a device can have side effects, and a FIFO or
-// a lease would block the caller.  Empty with errno set: ELOOP for a link at the end of the path,
-// ENOTSUP for any other kind, EAGAIN for a file under a lease.
+// relative to the directory `dir`, which may be AT_FDCWD.  Nothing of another kind is opened: merely
+// opening a device can have side effects, and a FIFO or a lease would block the caller.  On macOS,
+// what is put there in the meantime is opened without blocking, and closed again.  Empty with errno
+// set: ELOOP for a link at the end of the path, ENOTSUP for any other kind, EAGAIN for a file under a
+// lease.
 [[nodiscard]] Fd Platform_OpenRegularOrDirectory(int dir, const char *name);
 
 // Opens `path` close-on-exec with `flags` and `mode` and waits until it holds an exclusive flock(2)

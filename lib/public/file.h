@@ -181,7 +181,7 @@ struct FileCopyBounds {
 // File_CopyTree without either flag, for a source that others may change meanwhile: copies what is in
 // the directory open as srcDir, which stays open; messages call it srcName.  EFBIG when there is more
 // than the bounds allow; no more than that is written.  Below the source only regular files and
-// directories are ever opened: a FIFO, socket or device is ENOTSUP.
+// directories are opened (see platform/files.h): a FIFO, socket or device is ENOTSUP.
 [[nodiscard]] bool File_CopyOpenTree(int srcDir, const char *srcName, const char *dstName,
                                      FileCopyBounds bounds);
 
