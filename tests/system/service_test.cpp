@@ -26,6 +26,7 @@ class ServiceTest : public ProductTest {
     ASSERT_EQ(1U, services.size());
     service_ = services[0];
     EXPECT_TRUE(ServiceLogged("The opener that started this service has finished.\n"));
+    EXPECT_EQ(0, ServiceLog().find("Started: PID " + std::to_string(service_)));
   }
 
   // An ordinary opener must be served; returns how long that took, in milliseconds.
@@ -158,11 +159,14 @@ TEST_F(ServiceTest, WithoutDescriptorsItWaitsForSome) {
 }
 
 TEST_F(ServiceTest, RefusesWhatIsNoListeningSocket) {
-  for (const char *const argument : {"x", "2", "1000000", "9"}) {
+  for (const std::string refusal : {"not a number: x", "not a number: 4x", "no such descriptor: 2",
+                                    "no such descriptor: 1000000", "not a listening socket: 9"}) {
     Launch launch;
-    launch.argv = {kBundleDaemon, argument, "9"};
+    launch.argv = {kBundleDaemon, refusal.substr(refusal.rfind(' ') + 1), "9"};
     launch.adjust = [] { dup2(STDOUT_FILENO, 9); };
-    EXPECT_EQ(2, Process(launch).Wait()) << argument;
+    Process service(launch);
+    EXPECT_EQ(2, service.Wait());
+    EXPECT_EQ(0, service.Output().find("lumen-reference-service: " + refusal + "\nusage: "));
   }
 }
 

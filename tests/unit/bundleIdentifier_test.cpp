@@ -3,6 +3,7 @@
 #include <plist/plist.h>
 
 #include "platform/codeSignature.h"
+#include "platform/linux/seal/bundleIdentifier.h"
 #include "tests/support/test.h"
 
 namespace {
@@ -69,6 +70,7 @@ TEST(BundleIdentifier, ComesFromThePropertyList) {
   };
   const ScratchDir dir;
   fs::create_directory(dir.Path("Contents"));
+  const Fd bundle = Platform_OpenSignedItem(dir.Path().c_str());
   for (const auto &[list, identifier] : kRows) {
     const std::string file = dir.Write("Contents/Info.plist", list);
     const PlatformBundleIdentifier found = Identifier(dir.Path());
@@ -76,6 +78,11 @@ TEST(BundleIdentifier, ComesFromThePropertyList) {
     EXPECT_EQ(nullptr, found.obstacle) << list;
     EXPECT_EQ(identifier, found.text == nullptr ? "" : found.text.get()) << list;
     EXPECT_EQ(3, Identifier(file).failure);  // no directory
+    for (const int before : {0, EIO}) {
+      errno = before;
+      const bool any = BundleIdentifier_Read(bundle.Get()) != nullptr;
+      EXPECT_EQ(identifier.empty() ? "ENODATA" : "ok", OkOrErrno(any)) << list;
+    }
   }
 }
 

@@ -3,7 +3,7 @@
 // The daemon is a shell that writes what it finds about itself to a file.  What an opener's daemon
 // inherits is tested as installed, in tests/system/caller_test.cpp; failing calls also in
 // tests/system/faults_test.cpp.  Linked with the wraps of sysFault.h, --wrap=close_range,
-// --wrap=getdents64 and --wrap=setsid.
+// --wrap=getdents64, --wrap=setsid and --wrap=waitpid.
 
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -20,6 +20,7 @@ namespace {
 bool closeRangeRefused = false;
 int emptyLists = 0;  // as many of the next directories are read as empty
 bool setsidKills = false;
+bool othersReap = false;
 
 // And allows no descriptor from `limit` on.
 void CloseStandardDescriptors(rlim_t limit) {
@@ -179,6 +180,7 @@ TEST_F(Daemonize, TellsWhyItCannotAndLeavesNoPidFile) {
       {[] { Hostinfo_SetPreExecHook([] { return FailOnce("write", EIO), true; }); }, EINVAL,
        "Couldn't write to parent pipe: 5, original error: 0.\n" + dead},
       {[] { setsidKills = true; }, EINVAL, killed},
+      {[] { othersReap = true; }, ENOENT, "Couldn't exec /missing/x, error 2.\n" + notExec(ENOENT)},
       {[] { FailOnce("write", EIO); }, EIO, pidFile("write PID to")},
       {[] { FailOnce("fsync", EIO); }, EIO, pidFile("flush PID to")},
       {[] { FailOnce("fsync", 0); }, EINVAL, dead},
@@ -222,5 +224,11 @@ pid_t __real_setsid();
 pid_t __wrap_setsid() {
   if (setsidKills) raise(SIGKILL);
   return __real_setsid();
+}
+
+pid_t __real_waitpid(pid_t pid, int *status, int flags);
+pid_t __wrap_waitpid(pid_t pid, int *status, int flags) {
+  if (othersReap && __real_waitpid(pid, nullptr, flags) < 0) abort();  // asked a second time
+  return __real_waitpid(pid, status, flags);
 }
 }

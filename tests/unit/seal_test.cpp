@@ -1,6 +1,8 @@
 // seal_test.cpp -- the text inside a seal, its signature bit by bit, and the permissions of the anchors.
 // tests/system/codeseal_test tests which signers are accepted and which changes are noticed.
 
+#include <malloc.h>
+
 #include "platform/linux/seal/sealCheck.h"
 #include "platform/linux/seal/sealSignature.h"
 #include "platform/linux/seal/sealText.h"
@@ -32,6 +34,11 @@ TEST(SealText, HasOneFormOnly) {
     many += "link t " + std::to_string(1'000'000 + i) + "\n";
   EXPECT_EQ(SealVerdict::BadText, SealParse(many, &parsed));
   EXPECT_EQ(SealVerdict::BadText, SealParse("zephrin-codeseal 3\nidentifier i\n", &parsed));
+  // With one of these lengths the block that malloc returns is no larger than the room asked for.
+  for (size_t length = 1, size = 0; length <= 16; length++) {
+    const HeapArray<char> written = SealWrite(string(length, '%').c_str(), {}, &size);
+    EXPECT_LE(size, malloc_usable_size(written.get()));
+  }
 }
 
 TEST(Seal, NoChangedByteMakesItSaySomethingElse) {
