@@ -16,8 +16,10 @@
 
 #include <atomic>
 #include <bit>
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -122,6 +124,7 @@ struct alignas(kMXUserCacheLine) MXUserNativeLock {
  private:
   int AcquireWith(int (*acquire)(pthread_mutex_t *)) {
     if (IsOwnedByCaller()) [[unlikely]] {
+      if (again.Get() == INT32_MAX - 1) return EAGAIN;  // as from a recursive mutex of the host
       again.Add(1);
       return 0;
     }

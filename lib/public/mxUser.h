@@ -12,8 +12,9 @@
 // Failure
 //   Nothing here reports an error.  Exhausted memory, a failing native call and misuse end the process by
 //   Panic; before that, misuse of a lock writes the lock's state as warnings.  It is misuse to destroy a
-//   lock that is held or a condition variable that has waiters, to release a lock that the caller does not
-//   hold, and to wait with a lock that the caller does not hold or that is not the condition variable's.
+//   lock that is held or a condition variable that has waiters, to acquire a lock more than INT32_MAX
+//   times, to release a lock that the caller does not hold, and to wait with a lock that the caller does
+//   not hold or that is not the condition variable's.
 //
 // Threads
 //   Any thread may call any of these procedures, unless stated otherwise.  Before an object is
@@ -48,7 +49,7 @@ MXUserExclLock *MXUser_CreateSingletonExclLock(std::atomic<MXUserExclLock *> *sl
 
 void MXUser_AcquireExclLock(MXUserExclLock *lock);
 
-// Never waits; false when another thread holds the lock.
+// Never waits; false when another thread holds the lock, or the caller already holds it INT32_MAX times.
 [[nodiscard]] bool MXUser_TryAcquireExclLock(MXUserExclLock *lock);
 
 void MXUser_ReleaseExclLock(MXUserExclLock *lock);
@@ -70,7 +71,7 @@ MXUserRecLock *MXUser_CreateSingletonRecLock(std::atomic<MXUserRecLock *> *slot,
 
 void MXUser_AcquireRecLock(MXUserRecLock *lock);
 
-// Never waits; false when another thread holds the lock.
+// Never waits; false when another thread holds the lock, or the caller already holds it INT32_MAX times.
 [[nodiscard]] bool MXUser_TryAcquireRecLock(MXUserRecLock *lock);
 
 void MXUser_ReleaseRecLock(MXUserRecLock *lock);

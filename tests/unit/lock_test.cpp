@@ -170,7 +170,7 @@ std::string Masked(const std::string &text) {
   const std::regex dump(
       "Warning: (MXUserDump\\w+): (\\w+) lock @ \\w+; signature 0x(\\w)\\w{7}; name "
       "(\\w)(?:\\w{1012}\\.{3})?; rank "
-      "0xFF000000; serial number \\d+(; reference count \\d)?; lock count (\\d); address of owner "
+      "0xFF000000; serial number \\d+(; reference count \\d)?; lock count (\\d+); address of owner "
       "data \\w+\n");
   const std::string joined = std::regex_replace(text, std::regex("\nWarning: \t"), "; ");
   return std::regex_replace(std::regex_replace(joined, dump, "$1 $2 $4 $3$5; $6\n"),
@@ -209,6 +209,13 @@ TEST(LockMisuse, EndsTheProcessWithTheStateOfTheLock) {
          MXUser_ReleaseExclLock(MXUser_CreateExclLock(std::string(1017, 'E').c_str(), 0xFF000000));
        },
        Excl(0, "MXUser_ReleaseExclLock: Release of an unacquired exclusive lock\n")},
+      {"",
+       [&] {
+         MXUser_AcquireExclLock(excl), excl->native.again.Set(INT32_MAX - 1);
+         if (!MXUser_TryAcquireExclLock(excl)) MXUser_AcquireExclLock(excl);
+       },
+       Excl(INT32_MAX,
+            "MXUser_AcquireExclLock: failure " + std::to_string(EAGAIN) + " on lock E\n")},
       {"pthread_mutex_init", [] { (void)MXUser_CreateExclLock("new", 0); },
        "Panic: MXUser_CreateExclLock: native lock initialization routine failed\n"},
       {"", [] { MXUserSetStatsMode(3), (void)MXUser_CreateRecLock("new", 0); },
