@@ -60,7 +60,7 @@ void MsgList_Free(MsgList *list);
 // empty list.  Each text ends in a newline, which is added where it is missing.
 [[nodiscard]] char *MsgList_ToString(const MsgList *list);
 
-// Logs "[id] text" for each message, with a newline added as above.
+// Logs "[id] text" for each message, with a newline added as above; cut if it is too long for a record.
 void MsgList_Log(const MsgList *list);
 
 // ---- for a scope -----------------------------------------------------------------------------

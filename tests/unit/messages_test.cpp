@@ -212,7 +212,7 @@ TEST(MsgList, IdsAndFormats) {
   }
 }
 
-// Of a long format as much is told as a record has room for.
+// Of a long text as much is told as a record has room for; so also in the log of a list.
 TEST(MsgList, AFormatThatCannotBeCapturedIsFatal) {
   const string gap =
       "Panic: MsgList_VAppend error: MsgFmt_GetArgs: gap in arguments at position 1\nformat <%2$s";
@@ -222,6 +222,9 @@ TEST(MsgList, AFormatThatCannotBeCapturedIsFatal) {
     EXPECT_EQ(gap + fits + (length == 0 ? ">\n" : "...\n"),
               FatalText([&] { MsgList_Free(MsgList_Create(idFormat.c_str(), "a", "b")); }));
   }
+  const List list(MsgList_CreateStr(string(2000, 't').c_str()));
+  EXPECT_EQ("[msg.literal] " + string(1019 - 14, 't') + "...\n",
+            LogOf([&] { MsgList_Log(list.get()); }));
 }
 
 TEST(Msg, NewMessagesComeFirst) {

@@ -158,6 +158,8 @@ char *MsgList_ToString(const MsgList *list) {
 void MsgList_Log(const MsgList *list) {
   for (; list != nullptr; list = list->next) {
     const HeapStr text = TextOf(*list);
-    Log("[%s] %s%s", list->id, text.get(), MissingNewline(text.get()));
+    const RecordText record =
+        RecordText_Format("[%s] %s%s", list->id, text.get(), MissingNewline(text.get()));
+    Log("%s", record.text);
   }
 }
