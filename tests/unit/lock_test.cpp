@@ -191,7 +191,7 @@ TEST(LockMisuse, EndsTheProcessWithTheStateOfTheLock) {
   MXUserRecLock *const rec = MXUser_CreateRecLock("R", 0xFF000000);
   MXUserCondVar *const exclVar = MXUser_CreateCondVarExclLock(excl);
   MXUserCondVar *const recVar = MXUser_CreateCondVarRecLock(rec);
-  const std::string error = std::to_string(EINVAL);
+  const std::string error = std::to_string(EINVAL), name(1017, 'E');
   const auto recTwice = [&] { MXUser_AcquireRecLock(rec), MXUser_AcquireRecLock(rec); };
   const struct {
     const char *failing;
@@ -204,16 +204,9 @@ TEST(LockMisuse, EndsTheProcessWithTheStateOfTheLock) {
        Rec(0, 1, "MXUserCondDestroyRecLock: Destroy of an acquired recursive lock\n")},
       {"", [&] { recTwice(), std::thread([&] { MXUser_ReleaseRecLock(rec); }).join(); },
        Rec(1, 2, "MXUser_ReleaseRecLock: Release of an unacquired recursive lock\n")},
-      {"",
-       [] {
-         MXUser_ReleaseExclLock(MXUser_CreateExclLock(std::string(1017, 'E').c_str(), 0xFF000000));
-       },
+      {"", [&] { MXUser_ReleaseExclLock(MXUser_CreateExclLock(name.c_str(), 0xFF000000)); },
        Excl(0, "MXUser_ReleaseExclLock: Release of an unacquired exclusive lock\n")},
-      {"",
-       [&] {
-         MXUser_AcquireExclLock(excl), excl->native.again.Set(INT32_MAX - 1);
-         if (!MXUser_TryAcquireExclLock(excl)) MXUser_AcquireExclLock(excl);
-       },
+      {"", [&] { excl->native.Own(INT32_MAX), MXUser_AcquireExclLock(excl); },
        Excl(INT32_MAX,
             "MXUser_AcquireExclLock: failure " + std::to_string(EAGAIN) + " on lock E\n")},
       {"pthread_mutex_init", [] { (void)MXUser_CreateExclLock("new", 0); },
@@ -380,6 +373,7 @@ const MXUserMxHooks kHooks = {
     .tryAcquire = [](MX_MutexRec *) { return asked += "try ", true; },
     .isHeld = [](const MX_MutexRec *) { return asked += "held? ", true; },
     .name = [](auto lock) { return asked += "name ", lock != nullptr ? "theirs" : nullptr; },
+    .dump = [](const MX_MutexRec *) { Log("theirs\n"); },
     .unbind = [](MX_MutexRec *) { asked += "unbind "; },
     .inPanic = [] { return asked += "panic? ", true; },
 };
@@ -413,6 +407,10 @@ TEST(BoundLock, NeedsFiveHooksAndForwardsToThoseInstalledFirst) {
   MXUser_AcquireRecLock(lock);
   EXPECT_TRUE(MXUser_TryAcquireRecLock(lock) && MXUser_IsCurThreadHoldingRecLock(lock));
   MXUser_ReleaseRecLock(lock);
+  MXUserCondVar *const other = MXUser_CreateCondVarRecLock(MXUser_CreateRecLock("own", 1));
+  const std::string dump = FatalText([&] { MXUser_WaitCondVarRecLock(lock, other); });
+  EXPECT_NE(std::string::npos, dump.find("count 1\nWarning: \tvmmLock ")) << dump;
+  EXPECT_NE(std::string::npos, dump.find("\ntheirs\nPanic: ")) << dump;
   MXUser_DestroyRecLock(lock);
   EXPECT_EQ("name name acquire try held? release unbind ", asked);
 }
