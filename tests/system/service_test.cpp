@@ -161,10 +161,8 @@ TEST_F(ServiceTest, WithoutDescriptorsItWaitsForSome) {
 TEST_F(ServiceTest, RefusesWhatIsNoListeningSocket) {
   for (const std::string refusal : {"not a number: x", "not a number: 4x", "no such descriptor: 2",
                                     "no such descriptor: 1000000", "not a listening socket: 9"}) {
-    Launch launch;
-    launch.argv = {kBundleDaemon, refusal.substr(refusal.rfind(' ') + 1), "9"};
-    launch.adjust = [] { dup2(STDOUT_FILENO, 9); };
-    Process service(launch);
+    Process service({.argv = {kBundleDaemon, refusal.substr(refusal.rfind(' ') + 1), "9"},
+                     .adjust = [] { dup2(STDOUT_FILENO, 9); }});
     EXPECT_EQ(2, service.Wait());
     EXPECT_EQ(0, service.Output().find("lumen-reference-service: " + refusal + "\nusage: "));
   }

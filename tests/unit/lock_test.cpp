@@ -407,8 +407,9 @@ TEST(BoundLock, NeedsFiveHooksAndForwardsToThoseInstalledFirst) {
   MXUser_AcquireRecLock(lock);
   EXPECT_TRUE(MXUser_TryAcquireRecLock(lock) && MXUser_IsCurThreadHoldingRecLock(lock));
   MXUser_ReleaseRecLock(lock);
-  MXUserCondVar *const other = MXUser_CreateCondVarRecLock(MXUser_CreateRecLock("own", 1));
-  const std::string dump = FatalText([&] { MXUser_WaitCondVarRecLock(lock, other); });
+  const std::string dump = FatalText([&] {
+    MXUser_WaitCondVarRecLock(lock, MXUser_CreateCondVarRecLock(MXUser_CreateRecLock("own", 1)));
+  });
   EXPECT_NE(std::string::npos, dump.find("count 1\nWarning: \tvmmLock ")) << dump;
   EXPECT_NE(std::string::npos, dump.find("\ntheirs\nPanic: ")) << dump;
   MXUser_DestroyRecLock(lock);

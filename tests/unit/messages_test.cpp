@@ -222,9 +222,8 @@ TEST(MsgList, AFormatThatCannotBeCapturedIsFatal) {
     EXPECT_EQ(gap + fits + (length == 0 ? ">\n" : "...\n"),
               FatalText([&] { MsgList_Free(MsgList_Create(idFormat.c_str(), "a", "b")); }));
   }
-  const List list(MsgList_CreateStr(string(2000, 't').c_str()));
   EXPECT_EQ("[msg.literal] " + string(1019 - 14, 't') + "...\n",
-            LogOf([&] { MsgList_Log(list.get()); }));
+            LogOf([] { MsgList_Log(List(MsgList_CreateStr(string(2000, 't').c_str())).get()); }));
 }
 
 TEST(Msg, NewMessagesComeFirst) {
