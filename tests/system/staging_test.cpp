@@ -180,6 +180,7 @@ const Refusal kRefusals[] = {
     {"rm -rf \"$root\"; echo a file >\"$root\"", Cannot("make folder", kInstallRoot, ENOTDIR)},
     {"rm \"$anchors\"", NoAnchors(ENOENT)},
     {"chmod 666 \"$anchors\"", NoAnchors(EPERM)},
+    {": >\"$anchors\"", NoAnchors(0)},
 };
 
 TEST_F(Staging, RefusesWhatIsNotSignedByTheMaker) {

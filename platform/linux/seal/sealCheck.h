@@ -25,7 +25,7 @@ struct SealExtent {
 
 // Whether the open regular file or directory is sealed under the name `identifier` (not null) by a
 // signer whom the anchors (certificates in PEM) vouch for.  *extent is set with the verdict Valid, errno
-// with Unreadable.  *where (may be null) is set when the verdict concerns one entry of a directory: to
+// with Unreadable and NoAnchors (0: no certificate among them).  *where (may be null) is set when the verdict concerns one entry of a directory: to
 // its path below that, as a new string, or null without memory for it.
 [[nodiscard]] SealVerdict SealCheck(int item, const char *identifier, std::string_view anchors,
                                     SealExtent *extent, HeapStr *where = nullptr);

@@ -212,6 +212,7 @@ SealVerdict SealOpen(std::string_view seal, std::string_view anchors, SmallFileB
   // The first error is the cause of all others.
   const bool starved = ERR_GET_REASON(ERR_peek_error()) == ERR_R_MALLOC_FAILURE;
   ERR_clear_error();
-  errno = ENOMEM;
+  // Files of anchors that hold none are no failed call.
+  errno = !starved && verdict == SealVerdict::NoAnchors ? 0 : ENOMEM;
   return starved ? SealVerdict::Unreadable : verdict;
 }

@@ -9,7 +9,8 @@
 inline constexpr size_t kSealMaxSize = size_t{16} << 20;  // bytes
 
 // Checks the bytes of a seal against the anchors (certificates in PEM) at the current time.  The signed
-// text is stored in *text with the verdict Valid.  Unreadable with errno ENOMEM if memory is exhausted.
+// text is stored in *text with the verdict Valid.  errno is ENOMEM with Unreadable, which
+// means exhausted memory, and 0 with NoAnchors.
 //
 // Valid means: the seal is one CMS SignedData in DER with its content inside and nothing behind it; it has
 // one signer, with a SHA-2 digest; at most a few certificates, each within its validity period and with
