@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <openssl/cms.h>
+#include <openssl/cmserr.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
@@ -122,15 +123,28 @@ std::string ReadText(const std::string &path) {
   return text;
 }
 
-// A seal that no anchor could make valid is not worth attaching: it is checked with the last
-// certificate of its own chain as the anchor.
+// A seal that no anchors could make valid is not worth attaching.  It is checked with all certificates
+// that were given as anchors: which of them a machine trusts is not known here, nor which others.
 void RequireValid(const std::string &seal, const SealMakerFiles &files) {
   SmallFileBytes text;
-  const std::string anchors = ReadText(files.chain.empty() ? files.cert : files.chain);
+  std::string anchors = ReadText(files.cert);
+  if (!files.chain.empty()) anchors += "\n" + ReadText(files.chain);
   const SealVerdict verdict = SealOpen(seal, anchors, &text);
   if (verdict != SealVerdict::Valid) {
     throw std::runtime_error(std::string("no machine would accept it: ") +
                              SealVerdictWords(verdict));
+  }
+}
+
+// The signer's certificate is in the seal already, and may be in the chain's file, too.
+void AddAuthorities(CMS_ContentInfo *cms, const std::vector<X509Owner> &authorities,
+                    const std::string &path) {
+  for (const X509Owner &authority : authorities) {
+    if (CMS_add1_cert(cms, authority.get()) == 1) continue;
+    if (ERR_GET_REASON(ERR_peek_last_error()) != CMS_R_CERTIFICATE_ALREADY_PRESENT) {
+      ThrowOpenssl(path);
+    }
+    ERR_clear_error();
   }
 }
 
@@ -182,9 +196,8 @@ std::string SealMaker_Sign(const std::string &text, const SealMakerFiles &files)
       CMS_add1_signer(cms.get(), certs.front().get(), key.get(), EVP_sha256(), kFlags) == nullptr) {
     ThrowOpenssl(files.cert);
   }
-  for (const X509Owner &authority : chain) {
-    if (CMS_add1_cert(cms.get(), authority.get()) != 1) ThrowOpenssl(files.chain);
-  }
+  AddAuthorities(cms.get(), certs, files.cert);
+  AddAuthorities(cms.get(), chain, files.chain);
   if (CMS_final(cms.get(), content.get(), nullptr, kFlags) != 1) ThrowOpenssl("signing");
   unsigned char *out = nullptr;
   const int size = i2d_CMS_ContentInfo(cms.get(), &out);

@@ -8,8 +8,8 @@ std::string SealMaker_Text(int item, const std::string &identifier);
 
 struct SealMakerFiles {
   std::string key;    // the signer's private key, PEM; a pass phrase is asked for at the terminal
-  std::string cert;   // the signer's certificate, PEM
-  std::string chain;  // the authorities between that and an anchor, PEM; "" for none
+  std::string cert;   // the signer's certificate, PEM; authorities may follow it
+  std::string chain;  // the authorities between that and an anchor, PEM, in any order; "" for none
 };
 
 // The CMS SignedData over the text, in DER.
