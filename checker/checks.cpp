@@ -3,6 +3,8 @@
 
 #include "checker/checks.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "lib/public/err.h"
@@ -26,6 +28,12 @@ HeapStr CommandFor(const char *format, const char *path) {
 HeapStr OwnCommand(const char *mode, const char *path) {
   const HeapStr quoted = Quoted(path);
   return Text("chown 0:0 %s && chmod %s %s", quoted.get(), mode, quoted.get());
+}
+
+HeapStr ItemOwnerCommand(const char *path) {
+  struct stat info;
+  if (lstat(path, &info) != 0 || S_ISLNK(info.st_mode)) return nullptr;
+  return CommandFor("chown -h 0:0 %s", path);
 }
 
 namespace {

@@ -8,7 +8,7 @@
 struct CheckSubject {
   const char *opener;  // the program, all links resolved
   const char *bundle;  // the bundle's root, three levels above it
-  bool isRoot;         // whoever runs the checks
+  bool isRoot;         // the checks run as root
 };
 
 // programChecks.cpp: that users can run the program, that it becomes root, and that the bundle's daemon
@@ -33,6 +33,10 @@ void CheckStaging(const CheckSubject &subject, Report *report);
 
 // The command that makes `path` root's, with the mode, as chmod(1) takes it.
 [[nodiscard]] HeapStr OwnCommand(const char *mode, const char *path);
+
+// The command that gives an item of the bundle to root; null for a link.  Never follows one: the owner of
+// the bundle's folders may exchange the item before the command is run.
+[[nodiscard]] HeapStr ItemOwnerCommand(const char *path);
 
 // The command that mounts the file system of `path` anew with the option.
 [[nodiscard]] HeapStr RemountCommand(const char *option, const char *path);

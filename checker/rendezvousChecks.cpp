@@ -23,6 +23,7 @@
 #include "opener/rendezvousPlaces.h"
 #include "opener/stagingPlan.h"
 #include "platform/files.h"
+#include "platform/mendingCommand.h"
 #include "platform/peerProcess.h"
 #include "platform/unixSocket.h"
 
@@ -38,7 +39,9 @@ void CheckFolder(Report *report) {
   struct statvfs mounted;
   if (stat(kFolder, &info) != 0 || statvfs(kFolder, &mounted) != 0) {
     report->Fail("run", PathAndError(kFolder, errno), CommandFor("mkdir -m 755 %s", kFolder));
-  } else if (!S_ISDIR(info.st_mode) || !IsRootsAlone(info)) {
+  } else if (!S_ISDIR(info.st_mode)) {
+    report->Fail("run", Text("%s is not a folder", kFolder), nullptr);
+  } else if (!IsRootsAlone(info)) {
     report->Fail("run", Text("%s is not root's alone", kFolder), OwnCommand("go-w", kFolder));
   } else if ((mounted.f_flag & ST_RDONLY) != 0) {
     report->Fail("run", Text("%s cannot be written to", kFolder), RemountCommand("rw", kFolder));
@@ -60,7 +63,8 @@ int TryLock(const char *path) {
 
 void CheckLock(const char *check, const char *path, bool isRoot, Report *report) {
   struct stat info;
-  if (lstat(path, &info) == 0 && !S_ISREG(info.st_mode)) {
+  const bool exists = lstat(path, &info) == 0;
+  if (exists && !S_ISREG(info.st_mode)) {
     report->Fail(check, Text("%s is not a regular file", path), CommandFor("rm -r %s", path));
     return;
   }
@@ -69,12 +73,16 @@ void CheckLock(const char *check, const char *path, bool isRoot, Report *report)
     return;
   }
   const int error = TryLock(path);
-  if (error == 0) {
-    report->Ok(check, Text("%s is free", path));
-  } else if (error == EAGAIN) {
-    report->Fail(check, Text("another process keeps %s", path), CommandFor("fuser -v %s", path));
-  } else {
+  if (error == EAGAIN) {
+    report->Fail(check, Text("another process keeps %s", path),
+                 CommandFor(Platform_HoldersCommand(), path));
+  } else if (error != 0) {
     report->Fail(check, PathAndError(path, error), nullptr);
+  } else if (exists && (info.st_uid != 0 || (info.st_mode & (S_IRWXG | S_IRWXO)) != 0)) {
+    report->Fail(check, Text("others than root may open %s, and so keep it", path),
+                 OwnCommand("600", path));
+  } else {
+    report->Ok(check, Text("%s is free", path));
   }
 }
 
@@ -90,7 +98,8 @@ void CheckGreeting(int sock, Report *report) {
     report->Ok("listener", Text("%s listens and accepts", who.get()));
     return;
   }
-  HeapStr mend = isKnown ? Text("kill %d", static_cast<int>(pid)) : nullptr;
+  // Not by the number: the process that called listen(2) may have passed the socket on and ended.
+  const HeapStr mend = CommandFor(Platform_EndListenersCommand(), kServiceSocketPath);
   report->Fail("listener",
                ready == 0 ? Text("%s listens, but has accepted nothing for %d s", who.get(),
                                  kGreetingPatienceMs / 1000)
@@ -124,7 +133,7 @@ void CheckListener(bool isRoot, Report *report) {
     report->Ok("listener", Text("nobody listens: the next hand-off starts the daemon"));
   } else if (errno == EAGAIN) {
     report->Fail("listener", Text("the daemon's queue is full, and it accepts nothing"),
-                 CommandFor("fuser -v %s", kServiceSocketPath));
+                 CommandFor(Platform_EndListenersCommand(), kServiceSocketPath));
   } else {
     report->Fail("listener", PathAndError(kServiceSocketPath, errno),
                  CommandFor("rm -r %s", kServiceSocketPath));

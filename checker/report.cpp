@@ -24,6 +24,14 @@ void PrintClean(const char *text) {
   fputs(line.get(), stdout);
 }
 
+// Whether a command, or null, is printed as it is: with characters replaced, it would act on something
+// else.
+bool IsPrintable(const char *command) {
+  if (command == nullptr) return true;
+  const HeapStr line(DisplayText_Line(command));
+  return strcmp(line.get(), command) == 0;
+}
+
 void PrintJsonMember(const char *name, const char *value) {
   printf("\"%s\":", name);
   if (value == nullptr) {
@@ -55,8 +63,7 @@ void Report::PrintLines(CheckState state, const char *check, const char *detail,
   printf("%s %s: ", kLabels[static_cast<size_t>(state)], check);
   PrintClean(detail);
   if (mend != nullptr) {
-    fputs("\n          ", stdout);
-    PrintClean(mend);
+    printf("\n          %s", mend);
   }
   putchar('\n');
 }
@@ -76,10 +83,11 @@ void Report::PrintObject(CheckState state, const char *check, const char *detail
 }
 
 void Report::Add(CheckState state, const char *check, const HeapStr &detail, const HeapStr &mend) {
+  const char *const command = IsPrintable(mend.get()) ? mend.get() : nullptr;
   if (json_) {
-    PrintObject(state, check, detail.get(), mend.get());
+    PrintObject(state, check, detail.get(), command);
   } else {
-    PrintLines(state, check, detail.get(), mend.get());
+    PrintLines(state, check, detail.get(), command);
   }
   count_++;
   failed_ |= state == CheckState::kFail;

@@ -23,6 +23,7 @@
 #include "platform/codeSignature.h"
 #include "platform/freeSpace.h"
 #include "platform/mendingCommand.h"
+#include "platform/mountPoint.h"
 
 namespace {
 
@@ -35,19 +36,30 @@ struct Contents {
 
 // ---- the folders -------------------------------------------------------------------------------
 
+// No folder could be opened there, for the reason `error`.
+void ReportNoFolder(const char *check, const char *path, int error, bool mayBeMissing,
+                    Report *report) {
+  struct stat info;
+  if (error == ENOENT && mayBeMissing) {
+    report->Ok(check, Text("%s will be made", path));
+  } else if (error == EACCES) {
+    report->Unknown(check, PathAndError(path, error), nullptr);
+  } else if (lstat(path, &info) == 0 && !S_ISDIR(info.st_mode)) {
+    const HeapStr word = Quoted(path);
+    report->Fail(check, Text("%s is a file or a link, and is to be a folder", path),
+                 Text("rm %s && mkdir -m 755 %s", word.get(), word.get()));
+  } else {
+    report->Fail(check, PathAndError(path, error),
+                 error == ENOENT ? CommandFor("mkdir -p -m 755 %s", path) : nullptr);
+  }
+}
+
 // True when it is there and as it has to be; one that may be missing is then made by the opener.
 bool CheckFolder(const char *check, const char *path, bool mayBeMissing, Report *report) {
   const Fd folder(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat info;
   if (!folder || fstat(folder.Get(), &info) != 0) {
-    const int error = errno;
-    if (error == ENOENT && mayBeMissing) {
-      report->Ok(check, Text("%s will be made", path));
-    } else if (error == EACCES) {
-      report->Unknown(check, PathAndError(path, error), nullptr);
-    } else {
-      report->Fail(check, PathAndError(path, error), CommandFor("mkdir -p -m 755 %s", path));
-    }
+    ReportNoFolder(check, path, errno, mayBeMissing, report);
     return false;
   }
   if (!IsRootsAlone(info)) {
@@ -60,6 +72,11 @@ bool CheckFolder(const char *check, const char *path, bool mayBeMissing, Report 
   struct statvfs mounted;
   if (fstatvfs(folder.Get(), &mounted) == 0 && (mounted.f_flag & ST_RDONLY) != 0) {
     report->Fail(check, Text("%s cannot be written to", path), RemountCommand("rw", path));
+    return false;
+  }
+  if (Platform_IsMountedNoexec(path)) {
+    report->Fail(check, Text("the daemon could not be run from %s: mounted noexec", path),
+                 RemountCommand("exec", path));
     return false;
   }
   report->Ok(check, Text("%s is root's alone", path));
@@ -91,8 +108,7 @@ bool CheckItemOwner(const StagedItem &item, const char *path, int fd, Report *re
       (info.st_uid == 0 && info.st_gid == 0)) {
     return true;
   }
-  report->Fail(item.key, PathAndOwner(path, info.st_uid, info.st_gid),
-               CommandFor("chown 0:0 %s", path));
+  report->Fail(item.key, PathAndOwner(path, info.st_uid, info.st_gid), ItemOwnerCommand(path));
   return false;
 }
 
@@ -117,7 +133,9 @@ void ReportTrust(const PlatformSignature &signature, Contents *contents, Report 
     return;
   }
   const char *const mend = Platform_TrustCommand();
-  report->Fail("trust", Text("%s: %s", signature.obstacle, Err_ErrnoToString(signature.error)),
+  const char *const why =
+      signature.error == 0 ? "no certificate in the file" : Err_ErrnoToString(signature.error);
+  report->Fail("trust", Text("%s: %s", signature.obstacle, why),
                mend == nullptr ? nullptr : Heap_SafeStrdup(mend));
 }
 
@@ -133,7 +151,9 @@ void ReportSignature(const StagedItem &item, const char *path, const char *ident
         Text("%s could not be checked: %s, errno %d", path, signature.obstacle, signature.error),
         nullptr);
   } else {
-    report->Fail(item.key, Text("%s: %s", path, signature.reason),
+    report->Fail(item.key,
+                 Text("%s: %s; install it again, or sign it if you know where it comes from", path,
+                      signature.reason),
                  SigningCommand(identifier, path));
   }
 }
@@ -188,7 +208,7 @@ void CheckRoom(const char *root, const Contents &contents, Report *report) {
   }
 }
 
-// What is checked by is started from a file in memory.
+// The program that checks signatures is run from a file in memory, which the limit applies to.
 constexpr uint64_t kLeastFile = 32 << 20;
 
 struct Limit {
@@ -198,7 +218,7 @@ struct Limit {
   const char *mend;
 };
 
-// Those of whoever starts the opener; it inherits them.
+// The opener inherits the limits of the process that starts it, as this program does.
 void CheckLimits(const Contents &contents, Report *report) {
   const Limit limits[] = {
       {RLIMIT_NOFILE, "open files", 32, "ulimit -n 1024"},

@@ -10,6 +10,14 @@ const char *Platform_TrustCommand() {
   return nullptr;
 }
 
+const char *Platform_HoldersCommand() {
+  return "lsof %s";
+}
+
+const char *Platform_EndListenersCommand() {
+  return "kill $(lsof -t %s)";
+}
+
 const char *Platform_RemountCommand() {
   return "mount -u -o %s %s";
 }

@@ -60,15 +60,19 @@ const std::vector<Fault> kFaults = {
     {"mount --bind \"$app\" \"$app\"; mount -o remount,bind,nosuid \"$app\"", "mount"},
     {"chown 12345:12345 \"$daemon\"", "daemon"},
     {"chmod 777 /run", "run", {}, false},
+    {"install -m 666 /dev/null '/var/run/Zephrin Lumen Client Services.lock'", "lock", {}, false},
     {"mkdir '/var/run/Zephrin Lumen Client Services.lock'", "lock"},
     {"mkdir '/var/run/Zephrin Lumen Client Services.sock'", "listener"},
     {"mkdir '/var/run/Zephrin Lumen Client Services.lock.start'", "start-lock"},
     {"rm -r " + kParent, "install-parent"},
+    {"rm -r " + kParent + "; ln -s /tmp " + kParent, "install-parent"},
     {"chmod 777 " + kParent, "install-parent"},
-    {"mount -t tmpfs -o mode=755,ro none " + kParent, "install-parent", {}},
+    {"mount -t tmpfs -o mode=755,noexec none " + kParent, "install-parent"},
+    {"mount -t tmpfs -o mode=755,ro none " + kParent, "install-parent"},
     {"mkdir -m 775 \"$root\"", "install-root"},
+    {"ln -s /tmp \"$root\"", "install-root"},
     {"rm \"$anchors\"", "trust"},
-    {"chown 12345 \"$anchors\"", "trust"},
+    {"chown 12345 \"$anchors\"; chmod 777 /etc", "trust"},
     {"cp productInfo other; mv other productInfo", "productInfo"},
     {"chown 12345 services.sh", "serviceScriptFile"},
     {"echo more >>zephrin-usbarbitrator", "usbarbFile"},
@@ -106,9 +110,18 @@ TEST_F(CheckTest, EveryFaultIsFoundAndMendedByTheCommandThatIsPrinted) {
 TEST_F(CheckTest, ADaemonThatAcceptsNothingIsFoundAndNamed) {
   Process daemon({{"/usr/bin/python3", "-c",
                    "import socket, time; s = socket.socket(socket.AF_UNIX); s.bind('" +
-                       kSocketPath + "'); s.listen(8); time.sleep(60)"}});
+                       kSocketPath + "'); s.listen(8); time.sleep(600)"}});
   ASSERT_TRUE(Eventually([&] { return fs::exists(kSocketPath); }));
-  EXPECT_EQ("kill " + std::to_string(daemon.Pid()), MendOf("listener", Check({}).output));
+  const std::string output = Check({}).output;
+  EXPECT_NE(output.npos, output.find("process " + std::to_string(daemon.Pid()) + " listens"));
+  Shell(MendOf("listener", output));
+  EXPECT_NE(0, daemon.Wait());
+}
+
+// Whoever may exchange it may have put a shell in its place.
+TEST_F(CheckTest, NoCommandGivesAProgramOfOthersRootsRights) {
+  Shell("chown 12345 .; chmod 755 lumenClient-opener");
+  EXPECT_EQ("none", MendOf("opener", Check({}).output));
 }
 
 TEST_F(CheckTest, ALockThatIsKeptAndLimitsThatAreTooLowAreFound) {
