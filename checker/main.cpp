@@ -2,9 +2,13 @@
 //
 //   lumen-opener-check [--json] [OPENER]
 //
-// Goes through what the opener depends on, in the opener's order and by its own procedures, and says
-// of each whether it holds and which command mends it.  It changes nothing and needs no rights; as
-// root it sees more.
+// Goes through what the opener depends on, in the opener's order and by the opener's own procedures, and
+// prints for each whether it holds and which command mends it.  Changes nothing and needs no privileges;
+// as root it sees more.
+//
+// Root may run it on a bundle that users can write to.  So it opens nothing there but regular files and
+// folders, parses them in the opener's unprivileged process, quotes every path in a command, and prints no
+// command that follows a link of a user's or makes a program of a user's set-user-ID.
 // Tested by tests/system/check_test.cpp.
 
 #include <getopt.h>
@@ -27,9 +31,10 @@ constexpr char kUsage[] =
     "usage: lumen-opener-check [--json] [OPENER]\n"
     "       lumen-opener-check --help | --version\n"
     "\n"
-    "Checks all that a hand-off by the program OPENER depends on, in the order in which it does,\n"
-    "and prints a line for each: ok, FAIL or ? (not known; root sees more), and below it the\n"
-    "command that mends it. Without OPENER it is\n"
+    "Checks everything that a hand-off by the program OPENER depends on, in the opener's order.\n"
+    "Prints a line for each check: ok, FAIL, or ? (not known; root sees more). Below a FAIL is "
+    "the\n"
+    "command that mends it, if there is one. Without OPENER, the program checked is\n"
     "  " LUMEN_OPENER
     "\n"
     "\n"

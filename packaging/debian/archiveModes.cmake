@@ -1,5 +1,5 @@
-# After a package is made: it is the same whatever the umask of who packs, which CPack writes into the
-# archive around the files.
+# After a package is made: CPack lets the packager's umask into the outer archive.  Made again, it is the
+# same whatever the umask.
 foreach(_package ${CPACK_PACKAGE_FILES})
   set(_members debian-binary control.tar.gz data.tar.gz)
   set(_folder ${_package}.members)
