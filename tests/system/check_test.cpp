@@ -118,7 +118,7 @@ TEST_F(CheckTest, ADaemonThatAcceptsNothingIsFoundAndNamed) {
   EXPECT_NE(0, daemon.Wait());
 }
 
-// Whoever may exchange it may have put a shell in its place.
+// A user who can exchange it may have put a shell in its place.
 TEST_F(CheckTest, NoCommandGivesAProgramOfOthersRootsRights) {
   Shell("chown 12345 .; chmod 755 lumenClient-opener");
   EXPECT_EQ("none", MendOf("opener", Check({}).output));

@@ -116,7 +116,7 @@ SmallFileBytes ReadAnchors(const std::string &path) {
     }
     return anchors;
   }
-  // A file that the user names is trusted, whoever owns it.
+  // A file that the user names is trusted, whatever its owner.
   const Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd || !SmallFileRead(fd.Get(), size_t{1} << 20, &anchors)) throw Obstacle(ErrorText(path));
   return anchors;

@@ -34,8 +34,11 @@ using Cms = OpensslOwner<CMS_ContentInfo, CMS_ContentInfo_free>;
 using Key = OpensslOwner<EVP_PKEY, EVP_PKEY_free>;
 using X509Owner = OpensslOwner<X509, X509_free>;
 
-constexpr char kFolder[] = "Contents/_CodeSignature";
-constexpr char kHalfDone[] = "Contents/_CodeSignature/CodeSeal.new";
+// The names of kSealFile, and that of a new seal until it is complete.
+constexpr char kContents[] = "Contents";
+constexpr char kFolder[] = "_CodeSignature";
+constexpr char kSeal[] = "CodeSeal";
+constexpr char kHalfDone[] = "CodeSeal.new";
 
 [[noreturn]] void ThrowErrno(const std::string &what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -150,11 +153,20 @@ void AddAuthorities(CMS_ContentInfo *cms, const std::vector<X509Owner> &authorit
 
 // ---- attaching ---------------------------------------------------------------------------------
 
+// Never by a link, which could lead out of the bundle.
+Fd OpenFolder(int parent, const char *name) {
+  return Fd(openat(parent, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
 // Written under another name and renamed, so that the seal appears whole or not at all.
 void WriteSealFile(int bundle, const std::string &seal) {
-  if (mkdirat(bundle, kFolder, 0755) != 0 && errno != EEXIST) ThrowErrno(kFolder);
+  const Fd contents = OpenFolder(bundle, kContents);
+  if (!contents) ThrowErrno(kContents);
+  if (mkdirat(contents.Get(), kFolder, 0755) != 0 && errno != EEXIST) ThrowErrno(kFolder);
+  const Fd folder = OpenFolder(contents.Get(), kFolder);
+  if (!folder) ThrowErrno(kFolder);
   const Fd fd(
-      openat(bundle, kHalfDone, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+      openat(folder.Get(), kHalfDone, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!fd) ThrowErrno(kHalfDone);
   for (size_t done = 0; done < seal.size();) {
     const ssize_t n = write(fd.Get(), seal.data() + done, seal.size() - done);
@@ -163,7 +175,7 @@ void WriteSealFile(int bundle, const std::string &seal) {
   }
   // Everybody may verify, whatever the umask.
   if (fchmod(fd.Get(), 0644) != 0 || fsync(fd.Get()) != 0) ThrowErrno(kHalfDone);
-  if (renameat(bundle, kHalfDone, bundle, kSealFile) != 0) ThrowErrno(kSealFile);
+  if (renameat(folder.Get(), kHalfDone, folder.Get(), kSeal) != 0) ThrowErrno(kSealFile);
 }
 
 }  // namespace
@@ -210,7 +222,10 @@ std::string SealMaker_Sign(const std::string &text, const SealMakerFiles &files)
 }
 
 void SealMaker_RemoveHalfDone(int item) {
-  if (SealIsDirectory(item) && unlinkat(item, kHalfDone, 0) != 0 && errno != ENOENT) {
+  if (!SealIsDirectory(item)) return;
+  const Fd contents = OpenFolder(item, kContents);
+  const Fd folder = contents ? OpenFolder(contents.Get(), kFolder) : Fd();
+  if ((!folder || unlinkat(folder.Get(), kHalfDone, 0) != 0) && errno != ENOENT) {
     ThrowErrno(kHalfDone);
   }
 }
@@ -230,11 +245,15 @@ bool SealMaker_Remove(int item) {
     return false;
   }
   SealMaker_RemoveHalfDone(item);
-  if (unlinkat(item, kSealFile, 0) != 0) {
+  const Fd contents = OpenFolder(item, kContents);
+  const Fd folder = contents ? OpenFolder(contents.Get(), kFolder) : Fd();
+  if (!folder || unlinkat(folder.Get(), kSeal, 0) != 0) {
     if (errno != ENOENT && errno != ENOTDIR) ThrowErrno(kSealFile);
     return false;
   }
   // Other files may be there.
-  if (unlinkat(item, kFolder, AT_REMOVEDIR) != 0 && errno != ENOTEMPTY) ThrowErrno(kFolder);
+  if (unlinkat(contents.Get(), kFolder, AT_REMOVEDIR) != 0 && errno != ENOTEMPTY) {
+    ThrowErrno(kFolder);
+  }
   return true;
 }
