@@ -11,6 +11,7 @@
 //      process's: a lock keeps two threads from restoring each other's 0.
 // Tested by tests/unit/fileLock_test.cpp.
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,6 +25,7 @@
 #include "lib/file/raw/fileIOInt.h"
 #include "lib/public/err.h"
 #include "lib/public/errnoKeeper.h"
+#include "lib/public/fd.h"
 #include "lib/public/fileIO.h"
 #include "lib/public/log.h"
 #include "lib/public/monotonicClock.h"
@@ -114,13 +116,15 @@ struct Creations {
   int entryDir = 0;
 };
 
-Creations MakeDirectories(const char *lockDir, bool lockDirExists, const char *entryDir) {
+// The lock directory must not be a link: whoever may plant one would get a directory that is open to
+// everybody, made by root, wherever it leads.
+Creations MakeDirectories(const char *lockDir, bool lockDirExists, const char *entryName) {
   Creations errors;
   const ModesAsAsked scope;
   if (!lockDirExists && mkdir(lockDir, kDirectoryMode) != 0) errors.lockDir = errno;
-  if ((errors.lockDir == 0 || errors.lockDir == EEXIST) && mkdir(entryDir, kDirectoryMode) != 0) {
-    errors.entryDir = errno;
-  }
+  if (errors.lockDir != 0 && errors.lockDir != EEXIST) return errors;
+  const Fd dir(open(lockDir, kFileOpenDirectory | O_NOFOLLOW));
+  if (!dir || mkdirat(dir.Get(), entryName, kDirectoryMode) != 0) errors.entryDir = errno;
   return errors;
 }
 
@@ -134,11 +138,13 @@ Attempt TryEntryDirectory(const char *lockDir, FileLockPaths *paths, int *error)
 
   DrawNumber(lockDir, paths);
   const char *const path = paths->entryDir.get();
-  const Creations made = MakeDirectories(lockDir, found == 0, path);
+  const Creations made = MakeDirectories(lockDir, found == 0, strrchr(path, '/') + 1);
   if (made.lockDir != 0 && made.lockDir != EEXIST) {
     return Fail("FILE: %s creation failure on '%s': %s\n", lockDir, made.lockDir, error);
   }
-  if (made.entryDir == ENOENT && IsDanglingLink(lockDir)) return RemoveObstacle(lockDir, error);
+  // What open(2) says of a link.
+  const bool isLink = made.entryDir == ENOTDIR || made.entryDir == ELOOP;
+  if (isLink && IsDanglingLink(lockDir)) return RemoveObstacle(lockDir, error);
   if (made.entryDir == EEXIST || made.entryDir == ENOENT) return Attempt::Changed;
   if (made.entryDir != 0) {
     return Fail("FILE: %s creation failure on '%s': %s\n", path, made.entryDir, error);
