@@ -212,7 +212,8 @@ TEST_F(FileLockTest, WhatHappensMeanwhile) {
   fs::remove_all(lockDir_);
   Meanwhile(0, 0, "open", 2, 0, [&] { write('E'); });
   // An answer gets lost; others take us for dead; a person removes everything.
-  Meanwhile(0, 0, "rename", 1, ENOENT, [&] { fs::rename(Sibling('E'), Sibling('M')); });
+  for (const int error : {ENOENT, EIO})
+    Meanwhile(0, 0, "rename", 1, error, [&] { fs::rename(Sibling('E'), Sibling('M')); });
   Meanwhile(ENOENT, 0, "rmdir", 1, 0, [&] { fs::remove(Sibling('D')); });
   EXPECT_TRUE(DirectoryIsGone());
   Meanwhile(ENOENT, 0, "stat", 3, 0, [&] { fs::remove_all(lockDir_); });

@@ -247,8 +247,9 @@ int RenameEntry(const FileLockRequest &request, const FileLockPaths &paths) {
   const char *const to = paths.memberFile.get();
   if (rename(from, to) == 0) return 0;
   const ErrnoKeeper keeper;
-  // A file server whose answer got lost is asked again, and then knows no such file.
-  if (keeper.Get() == ENOENT && IsOwnMember(request)) return 0;
+  // It may have been done all the same: a file server whose answer got lost is asked again, and then
+  // knows no such file, or the time for its answer is up.
+  if (IsOwnMember(request)) return 0;
   Log("FILE: %s FileRename of '%s' to '%s' failed: %s\n", "FileLockCreateMemberFile", from, to,
       Err_ErrnoToString(keeper.Get()));
   return keeper.Get();
