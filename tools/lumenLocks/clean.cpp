@@ -13,6 +13,7 @@
 #include "lib/public/fileLock.h"
 #include "tools/lumenLocks/entries.h"
 #include "tools/lumenLocks/lockTool.h"
+#include "tools/toolText.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ int Clean(const std::string &file) {
     const bool gone = std::ranges::find(after, entry.name, &Entry::name) == after.end();
     if (!MayGo(entry) || !gone) continue;
     const std::string owner = entry.isMember ? ", " + OwnerOf(entry) : "";
-    printf("removed %s: %s%s\n", Printable(entry.name).c_str(), EntryState_Text(entry.state),
+    printf("removed %s: %s%s\n", CleanText(entry.name).c_str(), EntryState_Text(entry.state),
            owner.c_str());
   }
   return error == 0 ? kOk : Complain(file + ": " + strerror(error));

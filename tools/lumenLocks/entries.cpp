@@ -21,6 +21,7 @@
 
 #include "lib/file/lock/fileLockInt.h"
 #include "lib/public/fd.h"
+#include "tools/toolText.h"
 
 namespace fs = std::filesystem;
 
@@ -116,15 +117,8 @@ std::vector<Entry> ReadEntries(const std::string &file) {
   return entries;
 }
 
-std::string Printable(std::string text) {
-  // Some terminals take bytes above ASCII for control characters, too.
-  std::ranges::replace_if(
-      text, [](unsigned char c) { return c < ' ' || c >= 0x7F; }, '?');
-  return text;
-}
-
 std::string OwnerOf(const Entry &entry) {
   const std::string process = entry.execution.substr(0, entry.execution.find('-'));
-  return "process " + Printable(process) + " of " +
-         (entry.isHere ? "this machine" : "the machine " + Printable(entry.machine));
+  return "process " + CleanText(process) + " of " +
+         (entry.isHere ? "this machine" : "the machine " + CleanText(entry.machine));
 }

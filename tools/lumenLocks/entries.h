@@ -37,8 +37,5 @@ const char *EntryState_Text(EntryState state);
 // std::system_error with a text that names the directory.
 std::vector<Entry> ReadEntries(const std::string &file);
 
-// The text with '?' for everything but printable ASCII, for terminals.
-std::string Printable(std::string text);
-
-// Such as "process 12 of this machine"; of a member.
+// Such as "process 12 of this machine", clean; of a member.
 std::string OwnerOf(const Entry &entry);

@@ -16,6 +16,7 @@
 #include "tools/lumenLocks/entries.h"
 #include "tools/lumenLocks/lockTool.h"
 #include "tools/lumenLocks/signals.h"
+#include "tools/toolText.h"
 
 namespace {
 
@@ -84,7 +85,7 @@ std::string Text(MsgList *messages) {
 void TellHolders(const std::string &file) {
   for (const Entry &entry : ReadEntries(file)) {
     if (entry.state != EntryState::Holds) continue;
-    Complain(file + ": " + entry.name + " belongs to " + OwnerOf(entry) + " and is " +
+    Complain(file + ": " + CleanText(entry.name) + " belongs to " + OwnerOf(entry) + " and is " +
              std::to_string(entry.ageSeconds) + " s old");
   }
 }

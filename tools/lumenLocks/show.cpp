@@ -6,6 +6,7 @@
 
 #include "tools/lumenLocks/entries.h"
 #include "tools/lumenLocks/lockTool.h"
+#include "tools/toolText.h"
 
 namespace {
 
@@ -25,24 +26,11 @@ void PrintTable(const std::vector<Entry> &entries) {
   for (const Entry &entry : entries) {
     const std::string member[4] = {entry.type, std::to_string(entry.number), entry.execution,
                                    entry.isHere ? "this one" : entry.machine};
-    const auto column = [&](int i) { return entry.isMember ? Printable(member[i]) : "-"; };
-    printf("%-12s %-18s %-4s %10s %9lld  %-28s %s\n", Printable(entry.name).c_str(),
+    const auto column = [&](int i) { return entry.isMember ? CleanText(member[i]) : "-"; };
+    printf("%-12s %-18s %-4s %10s %9lld  %-28s %s\n", CleanText(entry.name).c_str(),
            EntryState_Text(entry.state), column(0).c_str(), column(1).c_str(),
            static_cast<long long>(entry.ageSeconds), column(2).c_str(), column(3).c_str());
   }
-}
-
-// The encoding of bytes above ASCII is unknown: each becomes a replacement character.
-std::string Quoted(const std::string &text) {
-  std::string quoted = "\"";
-  for (const char c : text) {
-    const auto code = static_cast<unsigned char>(c);
-    char escape[8];
-    snprintf(escape, sizeof escape, "\\u%04x", code < 0x80 ? code : 0xFFFDU);
-    const bool plain = code >= ' ' && code < 0x7F && c != '"' && c != '\\';
-    quoted += plain ? std::string(1, c) : escape;
-  }
-  return quoted + '"';
 }
 
 void PrintJson(const std::vector<Entry> &entries) {
@@ -51,13 +39,13 @@ void PrintJson(const std::vector<Entry> &entries) {
   printf("{\"lock\": \"%s\", \"entries\": [", lock);
   const char *separator = "\n";
   for (const Entry &entry : entries) {
-    printf("%s  {\"entry\": %s, \"state\": \"%s\", \"age\": %lld", separator,
-           Quoted(entry.name).c_str(), EntryState_Text(entry.state),
+    printf("%s  {%s, %s, \"age\": %lld", separator, JsonMember("entry", entry.name).c_str(),
+           JsonMember("state", EntryState_Text(entry.state)).c_str(),
            static_cast<long long>(entry.ageSeconds));
     if (entry.isMember) {
-      printf(", \"type\": %s, \"number\": %u, \"process\": %s, \"machine\": %s, \"here\": %s",
-             Quoted(entry.type).c_str(), entry.number, Quoted(entry.execution).c_str(),
-             Quoted(entry.machine).c_str(), entry.isHere ? "true" : "false");
+      printf(", %s, \"number\": %u, %s, %s, \"here\": %s", JsonMember("type", entry.type).c_str(),
+             entry.number, JsonMember("process", entry.execution).c_str(),
+             JsonMember("machine", entry.machine).c_str(), entry.isHere ? "true" : "false");
     }
     printf("}");
     separator = ",\n";

@@ -111,7 +111,7 @@ void FileLockFormatRecord(const FileLockRequest &request, char (&out)[kFileLockR
 [[nodiscard]] int FileLockMemberValues(const char *lockDir, const char *name,
                                        FileLockRecord *buffer, FileLockMember *values);
 
-// `text`, which somebody else wrote, in printable ASCII for the log; never null.
+// `text`, which somebody else wrote, as one line that the log can take; never null.
 [[nodiscard]] HeapStr FileLockPrintable(const char *text);
 
 // The path of an entry for the log.

@@ -15,16 +15,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <utility>
 
 #include "lib/file/fileInt.h"
 #include "lib/file/lock/fileLockInt.h"
+#include "lib/public/displayText.h"
 #include "lib/public/err.h"
 #include "lib/public/errnoKeeper.h"
 #include "lib/public/fd.h"
 #include "lib/public/log.h"
 #include "lib/public/str.h"
-#include "lib/public/unicode.h"
 
 namespace {
 
@@ -185,8 +184,7 @@ int FileLockMemberValues(const char *lockDir, const char *name, FileLockRecord *
 }
 
 HeapStr FileLockPrintable(const char *text) {
-  HeapStr printable(Unicode_EscapeBuffer(text, -1, StringEncoding::Utf8));
-  return printable != nullptr ? std::move(printable) : Heap_SafeStrdup("?");
+  return HeapStr(DisplayText_Line(text));
 }
 
 HeapStr FileLockPrintablePath(const char *lockDir, const char *name) {
