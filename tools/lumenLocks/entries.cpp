@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 #include <tuple>
 
@@ -37,14 +38,23 @@ constexpr char kSillyName[] = ".nfs";
 
 constexpr auto kGone = std::errc::no_such_file_or_directory;
 
-// Fills in the fields of a member; the state says why if it is not one.
-EntryState ReadRecord(const fs::path &path, Entry *entry) {
+// It may be a holder's that this user may not read.
+[[noreturn]] void ThrowUnreadable(const fs::path &path) {
+  throw std::system_error(errno, std::generic_category(), CleanText(path));
+}
+
+// Fills in the fields of a member; the state says why if it is not one.  Nothing when it has left.
+std::optional<EntryState> ReadRecord(const fs::path &path, Entry *entry) {
   const Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd && (errno == ENOENT || errno == ESTALE)) return std::nullopt;
+  if (!fd && (errno == ELOOP || errno == ENXIO || errno == EOPNOTSUPP)) return EntryState::NoFile;
   struct stat info;
-  if (!fd || fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return EntryState::NoFile;
+  if (!fd || fstat(fd.Get(), &info) != 0) ThrowUnreadable(path);
+  if (!S_ISREG(info.st_mode)) return EntryState::NoFile;
   if (info.st_size != off_t{kFileLockRecordSize}) return EntryState::WrongSize;
   FileLockRecord record;
   const ssize_t length = read(fd.Get(), record.text, kFileLockRecordSize);
+  if (length < 0) ThrowUnreadable(path);
   if (length != ssize_t{kFileLockRecordSize}) return EntryState::WrongSize;
   record.text[kFileLockRecordSize] = '\0';
   FileLockMember member;
@@ -59,7 +69,7 @@ EntryState ReadRecord(const fs::path &path, Entry *entry) {
   return mayLive ? EntryState::Waits : EntryState::Stale;
 }
 
-EntryState StateOf(const fs::path &path, Entry *entry) {
+std::optional<EntryState> StateOf(const fs::path &path, Entry *entry) {
   if (!FileLockIsEntryName(entry->name.c_str())) return EntryState::Foreign;
   switch (entry->name[0]) {
     case kFileLockMember:
@@ -107,7 +117,9 @@ std::vector<Entry> ReadEntries(const std::string &file) {
     struct stat info;
     if (lstat(at->path().c_str(), &info) != 0) continue;  // has left
     entry.ageSeconds = std::max<int64_t>(0, time(nullptr) - info.st_mtime);
-    entry.state = StateOf(at->path(), &entry);
+    const std::optional<EntryState> state = StateOf(at->path(), &entry);
+    if (!state) continue;
+    entry.state = *state;
     entries.push_back(entry);
   }
   if (error && error != kGone) throw std::system_error(error, lockDir);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
+#include <system_error>
 
 #include "lib/public/fileLock.h"
 #include "lib/public/heap.h"
@@ -82,12 +83,14 @@ std::string Text(MsgList *messages) {
   return line;
 }
 
-void TellHolders(const std::string &file) {
+void TellHolders(const std::string &file) try {
   for (const Entry &entry : ReadEntries(file)) {
     if (entry.state != EntryState::Holds) continue;
     Complain(file + ": " + CleanText(entry.name) + " belongs to " + OwnerOf(entry) + " and is " +
              std::to_string(entry.ageSeconds) + " s old");
   }
+} catch (const std::system_error &error) {
+  Complain(error.what());  // the exit status is still that of a conflict
 }
 
 void TellTime(const std::string &file, int64_t ms) {
