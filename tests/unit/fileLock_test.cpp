@@ -206,6 +206,8 @@ TEST_F(FileLockTest, WhatHappensMeanwhile) {
   const auto none = [] {};
   // On the way in: the directory, its number or its entry file is there already, or time is up.
   Meanwhile(0, 0, "mkdir", 1, 0, [&] { fs::create_directory(lockDir_); });
+  Meanwhile(ENOSPC, 0, "mkdirat", 1, ENOSPC, none);
+  EXPECT_TRUE(DirectoryIsGone());
   Meanwhile(EBUSY, 0, "mkdirat", 1, EEXIST, [] { nowMs += 8001; });
   Meanwhile(EAGAIN, 0, "stat", 2, 0, [&] { write('M'); });
   EXPECT_EQ(1U, Names().size());

@@ -147,6 +147,7 @@ Attempt TryEntryDirectory(const char *lockDir, FileLockPaths *paths, int *error)
   if (isLink && IsDanglingLink(lockDir)) return RemoveObstacle(lockDir, error);
   if (made.entryDir == EEXIST || made.entryDir == ENOENT) return Attempt::Changed;
   if (made.entryDir != 0) {
+    File_DeleteEmptyDirectory(lockDir);  // perhaps we have just made it
     return Fail("FILE: %s creation failure on '%s': %s\n", path, made.entryDir, error);
   }
   // A member file that cannot be looked at may be there, and a rename would replace it.
