@@ -4,7 +4,7 @@
 //         ("btime") would not give a stable value: it moves whenever the clock is set, and a live
 //         process would look like another one.  So a hash of the boot id is added, which stays the
 //         same until the next boot.
-// Tests:  tests/unit/fileLock_test.cpp, tests/system/lockMachines_test
+// Tested by tests/unit/fileLock_test.cpp, tests/system/lockMachines_test.
 
 #include "platform/processStart.h"
 
@@ -42,6 +42,15 @@ bool ReadSmall(const char *path, char *buffer, size_t size) {
   return true;
 }
 
+// Whether the numbers in /proc are those of our own namespace: it may have been mounted in another.
+bool ProcIsOurs() {
+  char self[16];
+  const ssize_t length = readlink("/proc/self", self, sizeof self - 1);
+  if (length <= 0) return false;
+  self[length] = '\0';
+  return strtol(self, nullptr, 10) == getpid();
+}
+
 // FNV-1a; never 0.
 uint64_t HashOf(const char *text) {
   uint64_t hash = 0xCBF29CE484222325;
@@ -62,6 +71,7 @@ enum class Life { Unknown, Ended, Alive };
 // Stores the start of a live process, in ticks since boot.  A process whose first thread has ended has
 // the state of a zombie even while others go on.
 Life ReadStat(pid_t pid, uint64_t *ticks) {
+  if (!ProcIsOurs()) return Life::Unknown;
   char path[32];
   char stat[1024];
   snprintf(path, sizeof path, "/proc/%d/stat", pid);
@@ -95,7 +105,7 @@ bool Platform_ProcessStartTime(pid_t pid, uint64_t *microseconds) {
     }
     return true;
   }
-  // /proc may be missing, or hide the processes of other users.
+  // /proc may be missing or somebody else's, or hide the processes of other users.
   if (life == Life::Unknown && (kill(pid, 0) == 0 || errno == EPERM)) return true;
   errno = ESRCH;
   return false;
