@@ -3,7 +3,7 @@
 // file system takes long.
 //
 // The peer leaves one file with the process's number: 9 system calls that count, where the lock that
-// keeps an order and has shared holders needs 24.  So three times its time is what to expect of the
+// keeps an order and has shared holders needs 26.  So three times its time is what to expect of the
 // procedures; programs spend most of theirs on starting.
 
 #include <dirent.h>

@@ -28,14 +28,14 @@
  *   LATE       live choosers may be taken for dead: they were stopped for more than 8 seconds
  *   PIECES     a listing is no single moment: some of what comes or goes meanwhile is in it
  *   SHARED=s   a set of participants, one bit each, who may want shared locks
- *   GIVEUP=s   a set of those who may leave instead of waiting
+ *   GIVEUP=s   a set of those who may leave instead of waiting, or once they have read a member
  *   ROUNDS=n   each one tries n times only
  * Each of these leaves something out, to show what it is for:
  *   NO_SECOND (listing)   ALL_CHOOSERS (are waited for, those who come later, too)
  *   MEMBER_TOO (of a dead chooser, M is unlinked as well, and first)
  *
  * What tools/checkModels runs: verdict, properties, switches.
- *   row:  holds EXCLUSION,TURN -DN=2 -DCRASHES=1 -DLATE -DPIECES -DSHARED=3
+ *   row:  holds EXCLUSION,TURN -DN=2 -DCRASHES=1 -DLATE -DPIECES -DSHARED=3 -DGIVEUP=3
  *   row:  holds EXCLUSION,TURN -DN=3 -DROUNDS=1
  *   row:  holds EXCLUSION -DN=3 -DSHARED=3 -DROUNDS=1
  *   row:  holds EXCLUSION -DN=3 -DK=2 -DSAME=1 -DCRASHES=1
@@ -50,6 +50,7 @@
  *   long: holds EXCLUSION,TURN -DN=3
  *   long: holds EXCLUSION,TURN -DN=3 -DSHARED=7 -DROUNDS=1
  *   long: holds EXCLUSION,TURN -DN=3 -DPIECES -DROUNDS=1
+ *   long: holds EXCLUSION -DN=3 -DLATE -DROUNDS=1 -DGIVEUP=7
  *   long: holds served -DN=3 -DGIVEUP=6
  *
  * Left out: time (42 listings in a row are one); the directory itself; other machines, whose dead
@@ -61,6 +62,9 @@
 #endif
 #ifndef SAME
 #define SAME 0
+#endif
+#ifndef GIVEUP
+#define GIVEUP 0
 #endif
 #define me _pid
 #define BIT(b) (1 << (b))
@@ -141,8 +145,7 @@ inline Forget() {
 
 /* ---- participants ---------------------------------------------------------------------------- */
 active [N] proctype Participant() {
-  byte k, set, w, q, c, rounds;
-  bool ok;
+  byte k, set, w, q, c, rounds; bool ok;
   { skip;
 again:
     atomic {
@@ -173,6 +176,7 @@ again:
                  (number[M[c] - 1] > highest[me] -> number[M[c] - 1] : highest[me]); c = 0 fi } }
     :: atomic { prey[me] -> d_step { RemoveM(c); prey[me] = 0; c = 0 } }
     :: atomic { !prey[me] && !set -> break }
+    :: !prey[me] && highest[me] && HAS(GIVEUP, me) -> goto leaveE
     od;
     atomic { true; d_step {
         number[me] = highest[me] + 1; highest[me] = 0; Squeeze(); written[me] = true } };
@@ -186,7 +190,7 @@ again:
 #ifndef ALL_CHOOSERS
            w = (q -> w & awaited[me] : w); q = 1; awaited[me] = w;
 #endif
-         }; if :: w == 0 -> q = 0; break :: else -> set = 0 fi };
+       }; if :: w == 0 -> q = 0; break :: w -> set = 0 :: w && HAS(GIVEUP, me) -> goto leaveM fi };
        do
        :: atomic { do
             :: w -> Take(w);
@@ -204,8 +208,7 @@ again:
        od
     od;
 #if defined(PIECES) && !defined(NO_SECOND)
-    BEGIN_LISTING();
-    atomic { EndListing() };
+    BEGIN_LISTING(); atomic { EndListing() };
 #endif
     set = (set >> K) & ~BIT(k);
     do /* q: who is being waited for, plus 1 */
@@ -215,9 +218,7 @@ again:
             :: else fi } }
     :: atomic { q && (M[c] != q || !OBSTACLE(q - 1, c)) -> q = 0; c = 0 } /* also another's M */
     :: atomic { q && M[c] == q && dead[q - 1] -> prey[me] = c + 1; q = 0 }
-#ifdef GIVEUP
     :: q && HAS(GIVEUP, me) -> goto leaveM
-#endif
     :: atomic { prey[me] -> d_step { RemoveM(c); prey[me] = 0; c = 0 } }
     :: atomic { !prey[me] && !q && !set -> break }
     od;
@@ -236,8 +237,7 @@ again:
 leaveE: atomic { true; d_step { RemoveE(k) } };
 leaveD: atomic { true; d_step { RemoveD(k); Forget() }; goto again };
 leaveM: atomic { true; d_step { RemoveM(k); Forget() }; goto again };
-over: skip
-  } unless { dead[me] };
+over: skip } unless { dead[me] };
   d_step { k = 0; set = 0; w = 0; q = 0; c = 0; ok = false;
     highest[me] = 0; name[me] = 0; prey[me] = 0; awaited[me] = 0 }
 }
