@@ -39,7 +39,7 @@
  *   row:  holds EXCLUSION,TURN -DN=3 -DROUNDS=1
  *   row:  holds EXCLUSION -DN=3 -DSHARED=3 -DROUNDS=1
  *   row:  holds EXCLUSION -DN=3 -DK=2 -DSAME=1 -DCRASHES=1
- *   row:  holds EXCLUSION -DN=3 -DLATE -DROUNDS=1
+ *   row:  holds EXCLUSION -DN=3 -DLATE -DROUNDS=1 -DGIVEUP=7
  *   row:  holds served -DN=2 -DCRASHES=1 -DSHARED=3 -DGIVEUP=2
  *   row:  fails EXCLUSION -DN=2 -DPIECES -DNO_SECOND
  *   row:  fails EXCLUSION -DN=2 -DLATE -DMEMBER_TOO
@@ -50,7 +50,6 @@
  *   long: holds EXCLUSION,TURN -DN=3
  *   long: holds EXCLUSION,TURN -DN=3 -DSHARED=7 -DROUNDS=1
  *   long: holds EXCLUSION,TURN -DN=3 -DPIECES -DROUNDS=1
- *   long: holds EXCLUSION -DN=3 -DLATE -DROUNDS=1 -DGIVEUP=7
  *   long: holds served -DN=3 -DGIVEUP=6
  *
  * Left out: time (42 listings in a row are one); the directory itself; other machines, whose dead
@@ -190,7 +189,8 @@ again:
 #ifndef ALL_CHOOSERS
            w = (q -> w & awaited[me] : w); q = 1; awaited[me] = w;
 #endif
-       }; if :: w == 0 -> q = 0; break :: w -> set = 0 :: w && HAS(GIVEUP, me) -> goto leaveM fi };
+         }; if :: w == 0 -> q = 0; break :: else -> set = 0 fi };
+       if :: HAS(GIVEUP, me) -> goto leaveM :: true fi;
        do
        :: atomic { do
             :: w -> Take(w);
