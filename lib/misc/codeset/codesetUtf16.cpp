@@ -22,7 +22,6 @@
 namespace {
 
 constexpr ptrdiff_t kUnit = sizeof(char16_t);
-constexpr ptrdiff_t kBlock = 64;  // bytes
 
 // How far a conversion has come.
 struct Place {
@@ -35,6 +34,7 @@ struct Place {
 #ifdef __x86_64__
 
 constexpr ptrdiff_t kVector = sizeof(__m128i);
+constexpr ptrdiff_t kBlock = 64;  // bytes
 constexpr unsigned kLanes = 4;
 
 using Shuffle = std::array<uint8_t, kVector>;
