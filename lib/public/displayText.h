@@ -8,6 +8,6 @@
 // the whole text is UTF-8, all bytes beyond ASCII become '?'.
 [[nodiscard]] char *DisplayText_Line(const char *text);
 
-// A JSON string (RFC 8259), quotes included.  Of a text that is not UTF-8, each byte beyond ASCII becomes
-// U+FFFD.
+// A JSON string (RFC 8259), quotes included, in which the same control characters are escaped.  Of a text
+// that is not UTF-8, each byte beyond ASCII becomes U+FFFD.
 [[nodiscard]] char *DisplayText_Json(const char *text);

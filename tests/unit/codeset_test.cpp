@@ -1,5 +1,5 @@
-// codeset_test.cpp -- UTF-8 against ICU, the names of encodings, the library's own converters, and how
-// ICU takes over.
+// codeset_test.cpp -- UTF-8 against ICU, the names of encodings, the library's own converters, how ICU
+// takes over, and texts for display.
 //
 // ICU never leaves a process that it has entered, so tests let it into a child.
 // Conversions of any bytes: fuzz/codeset_fuzz.cpp; the look-up of any name: fuzz/encoding_fuzz.cpp.
@@ -15,6 +15,7 @@
 #include <optional>
 
 #include "lib/misc/codeset/codesetUtf8.h"
+#include "lib/public/displayText.h"
 #include "lib/public/dynbuf.h"
 #include "lib/public/encoding.h"
 #include "lib/public/productDir.h"
@@ -308,11 +309,31 @@ TEST_F(Icu, TakesOver) {
       const std::string name = EncodingTablePreferredName(row);
       EXPECT_TRUE(name == "LMBCS-1" || ConvertsLikeUcnv(name.c_str(), text) || !row.usable) << name;
     }
+    const std::u16string hangul(600'000, u'\uAC00');
+    EXPECT_TRUE(ConvertsLikeUcnv("ISO-2022-KR", hangul)) << "pieces that begin in a shifted state";
     EXPECT_EQ("Panic: NOT_IMPLEMENTED lib/misc/codeset:988\n",
               FatalText([] { Convert("UTF-8", "a", "UTF-8", 3); }));
     EXPECT_EQ("Panic: VERIFY lib/misc/codeset:1723\n",
               FatalText([] { (void)CodeSet_Validate("a", 1, "no such name"); }));
   });
+}
+
+// ---- for people --------------------------------------------------------------------------------
+
+TEST(DisplayText, IsHarmlessOnATerminalAsALineAndAsJson) {
+  const struct {
+    std::string text, line, json;
+  } rows[] = {
+      {"", "", R"("")"},
+      {"a\t\x1B[m\x7F\"\\", "a??[m?\"\\", R"("a\u0009\u001b[m\u007f\"\\")"},
+      {"\xC2\x80\xC2\x9F\xC2\xA0\xE2\x82\xAC", "??\xC2\xA0\xE2\x82\xAC",
+       "\"\\u0080\\u009f\xC2\xA0\xE2\x82\xAC\""},
+      {"\xC2\x9B\xE9\n", "????", R"("\ufffd\ufffd\ufffd\u000a")"},  // not UTF-8
+  };
+  for (const auto &[text, line, json] : rows) {
+    EXPECT_EQ(line, Owned(DisplayText_Line(text.c_str())));
+    EXPECT_EQ(json, Owned(DisplayText_Json(text.c_str())));
+  }
 }
 
 }  // namespace

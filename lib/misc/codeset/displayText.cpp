@@ -27,18 +27,10 @@ bool BeginsWithC1(std::string_view text) {
   return text.size() >= 2 && text[0] == '\xC2' && static_cast<unsigned char>(text[1]) < 0xA0;
 }
 
-void AppendJson(DynBuf *out, char c, bool isUtf8) {
-  const auto byte = static_cast<unsigned char>(c);
-  if (byte >= 0x80 && !isUtf8) {
-    Append(out, "\\ufffd");
-  } else if (IsControl(byte)) {
-    char escaped[7];
-    Str_Sprintf(escaped, sizeof escaped, "\\u%04x", byte);
-    Append(out, escaped);
-  } else {
-    if (c == '"' || c == '\\') Append(out, "\\");
-    Append(out, {&c, 1});
-  }
+void AppendJsonEscape(DynBuf *out, unsigned unit) {
+  char escape[7];
+  Str_Sprintf(escape, sizeof escape, "\\u%04x", unit);
+  Append(out, escape);
 }
 
 }  // namespace
@@ -60,7 +52,21 @@ char *DisplayText_Json(const char *text) {
   const bool isUtf8 = CodeSet_IsValidUTF8(text);
   ScopedDynBuf json;
   Append(&json, "\"");
-  for (const char c : std::string_view(text)) AppendJson(&json, c, isUtf8);
+  for (std::string_view rest = text; !rest.empty();) {
+    const auto byte = static_cast<unsigned char>(rest[0]);
+    const bool isC1 = isUtf8 && BeginsWithC1(rest);
+    if (isC1) {
+      AppendJsonEscape(&json, static_cast<unsigned char>(rest[1]));  // U+0080 is C2 80
+    } else if (IsControl(byte)) {
+      AppendJsonEscape(&json, byte);
+    } else if (byte >= 0x80 && !isUtf8) {
+      AppendJsonEscape(&json, 0xFFFD);
+    } else {
+      if (byte == '"' || byte == '\\') Append(&json, "\\");
+      Append(&json, rest.substr(0, 1));
+    }
+    rest.remove_prefix(isC1 ? 2 : 1);
+  }
   Append(&json, "\"");
   return DynBuf_DetachString(&json);
 }
