@@ -28,10 +28,10 @@ struct Closer {
 };
 using Converter = std::unique_ptr<UConverter, Closer>;
 
-// Null when ICU does not know the name.
-Converter Open(const char *name) {
-  UErrorCode error = U_ZERO_ERROR;
-  return Converter(ucnv_open(name, &error));
+// Null, with *error set, when ICU does not know the name or memory runs out; null as well when *error is
+// a failure already.
+Converter Open(const char *name, UErrorCode *error) {
+  return Converter(ucnv_open(name, error));
 }
 
 // ---- flags ----------------------------------------------------------------------------------
@@ -126,9 +126,10 @@ int ConvertAll(UConverter *from, const char *bytes, size_t length, UConverter *t
 
 int Convert(const char *fromName, const char *bytes, size_t length, const char *toName, int flags,
             DynBuf *out) {
-  const Converter from = Open(fromName);
-  const Converter to = Open(toName);
-  if (from == nullptr || to == nullptr) return EINVAL;
+  UErrorCode error = U_ZERO_ERROR;
+  const Converter from = Open(fromName, &error);
+  const Converter to = Open(toName, &error);
+  if (U_FAILURE(error)) return error == U_MEMORY_ALLOCATION_ERROR ? ENOMEM : EINVAL;
   const Callbacks &callbacks = CallbacksFor(flags);
   const bool isSet = SetToUnicode(from.get(), callbacks.toUnicode) &&
                      SetFromUnicode(to.get(), callbacks.fromUnicode);
@@ -136,11 +137,12 @@ int Convert(const char *fromName, const char *bytes, size_t length, const char *
 }
 
 bool IsValid(const char *bytes, size_t length, const char *name) {
-  const Converter converter = Open(name);
+  UErrorCode error = U_ZERO_ERROR;
+  const Converter converter = Open(name, &error);
   if (converter == nullptr) Fatal_Verify(kCodeSetSource, 1723);
   if (!SetToUnicode(converter.get(), UCNV_TO_U_CALLBACK_STOP)) Fatal_Verify(kCodeSetSource, 1725);
   // Into no room at all: the text is valid if that is the only thing wrong.
-  UErrorCode error = U_ZERO_ERROR;
+  error = U_ZERO_ERROR;
   ucnv_toUChars(converter.get(), nullptr, 0, bytes, static_cast<int32_t>(length), &error);
   return error == U_BUFFER_OVERFLOW_ERROR;
 }
