@@ -10,6 +10,7 @@
 #include <unicode/ucnv.h>
 #include <unicode/ustring.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <optional>
@@ -318,12 +319,8 @@ TEST_F(Icu, TakesOver) {
   });
 }
 
-// ---- for people --------------------------------------------------------------------------------
-
 TEST(DisplayText, IsHarmlessOnATerminalAsALineAndAsJson) {
-  const struct {
-    std::string text, line, json;
-  } rows[] = {
+  const std::array<std::string, 3> rows[] = {
       {"", "", R"("")"},
       {"a\t\x1B[m\x7F\"\\", "a??[m?\"\\", R"("a\u0009\u001b[m\u007f\"\\")"},
       {"\xC2\x80\xC2\x9F\xC2\xA0\xE2\x82\xAC", "??\xC2\xA0\xE2\x82\xAC",

@@ -80,7 +80,7 @@ namespace {
 
 // The bucket of a hash: its digits to the base numBuckets, combined by XOR.  Each step XORs the
 // lower half of the digits that count with the upper half, and only the lowest digit is used at the
-// end; a loop from digit to digit would end at times that no processor foresees.
+// end.  A loop over the digits would end after a number of rounds that no processor predicts.
 Bucket &BucketOf(const HashTable &table, uint32_t hash) {
   if (table.numBuckets < 2) return table.heads[0];
   for (uint32_t shift = table.numBits; shift < 32; shift *= 2) hash ^= hash >> shift;

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
-// hash = rotl(hash ^ byte, 5), byte for byte, from 0.  Rotation and XOR commute: the bytes of a word
-// are put in their places side by side, and join the chain of steps that wait for each other as one.
+// hash = rotl(hash ^ byte, 5), byte for byte, from 0.  Rotation distributes over XOR, so the bytes of a
+// word can be rotated to their places in parallel, and only one step per word waits for the one before.
 
 // What eight bytes, the first one lowest, are at the end of their eight steps.
 inline uint32_t HashWord(uint64_t word) {
