@@ -11,6 +11,7 @@
 #include <fstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "lib/misc/codeset/codesetEngine.h"
 #include "lib/public/codeset.h"
@@ -48,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
   FuzzedDataProvider data(bytes, size);
   const auto [from, to] = data.PickValueInArray(kPairs);
   const int flags = data.ConsumeIntegralInRange<int>(CODESET_STOP, CODESET_SKIP);
-  const std::string text = data.ConsumeRemainingBytesAsString();
+  const std::vector<char> text = data.ConsumeRemainingBytes<char>();  // no NUL follows it
   if (text.empty()) return 0;
 
   ScopedDynBuf byIcu;
@@ -61,7 +62,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
   const CodeSetEngine &own = kCodeSetOwnEngine;
   const bool ownDoes = own.convert(from, text.data(), text.size(), to, flags, &byOwn) == 0;
   if (flags == CODESET_STOP) {
-    Require(ownDoes == icuDoes, "one engine refuses", from, to);
+    // ICU leaves out what is ignorable by default, U+00AD for one, where the target lacks it.
+    const bool dropped = to == std::string("US-ASCII") && byIcu.size - 1 < text.size();
+    Require(ownDoes == (icuDoes && !dropped), "one engine refuses", from, to);
     Require(!ownDoes ||
                 std::string(byOwn.data, byOwn.size) == std::string(byIcu.data + 1, byIcu.size - 1),
             "the engines differ", from, to);

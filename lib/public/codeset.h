@@ -37,7 +37,9 @@ struct DynBuf;
 // ---- conversion ------------------------------------------------------------------------------
 
 // The values of `flags`: what becomes of parts that are invalid or cannot be expressed.  Any other
-// value is fatal once ICU has taken over; before, only the bit of CODESET_SUBSTITUTE counts.
+// value is fatal once ICU has taken over; before, only the bit of CODESET_SUBSTITUTE counts.  Characters
+// that are ignorable by default, such as the soft hyphen (Unicode, Default_Ignorable_Code_Point), are left
+// out by ICU whatever the flags, where the target cannot express them.
 enum : int {
   CODESET_STOP = 0,        // the conversion fails
   CODESET_SUBSTITUTE = 1,  // they become U+FFFD, or SUB (1A) in US-ASCII

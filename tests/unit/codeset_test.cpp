@@ -10,7 +10,6 @@
 #include <unicode/ucnv.h>
 #include <unicode/ustring.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <optional>
@@ -320,7 +319,7 @@ TEST_F(Icu, TakesOver) {
 }
 
 TEST(DisplayText, IsHarmlessOnATerminalAsALineAndAsJson) {
-  const std::array<std::string, 3> rows[] = {
+  const std::string rows[][3] = {
       {"", "", R"("")"},
       {"a\t\x1B[m\x7F\"\\", "a??[m?\"\\", R"("a\u0009\u001b[m\u007f\"\\")"},
       {"\xC2\x80\xC2\x9F\xC2\xA0\xE2\x82\xAC", "??\xC2\xA0\xE2\x82\xAC",
