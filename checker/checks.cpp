@@ -1,5 +1,5 @@
 // checks.cpp -- what the checks have in common: details and commands.
-// Tested by tests/system/check_test.cpp.
+// Tests: tests/system/check_test.cpp
 
 #include "checker/checks.h"
 

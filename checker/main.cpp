@@ -9,7 +9,7 @@
 // Root may run it on a bundle that users can write to.  So it opens nothing there but regular files and
 // folders, parses them in the opener's unprivileged process, quotes every path in a command, and prints no
 // command that follows a link of a user's or makes a program of a user's set-user-ID.
-// Tested by tests/system/check_test.cpp.
+// Tests: tests/system/check_test.cpp
 
 #include <getopt.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // programChecks.cpp -- the opener as users run it.
-// Tested by tests/system/check_test.cpp.
+// Tests: tests/system/check_test.cpp
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>

@@ -1,5 +1,5 @@
 // rendezvousChecks.cpp -- the folder where openers and the daemon meet, the locks, the listener.
-// Tested by tests/system/check_test.cpp.
+// Tests: tests/system/check_test.cpp
 //
 // The locks are taken for a moment, without waiting, and the listener is asked by a connection that
 // goes no further than its greeting: an opener that comes in between begins again or waits, as with

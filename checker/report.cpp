@@ -1,5 +1,5 @@
 // report.cpp -- results as lines or as JSON (RFC 8259).
-// Tested by tests/system/check_test.cpp.
+// Tests: tests/system/check_test.cpp
 
 #include "checker/report.h"
 

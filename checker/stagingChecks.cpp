@@ -1,5 +1,5 @@
 // stagingChecks.cpp -- what the daemon is run from: the folders, the items and their signatures, room.
-// Tested by tests/system/check_test.cpp.
+// Tests: tests/system/check_test.cpp
 
 #include <fcntl.h>
 #include <sys/resource.h>

@@ -9,7 +9,7 @@
 //             failure below it is not removed, and passes the last error on to its parent.
 //             3. What is already gone is no failure, so two deletions of one tree complete each
 //             other.
-// Tested by tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/fileTree_test.cpp
 
 #include <dirent.h>
 #include <fcntl.h>

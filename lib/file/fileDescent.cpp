@@ -8,7 +8,7 @@
 // Invariants: 1. Nothing above the top is ever reached: a directory that is not the expected one,
 //             by device and inode, is closed again.
 //             2. Links are followed only with followLinks.
-// Tested by tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/fileTree_test.cpp
 
 #include "lib/file/fileDescent.h"
 

@@ -1,6 +1,6 @@
 // fileDirectory.cpp -- making directories.
 //
-// Tested by tests/unit/file_test.cpp.
+// Tests: tests/unit/file_test.cpp
 
 #include <sys/stat.h>
 

@@ -1,6 +1,6 @@
 // fileFullPath.cpp -- the current directory, and paths resolved as far as they exist.
 //
-// Tested by tests/unit/file_test.cpp.
+// Tests: tests/unit/file_test.cpp
 
 #include <unistd.h>
 

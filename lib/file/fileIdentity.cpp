@@ -1,6 +1,6 @@
 // fileIdentity.cpp -- files told apart by device and inode, whatever names and mounts lead to them.
 //
-// Tested by tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/fileTree_test.cpp
 
 #include <fcntl.h>
 #include <unistd.h>

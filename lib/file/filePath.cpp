@@ -1,6 +1,6 @@
 // filePath.cpp -- paths split and joined as texts, without access to the file system.
 //
-// Tested by tests/unit/file_test.cpp.
+// Tests: tests/unit/file_test.cpp
 
 #include <cstring>
 

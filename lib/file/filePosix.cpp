@@ -1,6 +1,6 @@
 // filePosix.cpp -- what a path names, and the removal of a single name.
 //
-// Tested by tests/unit/file_test.cpp and tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/file_test.cpp, tests/unit/fileTree_test.cpp
 
 #include <fcntl.h>
 #include <sys/stat.h>

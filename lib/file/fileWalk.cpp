@@ -7,7 +7,7 @@
 //       hashTable.h has chains of a fixed number, and took twice the time of `ls -U` for 100,000
 //       names (bench/file_bench.cpp).
 //
-// Tested by tests/unit/file_test.cpp.
+// Tests: tests/unit/file_test.cpp
 
 #include <fcntl.h>
 

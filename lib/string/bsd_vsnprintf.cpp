@@ -7,7 +7,7 @@
 //
 // Conversions differ from the host's printf where str.h says so.
 //
-// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
+// Tests: tests/unit/format_test.cpp, fuzz/format_fuzz.cpp
 
 #include "lib/public/bsd_vsnprintf.h"
 

@@ -1,6 +1,6 @@
 // formatBind.cpp -- stage 2 of formatting.
 //
-// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
+// Tests: tests/unit/format_test.cpp, fuzz/format_fuzz.cpp
 
 #include "lib/string/formatBind.h"
 

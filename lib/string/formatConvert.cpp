@@ -1,6 +1,6 @@
 // formatConvert.cpp -- stage 3 of formatting: which conversion a value goes through.
 //
-// Tested by tests/unit/format_test.cpp.
+// Tests: tests/unit/format_test.cpp
 
 #include "lib/string/formatConvert.h"
 

@@ -1,6 +1,6 @@
 // formatConvertFloat.cpp -- e E f F g G: doubles, from the decimal digits that the host gives.
 //
-// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
+// Tests: tests/unit/format_test.cpp, fuzz/format_fuzz.cpp
 
 #include <algorithm>
 #include <cmath>

@@ -3,7 +3,7 @@
 // The number of digits is known before the first is written, so a field that fits is written in place,
 // its digits from the last to the first.
 //
-// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
+// Tests: tests/unit/format_test.cpp, fuzz/format_fuzz.cpp
 
 #include <algorithm>
 #include <array>

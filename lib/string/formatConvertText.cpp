@@ -1,6 +1,6 @@
 // formatConvertText.cpp -- s S c C and literal characters.
 //
-// Tested by tests/unit/format_test.cpp.
+// Tests: tests/unit/format_test.cpp
 
 #include <algorithm>
 #include <climits>

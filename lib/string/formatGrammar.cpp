@@ -3,7 +3,7 @@
 // A table says for each character what it means inside a conversion, so that the common conversions,
 // a `%` and a letter, cost one look-up.
 //
-// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
+// Tests: tests/unit/format_test.cpp, fuzz/format_fuzz.cpp
 
 #include "lib/public/formatGrammar.h"
 

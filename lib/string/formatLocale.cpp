@@ -1,6 +1,6 @@
 // formatLocale.cpp -- the numerals of the current locale.
 //
-// Tested by tests/unit/format_test.cpp.
+// Tests: tests/unit/format_test.cpp
 
 #include "lib/string/formatLocale.h"
 

@@ -1,6 +1,6 @@
 // formatSink.cpp -- the rare ways of a sink: starting, growing, dropping, failing.
 //
-// Tested by tests/unit/format_test.cpp and fuzz/format_fuzz.cpp.
+// Tests: tests/unit/format_test.cpp, fuzz/format_fuzz.cpp
 
 #include "lib/string/formatSink.h"
 

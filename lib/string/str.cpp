@@ -1,6 +1,6 @@
 // str.cpp -- formatting into bounded buffers and new strings.
 //
-// Tested by tests/unit/format_test.cpp.
+// Tests: tests/unit/format_test.cpp
 
 #include "lib/public/str.h"
 

@@ -1,6 +1,6 @@
 // strBounded.cpp -- copying, joining and searching strings of bounded length.
 //
-// Tested by tests/unit/format_test.cpp.
+// Tests: tests/unit/format_test.cpp
 
 #include <algorithm>
 #include <cstring>

@@ -1,6 +1,6 @@
 // utf8.cpp -- from 32-bit code units to UTF-8, and the last character of a text.
 //
-// Tested by tests/unit/format_test.cpp.
+// Tests: tests/unit/format_test.cpp
 
 #include "lib/public/utf8.h"
 

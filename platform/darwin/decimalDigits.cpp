@@ -1,7 +1,7 @@
 // decimalDigits.cpp -- decimal digits on macOS: ecvt(3) and fcvt(3), which give as many exact
 // digits as they are asked for, but in memory that they share among all threads.
 //
-// Tested by tests/unit/darwin_test.cpp.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/decimalDigits.h"
 

@@ -3,7 +3,7 @@
 // The call has no limit, but reports its progress after each piece (8 KiB to a few MiB, depending on
 // the file systems) and can be told to stop there.
 //
-// Tested by tests/unit/darwin_test.cpp.
+// Tests: tests/unit/darwin_test.cpp
 
 #include <copyfile.h>
 #include <sys/acl.h>

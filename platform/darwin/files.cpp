@@ -1,6 +1,6 @@
 // files.cpp -- opening with an exclusive lock, and without side effects, on macOS.
 //
-// Tested by tests/unit/darwin_test.cpp.
+// Tests: tests/unit/darwin_test.cpp
 
 #include "platform/files.h"
 

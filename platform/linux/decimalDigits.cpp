@@ -9,7 +9,7 @@
 //   Expand    for anything else: long division of the whole part by 10^16 and long multiplication of
 //             the fraction by it, 16 digits at a time.  All digits are exact, and so is their rounding.
 //
-// Tested by tests/unit/format_test.cpp, with glibc's printf as the second opinion.
+// Tests: tests/unit/format_test.cpp, with glibc's printf as the second opinion
 
 #include "platform/decimalDigits.h"
 

@@ -4,7 +4,7 @@
 // owner clears the set-id bits, and writing sets the times.  So data come first, then owner,
 // attributes, mode and times.  The access control list is an attribute (system.posix_acl_access).
 //
-// Tested by tests/unit/fileIO_test.cpp and tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/fileIO_test.cpp, tests/unit/fileTree_test.cpp
 
 #include <fcntl.h>
 #include <sys/stat.h>

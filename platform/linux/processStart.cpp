@@ -4,7 +4,7 @@
 //         ("btime") would not give a stable value: it moves whenever the clock is set, and a live
 //         process would look like another one.  So a hash of the boot id is added, which stays the
 //         same until the next boot.
-// Tested by tests/unit/fileLock_test.cpp, tests/system/lockMachines_test.
+// Tests: tests/unit/fileLock_test.cpp, tests/system/lockMachines_test
 
 #include "platform/processStart.h"
 

@@ -3,7 +3,7 @@
 // Idea: taking the lock removes dead entries on the way, by the rules of docs/lock-format.md.  Instead
 //       of judging entries a second time, this joins the queue and leaves it at once.  If nothing is
 //       dead, it does not even join, since a `run --wait 0` at that moment would fail.
-// Tested by tests/system/lumenLocks_test.
+// Tests: tests/system/lumenLocks_test
 
 #include <algorithm>
 #include <cerrno>

@@ -2,7 +2,7 @@
 //
 // By fork and exec: posix_spawn cannot make a child ignore a signal that its parent does not ignore, nor
 // end it with its parent.
-// Tested by tests/system/lumenLocks_test.
+// Tests: tests/system/lumenLocks_test
 
 #include "tools/lumenLocks/command.h"
 

@@ -3,7 +3,7 @@
 // Invariants: any user may have put anything into the directory, and an operator may look at it as
 //             root.  So links are not followed, only regular files are read, and no control characters
 //             are printed.
-// Tested by tests/system/lumenLocks_test.
+// Tests: tests/system/lumenLocks_test
 
 #include "tools/lumenLocks/entries.h"
 

@@ -3,7 +3,7 @@
 //
 // Parts: run.cpp (taking the lock), signals.cpp and command.cpp (COMMAND and its signals), entries.cpp
 //        (reading the queue), show.cpp, clean.cpp.
-// Tested by tests/system/lumenLocks_test and tests/system/lockMachines_test.
+// Tests: tests/system/lumenLocks_test, tests/system/lockMachines_test
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
 // run.cpp -- takes the lock, runs COMMAND, and releases the lock.
-// Tested by tests/system/lumenLocks_test.
+// Tests: tests/system/lumenLocks_test
 
 #include <cerrno>
 #include <cmath>

@@ -1,5 +1,5 @@
 // show.cpp -- prints the entries of a lock, for people or for programs.
-// Tested by tests/system/lumenLocks_test.
+// Tests: tests/system/lumenLocks_test
 
 #include <algorithm>
 #include <cstdio>

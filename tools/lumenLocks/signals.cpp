@@ -1,5 +1,5 @@
 // signals.cpp -- what signals do to the tool, and how COMMAND gets them.
-// Tested by tests/system/lumenLocks_test.
+// Tests: tests/system/lumenLocks_test
 
 #include "tools/lumenLocks/signals.h"
 

@@ -6,7 +6,7 @@
 //             emptied only after it has been found to be another file, and none of the same tree.
 //             3. What is removed after a failure is the regular file that was opened, found again by
 //             its identity; not whatever its name leads to by then, and no device.
-// Tested by tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/fileTree_test.cpp
 
 #include <fcntl.h>
 #include <sys/stat.h>

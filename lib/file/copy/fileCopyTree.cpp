@@ -10,7 +10,7 @@
 //             written, so the copy neither changes its source nor copies itself; and no directory is
 //             entered from within itself.  What an empty destination receives is new; in any other
 //             the files of the source are known before the first is copied.
-// Tested by tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/fileTree_test.cpp
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -4,7 +4,7 @@
 //             refuses to move a directory into itself; so must the copy in its place, or the copy
 //             would be removed along with the source.
 //             2. What is removed is the file or directory that was copied, known by its identity.
-// Tested by tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/fileTree_test.cpp
 
 #include <fcntl.h>
 #include <stdio.h>

@@ -2,7 +2,7 @@
 //
 // Invariants: a directory is entered once, so links that lead back do no harm; nothing but directories
 //             is opened.
-// Tested by tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/fileTree_test.cpp
 
 #include <fcntl.h>
 #include <sys/stat.h>

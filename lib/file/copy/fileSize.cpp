@@ -3,7 +3,7 @@
 // Idea:       links are followed, so many ways may lead to one directory, and one way back into it.
 //             A directory is added up once; where it is met again its sum is known, and while it is
 //             still being added up it counts as 0.  So the time is linear.
-// Tested by tests/unit/fileTree_test.cpp.
+// Tests: tests/unit/fileTree_test.cpp
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,6 +1,6 @@
 // fileIOConfig.cpp -- the settings of the FileIO layer, read once from the program's store.
 //
-// Tested by tests/unit/fileIO_test.cpp.
+// Tests: tests/unit/fileIO_test.cpp
 
 #include <atomic>
 

@@ -2,7 +2,7 @@
 //
 // Idea: a record gets its name first, its lock second and its open file last.  One procedure releases
 //       all of them, whatever fails.
-// Tested by tests/unit/fileIO_test.cpp.
+// Tests: tests/unit/fileIO_test.cpp
 
 #include <unistd.h>
 

@@ -1,6 +1,6 @@
 // fileIOLock.cpp -- the lock that an open may request.
 //
-// Tested by tests/unit/fileIO_test.cpp and tests/unit/fileLock_test.cpp.
+// Tests: tests/unit/fileIO_test.cpp, tests/unit/fileLock_test.cpp
 
 #include <cerrno>
 #include <utility>

@@ -6,7 +6,7 @@
 //             more than kDepth buffers of each size, 5.25 MiB in all.  Larger requests are rare and
 //             are not pooled.
 // Invariants: the lock guards the stacks only; memory is allocated and freed outside it.
-// Tested by tests/unit/fileIO_test.cpp.
+// Tests: tests/unit/fileIO_test.cpp
 
 #include <unistd.h>
 

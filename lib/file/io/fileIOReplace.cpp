@@ -4,7 +4,7 @@
 //       a reader nor a crash finds half of it (on macOS fsync(2) only reaches the drive's own cache,
 //       which a loss of power empties).  Nothing can fail after the rename, so the records are
 //       changed only then.
-// Tested by tests/unit/fileIO_test.cpp.
+// Tests: tests/unit/fileIO_test.cpp
 
 #include <stdio.h>
 #include <unistd.h>

@@ -6,7 +6,7 @@
 // Invariants: 1. Only a vector whose lengths add up to totalSize goes through a buffer, so gathering
 //             and scattering stay inside the buffer and inside the entries.
 //             2. Of a read, only what was read is scattered.
-// Tested by tests/unit/fileIO_test.cpp.
+// Tests: tests/unit/fileIO_test.cpp
 
 #include <unistd.h>
 

@@ -19,8 +19,8 @@
 // Format: docs/lock-format.md
 // Parts:  fileLockEntry.cpp (into the queue), fileLockWait.cpp (whose turn it is), fileLockScan.cpp
 //         (who is there), fileLockRecord.cpp, fileLockIdentity.cpp, fileSleeper.cpp.
-// Tested by tests/unit/fileLock_test.cpp, tests/system/lockCrowd_test.cpp, tests/system/lockMachines_test,
-// tests/system/lockWriters_test, fuzz/lockRecord_fuzz.cpp.
+// Tests: tests/unit/fileLock_test.cpp, tests/system/lockCrowd_test.cpp, tests/system/lockMachines_test,
+// tests/system/lockWriters_test, fuzz/lockRecord_fuzz.cpp
 
 #include "lib/public/fileLock.h"
 

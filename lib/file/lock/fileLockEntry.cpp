@@ -9,7 +9,7 @@
 //      is refused one would take it for read-only media, and a shared lock for granted.  So the
 //      umask is 0 while they are made, and a mode set afterwards would not do.  The umask is the
 //      process's: a lock keeps two threads from restoring each other's 0.
-// Tested by tests/unit/fileLock_test.cpp.
+// Tests: tests/unit/fileLock_test.cpp
 
 #include <fcntl.h>
 #include <sys/stat.h>

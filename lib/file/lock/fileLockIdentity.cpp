@@ -9,7 +9,7 @@
 //        2. The identity of this machine stays the same while the process runs.
 //        3. What a process has found out about itself means nothing in its children, even in one
 //           that has got the number of an ancestor.
-// Tested by tests/unit/fileLock_test.cpp, tests/system/lockMachines_test.
+// Tests: tests/unit/fileLock_test.cpp, tests/system/lockMachines_test
 
 #include <pthread.h>
 #include <unistd.h>

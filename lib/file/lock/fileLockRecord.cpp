@@ -5,7 +5,7 @@
 //         root.  So what is opened must be a file and no symbolic link, what is logged of it is
 //         printable, and of a file that has other names, which may be somebody's secret, nothing is
 //         logged.
-// Tested by tests/unit/fileLock_test.cpp, fuzz/lockRecord_fuzz.cpp.
+// Tests: tests/unit/fileLock_test.cpp, fuzz/lockRecord_fuzz.cpp
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -5,7 +5,7 @@
 //      who can put a link there may have other directories emptied by root.
 //   2. A member is removed only if this machine knows its process to be dead, or if it is no record.
 //   3. Everything may vanish at any time; that is never an error.
-// Tested by tests/unit/fileLock_test.cpp.
+// Tests: tests/unit/fileLock_test.cpp
 
 #include <fcntl.h>
 #include <unistd.h>

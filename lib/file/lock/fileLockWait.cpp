@@ -13,7 +13,7 @@
 //   4. A chooser that takes too long is dead.  If it is not, it finds that its entry directory has gone,
 //      and leaves; nobody else touches its member file, which may be another participant's.
 //   5. The caller's time, and its wish to give up, end every wait.
-// Tested by tests/unit/fileLock_test.cpp, tests/system/lockCrowd_test.cpp.
+// Tests: tests/unit/fileLock_test.cpp, tests/system/lockCrowd_test.cpp
 
 #include <dirent.h>
 

@@ -1,5 +1,5 @@
 // fileSleeper.cpp -- random sleeps, so that waiters for the same thing do not meet for ever.
-// Tested by tests/unit/fileLock_test.cpp.
+// Tests: tests/unit/fileLock_test.cpp
 
 #include <poll.h>
 #include <unistd.h>

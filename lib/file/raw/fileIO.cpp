@@ -4,7 +4,7 @@
 //             2. close(2) is never repeated: the descriptor is gone either way.
 // Opening is in fileIOOpen.cpp, the variants with locks in ../io/fileIOFace.cpp, and vectors in
 // ../io/fileIOVector.cpp.
-// Tested by tests/unit/fileIO_test.cpp.
+// Tests: tests/unit/fileIO_test.cpp
 
 #include "lib/public/fileIO.h"
 

@@ -1,7 +1,7 @@
 // fileIOOpen.cpp -- opening without a lock: from access flags and an action to an open file and its
 // record.
 //
-// Tested by tests/unit/fileIO_test.cpp.
+// Tests: tests/unit/fileIO_test.cpp
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -3,7 +3,7 @@
 // Invariants: size <= allocated, and allocated is 0 when data is null; but a detached buffer keeps its
 // size.
 //
-// Tested by tests/unit/containers_test.cpp.
+// Tests: tests/unit/containers_test.cpp
 
 #include "lib/public/dynbuf.h"
 

@@ -3,7 +3,7 @@
 // Idea: every result is the input with some places replaced.  A procedure finds the places from left
 // to right; Rewriter copies the run before each place unchanged and appends the replacement.
 //
-// Tested by tests/unit/containers_test.cpp and fuzz/escape_fuzz.cpp.
+// Tests: tests/unit/containers_test.cpp, fuzz/escape_fuzz.cpp
 
 #include "lib/public/escape.h"
 

@@ -18,8 +18,8 @@
 //   Tables without HASHTABLE_ATOMIC share this code; except for the compare-and-swap of the head,
 //   the memory orders cost them nothing that matters.
 //
-// Tested by tests/unit/containers_test.cpp; bench/hashTable_bench.cpp measures it against the C++
-// library's table.
+// Tests: tests/unit/containers_test.cpp; bench/hashTable_bench.cpp measures it against the C++
+// library's table
 
 #include "lib/public/hashTable.h"
 
