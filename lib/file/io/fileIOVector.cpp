@@ -179,8 +179,18 @@ FileIOResult WriteEntriesAt(FileIODescriptor *fd, Entries entries, off_t offset,
   return FILEIO_SUCCESS;
 }
 
-// Stores what was transferred, and finds an error in a transfer of the wrong sum.
-FileIOResult Finish(FileIOResult result, Sum sum, size_t done, size_t *actual) {
+// What the three procedures have in common: the sum of the lengths, the buffer, and what the caller
+// learns.  `move` transfers by the buffer, and adds to *done.
+template <typename Move>
+FileIOResult Transfer(const FileIODescriptor &fd, Entries entries, size_t totalSize, Coalesce when,
+                      size_t *actual, const Move &move) {
+  const Sum sum = SumOf(entries, totalSize);
+  size_t done = 0;
+  FileIOResult result = FILEIO_SUCCESS;
+  if (sum != Sum::TooLarge) {
+    result =
+        move(Coalesced(fd, entries, totalSize, sum == Sum::Exact ? when : Coalesce::Never), &done);
+  }
   if (actual != nullptr) *actual = done;
   if (result != FILEIO_SUCCESS || sum == Sum::Exact) return result;
   errno = EINVAL;
@@ -191,45 +201,28 @@ FileIOResult Finish(FileIOResult result, Sum sum, size_t done, size_t *actual) {
 
 FileIOResult FileIO_Readv(FileIODescriptor *fd, const iovec *entries, int numEntries,
                           size_t totalSize, size_t *actual) {
-  const Entries all = EntriesOf(entries, numEntries);
-  const Sum sum = SumOf(all, totalSize);
-  size_t done = 0;
-  FileIOResult result = FILEIO_SUCCESS;
-  if (sum != Sum::TooLarge) {
-    const Coalesced buffer(*fd, all, totalSize,
-                           sum == Sum::Exact ? Coalesce::AsConfigured : Coalesce::Never);
-    result = ReadEntries(fd, buffer.Get(), &done);
-    buffer.Scatter(done);
-  }
-  return Finish(result, sum, done, actual);
+  return Transfer(*fd, EntriesOf(entries, numEntries), totalSize, Coalesce::AsConfigured, actual,
+                  [fd](const Coalesced &buffer, size_t *done) {
+                    const FileIOResult result = ReadEntries(fd, buffer.Get(), done);
+                    buffer.Scatter(*done);
+                    return result;
+                  });
 }
 
 FileIOResult FileIO_Writev(FileIODescriptor *fd, const iovec *entries, int numEntries,
                            size_t totalSize, size_t *actual) {
-  const Entries all = EntriesOf(entries, numEntries);
-  const Sum sum = SumOf(all, totalSize);
-  size_t done = 0;
-  FileIOResult result = FILEIO_SUCCESS;
-  if (sum != Sum::TooLarge) {
-    const Coalesced buffer(*fd, all, totalSize,
-                           sum == Sum::Exact ? Coalesce::AsConfigured : Coalesce::Never);
-    buffer.Gather();
-    result = WriteEntries(fd, buffer.Get(), &done);
-  }
-  return Finish(result, sum, done, actual);
+  return Transfer(*fd, EntriesOf(entries, numEntries), totalSize, Coalesce::AsConfigured, actual,
+                  [fd](const Coalesced &buffer, size_t *done) {
+                    buffer.Gather();
+                    return WriteEntries(fd, buffer.Get(), done);
+                  });
 }
 
 FileIOResult FileIOPwritevCoalesced(FileIODescriptor *fd, const iovec *entries, int numEntries,
                                     size_t totalSize, off_t offset, size_t *actual) {
-  const Entries all = EntriesOf(entries, numEntries);
-  const Sum sum = SumOf(all, totalSize);
-  size_t done = 0;
-  FileIOResult result = FILEIO_SUCCESS;
-  if (sum != Sum::TooLarge) {
-    const Coalesced buffer(*fd, all, totalSize,
-                           sum == Sum::Exact ? Coalesce::Always : Coalesce::Never);
-    buffer.Gather();
-    result = WriteEntriesAt(fd, buffer.Get(), offset, &done);
-  }
-  return Finish(result, sum, done, actual);
+  return Transfer(*fd, EntriesOf(entries, numEntries), totalSize, Coalesce::Always, actual,
+                  [fd, offset](const Coalesced &buffer, size_t *done) {
+                    buffer.Gather();
+                    return WriteEntriesAt(fd, buffer.Get(), offset, done);
+                  });
 }
