@@ -23,11 +23,10 @@
 #include "opener/rendezvousPlaces.h"
 #include "opener/serviceImpl.h"
 #include "opener/staging.h"
+#include "opener/stagingPlan.h"
 #include "opener/startup.h"
 
 namespace {
-
-constexpr char kServicesDir[] = "Services";
 
 // Checked before anything else: the daemon in the bundle must belong to root.
 bool BundleDaemonIsRootOwned() {

@@ -7,7 +7,8 @@
 
 #include <cstdint>
 
-// The folder of the tree, below the install root.
+// The folder of the tree, below the install root: its name, and as the end of a path.
+inline constexpr char kServicesDir[] = "Services";
 inline constexpr char kServicesFolder[] = "/Services";
 
 // A placeholder: the item is a bundle, and its own bundle identifier is the one to check.
